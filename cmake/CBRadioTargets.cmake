@@ -1,0 +1,67 @@
+# Compiler settings and small helpers shared by every folder of the project.
+
+# Warnings are errors on our own code; third-party headers come in as system headers.
+set(CBRADIO_WARNINGS -Wall -Wextra)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  list(APPEND CBRADIO_WARNINGS -Werror)
+endif()
+
+set(CBRADIO_SANITIZER_FLAGS "")
+if(CBRADIO_SANITIZE)
+  set(CBRADIO_SANITIZER_FLAGS -fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+endif()
+if(CBRADIO_FUZZ)
+  # Libraries get coverage instrumentation; only fuzz executables link the libFuzzer main.
+  set(CBRADIO_SANITIZER_FLAGS -fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer)
+endif()
+
+function(cbradio_target_defaults target)
+  target_compile_options(${target} PRIVATE ${CBRADIO_WARNINGS} ${CBRADIO_SANITIZER_FLAGS})
+  target_link_options(${target} PRIVATE ${CBRADIO_SANITIZER_FLAGS})
+endfunction()
+
+# cbradio_add_gtest(NAME <name> SOURCES ... LIBS ... [LABEL unit|integration|e2e] [TIMEOUT s])
+# One GoogleTest executable; its tests are listed when ctest runs, not at build time.
+function(cbradio_add_gtest)
+  cmake_parse_arguments(T "" "NAME;LABEL;TIMEOUT" "SOURCES;LIBS" ${ARGN})
+  if(NOT T_LABEL)
+    set(T_LABEL unit)
+  endif()
+  if(NOT T_TIMEOUT)
+    set(T_TIMEOUT 120)
+  endif()
+  add_executable(${T_NAME} ${T_SOURCES})
+  cbradio_target_defaults(${T_NAME})
+  target_link_libraries(${T_NAME} PRIVATE ${T_LIBS} GTest::gtest GTest::gtest_main Threads::Threads)
+  target_include_directories(${T_NAME} PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
+  gtest_discover_tests(${T_NAME}
+    DISCOVERY_MODE PRE_TEST
+    PROPERTIES LABELS ${T_LABEL} TIMEOUT ${T_TIMEOUT}
+               ENVIRONMENT "CBRADIO_BUILD_DIR=${PROJECT_BINARY_DIR};CBRADIO_SOURCE_DIR=${PROJECT_SOURCE_DIR}")
+endfunction()
+
+# cbradio_add_fuzz(NAME <name> SOURCES ... LIBS ...)
+# With CBRADIO_FUZZ the target is a libFuzzer binary that ctest runs for CBRADIO_FUZZ_SECONDS;
+# otherwise it is linked with a small driver that replays the seed corpus, so gcc builds keep it
+# compiling and its seeds stay crash-free under the sanitizers.
+function(cbradio_add_fuzz)
+  cmake_parse_arguments(F "" "NAME" "SOURCES;LIBS" ${ARGN})
+  set(corpus ${PROJECT_SOURCE_DIR}/fuzz/corpus/${F_NAME})
+  if(CBRADIO_FUZZ)
+    add_executable(${F_NAME} ${F_SOURCES})
+    cbradio_target_defaults(${F_NAME})
+    target_link_options(${F_NAME} PRIVATE -fsanitize=fuzzer)
+    target_link_libraries(${F_NAME} PRIVATE ${F_LIBS})
+    file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/fuzz-corpus/${F_NAME})
+    add_test(NAME fuzz_${F_NAME}
+      COMMAND ${F_NAME} -max_total_time=${CBRADIO_FUZZ_SECONDS} -timeout=10 -rss_limit_mb=2048
+              -print_final_stats=1 ${PROJECT_BINARY_DIR}/fuzz-corpus/${F_NAME} ${corpus})
+    set_tests_properties(fuzz_${F_NAME} PROPERTIES LABELS fuzz TIMEOUT 600)
+  else()
+    add_executable(${F_NAME} ${F_SOURCES} ${PROJECT_SOURCE_DIR}/fuzz/replay_main.cpp)
+    cbradio_target_defaults(${F_NAME})
+    target_link_libraries(${F_NAME} PRIVATE ${F_LIBS})
+    add_test(NAME replay_${F_NAME} COMMAND ${F_NAME} ${corpus})
+    set_tests_properties(replay_${F_NAME} PROPERTIES LABELS fuzz TIMEOUT 120)
+  endif()
+endfunction()

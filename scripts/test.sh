@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# The project's test command: installs what is missing, then builds and runs the whole suite
+# twice (a normal build and an AddressSanitizer + UndefinedBehaviorSanitizer build), and runs
+# every fuzz target for a short bounded time in a clang/libFuzzer build.
+#   bash scripts/test.sh
+# FUZZ_SECONDS (default 15) bounds each fuzz target; SKIP_FUZZ=1 leaves fuzzing out.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/setup.sh --no-build
+
+run_suite() {
+  local dir=$1
+  echo "== $dir: build"
+  bash scripts/build.sh "$dir"
+  echo "== $dir: test"
+  (cd "$dir" && ctest --output-on-failure -j2 --timeout 300)
+}
+
+run_suite build
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  run_suite build-asan
+
+if [ "${SKIP_FUZZ:-0}" != "1" ]; then
+  echo "== build-fuzz: build"
+  bash scripts/build.sh build-fuzz -DCBRADIO_FUZZ_SECONDS="${FUZZ_SECONDS:-15}"
+  echo "== build-fuzz: run"
+  (cd build-fuzz && ctest --output-on-failure -j2 -L fuzz --no-tests=ignore)
+fi
+echo "== all suites passed"
