@@ -1,0 +1,202 @@
+#include "V850Model.h"
+
+#include <cstdio>
+#include <cstring>
+
+namespace
+{
+    V850Frame makeFrame(uint8_t id, std::initializer_list<uint8_t> payload)
+    {
+        V850Frame frame(payload.size() + 2);
+        frame[0] = id;
+        frame[1] = static_cast<uint8_t>(payload.size());
+        size_t i = 2;
+        for (uint8_t b : payload)
+            frame[i++] = b;
+        return frame;
+    }
+}
+
+V850Model::V850Model()
+    : mRadioOn(false), mChannel(1), mSquelch(8), mWeatherAlert(0), mScanning(false),
+      mScanChannel(1), mRefusePending(false), mRefuseCode(REFUSED)
+{
+    setHardwareVersion('1', '0');
+    setSoftwareVersion("SW01.02.03");
+}
+
+void V850Model::setHardwareVersion(uint8_t first, uint8_t second)
+{
+    mHwVersion[0] = first;
+    mHwVersion[1] = second;
+}
+
+void V850Model::setSoftwareVersion(const std::string& text)
+{
+    std::memset(mSwVersion, ' ', sizeof(mSwVersion));
+    std::memcpy(mSwVersion, text.data(), text.size() < sizeof(mSwVersion) ? text.size() : sizeof(mSwVersion));
+}
+
+uint8_t V850Model::resultCode(bool valid)
+{
+    if (mRefusePending) {
+        mRefusePending = false;
+        return mRefuseCode;
+    }
+    return valid ? POSITIVE : REFUSED;
+}
+
+std::vector<V850Frame> V850Model::onFrame(const uint8_t* data, size_t length)
+{
+    std::vector<V850Frame> answers;
+    if (data == nullptr || length < 2 || length != static_cast<size_t>(data[1]) + 2)
+        return answers;
+    const uint8_t id = data[0];
+    const uint8_t payloadLength = data[1];
+    const uint8_t arg = payloadLength >= 1 ? data[2] : 0;
+
+    switch (id) {
+    case 0x07:
+        if (payloadLength == 0)
+            answers.push_back(makeFrame(0x07, {mHwVersion[0], mHwVersion[1]}));
+        break;
+    case 0x08:
+        if (payloadLength == 0) {
+            V850Frame frame(2 + sizeof(mSwVersion));
+            frame[0] = 0x08;
+            frame[1] = sizeof(mSwVersion);
+            std::memcpy(frame.data() + 2, mSwVersion, sizeof(mSwVersion));
+            answers.push_back(frame);
+        }
+        break;
+    case 0x01:
+        if (payloadLength == 1) {
+            uint8_t code = resultCode(arg <= 1);
+            if (code == POSITIVE)
+                mRadioOn = arg == 1;
+            if (!mRadioOn)
+                mScanning = false;
+            answers.push_back(makeFrame(0x01, {static_cast<uint8_t>(mRadioOn ? 1 : 0), code}));
+        }
+        break;
+    case 0x02:
+        if (payloadLength == 1) {
+            uint8_t code = resultCode(arg >= 1 && arg <= MAX_CHANNEL);
+            if (code == POSITIVE)
+                mChannel = arg;
+            answers.push_back(makeFrame(0x02, {arg, code}));
+        }
+        break;
+    case 0x03:
+        if (payloadLength == 1) {
+            uint8_t code = resultCode(arg <= MAX_SQUELCH);
+            if (code == POSITIVE)
+                mSquelch = arg;
+            answers.push_back(makeFrame(0x03, {arg, code}));
+        }
+        break;
+    case 0x04:
+        if (payloadLength == 1) {
+            mScanning = true;
+            mScanChannel = (arg >= 1 && arg <= MAX_CHANNEL) ? arg : mChannel;
+        }
+        break;
+    case 0x05:
+        if (payloadLength == 0)
+            mScanning = false;
+        break;
+    case 0x0C:
+        if (payloadLength == 1) {
+            mWeatherAlert = arg;
+            answers.push_back(makeFrame(0x0B, {arg}));
+        }
+        break;
+    case 0x0E:
+        if (payloadLength == 1)
+            answers.push_back(makeFrame(0x0A, {static_cast<uint8_t>(arg ? 1 : 0), 0}));
+        break;
+    default:
+        break;
+    }
+    return answers;
+}
+
+std::vector<V850Frame> V850Model::onScanTick()
+{
+    std::vector<V850Frame> frames;
+    if (!mScanning)
+        return frames;
+    mScanChannel = mScanChannel >= MAX_CHANNEL ? 1 : mScanChannel + 1;
+    mChannel = mScanChannel;
+    frames.push_back(makeFrame(0x02, {mScanChannel, POSITIVE}));
+    return frames;
+}
+
+V850Frame V850Model::radioState(uint8_t state)
+{
+    mRadioOn = state == 1;
+    if (!mRadioOn)
+        mScanning = false;
+    return makeFrame(0x01, {state, POSITIVE});
+}
+
+V850Frame V850Model::channelSelect(uint8_t channel)
+{
+    if (channel >= 1 && channel <= MAX_CHANNEL)
+        mChannel = channel;
+    return makeFrame(0x02, {channel, POSITIVE});
+}
+
+V850Frame V850Model::squelchLevel(uint8_t level)
+{
+    if (level <= MAX_SQUELCH)
+        mSquelch = level;
+    return makeFrame(0x03, {level, POSITIVE});
+}
+
+V850Frame V850Model::weatherAlertOnOff(uint8_t onOff)
+{
+    mWeatherAlert = onOff;
+    return makeFrame(0x0B, {onOff});
+}
+
+V850Frame V850Model::txRxStatus(uint8_t tx, uint8_t rx)
+{
+    return makeFrame(0x0A, {tx, rx});
+}
+
+V850Frame V850Model::receptionSensitivity(uint8_t raw)
+{
+    return makeFrame(0x09, {raw});
+}
+
+V850Frame V850Model::hardwareConnection(uint8_t connected)
+{
+    return makeFrame(0x0F, {connected});
+}
+
+V850Frame V850Model::weatherAlert(uint8_t status, uint8_t weatherChannel)
+{
+    return makeFrame(0x0C, {status, weatherChannel});
+}
+
+std::string V850Model::describe() const
+{
+    char line[160];
+    std::snprintf(line, sizeof(line),
+                  "radio=%s channel=%u squelch=%u weatherAlert=%u scan=%s hw=%02X %02X sw=%.10s",
+                  mRadioOn ? "on" : "off", mChannel, mSquelch, mWeatherAlert, mScanning ? "on" : "off",
+                  mHwVersion[0], mHwVersion[1], mSwVersion);
+    return line;
+}
+
+std::string V850Model::toHex(const uint8_t* data, size_t length)
+{
+    std::string text;
+    char byte[4];
+    for (size_t i = 0; i < length; ++i) {
+        std::snprintf(byte, sizeof(byte), i == 0 ? "%02X" : " %02X", data[i]);
+        text += byte;
+    }
+    return text;
+}

@@ -1,0 +1,378 @@
+// v850sim: stands in for the vehicle microcontroller on the CB radio channel.
+//
+// Listens on the platform node /dev/ipc/ch6 (under CBRADIO_ROOT) as a SOCK_SEQPACKET socket,
+// accepts the head unit (one at a time; a new connection replaces the old one), answers its frames
+// through V850Model and logs every frame, one line each: seconds since start, RX (from the head
+// unit) or TX (to it), the bytes in hex. Lines starting with '#' are notes. Commands (see
+// V850Command) come from --cmd, --script and then the prompt on standard input. SIGINT/SIGTERM
+// or "quit" end it; the node is removed on the way out.
+#include "V850Command.h"
+#include "V850Model.h"
+
+#include "JTDeviceNode.h"
+#include "JTRootPrefix.h"
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <iostream>
+#include <mutex>
+#include <poll.h>
+#include <string>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace
+{
+    typedef std::chrono::steady_clock Clock;
+
+    int gWakePipe[2] = {-1, -1};
+    std::atomic<bool> gQuit(false);
+
+    void onSignal(int)
+    {
+        gQuit.store(true, std::memory_order_relaxed);
+        char c = 'q';
+        ssize_t ignored = ::write(gWakePipe[1], &c, 1);
+        (void)ignored;
+    }
+
+    class Simulator
+    {
+    public:
+        Simulator(int listenFd, FILE* logFile)
+            : mListenFd(listenFd), mLogFile(logFile), mStart(Clock::now()) {}
+
+        void note(const std::string& text)
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            writeLine("# " + text);
+        }
+
+        // Network side: accepts, reads, answers and drives the scan until quit.
+        void serve()
+        {
+            Clock::time_point nextScan = Clock::now();
+            while (!gQuit.load(std::memory_order_relaxed)) {
+                int timeoutMs = -1;
+                {
+                    std::lock_guard<std::mutex> lock(mMutex);
+                    if (mModel.isScanning() && mClientFd >= 0) {
+                        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(nextScan - Clock::now());
+                        timeoutMs = left.count() < 0 ? 0 : static_cast<int>(left.count());
+                    }
+                }
+                pollfd fds[3] = {{gWakePipe[0], POLLIN, 0}, {mListenFd, POLLIN, 0}, {mClientFd, POLLIN, 0}};
+                int rc = ::poll(fds, mClientFd >= 0 ? 3 : 2, timeoutMs);
+                if (rc < 0 && errno != EINTR)
+                    break;
+                std::lock_guard<std::mutex> lock(mMutex);
+                if (rc > 0 && (fds[0].revents & POLLIN)) {
+                    char drain[16];
+                    ssize_t ignored = ::read(gWakePipe[0], drain, sizeof(drain));
+                    (void)ignored;
+                }
+                if (rc > 0 && (fds[1].revents & POLLIN))
+                    acceptClient();
+                if (rc > 0 && mClientFd >= 0 && fds[2].fd == mClientFd && fds[2].revents)
+                    readClient(nextScan);
+                if (mModel.isScanning() && mClientFd >= 0 && Clock::now() >= nextScan) {
+                    for (const V850Frame& f : mModel.onScanTick())
+                        sendLocked(f);
+                    nextScan = Clock::now() + std::chrono::milliseconds(mScanIntervalMs);
+                }
+            }
+            std::lock_guard<std::mutex> lock(mMutex);
+            closeClient("simulator stopping");
+        }
+
+        // Command side: returns false when the simulator is to stop.
+        bool execute(const std::string& line)
+        {
+            V850Command c;
+            {
+                std::lock_guard<std::mutex> lock(mMutex);
+                c = V850Command::parse(line, mModel);
+            }
+            switch (c.kind) {
+            case V850Command::NONE:
+                break;
+            case V850Command::SEND:
+                for (const V850Step& step : c.steps) {
+                    {
+                        std::lock_guard<std::mutex> lock(mMutex);
+                        sendLocked(step.frame);
+                    }
+                    if (step.waitMs > 0 && !pause(step.waitMs))
+                        return false;
+                }
+                break;
+            case V850Command::WAIT:
+                return pause(c.number);
+            case V850Command::WAIT_CONNECT: {
+                std::unique_lock<std::mutex> lock(mMutex);
+                if (!mChanged.wait_for(lock, std::chrono::milliseconds(c.number),
+                                       [this] { return mClientFd >= 0 || quitting(); }))
+                    writeLine("# waitconnect: no head unit after " + std::to_string(c.number) + " ms");
+                break;
+            }
+            case V850Command::EXPECT: {
+                std::unique_lock<std::mutex> lock(mMutex);
+                size_t from = mReceived.size();
+                bool seen = mChanged.wait_for(lock, std::chrono::milliseconds(c.number), [&] {
+                    for (size_t i = from; i < mReceived.size(); ++i)
+                        if (mReceived[i].size() >= c.pattern.size() &&
+                            std::equal(c.pattern.begin(), c.pattern.end(), mReceived[i].begin()))
+                            return true;
+                    return quitting();
+                });
+                if (!seen)
+                    writeLine("# expect: no frame " + V850Model::toHex(c.pattern) + " within " +
+                              std::to_string(c.number) + " ms");
+                break;
+            }
+            case V850Command::STATUS: {
+                std::lock_guard<std::mutex> lock(mMutex);
+                writeLine(std::string("# ") + (mClientFd >= 0 ? "connected " : "not connected ") + mModel.describe());
+                break;
+            }
+            case V850Command::HELP:
+                std::fputs(V850Command::helpText(), stdout);
+                std::fflush(stdout);
+                break;
+            case V850Command::QUIT:
+                onSignal(0);
+                return false;
+            case V850Command::DISCONNECT: {
+                std::lock_guard<std::mutex> lock(mMutex);
+                closeClient("dropped by command");
+                break;
+            }
+            case V850Command::SCAN_INTERVAL: {
+                std::lock_guard<std::mutex> lock(mMutex);
+                mScanIntervalMs = c.number;
+                break;
+            }
+            case V850Command::SETTING:
+                note(c.text);
+                break;
+            case V850Command::ERROR:
+                note("error: " + c.text);
+                break;
+            }
+            return !quitting();
+        }
+
+    private:
+        static bool quitting() { return gQuit.load(std::memory_order_relaxed); }
+
+        bool pause(int ms)
+        {
+            std::unique_lock<std::mutex> lock(mMutex);
+            mChanged.wait_for(lock, std::chrono::milliseconds(ms), [] { return quitting(); });
+            return !quitting();
+        }
+
+        void writeLine(const std::string& line)
+        {
+            double seconds = std::chrono::duration<double>(Clock::now() - mStart).count();
+            char stamp[32];
+            std::snprintf(stamp, sizeof(stamp), "%9.3f ", seconds);
+            std::string text = stamp + line + "\n";
+            std::fputs(text.c_str(), stdout);
+            std::fflush(stdout);
+            if (mLogFile) {
+                std::fputs(text.c_str(), mLogFile);
+                std::fflush(mLogFile);
+            }
+        }
+
+        void sendLocked(const V850Frame& frame)
+        {
+            if (frame.empty())
+                return;
+            if (mClientFd < 0) {
+                writeLine("# not connected, not sent: " + V850Model::toHex(frame));
+                return;
+            }
+            ssize_t n = ::send(mClientFd, frame.data(), frame.size(), MSG_NOSIGNAL);
+            if (n == static_cast<ssize_t>(frame.size()))
+                writeLine("TX " + V850Model::toHex(frame));
+            else
+                writeLine(std::string("# send failed: ") + std::strerror(errno) + ": " + V850Model::toHex(frame));
+        }
+
+        void acceptClient()
+        {
+            int fd = ::accept4(mListenFd, nullptr, nullptr, SOCK_CLOEXEC);
+            if (fd < 0)
+                return;
+            closeClient("replaced by a new connection");
+            mClientFd = fd;
+            writeLine("# head unit connected");
+            mChanged.notify_all();
+        }
+
+        void closeClient(const char* why)
+        {
+            if (mClientFd < 0)
+                return;
+            ::close(mClientFd);
+            mClientFd = -1;
+            writeLine(std::string("# head unit disconnected (") + why + ")");
+            mChanged.notify_all();
+        }
+
+        void readClient(Clock::time_point& nextScan)
+        {
+            uint8_t buffer[256];
+            ssize_t n = ::recv(mClientFd, buffer, sizeof(buffer), 0);
+            if (n < 0 && errno == EINTR)
+                return;
+            if (n <= 0) {
+                closeClient(n == 0 ? "peer closed" : std::strerror(errno));
+                return;
+            }
+            writeLine("RX " + V850Model::toHex(buffer, static_cast<size_t>(n)));
+            mReceived.emplace_back(buffer, buffer + n);
+            bool wasScanning = mModel.isScanning();
+            for (const V850Frame& f : mModel.onFrame(buffer, static_cast<size_t>(n)))
+                sendLocked(f);
+            if (!wasScanning && mModel.isScanning())
+                nextScan = Clock::now() + std::chrono::milliseconds(mScanIntervalMs);
+            mChanged.notify_all();
+        }
+
+        std::mutex mMutex;
+        std::condition_variable mChanged;
+        V850Model mModel;
+        int mListenFd;
+        int mClientFd = -1;
+        FILE* mLogFile;
+        Clock::time_point mStart;
+        int mScanIntervalMs = 500;
+        std::vector<V850Frame> mReceived;
+    };
+
+    void usage()
+    {
+        std::printf(
+            "usage: v850sim [--cmd \"COMMAND\"]... [--script FILE]... [--log=FILE] [--no-stdin]\n"
+            "               [--node PLATFORM_PATH]\n"
+            "Simulates the vehicle microcontroller on /dev/ipc/ch6 (under CBRADIO_ROOT).\n"
+            "--cmd and --script run in the given order, then commands are read from standard input.\n\n%s",
+            V850Command::helpText());
+    }
+
+    struct Source
+    {
+        bool isScript;
+        std::string text;
+    };
+}
+
+int main(int argc, char** argv)
+{
+    std::vector<Source> sources;
+    std::string logPath;
+    std::string node = "/dev/ipc/ch6";
+    bool readStdin = true;
+    for (int i = 1; i < argc; ++i) {
+        std::string a = argv[i];
+        if ((a == "--cmd" || a == "--script" || a == "--log" || a == "--node") && i + 1 < argc) {
+            std::string v = argv[++i];
+            if (a == "--log") logPath = v;
+            else if (a == "--node") node = v;
+            else sources.push_back(Source{a == "--script", v});
+        } else if (a.compare(0, 6, "--cmd=") == 0) {
+            sources.push_back(Source{false, a.substr(6)});
+        } else if (a.compare(0, 9, "--script=") == 0) {
+            sources.push_back(Source{true, a.substr(9)});
+        } else if (a.compare(0, 6, "--log=") == 0) {
+            logPath = a.substr(6);
+        } else if (a == "--no-stdin") {
+            readStdin = false;
+        } else if (a == "--help" || a == "-h") {
+            usage();
+            return 0;
+        } else {
+            std::fprintf(stderr, "v850sim: unknown argument '%s' (see --help)\n", a.c_str());
+            return 2;
+        }
+    }
+
+    FILE* logFile = nullptr;
+    if (!logPath.empty()) {
+        logFile = std::fopen(logPath.c_str(), "w");
+        if (logFile == nullptr) {
+            std::fprintf(stderr, "v850sim: cannot write %s: %s\n", logPath.c_str(), std::strerror(errno));
+            return 1;
+        }
+    }
+    if (::pipe2(gWakePipe, O_CLOEXEC | O_NONBLOCK) != 0) {
+        std::perror("v850sim: pipe");
+        return 1;
+    }
+    int listenFd = JTDeviceNode::listen(node.c_str());
+    const std::string hostPath = JTRootPrefix::resolve(node.c_str());
+    if (listenFd < 0) {
+        std::fprintf(stderr, "v850sim: cannot listen on %s: %s\n", hostPath.c_str(), std::strerror(errno));
+        return 1;
+    }
+    struct sigaction sa;
+    std::memset(&sa, 0, sizeof(sa));
+    sa.sa_handler = onSignal;
+    ::sigaction(SIGINT, &sa, nullptr);
+    ::sigaction(SIGTERM, &sa, nullptr);
+    ::signal(SIGPIPE, SIG_IGN);
+
+    Simulator sim(listenFd, logFile);
+    sim.note("listening on " + hostPath);
+    std::thread commands([&] {
+        for (const Source& s : sources) {
+            if (!s.isScript) {
+                if (!sim.execute(s.text))
+                    return;
+                continue;
+            }
+            std::ifstream script(s.text);
+            if (!script) {
+                sim.note("error: cannot read script " + s.text);
+                continue;
+            }
+            for (std::string line; std::getline(script, line);)
+                if (!sim.execute(line))
+                    return;
+        }
+        if (!readStdin)
+            return;
+        const bool prompt = ::isatty(STDIN_FILENO);
+        for (std::string line;;) {
+            if (prompt) {
+                std::fputs("v850> ", stdout);
+                std::fflush(stdout);
+            }
+            if (!std::getline(std::cin, line) || !sim.execute(line))
+                return;
+        }
+    });
+    commands.detach();
+
+    sim.serve();
+    ::close(listenFd);
+    ::unlink(hostPath.c_str());
+    sim.note("stopped");
+    if (logFile)
+        std::fclose(logFile);
+    std::fflush(stdout);
+    // The command thread may still sit in a read of standard input; end without waiting for it.
+    ::_exit(0);
+}
