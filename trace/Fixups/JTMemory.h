@@ -4,7 +4,9 @@
 // allocChecked, their nothrow forms use alloc, and every operator delete (plain, sized, nothrow,
 // array) uses release. The std::align_val_t forms are all left to the C++ library, which pairs
 // them with each other. Because C++ requires operator new(0) to return a distinct pointer, the
-// operators ask for one byte when zero bytes are requested; alloc(0) itself returns null.
+// operators ask for one byte when zero bytes are requested; alloc(0) itself returns null. The
+// operators also leave errno as it was on success, so that code reading errno after a failed
+// system call may allocate in between.
 //
 // Memory trace: the level is taken on first use from JTStartupOptions::getMemoryTraceLevel() and
 // kept for the life of the process (blocks made under one level could not be released under
