@@ -246,8 +246,11 @@ bool CJTString::makeUnique(uint64_t capacity, const char* operation)
 bool CJTString::replaceBytes(uint32_t bytePos, uint32_t byteCount, const char* text, uint32_t textLength,
                              uint32_t textChars, const char* operation)
 {
-    // The text may live in our own block; this copy keeps that block alive while we rebuild.
-    CJTString keep(*this);
+    // The text may live in our own block; then a second reference keeps that block alive (and
+    // unchanged) while we build a new one.
+    CJTString keep;
+    if (mData != &nullData && text >= mData->text && text <= mData->text + mData->capacity)
+        keep = *this;
     const uint32_t oldLength = mData->length;
     const uint32_t removedChars = countChars(mData->text + bytePos, byteCount);
     const uint64_t required = static_cast<uint64_t>(oldLength) - byteCount + textLength;
@@ -263,7 +266,7 @@ bool CJTString::replaceBytes(uint32_t bytePos, uint32_t byteCount, const char* t
         return false;
     char* bytes = mData->text;
     const uint32_t tail = oldLength - bytePos - byteCount;
-    std::memmove(bytes + bytePos + textLength, keep.mData->text + bytePos + byteCount, tail);
+    std::memmove(bytes + bytePos + textLength, bytes + bytePos + byteCount, tail);
     if (textLength != 0)
         std::memcpy(bytes + bytePos, text, textLength);
     mData->length = static_cast<uint32_t>(required);

@@ -1,0 +1,218 @@
+#include "CJTByteStream.h"
+
+#include "CJTRCMemoryBuffer.h"
+#include "CJTString.h"
+
+#include <cstring>
+
+namespace
+{
+    const uint32_t MIN_CAPACITY = 64;
+}
+
+CJTByteStream::CJTByteStream() : mBuffer(nullptr), mSize(0), mReadPos(0) {}
+
+CJTByteStream::CJTByteStream(uint32_t capacity) : mBuffer(nullptr), mSize(0), mReadPos(0)
+{
+    reserve(capacity);
+}
+
+CJTByteStream::CJTByteStream(const void* data, uint32_t size) : mBuffer(nullptr), mSize(0), mReadPos(0)
+{
+    doWrite(data, size);
+}
+
+CJTByteStream::CJTByteStream(const CJTByteStream& other)
+    : IJTIOStream(), mBuffer(other.mBuffer), mSize(other.mSize), mReadPos(other.mReadPos)
+{
+    if (mBuffer != nullptr)
+        mBuffer->addRef();
+}
+
+CJTByteStream& CJTByteStream::operator=(const CJTByteStream& other)
+{
+    if (other.mBuffer != nullptr)
+        other.mBuffer->addRef();
+    if (mBuffer != nullptr)
+        mBuffer->removeRef();
+    mBuffer = other.mBuffer;
+    mSize = other.mSize;
+    mReadPos = other.mReadPos;
+    return *this;
+}
+
+CJTByteStream::~CJTByteStream()
+{
+    if (mBuffer != nullptr)
+        mBuffer->removeRef();
+}
+
+uint32_t CJTByteStream::getCapacity() const
+{
+    return mBuffer != nullptr ? mBuffer->getSize() : 0;
+}
+
+const uint8_t* CJTByteStream::getData() const
+{
+    return mBuffer != nullptr ? mBuffer->getBuffer() : nullptr;
+}
+
+void CJTByteStream::setCapacity(uint32_t capacity)
+{
+    CJTRCMemoryBuffer* fresh = CJTRCMemoryBuffer::create(capacity);
+    if (mBuffer != nullptr) {
+        std::memcpy(fresh->getBuffer(), mBuffer->getBuffer(), mSize);
+        mBuffer->removeRef();
+    }
+    mBuffer = fresh;
+}
+
+void CJTByteStream::reserve(uint32_t capacity)
+{
+    if (capacity > getCapacity() || (mBuffer != nullptr && mBuffer->getRefCount() > 1))
+        setCapacity(capacity > getCapacity() ? capacity : getCapacity());
+}
+
+bool CJTByteStream::prepareWrite(uint32_t size)
+{
+    const uint64_t needed = static_cast<uint64_t>(mSize) + size;
+    if (needed > 0xFFFFFFFFull)
+        return false;
+    const bool shared = mBuffer != nullptr && mBuffer->getRefCount() > 1;
+    if (needed <= getCapacity() && !shared)
+        return true;
+    uint64_t capacity = getCapacity();
+    if (needed > capacity) {
+        capacity = capacity * 2 > needed ? capacity * 2 : needed;
+        if (capacity < MIN_CAPACITY)
+            capacity = MIN_CAPACITY;
+        if (capacity > 0xFFFFFFFFull)
+            capacity = needed;
+    }
+    setCapacity(static_cast<uint32_t>(capacity));
+    return true;
+}
+
+uint32_t CJTByteStream::doWrite(const void* data, uint32_t size)
+{
+    if (data == nullptr || size == 0)
+        return 0;
+    // data may lie in our own block, which growing frees: hold it until the copy is done.
+    CJTRCMemoryBuffer* keep = mBuffer;
+    if (keep != nullptr)
+        keep->addRef();
+    uint32_t written = 0;
+    if (prepareWrite(size)) {
+        std::memmove(mBuffer->getBuffer() + mSize, data, size);
+        mSize += size;
+        written = size;
+    }
+    if (keep != nullptr)
+        keep->removeRef();
+    return written;
+}
+
+uint32_t CJTByteStream::doRead(void* data, uint32_t size)
+{
+    if (data == nullptr)
+        return 0;
+    uint32_t count = getRemaining() < size ? getRemaining() : size;
+    if (count != 0)
+        std::memcpy(data, mBuffer->getBuffer() + mReadPos, count);
+    mReadPos += count;
+    return count;
+}
+
+bool CJTByteStream::writeUInt8(uint8_t value)
+{
+    return doWrite(&value, 1) == 1;
+}
+
+bool CJTByteStream::writeUInt16(uint16_t value)
+{
+    const uint8_t bytes[2] = {static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8)};
+    return doWrite(bytes, 2) == 2;
+}
+
+bool CJTByteStream::writeUInt32(uint32_t value)
+{
+    const uint8_t bytes[4] = {static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8),
+                              static_cast<uint8_t>(value >> 16), static_cast<uint8_t>(value >> 24)};
+    return doWrite(bytes, 4) == 4;
+}
+
+bool CJTByteStream::readUInt8(uint8_t& value)
+{
+    if (getRemaining() < 1)
+        return false;
+    doRead(&value, 1);
+    return true;
+}
+
+bool CJTByteStream::readUInt16(uint16_t& value)
+{
+    uint8_t bytes[2] = {0, 0};
+    if (getRemaining() < 2)
+        return false;
+    doRead(bytes, 2);
+    value = static_cast<uint16_t>(bytes[0] | (bytes[1] << 8));
+    return true;
+}
+
+bool CJTByteStream::readUInt32(uint32_t& value)
+{
+    uint8_t bytes[4] = {0, 0, 0, 0};
+    if (getRemaining() < 4)
+        return false;
+    doRead(bytes, 4);
+    value = bytes[0] | (bytes[1] << 8) | (bytes[2] << 16) | (static_cast<uint32_t>(bytes[3]) << 24);
+    return true;
+}
+
+uint32_t CJTByteStream::readFromIStream(IJTIStream& in, uint32_t size)
+{
+    if (static_cast<uint64_t>(mSize) + size > 0xFFFFFFFFull)
+        size = 0xFFFFFFFFu - mSize;
+    uint32_t total = 0;
+    while (total < size) {
+        // Grow in steps, so a large request from a short stream does not reserve it all at once.
+        uint32_t chunk = size - total < 4096 ? size - total : 4096;
+        if (!prepareWrite(chunk))
+            break;
+        uint32_t got = in.doRead(mBuffer->getBuffer() + mSize, chunk);
+        mSize += got;
+        total += got;
+        if (got == 0)
+            break;
+    }
+    return total;
+}
+
+void CJTByteStream::clear()
+{
+    if (mBuffer != nullptr && mBuffer->getRefCount() > 1) {
+        mBuffer->removeRef();
+        mBuffer = nullptr;
+    }
+    mSize = 0;
+    mReadPos = 0;
+}
+
+void CJTByteStream::dump(CJTString& out) const
+{
+    static const char digits[] = "0123456789ABCDEF";
+    CJTString text(mSize * 2 > mSize ? mSize * 2 : 0);
+    char pair[3] = {0, 0, 0};
+    const uint8_t* bytes = getData();
+    for (uint32_t i = 0; i < mSize; ++i) {
+        pair[0] = digits[bytes[i] >> 4];
+        pair[1] = digits[bytes[i] & 0x0F];
+        text.append(pair, 2);
+    }
+    out.swap(text);
+}
+
+bool CJTByteStream::operator==(const CJTByteStream& other) const
+{
+    return mSize == other.mSize && (mSize == 0 || std::memcmp(getData(), other.getData(), mSize) == 0);
+}
