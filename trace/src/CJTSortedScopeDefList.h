@@ -1,0 +1,45 @@
+// CJTSortedScopeDefList: the registered scope definitions sorted for lookup by name prefix.
+//
+// Sorted by name, then by scope name (byte comparison; a missing text sorts as ""). Prefix lookup
+// compares full scope names ("<name>_<scope name>"), so a list sorted by the two parts finds
+// every scope of a component or class: all definitions of one name are adjacent.
+//
+// The list is a snapshot: build() takes the definitions as they are; the scope manager rebuilds it
+// whenever its number of definitions differs from getCount(). Used under the manager's lock.
+#ifndef CJTSORTEDSCOPEDEFLIST_H
+#define CJTSORTEDSCOPEDEFLIST_H
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+class CJTTraceScopeDef;
+
+class CJTSortedScopeDefList
+{
+public:
+    void build(const std::vector<CJTTraceScopeDef*>& defs);
+
+    size_t getCount() const { return mEntries.size(); }
+    CJTTraceScopeDef* get(size_t pos) const { return pos < mEntries.size() ? mEntries[pos].def : nullptr; }
+    const char* getFullName(size_t pos) const { return pos < mEntries.size() ? mEntries[pos].fullName.c_str() : ""; }
+
+    // Position of the first definition whose full name begins with prefix, else getCount().
+    size_t findScopeStartingWith(const char* prefix) const;
+    // True if the full name at pos begins with prefix; false for a position outside the list.
+    bool startsWith(size_t pos, const char* prefix) const;
+
+private:
+    struct tEntry
+    {
+        CJTTraceScopeDef* def;
+        std::string fullName;
+    };
+
+    static bool before(const tEntry& a, const tEntry& b);
+    void quicksort(size_t first, size_t last);
+
+    std::vector<tEntry> mEntries;
+};
+
+#endif
