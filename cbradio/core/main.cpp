@@ -1,0 +1,84 @@
+// cbradiod: the CB radio service daemon.
+//
+// Runs in the background (fork, new session, working directory "/", umask 0, standard streams
+// kept; the parent exits 0). CBRADIO_FOREGROUND=1 skips the fork and the new session, for service
+// managers and tests. SIGINT, SIGHUP and SIGTERM end it cleanly; SIGPIPE is ignored so that a
+// vanished peer only fails a write. The only command-line arguments are the trace start-up
+// options ("--tp=FILE", "--bp", "--nobreak", "--memtrace=N").
+#include "CCBRadio.h"
+
+#include "CJTTraceHelper.h"
+#include "CJTTraceScope.h"
+#include "CJTTraceScopeDef.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_main_main("CBRadio_main", "main");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_signal_handler_signal_handler("CBRadio_signal_handler", "signal_handler");
+
+namespace
+{
+    const int MAIN_PRIORITY = 50;
+
+    bool runInForeground()
+    {
+        const char* value = std::getenv("CBRADIO_FOREGROUND");
+        return value != nullptr && std::strcmp(value, "1") == 0;
+    }
+
+    void becomeDaemon()
+    {
+        if (!runInForeground()) {
+            pid_t pid = ::fork();
+            if (pid > 0)
+                ::_exit(0);
+            // A failed fork leaves us running in the foreground; a daemon that does not start at
+            // all helps nobody.
+            if (pid == 0)
+                ::setsid();
+        }
+        if (::chdir("/") != 0) {
+            // Staying in the start directory is harmless.
+        }
+        ::umask(0);
+    }
+}
+
+void signal_handler(int sig)
+{
+    CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_signal_handler_signal_handler);
+    scope.sendFormattedMessage("[CBRadio] CAUTION!!! - CBRadio Service rcvd signal to exit (%d)\n", sig);
+    sig_exit.store(1, std::memory_order_relaxed);
+    if (CCBRadio::mpCBRadio != nullptr)
+        CCBRadio::mpCBRadio->postRequest(REQ_CBR_EXIT);
+}
+
+int main(int argc, char** argv)
+{
+    pthread_setschedprio(pthread_self(), MAIN_PRIORITY);
+    pthread_setname_np(pthread_self(), "CBRadioMain");
+    becomeDaemon();
+    ::signal(SIGINT, signal_handler);
+    ::signal(SIGHUP, signal_handler);
+    ::signal(SIGTERM, signal_handler);
+    ::signal(SIGPIPE, SIG_IGN);
+
+    CJTTraceHelper* traceHelper = CJTTraceHelper::getInstancePtr();
+    traceHelper->initialize(argc, argv, true);
+
+    {
+        CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_main_main);
+        CCBRadio radio;
+        radio.startService();
+        scope.sendFormattedMessage("[CBRadio] Up and Running...");
+        radio.waitStop();
+        radio.stopService();
+        scope.sendFormattedMessage("\n@ ----- Exiting CBRadio Service ----- @\n");
+    }
+    return 0;
+}

@@ -1,0 +1,48 @@
+// CDevIpcChannelHandler: owns one CDevIpcChannel and the thread that reads it.
+//
+// trigger() opens the channel read-write and starts the reader thread (named after the path,
+// "/dev/ipc/ch6"). The reader reads up to 128 bytes at a time and hands every non-zero result to
+// the IMsgProcessor on its own thread: a frame with its length, or -1 (0xFFFFFFFF) after a failed
+// read; a read of 0 (peer gone) is dropped. After every read it sleeps 1 ms, which bounds it to
+// about a thousand reads a second. stop() only sets a flag: the reader ends after its current
+// read returns, and nobody joins it. The termination signals and SIGUSR1 are blocked on the
+// reader so that no handler interrupts its reads.
+//
+// writeData() may be called from any thread; each frame is one write. The handler owns the
+// channel and the processor and deletes both.
+#ifndef CDEVIPCCHANNELHANDLER_H
+#define CDEVIPCCHANNELHANDLER_H
+
+#include "IThreadInterface.h"
+
+#include <atomic>
+
+class CDevIpcChannel;
+class IMsgProcessor;
+
+class CDevIpcChannelHandler : public IThreadInterface
+{
+public:
+    enum { READ_SIZE = 128, READ_PAUSE_US = 1000 };
+
+    CDevIpcChannelHandler(IMsgProcessor* processor, const char* path);
+    ~CDevIpcChannelHandler() override;
+
+    // 0 when the channel is open and the reader runs, -1 when the open failed (no thread).
+    int trigger();
+    // The channel's result; any negative result as -1.
+    int writeData(unsigned char* buffer, unsigned int length);
+    // Asks the reader to end after its current read.
+    void stop();
+
+    void run() override;
+
+    CDevIpcChannel* getChannel() const { return mpChannel; }
+
+private:
+    CDevIpcChannel* mpChannel;
+    IMsgProcessor* mpProcessor;
+    std::atomic<bool> mStopFlag;
+};
+
+#endif
