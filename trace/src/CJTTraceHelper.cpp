@@ -142,10 +142,7 @@ void CJTTraceHelper::sendTraceMsg(uint8_t kind, const char* text)
 void CJTTraceHelper::sendTraceMsgEx(uint8_t kind, uint32_t identifier, const char* text, const CJTTraceScopeDef& def)
 {
     // Extended messages go only to the trace server; without a channel there is nowhere to send.
-    (void)kind;
-    (void)identifier;
-    (void)text;
-    (void)def;
+    writeTraceRecordEx(kind, identifier, text, def);
 }
 
 const char* CJTTraceHelper::getPrefix(uint8_t kind)
@@ -210,8 +207,9 @@ void CJTTraceHelper::sendToNirvana(const tTraceMessageInfo& info)
 
 void CJTTraceHelper::sendToTraceClient(const tTraceMessageInfo& info)
 {
-    // Records reach the trace server only through a connected trace channel; none exists yet.
-    (void)info;
+    // Records reach the trace server only through a connected trace channel.
+    if (CJTTraceHelper* helper = getHelperPtr())
+        helper->writeTraceRecord(info);
 }
 
 void CJTTraceHelper::sendToKernelTrace(const tTraceMessageInfo& info)

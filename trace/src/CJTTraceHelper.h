@@ -122,6 +122,10 @@ public:
     void executeCmd(uint8_t code, uint32_t parameter);
     // A class 38 record: sub-code = code, the 16-bit value, and the text if given.
     void sendLogMessage(uint8_t code, uint16_t value, const char* text);
+    // The records of the trace-client handler (class 17) and of extended messages (class 40);
+    // nothing while no connected channel exists.
+    void writeTraceRecord(const tTraceMessageInfo& info);
+    void writeTraceRecordEx(uint8_t kind, uint32_t identifier, const char* text, const CJTTraceScopeDef& def);
     // Keeps the "--tp=" and "--bp" options (in order), applies them with reloadPersistence, and
     // forgets them again unless keep is set.
     void initialize(int argc, char** argv, bool keep);

@@ -1,0 +1,78 @@
+// CJTTraceChannel: this process's connection to the trace server over its device nodes.
+//
+// The server listens on "/dev/mv2trace/register". connect() first tries the process's own node
+// "/dev/mv2trace/<name>" (it is there when the process was registered before); otherwise it sends
+// "mk:<name>\0" on a registration connection, waits until the server closes that connection (its
+// acknowledgement; at most 1 s) and opens the node, which the server has created by then.
+// disconnect() closes the node and sends "rm:<name>\0". Paths go through CBRADIO_ROOT.
+//
+// Records go out with writeMessage, one write per record, from any thread. Commands come in with
+// readMessage, on the trace thread only, and are handed to the channel's callback (by default
+// CJTTraceHelper::execute).
+//
+// Failures are written to the system log and leave the channel unconnected:
+//   "Cannot connect to trace server: %d"          no registration node (severity 1)
+//   "Cannot open trace device: %d"                 registered but the node does not open (1; after
+//                                                  the assertion src/CJTTraceChannelQNX:97)
+//   "Cannot remove trace device: %s"               the "rm:" request was not sent (2)
+//   "Error during write(), closing trace device [%d]"   a record was not written whole (2)
+//   "Error during read(), closing trace device"    the node failed or the server went away (2)
+// After a write failure the node is closed by the trace thread at its next read, so that no
+// thread ever closes a descriptor another thread is blocked on.
+#ifndef CJTTRACECHANNEL_H
+#define CJTTRACECHANNEL_H
+
+#include "CJTIODevice.h"
+#include "IJTTraceChannel.h"
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+
+class CJTTraceCommand;
+
+class CJTTraceChannel : public IJTTraceChannel
+{
+public:
+    // Receives every command read; runs on the thread that calls readMessage.
+    class IJTCallback
+    {
+    public:
+        virtual ~IJTCallback() {}
+        virtual void operator()(const CJTTraceCommand& command) = 0;
+    };
+
+    enum { DEVCTL_GET_SERVER_VERSION = 0x40060502, REGISTRATION_ACK_TIMEOUT_MS = 1000 };
+
+    // name: the process name (not copied; must outlive the channel). The callback is not owned.
+    explicit CJTTraceChannel(const char* name);
+    CJTTraceChannel(IJTCallback& callback, const char* name);
+    ~CJTTraceChannel() override;
+
+    bool writeMessage(const CJTTraceMessageData& message) override;
+    bool connect() override;
+    void disconnect() override;
+    bool getTraceServerVersion(CJTVersion& version) override;
+    bool isConnected() const override { return mConnected.load(std::memory_order_relaxed) != 0; }
+
+    // Waits at most timeoutMs for one command and hands it to the callback. False when nothing
+    // was handed on (time-out, not connected, or the channel broke and is now closed).
+    bool readMessage(uint32_t timeoutMs);
+
+    const char* getName() const { return mName; }
+
+private:
+    CJTTraceChannel(const CJTTraceChannel&) = delete;
+    CJTTraceChannel& operator=(const CJTTraceChannel&) = delete;
+
+    void closeDevice();
+    bool sendRegistrationRequest(const char* prefix, bool waitForAck);
+
+    std::atomic<uint8_t> mConnected;
+    CJTIODevice mDevice;
+    const char* mName;
+    IJTCallback* mpCallback;
+    std::mutex mWriteLock;  // one record at a time; open and close never race a write
+};
+
+#endif
