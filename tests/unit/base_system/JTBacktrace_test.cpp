@@ -1,0 +1,54 @@
+#include "JTBacktrace.h"
+#include "JTOperatingSystem.h"
+#include "TempRoot.h"
+
+#include <cstdio>
+#include <gtest/gtest.h>
+#include <string>
+#include <unistd.h>
+
+namespace
+{
+    void namedInfos(char* info, size_t infoSize, char* name, size_t nameSize)
+    {
+        std::snprintf(info, infoSize, "build 12");
+        std::snprintf(name, nameSize, "radio");
+    }
+}
+
+TEST(JTBacktrace, WritesMessageInformationAndStackIntoTheSharedMemoryFolder)
+{
+    TempRoot root;
+    ASSERT_TRUE(JTBacktrace::doBacktrace("first", JTBacktrace::DEFAULT_DIRECTORY, "ass"));
+    ASSERT_TRUE(JTBacktrace::doBacktrace("second", "/dev/shmem", "ass"));
+
+    const std::string pid = std::to_string(getpid());
+    const std::string text = TempRoot::read(root.path() + "/dev/shm/PID" + pid + ".ass");
+    const std::string head = "\n[backtrace] INFO - first\n\nTID: " +
+                             std::to_string(JTOperatingSystem::getCurrentTID()) + " PID: " + pid + "\n";
+    EXPECT_EQ(text.rfind(head, 0), 0u) << text;
+    EXPECT_NE(text.find("unit_base_system"), std::string::npos) << "the call stack names this program";
+    EXPECT_NE(text.find("\n[backtrace] INFO - second\n"), std::string::npos) << "later notes are appended";
+}
+
+TEST(JTBacktrace, ProviderNamesTheFileAndOtherFoldersStayUnderTheRoot)
+{
+    TempRoot root;
+    JTBacktrace::setInfos(&namedInfos);
+    bool written = JTBacktrace::doBacktrace("m", "/var/log/notes", "txt");
+    JTBacktrace::setInfos(nullptr);
+    ASSERT_TRUE(written);
+    EXPECT_EQ(TempRoot::read(root.path() + "/var/log/notes/radio.txt").rfind("\n[backtrace] INFO - m\n\nbuild 12\n", 0), 0u);
+}
+
+TEST(JTBacktrace, UnopenableFileIsReported)
+{
+    TempRoot root;
+    std::FILE* blocker = std::fopen((root.path() + "/blocked").c_str(), "w");
+    ASSERT_NE(blocker, nullptr);
+    std::fclose(blocker);
+    ::testing::internal::CaptureStderr();
+    EXPECT_FALSE(JTBacktrace::doBacktrace("m", "/blocked/sub", "ass"));
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "Cannot open " + root.path() + "/blocked/sub/PID" + std::to_string(getpid()) + ".ass\n");
+}
