@@ -7,11 +7,6 @@
 
 namespace
 {
-int compareTexts(const char* a, const char* b)
-{
-    return strcmp(a ? a : "", b ? b : "");
-}
-
 // Orders a full name against a prefix on their common length; a full name that is a proper
 // beginning of the prefix counts as before it.
 int compareWithPrefix(const std::string& fullName, const char* prefix, size_t prefixLength)
@@ -42,10 +37,10 @@ void CJTSortedScopeDefList::build(const std::vector<CJTTraceScopeDef*>& defs)
 
 bool CJTSortedScopeDefList::before(const tEntry& a, const tEntry& b)
 {
-    int r = compareTexts(a.def->getName(), b.def->getName());
-    if (r != 0)
-        return r < 0;
-    return compareTexts(a.def->getFunctionName(), b.def->getFunctionName()) < 0;
+    // Comparing the joined names orders by name, then scope name, except where one name begins
+    // another and continues with a byte below '_' ("CTimerMaster" against "CTimer"): there the
+    // joined order is the one the prefix bisection needs.
+    return a.fullName < b.fullName;
 }
 
 // Hoare partitioning around the middle element; recursion only into the smaller half keeps the

@@ -1,8 +1,9 @@
 // CJTSortedScopeDefList: the registered scope definitions sorted for lookup by name prefix.
 //
-// Sorted by name, then by scope name (byte comparison; a missing text sorts as ""). Prefix lookup
-// compares full scope names ("<name>_<scope name>"), so a list sorted by the two parts finds
-// every scope of a component or class: all definitions of one name are adjacent.
+// Sorted with a quicksort by name, then by scope name, as one byte comparison of the full scope
+// names ("<name>_<scope name>"). Sorting on the joined text keeps the bisection of
+// findScopeStartingWith exact when one name begins another ("CBRadio_CTimer" and
+// "CBRadio_CTimerMaster"): every full name beginning with a prefix then lies in one run.
 //
 // The list is a snapshot: build() takes the definitions as they are; the scope manager rebuilds it
 // whenever its number of definitions differs from getCount(). Used under the manager's lock.

@@ -1,0 +1,169 @@
+#include "CJTTraceHelper.h"
+
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "CJTTraceScope.h"
+#include "CJTTraceScopeManager.h"
+#include "JTAssert.h"
+#include "JTOperatingSystem.h"
+#include "JTSyslog.h"
+#include "TraceTestSupport.h"
+
+namespace
+{
+std::vector<std::string> gCalls;
+std::vector<CJTTraceHelper::tTraceMessageInfo> gInfos;
+
+template <int SLOT>
+void slotHandler(const CJTTraceHelper::tTraceMessageInfo& info)
+{
+    gCalls.push_back("slot" + std::to_string(SLOT) + ":" + info.text);
+    gInfos.push_back(info);
+}
+
+// Installs counting handlers in all four slots and puts the built-in ones back afterwards.
+class AllSlots
+{
+public:
+    AllSlots()
+    {
+        gCalls.clear();
+        gInfos.clear();
+        CJTTraceHelper& h = CJTTraceHelper::getInstance();
+        h.setHandler(1, slotHandler<1>, "one");
+        h.setHandler(2, slotHandler<2>, "two");
+        h.setHandler(4, slotHandler<4>, "four");
+        h.setHandler(8, slotHandler<8>, "eight");
+    }
+    ~AllSlots()
+    {
+        CJTTraceHelper& h = CJTTraceHelper::getInstance();
+        h.setHandler(1, CJTTraceHelper::sendToTraceClient, "Trace Client");
+        h.setHandler(2, CJTTraceHelper::sendToKernelTrace, "Kernel Trace");
+        h.setHandler(4, CJTTraceHelper::sendToSlog, "Slog");
+        h.setHandler(8, CJTTraceHelper::sendToConsole, "Console");
+    }
+};
+
+std::mutex gSyslogLock;
+std::vector<std::pair<unsigned, std::string>> gSyslog;
+void syslogMirror(unsigned int severity, const char* line)
+{
+    std::lock_guard<std::mutex> guard(gSyslogLock);
+    gSyslog.emplace_back(severity, line);
+}
+}
+
+TEST(CJTTraceHelper, PrefixesAndDefaultHandlerNames)
+{
+    EXPECT_STREQ("ERR", CJTTraceHelper::getPrefix(2));
+    EXPECT_STREQ("-->", CJTTraceHelper::getPrefix(4));
+    EXPECT_STREQ("<--", CJTTraceHelper::getPrefix(8));
+    EXPECT_STREQ("WRN", CJTTraceHelper::getPrefix(32));
+    EXPECT_STREQ("MSG", CJTTraceHelper::getPrefix(64));
+    EXPECT_STREQ("???", CJTTraceHelper::getPrefix(66));
+    EXPECT_STREQ("???", CJTTraceHelper::getPrefix(0));
+
+    CJTTraceHelper& h = CJTTraceHelper::getInstance();
+    EXPECT_STREQ("Trace Client", h.getHandlerName(0));
+    EXPECT_STREQ("Kernel Trace", h.getHandlerName(1));
+    EXPECT_STREQ("Slog", h.getHandlerName(2));
+    EXPECT_STREQ("Console", h.getHandlerName(3));
+    EXPECT_EQ(nullptr, h.getHandlerName(4));
+}
+
+TEST(CJTTraceHelper, HandlersRunInMediaBitOrderWithTheMessageInformation)
+{
+    AllSlots slots;
+    CJTTraceScopeDef def("Helper_Order", "f", 64, 0x0F);
+    uint32_t before = JTOperatingSystem::currentTimeMs();
+    CJTTraceHelper::getInstance().sendTraceMsg(64, "all", def);
+    def.setMedia(0x05);
+    CJTTraceHelper::getInstance().sendTraceMsg(2, "some", def);
+    def.setMedia(0xF0);  // bits above 8 select nothing
+    CJTTraceHelper::getInstance().sendTraceMsg(2, "none", def);
+
+    EXPECT_EQ((std::vector<std::string>{"slot1:all", "slot2:all", "slot4:all", "slot8:all", "slot1:some", "slot4:some"}),
+              gCalls);
+    ASSERT_FALSE(gInfos.empty());
+    const CJTTraceHelper::tTraceMessageInfo& info = gInfos.back();
+    EXPECT_EQ(2, info.kind);
+    EXPECT_EQ(static_cast<uint32_t>(getpid()), info.processId);
+    EXPECT_EQ(JTOperatingSystem::getCurrentTID(), info.threadId);
+    EXPECT_EQ(&def, info.scopeDef);
+    EXPECT_LE(info.timeMs - before, 1000u);
+}
+
+TEST(CJTTraceHelper, MessageWithoutScopeUsesAShortLivedDefinition)
+{
+    AllSlots slots;
+    CJTTraceScopeManager& manager = CJTTraceScopeManager::getInstance();
+    uint16_t count = manager.getNumberOfScopes();
+    CJTTraceHelper::getInstance().sendTraceMsg(32, "loose");
+    EXPECT_EQ(std::vector<std::string>{"slot1:loose"}, gCalls);
+    ASSERT_EQ(1u, gInfos.size());
+    EXPECT_EQ(count, manager.getNumberOfScopes());
+}
+
+TEST(CJTTraceHelper, SetHandlerAcceptsOnlySingleMediaBits)
+{
+    AllSlots slots;
+    CJTTraceHelper& h = CJTTraceHelper::getInstance();
+    h.setHandler(8, nullptr, "ignored");
+    EXPECT_STREQ("eight", h.getHandlerName(3));
+    h.setHandler(3, CJTTraceHelper::sendToNirvana, "three");
+    h.setHandler(7, CJTTraceHelper::sendToNirvana, "seven");
+    for (unsigned slot = 0; slot < 4; ++slot)
+        EXPECT_NE(reinterpret_cast<void*>(CJTTraceHelper::sendToNirvana), reinterpret_cast<void*>(h.getHandler(slot)));
+
+    unsigned occurred = CJTAsserter::getOccuredAssertions();
+    CJTAsserter::setExpectedAssertions(occurred + 2);
+    h.setHandler(0, CJTTraceHelper::sendToNirvana, "zero");
+    h.setHandler(9, CJTTraceHelper::sendToNirvana, "nine");
+    EXPECT_EQ(occurred + 2, CJTAsserter::getOccuredAssertions());
+    CJTAsserter::setExpectedAssertions(0);
+    CJTAsserter::setOccuredAssertions(0);
+
+    h.setHandler(4, CJTTraceHelper::sendToNirvana, "Nirvana");
+    EXPECT_STREQ("Nirvana", h.getHandlerName(2));
+}
+
+TEST(CJTTraceHelper, SystemLogSeverityFollowsTheKind)
+{
+    {
+        std::lock_guard<std::mutex> guard(gSyslogLock);
+        gSyslog.clear();
+    }
+    JTSyslog::setMirror(syslogMirror);
+    CJTTraceScopeDef def("Helper_Slog", "f", 0xFF, 4);
+    {
+        CJTTraceScope scope(def);
+        scope.sendError("e");
+        scope.sendWarning("w");
+        scope.sendMessage("m");
+    }
+    JTSyslog::setMirror(nullptr);
+
+    std::lock_guard<std::mutex> guard(gSyslogLock);
+    std::vector<std::pair<unsigned, std::string>> lines;
+    for (auto& entry : gSyslog)
+        if (entry.second.find("): ") != std::string::npos)
+            lines.push_back(entry);
+    ASSERT_EQ(5u, lines.size());  // entry, three messages, exit
+    std::string tail = " (" + std::to_string(getpid()) + "." + std::to_string(gettid()) + "): ";
+    EXPECT_EQ(5u, lines[0].first);
+    EXPECT_NE(std::string::npos, lines[0].second.find("[-->]@"));
+    EXPECT_EQ(3u, lines[1].first);
+    EXPECT_EQ(0u, lines[1].second.find("pid " + std::to_string(getpid()) + ": [ERR]@"));
+    EXPECT_NE(std::string::npos, lines[1].second.find(tail + "e"));
+    EXPECT_EQ(4u, lines[2].first);
+    EXPECT_EQ(5u, lines[3].first);
+}
+
+// The trace-server side of the helper is not part of these tests; where the library's own
+// definition is not linked in, log messages to the server are dropped here.
+__attribute__((weak)) void CJTTraceHelper::sendLogMessage(uint8_t, uint16_t, const char*) {}

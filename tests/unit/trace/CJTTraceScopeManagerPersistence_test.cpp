@@ -1,0 +1,273 @@
+#include "CJTTraceScopeManager.h"
+
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "CJTNullTracePersistence.h"
+#include "CJTTraceHelper.h"
+#include "CJTTraceScope.h"
+#include "CJTTraceScopeDef.h"
+#include "JTSyslog.h"
+#include "TraceTestSupport.h"
+
+using tracetest::MemoryPersistence;
+using tracetest::Recorder;
+using tracetest::TempFile;
+
+namespace
+{
+std::mutex gLock;
+std::vector<std::string> gSyslog;
+void mirror(unsigned int, const char* line)
+{
+    std::lock_guard<std::mutex> guard(gLock);
+    gSyslog.push_back(line);
+}
+
+std::vector<std::string> takeSyslog()
+{
+    std::lock_guard<std::mutex> guard(gLock);
+    std::vector<std::string> out;
+    out.swap(gSyslog);
+    return out;
+}
+
+std::string pidPrefix()
+{
+    return "pid " + std::to_string(getpid()) + ": ";
+}
+
+// Routes the persistence diagnostics to the recorder and the system log to a list.
+class PersistenceFixture : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        CJTTraceHelper::getInstance().setProcessName("unit_trace");
+        mSavedFilter = getPersistenceScopeDef().getFilter();
+        mSavedMedia = getPersistenceScopeDef().getMedia();
+        getPersistenceScopeDef().setFilter(2 | 32 | 64);
+        getPersistenceScopeDef().setMedia(Recorder::MEDIA);
+        takeSyslog();
+        JTSyslog::setMirror(mirror);
+    }
+    void TearDown() override
+    {
+        JTSyslog::setMirror(nullptr);
+        getPersistenceScopeDef().setFilter(mSavedFilter);
+        getPersistenceScopeDef().setMedia(mSavedMedia);
+        manager().setSilent(false);
+    }
+    static CJTTraceScopeManager& manager() { return CJTTraceScopeManager::getInstance(); }
+
+    // Diagnostics of the persistence scope (entry and exit left out).
+    std::vector<tracetest::Record> diagnostics()
+    {
+        std::vector<tracetest::Record> out;
+        for (const tracetest::Record& r : mRecorder.take())
+            if (r.kind != 4 && r.kind != 8)
+                out.push_back(r);
+        return out;
+    }
+
+    Recorder mRecorder;
+    uint8_t mSavedFilter = 0;
+    uint8_t mSavedMedia = 0;
+};
+
+std::string header(const char* version)
+{
+    return std::string("JTTracePersistence ") + version + "\n";
+}
+}
+
+TEST_F(PersistenceFixture, BinaryBlockRoundTripsAndRefusesOtherSizes)
+{
+    CJTTraceScopeDef a("Bin_A", "a", 0x42, 0x09);
+    CJTTraceScopeDef b("Bin_B", "b");
+    manager().configureScope(b.getIndex(), 0x7F, 0x0C, 5);
+    MemoryPersistence store;
+
+    manager().setSilent(true);
+    EXPECT_TRUE(manager().storeBinaryPeristence(store, "unit_trace"));
+    EXPECT_EQ(1, manager().getSettingsInStep());
+    const size_t count = manager().getNumberOfScopes();
+    ASSERT_EQ(3 * count + 1, store.mBlock.size());
+    EXPECT_EQ(1, store.mBlock[0]);
+    EXPECT_EQ((std::vector<uint8_t>{0x42, 0x09, 0, 0x7F, 0x0C, 5}),
+              std::vector<uint8_t>(store.mBlock.begin() + 1 + 3 * a.getIndex(), store.mBlock.begin() + 7 + 3 * a.getIndex()));
+
+    manager().setSilent(false);
+    manager().configureScope(a.getIndex(), 0, 0, 0);
+    manager().configureScope(b.getIndex(), 0, 0, 0);
+    store.mBlock[0] = 2;  // anything but 1 is "not silent"
+    EXPECT_TRUE(manager().loadBinaryPersistence(store, "unit_trace"));
+    EXPECT_FALSE(manager().isSilent());
+    EXPECT_EQ(0x42, a.getFilter());
+    EXPECT_EQ(0x09, a.getMedia());
+    EXPECT_EQ(5, b.getKernelEvent());
+    EXPECT_EQ(1, manager().getSettingsInStep());
+    EXPECT_TRUE(takeSyslog().empty());
+
+    // One scope short: refused, nothing changed, the count found is reported.
+    store.mBlock.resize(store.mBlock.size() - 3);
+    manager().configureScope(a.getIndex(), 0x01, 0x01);
+    EXPECT_FALSE(manager().loadBinaryPersistence(store, "unit_trace"));
+    EXPECT_EQ(0x01, a.getFilter());
+    EXPECT_EQ(0, manager().getSettingsInStep());
+    std::string mismatch = "Binary persistence for 'unit_trace' does not match: expected " + std::to_string(count) +
+                           " scopes, but found " + std::to_string(count - 1) + ".";
+    EXPECT_EQ(std::vector<std::string>{pidPrefix() + mismatch}, takeSyslog());
+    std::vector<tracetest::Record> d = diagnostics();
+    ASSERT_EQ(1u, d.size());
+    EXPECT_EQ(2, d[0].kind);
+    EXPECT_EQ(mismatch, d[0].text);
+
+    EXPECT_FALSE(manager().loadBinaryPersistence(store, "other_process"));
+    EXPECT_EQ(std::vector<std::string>{pidPrefix() + "Binary persistence for 'other_process' is empty."}, takeSyslog());
+    d = diagnostics();
+    ASSERT_EQ(1u, d.size());
+    EXPECT_EQ(64, d[0].kind);
+}
+
+TEST_F(PersistenceFixture, TextFileVersionsAreCheckedOnTheHeader)
+{
+    CJTTraceScopeDef def("TextVer_A", "a");
+    const std::string body = "TextVer_A 40 08\n";
+    struct Case
+    {
+        const char* version;
+        bool accepted;
+    } cases[] = {{"1.1.0", true}, {"1.0.9", true}, {"1.1.77", true}, {"1.2.0", false}, {"2.0.0", false}, {"0.9.0", false}};
+    for (const Case& c : cases) {
+        def.setFilter(0);
+        TempFile file(header(c.version) + body);
+        EXPECT_EQ(c.accepted, manager().loadTextPersistence(file.path())) << c.version;
+        EXPECT_EQ(c.accepted ? 0x40 : 0, def.getFilter()) << c.version;
+        std::vector<tracetest::Record> d = diagnostics();
+        if (!c.accepted) {
+            ASSERT_EQ(1u, d.size());
+            EXPECT_EQ("Unable to load text trace persistence: '" + std::string(file.path()) + "' requires version " +
+                          c.version + ", but current version is 1.1.0.",
+                      d[0].text);
+        }
+    }
+
+    TempFile noVersion("JTTracePersistence one\nTextVer_A 40 08\n");
+    EXPECT_FALSE(manager().loadTextPersistence(noVersion.path()));
+    EXPECT_EQ("Unable to load text trace persistence: '" + std::string(noVersion.path()) +
+                  "' does not include version info.",
+              diagnostics().at(0).text);
+
+    EXPECT_FALSE(manager().loadTextPersistence("/nonexistent/unit_trace.tp"));
+    std::vector<tracetest::Record> d = diagnostics();
+    ASSERT_EQ(1u, d.size());
+    EXPECT_EQ(32, d[0].kind);
+    EXPECT_EQ("Unable to load text trace persistence: '/nonexistent/unit_trace.tp' does not exist", d[0].text);
+}
+
+TEST_F(PersistenceFixture, TextFileSectionsPrefixesAndOverrides)
+{
+    CJTTraceScopeDef run("TextSec_CCBRadio", "run");
+    CJTTraceScopeDef start("TextSec_CCBRadio", "start");
+    CJTTraceScopeDef timer("TextSec_CTimer", "fire");
+    manager().setSilent(true);  // loading a text file always ends silent mode
+
+    TempFile file(header("1.1.0") +
+                  "# comment line\n"
+                  "TextSec_CCBRadio 7f 1\n"
+                  "\n"
+                  "[other_process]\n"
+                  "TextSec_CTimer ff ff\n"
+                  "[unit_trace]\n"
+                  "TextSec_CCBRadio_start 02 08 3\n"
+                  "TextSec_CTimer 20\n"
+                  "TextSec_Missing 1 1\n"
+                  "[*]\n"
+                  "TextSec_CTimer 40 4 1ff\n");
+    EXPECT_TRUE(manager().loadTextPersistence(file.path()));
+    EXPECT_FALSE(manager().isSilent());
+    EXPECT_EQ(0x7F, run.getFilter());
+    EXPECT_EQ(1, run.getMedia());
+    EXPECT_EQ(0x02, start.getFilter());
+    EXPECT_EQ(0x08, start.getMedia());
+    EXPECT_EQ(3, start.getKernelEvent());
+    // The hex fields take at most two digits, so "1ff" gives 0x1F.
+    EXPECT_EQ(0x40, timer.getFilter());
+    EXPECT_EQ(0x04, timer.getMedia());
+    EXPECT_EQ(0x1F, timer.getKernelEvent());
+
+    std::vector<tracetest::Record> d = diagnostics();
+    ASSERT_EQ(2u, d.size());
+    const std::string path = file.path();
+    // Empty lines are not counted.
+    EXPECT_EQ(2, d[0].kind);
+    EXPECT_EQ(path + ":8: Skipping invalid text persistence line 'TextSec_CTimer 20'", d[0].text);
+    EXPECT_EQ(32, d[1].kind);
+    EXPECT_EQ(path + ":9: No scope matches 'TextSec_Missing'", d[1].text);
+}
+
+TEST_F(PersistenceFixture, TextFileLongerThanOneChunkKeepsLinesWhole)
+{
+    std::vector<CJTTraceScopeDef*> defs;
+    std::vector<std::string> names;
+    for (int i = 0; i < 120; ++i)
+        names.push_back("TextChunk_" + std::to_string(i));
+    for (const std::string& n : names)
+        defs.push_back(new CJTTraceScopeDef(n.c_str(), "function_with_a_rather_long_name"));
+
+    // Each line is about 60 bytes, so chunk borders fall inside lines; the first pass sets 01,
+    // the second the real value, so a line cut in two would leave a scope at 01.
+    std::string text = header("1.1.0");
+    for (int pass = 0; pass < 2; ++pass)
+        for (int i = 0; i < 120; ++i)
+            text += "TextChunk_" + std::to_string(i) + "_function_with_a_rather_long_name " +
+                    (pass == 0 ? "01" : "40") + " 08 " + std::to_string(i % 10) + "\n";
+    ASSERT_GT(text.size(), 8192u);
+    TempFile file(text);
+    EXPECT_TRUE(manager().loadTextPersistence(file.path()));
+    for (int i = 0; i < 120; ++i) {
+        EXPECT_EQ(0x40, defs[i]->getFilter()) << i;
+        EXPECT_EQ(i % 10, defs[i]->getKernelEvent()) << i;
+    }
+    EXPECT_TRUE(diagnostics().empty());
+    for (CJTTraceScopeDef* def : defs)
+        delete def;
+}
+
+TEST_F(PersistenceFixture, HelperActionsNeedANameAndARealPersistence)
+{
+    CJTTraceHelper& helper = CJTTraceHelper::getInstance();
+    CJTTraceScopeDef def("HelperPers_A", "a", 0x40, 0x08);
+    MemoryPersistence store;
+
+    helper.setPersistence(&CJTNullTracePersistence::sInstance);
+    EXPECT_FALSE(helper.storePersistent());
+    helper.setPersistence(nullptr);
+    EXPECT_FALSE(helper.loadPersistent());
+
+    helper.setPersistence(&store);
+    EXPECT_TRUE(helper.storePersistent());
+    EXPECT_EQ("unit_trace", store.mName);
+    def.setFilter(0);
+    EXPECT_TRUE(helper.loadPersistent());
+    EXPECT_EQ(0x40, def.getFilter());
+
+    // A block that does not fit is dropped after the failed load.
+    store.mBlock.pop_back();
+    EXPECT_FALSE(helper.loadPersistent());
+    EXPECT_FALSE(store.mHasBlock);
+    takeSyslog();
+
+    store.setBlock("unit_trace", std::vector<uint8_t>(3 * manager().getNumberOfScopes() + 1, 0));
+    store.mKillRequired = true;
+    helper.loadPersistent();
+    EXPECT_FALSE(store.mHasBlock);
+    EXPECT_EQ(0x40, def.getFilter());
+
+    EXPECT_TRUE(helper.killPersistent());
+    helper.setPersistence(nullptr);
+}
