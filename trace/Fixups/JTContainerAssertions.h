@@ -16,6 +16,15 @@
 #ifndef JTCONTAINERASSERTIONS_H
 #define JTCONTAINERASSERTIONS_H
 
+// The line of a container call, taken at the caller by a default argument
+// (SJTCallerLine line = JT_CALLER_LINE). Explicit, so a count is never mistaken for a line.
+struct SJTCallerLine
+{
+    explicit SJTCallerLine(unsigned int callerLine) : line(callerLine) {}
+    unsigned int line;
+};
+#define JT_CALLER_LINE SJTCallerLine(__builtin_LINE())
+
 class JTContainerAssertions
 {
 public:

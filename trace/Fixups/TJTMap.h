@@ -41,7 +41,7 @@ public:
     iterator begin() { return mEntries.begin(); }
     iterator end() { return mEntries.end(); }
 
-    const tEntry& getAt(uint32_t index, unsigned int line = __builtin_LINE()) const { return mEntries.get(index, line); }
+    const tEntry& getAt(uint32_t index, SJTCallerLine line = JT_CALLER_LINE) const { return mEntries.get(index, line); }
 
     // Index of the entry with this key, or -1.
     int32_t indexOf(const K& key) const

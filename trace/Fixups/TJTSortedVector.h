@@ -24,8 +24,8 @@ public:
     bool isEmpty() const { return mItems.isEmpty(); }
     const_iterator begin() const { return mItems.begin(); }
     const_iterator end() const { return mItems.end(); }
-    const T& get(uint32_t index, unsigned int line = __builtin_LINE()) const { return mItems.get(index, line); }
-    const T& operator[](uint32_t index) const { return mItems.get(index, __LINE__); }
+    const T& get(uint32_t index, SJTCallerLine line = JT_CALLER_LINE) const { return mItems.get(index, line); }
+    const T& operator[](uint32_t index) const { return mItems.get(index, SJTCallerLine(__LINE__)); }
 
     // Index of the first element not before value (size() when there is none).
     uint32_t lowerBound(const T& value) const
@@ -68,7 +68,7 @@ public:
         return true;
     }
 
-    bool erase(uint32_t index, unsigned int line = __builtin_LINE()) { return mItems.erase(index, line); }
+    bool erase(uint32_t index, SJTCallerLine line = JT_CALLER_LINE) { return mItems.erase(index, line); }
     // Removes the first element equal to value; false when there is none.
     bool remove(const T& value)
     {

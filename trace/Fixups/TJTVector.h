@@ -20,6 +20,7 @@
 #include "JTContainerAssertions.h"
 
 #include <cstdint>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -45,22 +46,22 @@ public:
     T* getData() { return mItems.data(); }
     const T* getData() const { return mItems.data(); }
 
-    T& get(uint32_t index, unsigned int line = __builtin_LINE())
+    T& get(uint32_t index, SJTCallerLine line = JT_CALLER_LINE)
     {
         if (!checkIndex(index, line))
             return failedElement();
         return mItems[index];
     }
-    const T& get(uint32_t index, unsigned int line = __builtin_LINE()) const
+    const T& get(uint32_t index, SJTCallerLine line = JT_CALLER_LINE) const
     {
         if (!checkIndex(index, line))
             return failedElement();
         return mItems[index];
     }
-    T& operator[](uint32_t index) { return get(index, __LINE__); }
-    const T& operator[](uint32_t index) const { return get(index, __LINE__); }
+    T& operator[](uint32_t index) { return get(index, SJTCallerLine(__LINE__)); }
+    const T& operator[](uint32_t index) const { return get(index, SJTCallerLine(__LINE__)); }
 
-    bool set(uint32_t index, const T& value, unsigned int line = __builtin_LINE())
+    bool set(uint32_t index, const T& value, SJTCallerLine line = JT_CALLER_LINE)
     {
         if (!checkIndex(index, line))
             return false;
@@ -81,10 +82,10 @@ public:
     void push_back(const T& value) { append(value); }
 
     // Inserts before index; index == size() appends.
-    bool insert(uint32_t index, const T& value, unsigned int line = __builtin_LINE())
+    bool insert(uint32_t index, const T& value, SJTCallerLine line = JT_CALLER_LINE)
     {
         if (index > size()) {
-            JTVectorAssertions::reportAssertion(JTVectorAssertions::INDEX_OUT_OF_RANGE, line);
+            JTVectorAssertions::reportAssertion(JTVectorAssertions::INDEX_OUT_OF_RANGE, line.line);
             return false;
         }
         grow(1);
@@ -92,10 +93,12 @@ public:
         return true;
     }
     // Inserts before position; returns the new element's position, or end() on a bad iterator.
-    iterator insert(iterator position, const T& value, unsigned int line = __builtin_LINE())
+    // (A template, so that insert(0, value) picks the index form.)
+    template <class It, class = typename std::enable_if<std::is_same<It, iterator>::value>::type>
+    iterator insert(It position, const T& value, SJTCallerLine line = JT_CALLER_LINE)
     {
         if (position < begin() || position > end()) {
-            JTVectorAssertions::reportAssertion(JTVectorAssertions::INVALID_ITERATOR, line);
+            JTVectorAssertions::reportAssertion(JTVectorAssertions::INVALID_ITERATOR, line.line);
             return end();
         }
         uint32_t index = static_cast<uint32_t>(position - begin());
@@ -103,7 +106,7 @@ public:
         return begin() + index;
     }
 
-    bool erase(uint32_t index, unsigned int line = __builtin_LINE())
+    bool erase(uint32_t index, SJTCallerLine line = JT_CALLER_LINE)
     {
         if (!checkIndex(index, line))
             return false;
@@ -111,24 +114,25 @@ public:
         return true;
     }
     // Erases count elements from first.
-    bool erase(uint32_t first, uint32_t count, unsigned int line = __builtin_LINE())
+    bool erase(uint32_t first, uint32_t count, SJTCallerLine line = JT_CALLER_LINE)
     {
         if (first > size()) {
-            JTVectorAssertions::reportAssertion(JTVectorAssertions::INDEX_OUT_OF_RANGE, line);
+            JTVectorAssertions::reportAssertion(JTVectorAssertions::INDEX_OUT_OF_RANGE, line.line);
             return false;
         }
         if (count > size() - first) {
-            JTVectorAssertions::reportAssertion(JTVectorAssertions::INVALID_PARAMETER, line);
+            JTVectorAssertions::reportAssertion(JTVectorAssertions::INVALID_PARAMETER, line.line);
             return false;
         }
         mItems.erase(mItems.begin() + first, mItems.begin() + first + count);
         return true;
     }
     // Erases the element at position; returns the position that follows it.
-    iterator erase(iterator position, unsigned int line = __builtin_LINE())
+    template <class It, class = typename std::enable_if<std::is_same<It, iterator>::value>::type>
+    iterator erase(It position, SJTCallerLine line = JT_CALLER_LINE)
     {
         if (position < begin() || position >= end()) {
-            JTVectorAssertions::reportAssertion(JTVectorAssertions::INVALID_ITERATOR, line);
+            JTVectorAssertions::reportAssertion(JTVectorAssertions::INVALID_ITERATOR, line.line);
             return end();
         }
         uint32_t index = static_cast<uint32_t>(position - begin());
@@ -185,11 +189,11 @@ public:
     bool operator!=(const TJTVector& other) const { return !(*this == other); }
 
 private:
-    bool checkIndex(uint32_t index, unsigned int line) const
+    bool checkIndex(uint32_t index, SJTCallerLine line) const
     {
         if (index < size())
             return true;
-        JTVectorAssertions::reportAssertion(JTVectorAssertions::INDEX_OUT_OF_RANGE, line);
+        JTVectorAssertions::reportAssertion(JTVectorAssertions::INDEX_OUT_OF_RANGE, line.line);
         return false;
     }
     void grow(uint32_t more)
