@@ -311,8 +311,14 @@ std::string describeRecord(const Record& r, const std::string& process, const Na
     switch (r.recordClass)
     {
     case REC_MESSAGE:
-        return format("%s %s %u %s ", timeText(r.timeMs).c_str(), p, r.tid, kindPrefix(r.subCode)) +
-               scopeText(names, r.index) + ": " + printable(r.text);
+    {
+        std::string head = format("%s %s %u %s ", timeText(r.timeMs).c_str(), p, r.tid, kindPrefix(r.subCode));
+        std::string scope = scopeText(names, r.index);
+        // Entry and exit carry the scope's own name as text: show it once.
+        if ((r.subCode == 4 || r.subCode == 8) && r.text == scope)
+            return head + scope;
+        return head + scope + ": " + printable(r.text);
+    }
     case REC_MESSAGE_EX:
         return format("%s %s %u %s ", timeText(r.timeMs).c_str(), p, r.tid, kindPrefix(r.subCode)) +
                scopeText(names, r.index) + format(": [id 0x%08X] ", r.value) + printable(r.text);
