@@ -1,0 +1,573 @@
+// The service-IPC library against a real, private dbus-daemon: services, calls, signals, owner
+// watches, threads, and a bus that dies. Raw libdbus peers check the wire form from outside.
+#include "PrivateBus.h"
+#include "svcipc.h"
+
+#include <dbus/dbus.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace std::chrono_literals;
+
+namespace
+{
+const char* const kName = "com.quorin.service.Test";
+const char* const kPath = "/com/quorin/service/Test";
+
+// Collects what callbacks saw, for the test thread to wait on.
+struct Log
+{
+    std::mutex mutex;
+    std::condition_variable cond;
+    std::vector<std::string> lines;
+    std::vector<std::thread::id> threads;
+
+    void add(const std::string& line)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        lines.push_back(line);
+        threads.push_back(std::this_thread::get_id());
+        cond.notify_all();
+    }
+    bool waitFor(size_t count, std::chrono::milliseconds limit = 5000ms)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        return cond.wait_for(lock, limit, [&] { return lines.size() >= count; });
+    }
+    std::vector<std::string> snapshot()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return lines;
+    }
+};
+
+// A service whose behaviour per request is a function of the test.
+struct Service
+{
+    std::function<void(SVCIPC_tReqContext, const std::string&, const std::string&)> onRequest;
+    Log log;
+    SVCIPC_tSvcRegHnd reg = nullptr;
+
+    static void callback(SVCIPC_tReqContext ctx, const char* method, const char* parms,
+                         SVCIPC_tBool noReply, SVCIPC_tUserToken token)
+    {
+        auto* self = static_cast<Service*>(token);
+        self->log.add(std::string(method) + "(" + parms + ")" + (noReply ? " noreply" : ""));
+        if (self->onRequest) {
+            self->onRequest(ctx, method, parms);
+        } else {
+            SVCIPC_asyncReturnResult(ctx, (std::string("echo:") + parms).c_str(), nullptr,
+                                     nullptr);
+            SVCIPC_freeReqContext(ctx);
+        }
+    }
+    SVCIPC_tError registerOn(SVCIPC_tConnection conn, const char* name = kName,
+                             const char* path = kPath)
+    {
+        return SVCIPC_registerService(conn, name, path, 0, &Service::callback, this, &reg);
+    }
+};
+
+void onSignal(const char* name, const char* data, SVCIPC_tUserToken token)
+{
+    static_cast<Log*>(token)->add(std::string(name) + "=" + data);
+}
+
+void onOwner(const char* name, const char* oldOwner, const char* newOwner,
+             SVCIPC_tUserToken token)
+{
+    static_cast<Log*>(token)->add(std::string(name) + "|" + oldOwner + "|" + newOwner);
+}
+
+void onResult(const SVCIPC_tCallbackStatus* st, const char* result, SVCIPC_tUserToken token)
+{
+    static_cast<Log*>(token)->add(std::to_string(st->errCode) + ":" + result + ":"
+                                  + st->errName);
+}
+
+// A plain libdbus peer, to see the library from outside.
+struct RawPeer
+{
+    DBusConnection* conn = nullptr;
+    explicit RawPeer(const std::string& address)
+    {
+        conn = dbus_connection_open_private(address.c_str(), nullptr);
+        if (conn && !dbus_bus_register(conn, nullptr)) {
+            dbus_connection_close(conn);
+            dbus_connection_unref(conn);
+            conn = nullptr;
+        }
+    }
+    ~RawPeer()
+    {
+        if (conn) {
+            dbus_connection_close(conn);
+            dbus_connection_unref(conn);
+        }
+    }
+    // Sends `msg` and returns "reply:<first string>" or "error:<name>".
+    std::string call(DBusMessage* msg, int timeoutMs = 3000)
+    {
+        DBusError err;
+        dbus_error_init(&err);
+        DBusMessage* reply = dbus_connection_send_with_reply_and_block(conn, msg, timeoutMs, &err);
+        dbus_message_unref(msg);
+        if (!reply) {
+            std::string out = std::string("error:") + (err.name ? err.name : "?");
+            dbus_error_free(&err);
+            return out;
+        }
+        const char* s = "";
+        DBusMessageIter it;
+        if (dbus_message_iter_init(reply, &it) && dbus_message_iter_get_arg_type(&it) == 's')
+            dbus_message_iter_get_basic(&it, &s);
+        std::string out = std::string("reply:") + s;
+        dbus_message_unref(reply);
+        return out;
+    }
+};
+
+class SvcIpc : public ::testing::Test
+{
+protected:
+    PrivateBus bus;
+    SVCIPC_tConnection conn = nullptr;
+
+    void SetUp() override
+    {
+        ASSERT_TRUE(bus.start()) << bus.error();
+        bus.exportAddress();
+        ASSERT_EQ(0, SVCIPC_initialize());
+        ASSERT_EQ(0, SVCIPC_getConnection(0, 0, &conn));
+    }
+    void TearDown() override { SVCIPC_shutdown(); }
+
+    SVCIPC_tConnection privateConnection()
+    {
+        SVCIPC_tConnection c = nullptr;
+        EXPECT_EQ(0, SVCIPC_getConnection(0, 1, &c));
+        return c;
+    }
+    std::string invoke(SVCIPC_tConnection c, const char* method, const char* parms,
+                       SVCIPC_tError* status = nullptr, unsigned timeoutMs = 3000,
+                       const char* name = kName, const char* path = kPath)
+    {
+        SVCIPC_tResponse* resp = nullptr;
+        SVCIPC_tError st = SVCIPC_invoke(c, name, path, method, parms, 0, timeoutMs, &resp);
+        if (status)
+            *status = st;
+        if (st != 0)
+            return "<" + std::string(SVCIPC_errorText(st)) + ">";
+        std::string out = resp->result;
+        EXPECT_EQ(0, SVCIPC_freeResponse(resp));
+        return out;
+    }
+};
+
+TEST_F(SvcIpc, MethodCallsReachTheServiceAndResultsComeBack)
+{
+    Service svc;
+    ASSERT_EQ(0, svc.registerOn(conn));
+    SVCIPC_tConnection client = privateConnection();
+
+    EXPECT_EQ("echo:{\"a\":1}", invoke(client, "doIt", "{\"a\":1}"));
+    EXPECT_EQ("echo:", invoke(client, "doIt", nullptr));
+
+    // Asynchronous form: completion on a library thread, not on the caller's.
+    Log log;
+    ASSERT_EQ(0, SVCIPC_asyncInvoke(client, kName, kPath, "later", "x", 0, 3000, &onResult, &log));
+    ASSERT_TRUE(log.waitFor(1));
+    EXPECT_EQ("0:echo:x:", log.snapshot()[0]);
+    EXPECT_NE(std::this_thread::get_id(), log.threads[0]);
+
+    // No-reply form: delivered with the flag, nothing comes back.
+    ASSERT_EQ(0, SVCIPC_invoke(client, kName, kPath, "fire", "f", 1, 0, nullptr));
+    ASSERT_TRUE(svc.log.waitFor(4));
+    EXPECT_EQ("fire(f) noreply", svc.log.snapshot()[3]);
+
+    // From outside: no arguments, and no interface at all, are both accepted.
+    RawPeer raw(bus.address());
+    ASSERT_NE(nullptr, raw.conn);
+    EXPECT_EQ("reply:echo:", raw.call(dbus_message_new_method_call(kName, kPath, kName, "bare")));
+    DBusMessage* noIface = dbus_message_new_method_call(kName, kPath, nullptr, "noIface");
+    const char* arg = "t";
+    dbus_message_append_args(noIface, DBUS_TYPE_STRING, &arg, DBUS_TYPE_INVALID);
+    EXPECT_EQ("reply:echo:t", raw.call(noIface));
+    EXPECT_NE(std::this_thread::get_id(), svc.log.threads[0]);
+}
+
+TEST_F(SvcIpc, WrongSignaturesAreRefusedBeforeTheCallback)
+{
+    Service svc;
+    ASSERT_EQ(0, svc.registerOn(conn));
+    RawPeer raw(bus.address());
+    ASSERT_NE(nullptr, raw.conn);
+
+    DBusMessage* withInt = dbus_message_new_method_call(kName, kPath, kName, "m");
+    dbus_int32_t i = 5;
+    dbus_message_append_args(withInt, DBUS_TYPE_INT32, &i, DBUS_TYPE_INVALID);
+    EXPECT_EQ("error:org.freedesktop.DBus.Error.InvalidArgs", raw.call(withInt));
+
+    DBusMessage* twoStrings = dbus_message_new_method_call(kName, kPath, kName, "m");
+    const char* a = "a";
+    dbus_message_append_args(twoStrings, DBUS_TYPE_STRING, &a, DBUS_TYPE_STRING, &a,
+                             DBUS_TYPE_INVALID);
+    EXPECT_EQ("error:org.freedesktop.DBus.Error.InvalidArgs", raw.call(twoStrings));
+
+    EXPECT_EQ("error:org.freedesktop.DBus.Error.UnknownInterface",
+              raw.call(dbus_message_new_method_call(kName, kPath, "other.Iface", "m")));
+    EXPECT_EQ("error:org.freedesktop.DBus.Error.UnknownObject",
+              raw.call(dbus_message_new_method_call(kName, "/elsewhere", kName, "m")));
+    EXPECT_TRUE(svc.log.snapshot().empty());
+}
+
+TEST_F(SvcIpc, IntrospectionAndPeerAreAnsweredByTheLibrary)
+{
+    Service svc;
+    ASSERT_EQ(0, svc.registerOn(conn));
+    RawPeer raw(bus.address());
+    std::string xml = raw.call(dbus_message_new_method_call(
+        kName, kPath, "org.freedesktop.DBus.Introspectable", "Introspect"));
+    EXPECT_NE(std::string::npos, xml.find("<interface name=\"com.quorin.service.Test\">"));
+    std::string root = raw.call(dbus_message_new_method_call(
+        kName, "/com", "org.freedesktop.DBus.Introspectable", "Introspect"));
+    EXPECT_NE(std::string::npos, root.find("<node name=\"quorin\"/>"));
+    EXPECT_EQ("reply:", raw.call(dbus_message_new_method_call(kName, kPath,
+                                                              "org.freedesktop.DBus.Peer", "Ping")));
+    EXPECT_TRUE(svc.log.snapshot().empty());
+}
+
+TEST_F(SvcIpc, NameOwnedElsewhereOrTwiceIsRefused)
+{
+    Service first, second;
+    ASSERT_EQ(0, first.registerOn(conn));
+    SVCIPC_tConnection other = privateConnection();
+    EXPECT_EQ(SVCIPC_ERR_NAME_TAKEN, second.registerOn(other));
+    EXPECT_EQ(nullptr, second.reg);
+    EXPECT_EQ(SVCIPC_ERR_ALREADY_REGISTERED, second.registerOn(conn, "com.quorin.service.X"));
+    EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, second.registerOn(other, ":1.5"));
+    EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, second.registerOn(other, kName, "no/slash"));
+
+    // Once released, the name is free for the other connection at once.
+    ASSERT_EQ(0, SVCIPC_unregisterService(first.reg));
+    ASSERT_EQ(0, second.registerOn(other));
+    EXPECT_EQ("echo:z", invoke(conn, "m", "z"));
+    EXPECT_EQ(1u, second.log.snapshot().size());
+}
+
+TEST_F(SvcIpc, TimeOutsAndMissingServices)
+{
+    Service svc;
+    svc.onRequest = [](SVCIPC_tReqContext ctx, const std::string&, const std::string&) {
+        SVCIPC_freeReqContext(ctx);  // no result: the caller must run into its time-out
+    };
+    ASSERT_EQ(0, svc.registerOn(conn));
+    SVCIPC_tConnection client = privateConnection();
+
+    SVCIPC_tError st = 0;
+    auto start = std::chrono::steady_clock::now();
+    invoke(client, "silent", "", &st, 300);
+    EXPECT_EQ(SVCIPC_ERR_TIMEOUT, st);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+
+    Log log;
+    ASSERT_EQ(0, SVCIPC_asyncInvoke(client, kName, kPath, "silent", "", 0, 300, &onResult, &log));
+    ASSERT_TRUE(log.waitFor(1, 3000ms));
+    EXPECT_EQ(std::to_string(SVCIPC_ERROR_TIMEOUT) + "::", log.snapshot()[0]);
+
+    invoke(client, "m", "", &st, 1000, "com.quorin.service.Nobody", "/x");
+    EXPECT_EQ(SVCIPC_ERR_NO_SERVICE, st);
+}
+
+TEST_F(SvcIpc, RemoteErrorsCarryTheirName)
+{
+    Service svc;
+    ASSERT_EQ(0, svc.registerOn(conn));
+    SVCIPC_tError st = 0;
+    invoke(conn, "m", "", &st, 1000, kName, "/not/served");
+    EXPECT_EQ(SVCIPC_ERR_REMOTE, st);
+    EXPECT_STREQ("org.freedesktop.DBus.Error.UnknownObject", SVCIPC_getLastErrorName());
+
+    Log log;
+    ASSERT_EQ(0, SVCIPC_asyncInvoke(conn, kName, "/not/served", "m", "", 0, 1000, &onResult,
+                                    &log));
+    ASSERT_TRUE(log.waitFor(1));
+    EXPECT_EQ(std::to_string(SVCIPC_ERROR_REMOTE) + "::org.freedesktop.DBus.Error.UnknownObject",
+              log.snapshot()[0]);
+}
+
+TEST_F(SvcIpc, ResultsAfterTheFirstAndCompletionsOfFireAndForget)
+{
+    Log done;
+    Service svc;
+    svc.onRequest = [&](SVCIPC_tReqContext ctx, const std::string&, const std::string&) {
+        auto status = [](const SVCIPC_tCallbackStatus* st, SVCIPC_tUserToken token) {
+            static_cast<Log*>(token)->add("done " + std::to_string(st->errCode));
+        };
+        EXPECT_EQ(0, SVCIPC_asyncReturnResult(ctx, "first", status, &done));
+        EXPECT_EQ(0, SVCIPC_asyncReturnResult(ctx, "second", nullptr, nullptr));
+        EXPECT_EQ(0, SVCIPC_freeReqContext(ctx));
+        EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_freeReqContext(ctx));
+        EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_asyncReturnResult(ctx, "late", nullptr, nullptr));
+    };
+    ASSERT_EQ(0, svc.registerOn(conn));
+    EXPECT_EQ("first", invoke(privateConnection(), "m", ""));
+    ASSERT_TRUE(done.waitFor(1));
+    EXPECT_EQ("done 0", done.snapshot()[0]);
+}
+
+TEST_F(SvcIpc, SignalsAreDeliveredUntilUnsubscribed)
+{
+    SVCIPC_tConnection client = privateConnection();
+    EXPECT_EQ(SVCIPC_ERR_NOT_REGISTERED, SVCIPC_asyncEmit(conn, "s", "", nullptr, nullptr));
+    Service svc;
+    ASSERT_EQ(0, svc.registerOn(conn));
+
+    Log log, marker;
+    SVCIPC_tSigSubHnd sub = nullptr, mark = nullptr;
+    ASSERT_EQ(0, SVCIPC_subscribe(client, kPath, "status", &onSignal, &log, &sub));
+    ASSERT_EQ(0, SVCIPC_subscribe(client, kPath, "marker", &onSignal, &marker, &mark));
+    ASSERT_EQ(0, SVCIPC_asyncEmit(conn, "status", "{\"on\":1}", nullptr, nullptr));
+    ASSERT_EQ(0, SVCIPC_asyncEmit(conn, "other", "x", nullptr, nullptr));
+    ASSERT_EQ(0, SVCIPC_asyncEmit(conn, "marker", "1", nullptr, nullptr));
+    ASSERT_TRUE(marker.waitFor(1));
+    EXPECT_EQ(std::vector<std::string>{"status={\"on\":1}"}, log.snapshot());
+
+    // A signal whose first argument is not a string is ignored.
+    RawPeer raw(bus.address());
+    DBusMessage* bad = dbus_message_new_signal(kPath, kName, "status");
+    dbus_int32_t i = 3;
+    dbus_message_append_args(bad, DBUS_TYPE_INT32, &i, DBUS_TYPE_INVALID);
+    dbus_connection_send(raw.conn, bad, nullptr);
+    dbus_message_unref(bad);
+    dbus_connection_flush(raw.conn);
+
+    ASSERT_EQ(0, SVCIPC_unsubscribe(sub));
+    EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_unsubscribe(sub));
+    ASSERT_EQ(0, SVCIPC_asyncEmit(conn, "status", "after", nullptr, nullptr));
+    ASSERT_EQ(0, SVCIPC_asyncEmit(conn, "marker", "2", nullptr, nullptr));
+    ASSERT_TRUE(marker.waitFor(2));
+    EXPECT_EQ(1u, log.snapshot().size());
+}
+
+TEST_F(SvcIpc, OwnerChangesFollowAPeerComingAndGoing)
+{
+    Log log;
+    SVCIPC_tSigSubHnd watch = nullptr;
+    ASSERT_EQ(0, SVCIPC_subscribeOwnerChanged(conn, kName, &onOwner, &log, &watch));
+    SVCIPC_tBool owned = 1;
+    ASSERT_EQ(0, SVCIPC_nameHasOwner(conn, kName, &owned, 0));
+    EXPECT_EQ(0, owned);
+
+    SVCIPC_tConnection peer = privateConnection();
+    Service svc;
+    ASSERT_EQ(0, svc.registerOn(peer));
+    ASSERT_TRUE(log.waitFor(1));
+    ASSERT_EQ(0, SVCIPC_nameHasOwner(conn, kName, &owned, 0));
+    EXPECT_EQ(1, owned);
+    ASSERT_EQ(0, SVCIPC_closeConnection(peer));
+    ASSERT_TRUE(log.waitFor(2));
+
+    std::vector<std::string> seen = log.snapshot();
+    std::string came = seen[0], went = seen[1];
+    std::string unique = came.substr(came.rfind('|') + 1);
+    EXPECT_EQ(std::string(kName) + "||" + unique, came);
+    EXPECT_EQ(':', unique[0]);
+    EXPECT_EQ(std::string(kName) + "|" + unique + "|", went);
+    EXPECT_EQ(0, SVCIPC_unsubscribe(watch));
+}
+
+TEST_F(SvcIpc, BlockingCallsFromCallbacksDoNotDeadlock)
+{
+    // Both services live on the same shared connection: the inner call can only be answered if
+    // the library keeps dispatching while the outer callback blocks.
+    Service inner, outer;
+    outer.onRequest = [&](SVCIPC_tReqContext ctx, const std::string&, const std::string& parms) {
+        SVCIPC_tResponse* resp = nullptr;
+        SVCIPC_tError st = SVCIPC_invoke(conn, "com.quorin.service.Inner", "/inner", "m",
+                                         parms.c_str(), 0, 3000, &resp);
+        std::string text = st == 0 ? std::string("outer+") + resp->result : "failed";
+        if (resp)
+            SVCIPC_freeResponse(resp);
+        SVCIPC_asyncReturnResult(ctx, text.c_str(), nullptr, nullptr);
+        SVCIPC_freeReqContext(ctx);
+    };
+    ASSERT_EQ(0, inner.registerOn(conn, "com.quorin.service.Inner", "/inner"));
+    ASSERT_EQ(0, outer.registerOn(conn));
+    EXPECT_EQ("outer+echo:q", invoke(privateConnection(), "m", "q"));
+
+    // A subscription made from inside a signal callback also returns. (Signals of this
+    // connection come from its earliest registration, "/inner".)
+    Log steps, nested;
+    struct Ctx
+    {
+        SVCIPC_tConnection conn;
+        Log* steps;
+        Log* nested;
+        SVCIPC_tSigSubHnd sub;
+        std::atomic<bool> done{false};
+    } c{conn, &steps, &nested, nullptr};
+    auto cb = [](const char*, const char*, SVCIPC_tUserToken token) {
+        auto* x = static_cast<Ctx*>(token);
+        if (x->done.exchange(true))
+            return;
+        SVCIPC_tError st = SVCIPC_subscribe(x->conn, "/inner", "second", &onSignal, x->nested,
+                                            &x->sub);
+        SVCIPC_tBool owned = 0;
+        SVCIPC_tError st2 = SVCIPC_nameHasOwner(x->conn, kName, &owned, 0);
+        x->steps->add(std::to_string(st) + " " + std::to_string(st2) + " " + std::to_string(owned));
+    };
+    SVCIPC_tSigSubHnd first = nullptr;
+    ASSERT_EQ(0, SVCIPC_subscribe(conn, "/inner", "first", cb, &c, &first));
+    ASSERT_EQ(0, SVCIPC_asyncEmit(conn, "first", "", nullptr, nullptr));
+    ASSERT_TRUE(steps.waitFor(1));
+    EXPECT_EQ("0 0 1", steps.snapshot()[0]);
+    ASSERT_EQ(0, SVCIPC_asyncEmit(conn, "second", "ok", nullptr, nullptr));
+    EXPECT_TRUE(nested.waitFor(1));
+}
+
+TEST_F(SvcIpc, ManyThreadsInvokingAtOnce)
+{
+    Service svc;
+    ASSERT_EQ(0, svc.registerOn(conn));
+    std::atomic<int> good{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 40; ++i) {
+                std::string arg = std::to_string(t) + "/" + std::to_string(i);
+                if (invoke(conn, "m", arg.c_str()) == "echo:" + arg)
+                    ++good;
+            }
+        });
+    }
+    // Asynchronous calls interleaved with the blocking ones on the same connection.
+    Log log;
+    for (int i = 0; i < 40; ++i)
+        ASSERT_EQ(0, SVCIPC_asyncInvoke(conn, kName, kPath, "a", "", 0, 5000, &onResult, &log));
+    for (auto& t : threads)
+        t.join();
+    EXPECT_EQ(8 * 40, good.load());
+    ASSERT_TRUE(log.waitFor(40));
+}
+
+TEST_F(SvcIpc, ABusThatDiesTurnsIntoFailures)
+{
+    Service svc;
+    svc.onRequest = [](SVCIPC_tReqContext ctx, const std::string& method, const std::string&) {
+        if (method == "fast")
+            SVCIPC_asyncReturnResult(ctx, "ok", nullptr, nullptr);
+        SVCIPC_freeReqContext(ctx);
+    };
+    ASSERT_EQ(0, svc.registerOn(conn));
+    SVCIPC_tConnection client = privateConnection();
+
+    std::atomic<bool> stop{false};
+    std::atomic<int> failures{0};
+    std::vector<std::thread> load;
+    for (int t = 0; t < 4; ++t) {
+        load.emplace_back([&] {
+            while (!stop) {
+                SVCIPC_tError st = 0;
+                invoke(client, "fast", "", &st, 20000);
+                if (st != 0) {
+                    ++failures;
+                    std::this_thread::sleep_for(5ms);
+                }
+            }
+        });
+    }
+    Log pending;
+    ASSERT_EQ(0, SVCIPC_asyncInvoke(client, kName, kPath, "slow", "", 0, 20000, &onResult,
+                                    &pending));
+    std::this_thread::sleep_for(200ms);
+    auto killed = std::chrono::steady_clock::now();
+    bus.kill();
+
+    ASSERT_TRUE(pending.waitFor(1, 5000ms));
+    EXPECT_EQ(std::to_string(SVCIPC_ERROR_DISCONNECTED) + "::", pending.snapshot()[0]);
+    while (failures < 20 && std::chrono::steady_clock::now() - killed < 5s)
+        std::this_thread::sleep_for(10ms);
+    stop = true;
+    for (auto& t : load)
+        t.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - killed, 6s);
+    EXPECT_GE(failures.load(), 20);
+
+    EXPECT_LT(SVCIPC_asyncEmit(conn, "s", "", nullptr, nullptr), 0);
+    SVCIPC_tBool owned = 0;
+    EXPECT_EQ(SVCIPC_ERR_DISCONNECTED, SVCIPC_nameHasOwner(client, kName, &owned, 1000));
+    SVCIPC_tSigSubHnd sub = nullptr;
+    EXPECT_EQ(SVCIPC_ERR_DISCONNECTED, SVCIPC_subscribe(conn, kPath, "x", &onSignal, &pending, &sub));
+    EXPECT_EQ(SVCIPC_ERR_DISCONNECTED, SVCIPC_unregisterService(svc.reg));
+    EXPECT_EQ(0, SVCIPC_closeConnection(client));
+    SVCIPC_tConnection again = nullptr;
+    EXPECT_EQ(SVCIPC_ERR_NO_CONNECTION, SVCIPC_getConnection(0, 0, &again));
+}
+
+TEST_F(SvcIpc, StaleAndInvalidHandlesGiveFailures)
+{
+    auto fake = reinterpret_cast<SVCIPC_tConnection>(uintptr_t{0x1234});
+    SVCIPC_tSigSubHnd sub = nullptr;
+    SVCIPC_tResponse* resp = nullptr;
+    SVCIPC_tBool owned = 0;
+    Log log;
+    EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_closeConnection(nullptr));
+    EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_closeConnection(fake));
+    EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_unregisterService(nullptr));
+    EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_unsubscribe(reinterpret_cast<SVCIPC_tSigSubHnd>(conn)));
+    EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_freeReqContext(conn));
+    EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_freeResponse(nullptr));
+    SVCIPC_tResponse notOurs = {"x"};
+    EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_freeResponse(&notOurs));
+
+    // Bad arguments on a good handle.
+    EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_getConnection(7, 0, &fake));
+    EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_invoke(conn, "bad name", "/p", "m", "", 0, 0, &resp));
+    EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_invoke(conn, kName, kPath, "m", "", 0, 0, nullptr));
+    EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_invoke(conn, kName, kPath, "m", "\xff\xfe", 0, 0, &resp));
+    EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_subscribe(conn, kPath, "a.b", &onSignal, &log, &sub));
+    EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_nameHasOwner(conn, kName, nullptr, 0));
+
+    // Everything that hung off a closed connection is stale.
+    Service svc;
+    ASSERT_EQ(0, svc.registerOn(conn));
+    ASSERT_EQ(0, SVCIPC_subscribe(conn, kPath, "s", &onSignal, &log, &sub));
+    ASSERT_EQ(0, SVCIPC_invoke(conn, kName, kPath, "m", "", 0, 0, &resp));
+    ASSERT_EQ(0, SVCIPC_closeConnection(conn));
+    EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_closeConnection(conn));
+    EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_unregisterService(svc.reg));
+    EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_unsubscribe(sub));
+    EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_asyncEmit(conn, "s", "", nullptr, nullptr));
+    EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_nameHasOwner(conn, kName, &owned, 0));
+    EXPECT_EQ(0, SVCIPC_freeResponse(resp));  // replies belong to the caller, not the connection
+    EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_freeResponse(resp));
+
+    // After the last shutdown nothing works until the next initialize.
+    ASSERT_EQ(0, SVCIPC_shutdown());
+    EXPECT_EQ(SVCIPC_ERR_NOT_INITIALIZED, SVCIPC_shutdown());
+    EXPECT_EQ(SVCIPC_ERR_NOT_INITIALIZED, SVCIPC_getConnection(0, 0, &conn));
+    ASSERT_EQ(0, SVCIPC_initialize());
+}
+
+TEST(SvcIpcStatus, FailuresAreNegativeWithSeverityAndCode)
+{
+    for (SVCIPC_tError st : {SVCIPC_ERR_TIMEOUT, SVCIPC_ERR_BAD_HANDLE, SVCIPC_ERR_NO_MEMORY}) {
+        EXPECT_LT(st, 0);
+        EXPECT_TRUE(SVCIPC_IS_ERROR(st));
+        EXPECT_GE(static_cast<uint32_t>(st) >> 30, 2u);
+        EXPECT_STRNE("success", SVCIPC_errorText(st));
+    }
+    EXPECT_EQ(SVCIPC_ERROR_TIMEOUT, SVCIPC_GET_CODE(SVCIPC_ERR_TIMEOUT));
+    EXPECT_FALSE(SVCIPC_IS_ERROR(SVCIPC_MAKE_STATUS(SVCIPC_SEVERITY_INFO, 5)));
+}
+
+}  // namespace
