@@ -1,0 +1,95 @@
+#include "CCBRadio.h"
+#include "V850Peer.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sys/stat.h>
+
+namespace
+{
+    class EnvarsFile : public testing::Test
+    {
+    protected:
+        void SetUp() override
+        {
+            for (const char* name : {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SESSION_BUS_PID", "SVCIPC_DISPATCH_PRIORITY"})
+                ::unsetenv(name);
+            ::mkdir((mPeer.root() + "/tmp").c_str(), 0755);
+        }
+
+        void write(const std::string& text)
+        {
+            std::ofstream(mPeer.root() + "/tmp/envars.sh") << text;
+        }
+
+        static std::string env(const char* name)
+        {
+            const char* value = std::getenv(name);
+            return value ? value : "<unset>";
+        }
+
+        V850Peer mPeer;   // provides the private CBRADIO_ROOT
+        CCBRadio mRadio;
+    };
+}
+
+TEST_F(EnvarsFile, MissingOrEmptyFileMeansNoBus)
+{
+    EXPECT_EQ(0, mRadio.isDbusAvailable(nullptr));
+    write("");
+    EXPECT_EQ(0, mRadio.isDbusAvailable("/tmp/envars.sh"));
+    EXPECT_EQ("<unset>", env("DBUS_SESSION_BUS_ADDRESS"));
+}
+
+TEST_F(EnvarsFile, ExportedQuotedValueCutAtSemicolonLosesItsQuotes)
+{
+    write("export DBUS_SESSION_BUS_ADDRESS='unix:path=/tmp/s';\n"
+          "DBUS_SESSION_BUS_PID=4711; export DBUS_SESSION_BUS_PID\n"
+          "SVCIPC_DISPATCH_PRIORITY=12;\n"
+          "PATH=/nothing/to/see\n");
+    EXPECT_EQ(1, mRadio.isDbusAvailable("/tmp/envars.sh"));
+    EXPECT_EQ("unix:path=/tmp/s", env("DBUS_SESSION_BUS_ADDRESS"));
+    EXPECT_EQ("4711", env("DBUS_SESSION_BUS_PID"));
+    EXPECT_EQ("12", env("SVCIPC_DISPATCH_PRIORITY"));
+}
+
+TEST_F(EnvarsFile, ValueWithoutSemicolonKeepsClosingQuoteAndNewline)
+{
+    write("export DBUS_SESSION_BUS_ADDRESS='unix:path=/tmp/s'\n");
+    EXPECT_EQ(1, mRadio.isDbusAvailable(nullptr));
+    EXPECT_EQ("unix:path=/tmp/s'\n", env("DBUS_SESSION_BUS_ADDRESS"));
+}
+
+TEST_F(EnvarsFile, LastAssignmentWinsAndOtherKeysAloneAreNotEnough)
+{
+    write("DBUS_SESSION_BUS_PID=1;\nSVCIPC_DISPATCH_PRIORITY=3;\n");
+    EXPECT_EQ(0, mRadio.isDbusAvailable(nullptr));
+    EXPECT_EQ("1", env("DBUS_SESSION_BUS_PID"));
+
+    write("DBUS_SESSION_BUS_ADDRESS=unix:path=/a;\nDBUS_SESSION_BUS_ADDRESS=''unix:path=/b'';\n"
+          "DBUS_SESSION_BUS_PID\n");
+    EXPECT_EQ(1, mRadio.isDbusAvailable(nullptr));
+    EXPECT_EQ("unix:path=/b", env("DBUS_SESSION_BUS_ADDRESS"));
+}
+
+TEST(CCBRadio, StartsWithTheDocumentedState)
+{
+    CCBRadio radio;
+    EXPECT_EQ(&radio, CCBRadio::mpCBRadio);
+    EXPECT_STREQ("MERIDOThread", radio.getThreadName());
+    EXPECT_FALSE(radio.mServiceRegistered.load());
+    EXPECT_EQ(nullptr, radio.mpIpcHandler.load());
+    EXPECT_EQ(0xFF, radio.mCBRHWVersion[0].load());
+    EXPECT_EQ(0xFF, radio.mCBRHWVersion[1].load());
+    EXPECT_EQ(0xFF, radio.mCBRSWVersion[0].load());
+    for (int i = 1; i < 15; ++i)
+        EXPECT_EQ(0, radio.mCBRSWVersion[i].load());
+    EXPECT_EQ(1, CCBRadio::mCBRCurrentChannel.load());
+    EXPECT_EQ(8, CCBRadio::mCBRSquelchLevel.load());
+    for (auto& preset : CCBRadio::mCBRPreset)
+        EXPECT_EQ(0, preset.load());
+    EXPECT_EQ(0, CCBRadio::mCBRStatus.load());
+    EXPECT_TRUE(CCBRadio::mAudioManagerServiceAvailStatus.load());
+}

@@ -1,0 +1,102 @@
+#include "CCBRadio.h"
+#include "CDevIpcChannelHandler.h"
+#include "V850Peer.h"
+
+#include <gtest/gtest.h>
+
+namespace
+{
+    // Wake-ups sent before the worker first waits are lost by design; post harmless requests
+    // until one is drained, which proves the worker is now waiting for the next one.
+    void waitUntilWorkerWaits(CCBRadio& radio)
+    {
+        for (int attempt = 0; attempt < 2000; ++attempt) {
+            radio.postRequest(REQ_CBR_RESERVED_0);
+            usleep(1000);
+            radio.mReqMutex.lock();
+            const bool drained = radio.mReqList.empty();
+            radio.mReqMutex.unlock();
+            if (drained)
+                return;
+        }
+        ADD_FAILURE() << "worker never drained the queue";
+    }
+
+    // A service whose worker and V850 channel run against a test peer; tears both down so that
+    // nothing outlives the test.
+    class RunningWorker : public testing::Test
+    {
+    protected:
+        void SetUp() override
+        {
+            sig_exit.store(0);
+            ASSERT_TRUE(mPeer.listen());
+            ASSERT_EQ(1, mRadio.initializeIPCService());
+            ASSERT_TRUE(mPeer.accept());
+            mHandler = mRadio.mpIpcHandler.load();
+            waitUntilWorkerWaits(mRadio);
+        }
+
+        void TearDown() override
+        {
+            sig_exit.store(1);
+            mRadio.postRequest(REQ_CBR_EXIT);
+            EXPECT_EQ(0, mRadio.waitStop());
+            EXPECT_EQ(1, mRadio.deInitializeIPCService());
+            mPeer.closeConnection();   // the reader's next read returns and it sees the stop flag
+            if (mHandler) {
+                mHandler->waitStop();
+                delete mHandler;
+            }
+            sig_exit.store(0);
+        }
+
+        V850Peer mPeer;
+        CCBRadio mRadio;
+        CDevIpcChannelHandler* mHandler = nullptr;
+    };
+}
+
+TEST_F(RunningWorker, QueriesAreWrittenInPostingOrderAndReservedValuesAreSkipped)
+{
+    mRadio.postRequest(REQ_CBR_CHN_SELECT);
+    mRadio.postRequest(REQ_CBR_RESERVED_4);
+    mRadio.postRequest(REQ_CBR_RX_STATUS);
+    EXPECT_EQ((V850Peer::Frame{0x00, 0x01}), mPeer.read());
+    EXPECT_EQ((V850Peer::Frame{0x00, 0x01}), mPeer.read());
+    EXPECT_TRUE(mPeer.read(100).empty());
+    mRadio.mReqMutex.lock();
+    EXPECT_TRUE(mRadio.mReqList.empty());
+    mRadio.mReqMutex.unlock();
+}
+
+TEST_F(RunningWorker, EveryQueryRequestWritesTheSameFrame)
+{
+    for (ERequest r : {REQ_CBR_SET_SQUELCH_LEVEL, REQ_CBR_STOP_SCAN, REQ_CBR_VERSION_INFO, REQ_CBR_ANTENNA_STATUS,
+                       REQ_CBR_ANTENNA_SENSITIVITY, REQ_CBR_TX_STATUS, static_cast<ERequest>(99)})
+        mRadio.postRequest(r);
+    for (int i = 0; i < 6; ++i)
+        EXPECT_EQ((V850Peer::Frame{0x00, 0x01}), mPeer.read()) << i;
+    EXPECT_TRUE(mPeer.read(100).empty());
+}
+
+TEST(CCBRadioWorker, WithoutDeviceQueriesWriteNothingAndTheExitRequestEndsTheWorker)
+{
+    V850Peer noDevice;
+    CCBRadio radio;
+    sig_exit.store(0);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(0, radio.initializeIPCService());
+    EXPECT_EQ("\n[CBRadio] Error opening /dev/ipc/ch6!\n", testing::internal::GetCapturedStderr());
+    EXPECT_EQ(nullptr, radio.mpIpcHandler.load());
+    EXPECT_TRUE(radio.mChannelHandlers.empty());
+
+    waitUntilWorkerWaits(radio);
+    radio.postRequest(REQ_CBR_VERSION_INFO);
+    sig_exit.store(1);
+    radio.postRequest(REQ_CBR_EXIT);
+    EXPECT_EQ(0, radio.waitStop());
+    EXPECT_TRUE(radio.mReqList.empty());   // both drained, nothing written anywhere
+    EXPECT_EQ(1, radio.deInitializeIPCService());
+    sig_exit.store(0);
+}

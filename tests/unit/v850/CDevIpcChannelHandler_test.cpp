@@ -1,0 +1,109 @@
+#include "CDevIpcChannel.h"
+#include "CDevIpcChannelHandler.h"
+#include "IMsgProcessor.h"
+#include "V850Peer.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <fcntl.h>
+#include <mutex>
+#include <thread>
+
+namespace
+{
+    class RecordingProcessor : public IMsgProcessor
+    {
+    public:
+        void processMsg(unsigned char* data, unsigned int length) override
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            mLengths.push_back(length);
+            mFrames.emplace_back(data, data + (length > 128 ? 0 : length));
+            mChanged.notify_all();
+        }
+
+        bool waitForCount(size_t count)
+        {
+            std::unique_lock<std::mutex> lock(mMutex);
+            return mChanged.wait_for(lock, std::chrono::seconds(2), [&] { return mFrames.size() >= count; });
+        }
+
+        std::vector<unsigned int> lengths()
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            return mLengths;
+        }
+
+        std::vector<V850Peer::Frame> frames()
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            return mFrames;
+        }
+
+    private:
+        std::mutex mMutex;
+        std::condition_variable mChanged;
+        std::vector<unsigned int> mLengths;
+        std::vector<V850Peer::Frame> mFrames;
+    };
+}
+
+TEST(CDevIpcChannelHandler, EachReadReachesTheProcessorAsOneFrameAndPeerLossIsNotAFrame)
+{
+    V850Peer peer;
+    ASSERT_TRUE(peer.listen());
+    RecordingProcessor* processor = new RecordingProcessor;
+    CDevIpcChannelHandler handler(processor, "/dev/ipc/ch6");
+    EXPECT_STREQ("/dev/ipc/ch6", handler.getThreadName());
+    ASSERT_EQ(0, handler.trigger());
+    ASSERT_TRUE(peer.accept());
+
+    ASSERT_TRUE(peer.write({0x02, 0x02, 0x05, 0xA0, 0x77}));
+    ASSERT_TRUE(processor->waitForCount(1));
+    ASSERT_TRUE(peer.write({0x09, 0x01, 0x80}));
+    ASSERT_TRUE(processor->waitForCount(2));
+    EXPECT_EQ((std::vector<unsigned int>{5, 3}), processor->lengths());
+    EXPECT_EQ((V850Peer::Frame{0x02, 0x02, 0x05, 0xA0, 0x77}), processor->frames()[0]);
+    EXPECT_EQ((V850Peer::Frame{0x09, 0x01, 0x80}), processor->frames()[1]);
+
+    // Writes from this side arrive as single frames.
+    unsigned char frame[3] = {0x0E, 0x01, 0x01};
+    EXPECT_EQ(3, handler.writeData(frame, 3));
+    EXPECT_EQ((V850Peer::Frame{0x0E, 0x01, 0x01}), peer.read());
+
+    // The peer going away gives reads of 0, which are not handed on; stop ends the reader.
+    handler.stop();
+    peer.closeConnection();
+    EXPECT_EQ(0, handler.waitStop());
+    EXPECT_EQ(2u, processor->lengths().size());
+    EXPECT_EQ(-1, handler.writeData(frame, 3));   // EPIPE, not SIGPIPE
+}
+
+TEST(CDevIpcChannelHandler, MissingDeviceFailsTheTriggerWithoutAThread)
+{
+    V850Peer noDevice;
+    CDevIpcChannelHandler handler(new RecordingProcessor, "/dev/ipc/ch6");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(-1, handler.trigger());
+    EXPECT_EQ("\n[CBRadio] Error opening /dev/ipc/ch6!\n", testing::internal::GetCapturedStderr());
+    EXPECT_EQ(0u, handler.getThreadHandle());
+}
+
+TEST(CDevIpcChannel, FailedReadReportsAndReturnsMinusOne)
+{
+    V850Peer peer;
+    ASSERT_TRUE(peer.listen());
+    CDevIpcChannel channel("/dev/ipc/ch6");
+    ASSERT_EQ(0, channel.openChannel(O_WRONLY));
+    // Put a write-only descriptor in its place: reading it fails with EBADF.
+    int writeOnly = ::open("/dev/null", O_WRONLY);
+    ASSERT_EQ(channel.getDescriptor(), ::dup2(writeOnly, channel.getDescriptor()));
+    ::close(writeOnly);
+    unsigned char buffer[8];
+    testing::internal::CaptureStderr();
+    errno = 0;
+    EXPECT_EQ(-1, channel.readData(buffer, sizeof(buffer)));
+    EXPECT_EQ("\n[CBRadio] Msg reading failed!\n", testing::internal::GetCapturedStderr());
+}
