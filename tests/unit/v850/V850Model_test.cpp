@@ -1,0 +1,135 @@
+#include "V850Command.h"
+#include "V850Model.h"
+
+#include <gtest/gtest.h>
+
+namespace
+{
+    std::vector<V850Frame> answer(V850Model& m, V850Frame frame)
+    {
+        return m.onFrame(frame.data(), frame.size());
+    }
+
+    V850Frame only(const std::vector<V850Frame>& frames)
+    {
+        EXPECT_EQ(1u, frames.size());
+        return frames.empty() ? V850Frame() : frames[0];
+    }
+}
+
+TEST(V850Model, AnswersTheStartFramesLikeTheMicrocontroller)
+{
+    V850Model m;
+    m.setHardwareVersion('A', '7');
+    m.setSoftwareVersion("V1.2");
+    EXPECT_EQ((V850Frame{0x07, 0x02, 'A', '7'}), only(answer(m, {0x07, 0x00})));
+    EXPECT_EQ((V850Frame{0x08, 0x0A, 'V', '1', '.', '2', ' ', ' ', ' ', ' ', ' ', ' '}),
+              only(answer(m, {0x08, 0x00})));
+    EXPECT_EQ((V850Frame{0x0B, 0x01, 0x01}), only(answer(m, {0x0C, 0x01, 0x01})));
+    EXPECT_TRUE(answer(m, {0x00, 0x01}).empty());   // status queries have no answer
+}
+
+TEST(V850Model, ConfirmsValidCommandsAndRefusesOthersWithoutChangingState)
+{
+    V850Model m;
+    EXPECT_EQ((V850Frame{0x01, 0x02, 0x01, 0xA0}), only(answer(m, {0x01, 0x01, 0x01})));
+    EXPECT_EQ((V850Frame{0x02, 0x02, 0x28, 0xA0}), only(answer(m, {0x02, 0x01, 0x28})));
+    EXPECT_EQ((V850Frame{0x02, 0x02, 0x29, 0xA1}), only(answer(m, {0x02, 0x01, 0x29})));
+    EXPECT_EQ((V850Frame{0x02, 0x02, 0x00, 0xA1}), only(answer(m, {0x02, 0x01, 0x00})));
+    EXPECT_EQ((V850Frame{0x03, 0x02, 0x0E, 0xA0}), only(answer(m, {0x03, 0x01, 0x0E})));
+    EXPECT_EQ((V850Frame{0x03, 0x02, 0x0F, 0xA1}), only(answer(m, {0x03, 0x01, 0x0F})));
+    EXPECT_NE(std::string::npos, m.describe().find("channel=40 squelch=14"));
+
+    m.refuseNext(0x55);
+    EXPECT_EQ((V850Frame{0x02, 0x02, 0x05, 0x55}), only(answer(m, {0x02, 0x01, 0x05})));
+    EXPECT_EQ((V850Frame{0x02, 0x02, 0x05, 0xA0}), only(answer(m, {0x02, 0x01, 0x05})));   // one answer only
+    m.refuseNext(0x00);
+    EXPECT_EQ((V850Frame{0x01, 0x02, 0x01, 0x00}), only(answer(m, {0x01, 0x01, 0x00})));   // still on
+}
+
+TEST(V850Model, PttAnswersWithTxRxStatus)
+{
+    V850Model m;
+    EXPECT_EQ((V850Frame{0x0A, 0x02, 0x01, 0x00}), only(answer(m, {0x0E, 0x01, 0x01})));
+    EXPECT_EQ((V850Frame{0x0A, 0x02, 0x00, 0x00}), only(answer(m, {0x0E, 0x01, 0x00})));
+}
+
+TEST(V850Model, MalformedFramesGetNoAnswer)
+{
+    V850Model m;
+    EXPECT_TRUE(answer(m, {}).empty());
+    EXPECT_TRUE(answer(m, {0x07}).empty());
+    EXPECT_TRUE(answer(m, {0x02, 0x01}).empty());            // payload missing
+    EXPECT_TRUE(answer(m, {0x02, 0x01, 0x05, 0xA0}).empty()); // one byte too many
+    EXPECT_TRUE(answer(m, {0x07, 0x01, 0x00}).empty());       // query with a payload
+    EXPECT_TRUE(answer(m, {0x42, 0x00}).empty());
+}
+
+TEST(V850Model, ScanStepsUpwardsWithWrapUntilStoppedOrSwitchedOff)
+{
+    V850Model m;
+    EXPECT_TRUE(m.onScanTick().empty());
+    EXPECT_TRUE(answer(m, {0x04, 0x01, 0x27}).empty());
+    EXPECT_TRUE(m.isScanning());
+    EXPECT_EQ((V850Frame{0x02, 0x02, 0x28, 0xA0}), only(m.onScanTick()));
+    EXPECT_EQ((V850Frame{0x02, 0x02, 0x01, 0xA0}), only(m.onScanTick()));
+    answer(m, {0x05, 0x00});
+    EXPECT_TRUE(m.onScanTick().empty());
+
+    answer(m, {0x01, 0x01, 0x01});
+    answer(m, {0x04, 0x01, 0x05});
+    answer(m, {0x01, 0x01, 0x00});
+    EXPECT_FALSE(m.isScanning());
+}
+
+TEST(V850Command, ReportsBecomeTheirFrames)
+{
+    V850Model m;
+    struct { const char* line; V850Frame frame; } cases[] = {
+        {"sens 255", {0x09, 0x01, 0xFF}},
+        {"hw lost", {0x0F, 0x01, 0x00}},
+        {"hw back", {0x0F, 0x01, 0x01}},
+        {"alert 4", {0x0C, 0x02, 0x01, 0x04}},
+        {"alert 3 0", {0x0C, 0x02, 0x00, 0x03}},
+        {"rx on", {0x0A, 0x02, 0x00, 0x01}},
+        {"tx on", {0x0A, 0x02, 0x01, 0x00}},
+        {"on", {0x01, 0x02, 0x01, 0xA0}},
+        {"channel 0x10", {0x02, 0x02, 0x10, 0xA0}},
+        {"wa off", {0x0B, 0x01, 0x00}},
+        {"raw 02 02 05 a0", {0x02, 0x02, 0x05, 0xA0}},
+        {"frame 09 80  # comment", {0x09, 0x01, 0x80}},
+        {"malformed 3", {0x0C, 0x02, 0x01, 0x08}},
+    };
+    for (auto& c : cases) {
+        V850Command cmd = V850Command::parse(c.line, m);
+        ASSERT_EQ(V850Command::SEND, cmd.kind) << c.line;
+        ASSERT_EQ(1u, cmd.steps.size()) << c.line;
+        EXPECT_EQ(c.frame, cmd.steps[0].frame) << c.line;
+    }
+}
+
+TEST(V850Command, CarrierIsRxOnThenIdleAfterThePause)
+{
+    V850Model m;
+    V850Command c = V850Command::parse("carrier 300", m);
+    ASSERT_EQ(2u, c.steps.size());
+    EXPECT_EQ((V850Frame{0x0A, 0x02, 0x00, 0x01}), c.steps[0].frame);
+    EXPECT_EQ(300, c.steps[0].waitMs);
+    EXPECT_EQ((V850Frame{0x0A, 0x02, 0x00, 0x00}), c.steps[1].frame);
+}
+
+TEST(V850Command, ControlCommandsAndErrors)
+{
+    V850Model m;
+    EXPECT_EQ(V850Command::NONE, V850Command::parse("   # only a comment", m).kind);
+    EXPECT_EQ(1500, V850Command::parse("sleep 1.5", m).number);
+    EXPECT_EQ(V850Command::WAIT, V850Command::parse("wait 20", m).kind);
+    V850Command expect = V850Command::parse("expect 07 00", m);
+    EXPECT_EQ(V850Command::EXPECT, expect.kind);
+    EXPECT_EQ((V850Frame{0x07, 0x00}), expect.pattern);
+    EXPECT_EQ(V850Command::SETTING, V850Command::parse("refuse 5A", m).kind);
+    EXPECT_EQ((V850Frame{0x03, 0x02, 0x04, 0x5A}), only(answer(m, {0x03, 0x01, 0x04})));
+    for (const char* bad : {"wait", "wait -1", "channel 256", "sens x", "raw 123", "frame", "hwver ABC",
+                            "swver 12345678901", "alert", "rx maybe", "bogus"})
+        EXPECT_EQ(V850Command::ERROR, V850Command::parse(bad, m).kind) << bad;
+}
