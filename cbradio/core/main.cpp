@@ -7,9 +7,11 @@
 // options ("--tp=FILE", "--bp", "--nobreak", "--memtrace=N").
 #include "CCBRadio.h"
 
-#include "CJTTraceHelper.h"
+#include "CJTDefaultBinaryTracePersistence.h"
+#include "CJTThreadCtrl.h"
 #include "CJTTraceScope.h"
 #include "CJTTraceScopeDef.h"
+#include "CTraceThread.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -24,6 +26,8 @@ static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_signal_handler_signal_hand
 namespace
 {
     const int MAIN_PRIORITY = 50;
+    // The trace thread ends at most one read time-out after stop(); wait a little longer.
+    const int TRACE_THREAD_JOIN_MS = 3000;
 
     bool runInForeground()
     {
@@ -68,8 +72,11 @@ int main(int argc, char** argv)
     ::signal(SIGTERM, signal_handler);
     ::signal(SIGPIPE, SIG_IGN);
 
-    CJTTraceHelper* traceHelper = CJTTraceHelper::getInstancePtr();
-    traceHelper->initialize(argc, argv, true);
+    CTraceThread::CJTConfig config(argc, argv, "CBRadio", CJTDefaultBinaryTracePersistence::getInstance());
+    CTraceThread* traceThread = new CTraceThread(config);
+    pthread_t traceThreadId = CJTThreadCtrl::startThread(traceThread, false, CJTThreadCtrl::DEFAULTPRIORITY,
+                                                         CJTThreadCtrl::DEFAULTSTACKSIZE);
+    CJTThreadCtrl::setThreadName(traceThreadId, "CBRadioTraceThread");
 
     {
         CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_main_main);
@@ -80,5 +87,10 @@ int main(int argc, char** argv)
         radio.stopService();
         scope.sendFormattedMessage("\n@ ----- Exiting CBRadio Service ----- @\n");
     }
+    traceThread->stop();
+    // A trace thread that does not end in time is left to the process exit rather than deleted
+    // under its feet.
+    if (traceThreadId == 0 || CJTThreadCtrl::join(traceThreadId, TRACE_THREAD_JOIN_MS))
+        delete traceThread;
     return 0;
 }

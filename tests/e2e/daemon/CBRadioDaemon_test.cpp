@@ -1,0 +1,245 @@
+// The real cbradiod against the real v850sim in a private CBRADIO_ROOT, with the trace console on.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace
+{
+    typedef std::chrono::steady_clock Clock;
+
+    std::string buildDir()
+    {
+        const char* dir = std::getenv("CBRADIO_BUILD_DIR");
+        return dir ? dir : ".";
+    }
+
+    std::string readFile(const std::string& path)
+    {
+        std::ifstream in(path);
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
+
+    bool waitUntil(const std::function<bool()>& condition, int timeoutMs)
+    {
+        const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+        while (!condition()) {
+            if (Clock::now() > deadline)
+                return false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return true;
+    }
+
+    bool alive(pid_t pid)
+    {
+        return ::kill(pid, 0) == 0;
+    }
+
+    class HeadUnit : public testing::Test
+    {
+    protected:
+        void SetUp() override
+        {
+            char dir[] = "/tmp/cbradio-e2e-XXXXXX";
+            ASSERT_NE(nullptr, ::mkdtemp(dir));
+            mRoot = dir;
+            std::ofstream(mRoot + "/tp.txt") << "JTTracePersistence 1.1.0\n* 7f 8\n";
+        }
+
+        void TearDown() override
+        {
+            for (pid_t pid : mDetached)
+                ::kill(pid, SIGKILL);
+            for (pid_t pid : mStarted) {
+                if (alive(pid)) {
+                    ::kill(pid, SIGKILL);
+                    ::waitpid(pid, nullptr, 0);
+                }
+            }
+            std::system(("rm -rf '" + mRoot + "'").c_str());
+        }
+
+        // Starts a program with the root prefix set and no bus in its environment; its standard
+        // output and error go to files under the root.
+        pid_t start(const std::vector<std::string>& args, const std::string& name, bool foreground)
+        {
+            pid_t pid = ::fork();
+            if (pid == 0) {
+                ::setenv("CBRADIO_ROOT", mRoot.c_str(), 1);
+                ::unsetenv("DBUS_SESSION_BUS_ADDRESS");
+                if (foreground)
+                    ::setenv("CBRADIO_FOREGROUND", "1", 1);
+                else
+                    ::unsetenv("CBRADIO_FOREGROUND");
+                int in = ::open("/dev/null", O_RDONLY);
+                int out = ::open((mRoot + "/" + name + ".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+                int err = ::open((mRoot + "/" + name + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+                ::dup2(in, 0);
+                ::dup2(out, 1);
+                ::dup2(err, 2);
+                std::vector<char*> argv;
+                for (const std::string& a : args)
+                    argv.push_back(const_cast<char*>(a.c_str()));
+                argv.push_back(nullptr);
+                ::execv(argv[0], argv.data());
+                ::_exit(127);
+            }
+            mStarted.push_back(pid);
+            return pid;
+        }
+
+        pid_t startSimulator()
+        {
+            pid_t pid = start({buildDir() + "/tools/v850sim/v850sim", "--no-stdin", "--log=" + mRoot + "/sim.log"},
+                              "sim", true);
+            EXPECT_TRUE(waitUntil([&] { return ::access((mRoot + "/dev/ipc/ch6").c_str(), F_OK) == 0; }, 3000));
+            return pid;
+        }
+
+        pid_t startDaemon(bool foreground)
+        {
+            return start({buildDir() + "/cbradio/cbradiod", "--tp=" + mRoot + "/tp.txt"}, "daemon", foreground);
+        }
+
+        std::string out(const std::string& name) { return readFile(mRoot + "/" + name + ".out"); }
+        std::string err(const std::string& name) { return readFile(mRoot + "/" + name + ".err"); }
+
+        bool waitForOutput(const std::string& name, const std::string& text, int timeoutMs)
+        {
+            return waitUntil([&] { return out(name).find(text) != std::string::npos; }, timeoutMs);
+        }
+
+        // The worker drops a wake-up that comes before it first waits (by design); a second
+        // signal is harmless, so a test that misses the window simply signals again.
+        void stopWith(pid_t pid, int sig)
+        {
+            ASSERT_TRUE(waitForOutput("daemon", "[CBR run] Req processing thread running...", 5000));
+            for (int attempt = 0; attempt < 3; ++attempt) {
+                ::kill(pid, sig);
+                if (waitForOutput("daemon", "@ ----- Exiting CBRadio Service ----- @", 1500))
+                    break;
+            }
+        }
+
+        // Receive times of the frames the simulator logged from the head unit, by frame text.
+        std::vector<std::pair<double, std::string>> receivedFrames()
+        {
+            std::vector<std::pair<double, std::string>> frames;
+            std::istringstream log(readFile(mRoot + "/sim.log"));
+            std::regex rx(R"(^\s*([0-9.]+) RX (.*)$)");
+            std::smatch m;
+            for (std::string line; std::getline(log, line);)
+                if (std::regex_match(line, m, rx))
+                    frames.emplace_back(std::stod(m[1]), m[2]);
+            return frames;
+        }
+
+        void expectStartFramesOneSecondApart()
+        {
+            ASSERT_TRUE(waitUntil([&] { return receivedFrames().size() >= 3; }, 6000));
+            auto frames = receivedFrames();
+            EXPECT_EQ("07 00", frames[0].second);
+            EXPECT_EQ("08 00", frames[1].second);
+            EXPECT_EQ("0C 01 01", frames[2].second);
+            for (int i = 1; i < 3; ++i) {
+                const double gap = frames[i].first - frames[i - 1].first;
+                EXPECT_GE(gap, 0.95) << i;
+                EXPECT_LE(gap, 1.5) << i;
+            }
+        }
+
+        std::string mRoot;
+        std::vector<pid_t> mStarted;
+        std::vector<pid_t> mDetached;   // daemons that are no children of ours
+    };
+
+    int exitStatus(pid_t pid, int timeoutMs)
+    {
+        int status = -1;
+        waitUntil([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, timeoutMs);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+}
+
+TEST_F(HeadUnit, ForegroundServiceSendsStartFramesTracesToConsoleAndOutlivesTheSimulator)
+{
+    pid_t sim = startSimulator();
+    pid_t daemon = startDaemon(true);
+    ASSERT_TRUE(waitForOutput("daemon", "[CBRadio] Up and Running...", 8000));
+    expectStartFramesOneSecondApart();
+
+    const std::string text = out("daemon");
+    EXPECT_TRUE(std::regex_search(text, std::regex(R"(\[MSG\]@\d+ \(\d+\.\d+\): \[CBRadio\] Up and Running\.\.\.\n)")));
+    EXPECT_TRUE(std::regex_search(text, std::regex(R"(\[-->\]@\d+ \(\d+\.\d+\): CBRadio_main_main\n)")));
+    EXPECT_NE(std::string::npos, text.find("\n[CBR]reqCBR_WA_OnOffRequest WriteOut c 1 1 \n"));
+    EXPECT_NE(std::string::npos, text.find("\n[CBR] initializing State machine...\n"));
+    EXPECT_EQ(std::string::npos, err("daemon").find("Error opening"));
+
+    // The microcontroller going away does not take the service with it.
+    ::kill(sim, SIGTERM);
+    EXPECT_EQ(0, exitStatus(sim, 3000));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_TRUE(alive(daemon));
+
+    stopWith(daemon, SIGTERM);
+    EXPECT_EQ(0, exitStatus(daemon, 5000));
+    EXPECT_NE(std::string::npos, out("daemon").find("[CBRadio] CAUTION!!! - CBRadio Service rcvd signal to exit (15)\n"));
+}
+
+TEST_F(HeadUnit, DaemonDetachesIntoItsOwnSessionAtTheRootDirectory)
+{
+    startSimulator();
+    pid_t parent = startDaemon(false);
+    EXPECT_EQ(0, exitStatus(parent, 2000));   // the parent leaves at once
+
+    ASSERT_TRUE(waitForOutput("daemon", "CBRadio_main_main", 3000));
+    std::smatch m;
+    const std::string text = out("daemon");
+    ASSERT_TRUE(std::regex_search(text, m, std::regex(R"(\[-->\]@\d+ \((\d+)\.\d+\): CBRadio_main_main)")));
+    const pid_t daemon = std::stoi(m[1]);
+    mDetached.push_back(daemon);
+    EXPECT_NE(parent, daemon);
+    EXPECT_EQ(daemon, ::getsid(daemon));
+    char cwd[256] = {};
+    EXPECT_GT(::readlink(("/proc/" + std::to_string(daemon) + "/cwd").c_str(), cwd, sizeof(cwd) - 1), 0);
+    EXPECT_STREQ("/", cwd);
+
+    ASSERT_TRUE(waitForOutput("daemon", "[CBRadio] Up and Running...", 8000));
+    expectStartFramesOneSecondApart();
+    stopWith(daemon, SIGINT);
+    EXPECT_TRUE(waitUntil([&] { return !alive(daemon); }, 5000));
+    EXPECT_NE(std::string::npos, out("daemon").find("rcvd signal to exit (2)\n"));
+}
+
+class NoDeviceNoBus : public HeadUnit, public testing::WithParamInterface<int> {};
+
+TEST_P(NoDeviceNoBus, RunsWithoutRadioAndStopsCleanlyOnTheSignal)
+{
+    pid_t daemon = startDaemon(true);
+    ASSERT_TRUE(waitForOutput("daemon", "[CBRadio] Up and Running...", 3000));
+    EXPECT_NE(std::string::npos, err("daemon").find("\n[CBRadio] Error opening /dev/ipc/ch6!\n"));
+    EXPECT_NE(std::string::npos, out("daemon").find("\n[CBR] Error Opening /dev/ipc/ch6\n"));
+
+    stopWith(daemon, GetParam());
+    EXPECT_EQ(0, exitStatus(daemon, 5000));
+    const std::string text = out("daemon");
+    EXPECT_NE(std::string::npos, text.find("rcvd signal to exit (" + std::to_string(GetParam()) + ")\n"));
+    EXPECT_NE(std::string::npos, text.find("\n[CBR run] exiting Req processing thread...\n"));
+    EXPECT_LT(text.find("[CBR run] exiting"), text.find("@ ----- Exiting CBRadio Service ----- @"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, NoDeviceNoBus, testing::Values(SIGINT, SIGHUP, SIGTERM));
