@@ -180,6 +180,8 @@ uint32_t CJTByteStream::readFromIStream(IJTIStream& in, uint32_t size)
         if (!prepareWrite(chunk))
             break;
         uint32_t got = in.doRead(mBuffer->getBuffer() + mSize, chunk);
+        if (got > chunk) // a source that claims more than it was asked for is not believed
+            got = chunk;
         mSize += got;
         total += got;
         if (got == 0)

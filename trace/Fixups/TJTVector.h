@@ -27,6 +27,8 @@
 template <class T>
 class TJTVector
 {
+    static_assert(!std::is_same<T, bool>::value, "elements are handed out by reference; use uint8_t for flags");
+
 public:
     typedef T* iterator;
     typedef const T* const_iterator;
