@@ -14,13 +14,26 @@
 #include <vector>
 
 // Every death test of this binary re-executes it: the allocator and the handlers are process-wide.
-inline const bool kThreadsafeDeathTests = (GTEST_FLAG_SET(death_test_style, "threadsafe"), true);
+// The flag is set once the flags exist, from a test environment.
+struct ThreadsafeDeathTests : ::testing::Environment
+{
+    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+inline ::testing::Environment* const kThreadsafeDeathTests =
+    ::testing::AddGlobalTestEnvironment(new ThreadsafeDeathTests);
 
 class TempRoot
 {
 public:
     TempRoot()
     {
+        // A death-test child runs the test body again: it keeps the root its parent made.
+        const char* inherited = std::getenv("CBRADIO_ROOT");
+        mOwned = GTEST_FLAG_GET(internal_run_death_test).empty() || inherited == nullptr;
+        if (!mOwned) {
+            mPath = inherited;
+            return;
+        }
         char pattern[] = "/tmp/cbradio-base-XXXXXX";
         if (mkdtemp(pattern) != nullptr)
             mPath = pattern;
@@ -29,6 +42,8 @@ public:
     }
     ~TempRoot()
     {
+        if (!mOwned)
+            return;
         unsetenv("CBRADIO_ROOT");
         JTRootPrefix::reload();
         if (!mPath.empty())
@@ -59,6 +74,7 @@ public:
 
 private:
     std::string mPath;
+    bool mOwned;
 };
 
 #endif
