@@ -1,10 +1,166 @@
 // CCBRadio: the status signals.
+//
+// Every sender publishes one value of the radio state as a compact JSON object (jsoncpp's
+// FastWriter, so the text ends with a newline) through SVCIPC_asyncEmit, with onCompletion and the
+// token "MRDCBRadio". Before registration (and after stop) nothing is emitted and nothing is
+// queued: late clients ask with "getProperties". Senders run on the V850 reader thread or a bus
+// dispatch thread and only read the one-byte state.
 #include "CCBRadio.h"
 
-void CCBRadio::sendCBRadioStatusSignal() {}
-void CCBRadio::sendCBRChannelNumberSignal() {}
-void CCBRadio::sendCBRSquelchLevelSignal() {}
-void CCBRadio::sendCBRReceptionSensitivitySignal() {}
-void CCBRadio::sendCBRHWConnectionStatus() {}
-void CCBRadio::sendCBRRxTxStatusSignal() {}
-void CCBRadio::sendCBRWeatherAlertOnOffStatusSignal() {}
+#include "CJTTraceScope.h"
+#include "CJTTraceScopeDef.h"
+
+#include <json/json.h>
+
+#include <string>
+
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRadioStatusSignal("CBRadio_CCBRadio", "sendCBRadioStatusSignal");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRChannelNumberSignal("CBRadio_CCBRadio", "sendCBRChannelNumberSignal");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRSquelchLevelSignal("CBRadio_CCBRadio", "sendCBRSquelchLevelSignal");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRReceptionSensitivitySignal("CBRadio_CCBRadio", "sendCBRReceptionSensitivitySignal");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRHWConnectionStatus("CBRadio_CCBRadio", "sendCBRHWConnectionStatus");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRRxTxStatusSignal("CBRadio_CCBRadio", "sendCBRRxTxStatusSignal");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRWeatherAlertOnOffStatusSignal("CBRadio_CCBRadio", "sendCBRWeatherAlertOnOffStatusSignal");
+
+namespace
+{
+    const char* const SIGNAL_TOKEN = "MRDCBRadio";
+    const std::memory_order relaxed = std::memory_order_relaxed;
+
+    // Raw reception sensitivity 0..255 as the 0..5 bars the head unit shows: 0 is no signal, then
+    // five bands of 51 values each.
+    int sensitivityBars(unsigned int raw)
+    {
+        return raw == 0 ? 0 : static_cast<int>((raw - 1) / 51 + 1);
+    }
+
+    // True when the bus took the signal.
+    bool emit(CCBRadio* radio, const char* name, const Json::Value& body)
+    {
+        Json::FastWriter writer;
+        const std::string text = writer.write(body);
+        const SVCIPC_tError status =
+            SVCIPC_asyncEmit(radio->mConnection, name, text.c_str(), CCBRadio::onCompletion, SIGNAL_TOKEN);
+        return !SVCIPC_IS_ERROR(status);
+    }
+
+    Json::Value object(const char* key, int value)
+    {
+        Json::Value body(Json::objectValue);
+        body[key] = value;
+        return body;
+    }
+}
+
+void CCBRadio::sendCBRadioStatusSignal()
+{
+    CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRadioStatusSignal);
+    if (!mServiceRegistered.load(relaxed)) {
+        scope.sendFormattedMessage("\n[CBR] sendCBRadioStatusSignal: Service Not initialized\n");
+        return;
+    }
+    const int status = static_cast<unsigned char>(mCBRStatus.load(relaxed));
+    if (!emit(this, "CBRadioStatus", object("Status", status)))
+        scope.sendFormattedMessage("\n[CBR] ERROR emit CBRadioStatus\n");
+    else
+        scope.sendFormattedMessage("\n[CBR] sending CBRadioStatus=%d \n", status);
+}
+
+void CCBRadio::sendCBRChannelNumberSignal()
+{
+    CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRChannelNumberSignal);
+    if (!mServiceRegistered.load(relaxed)) {
+        scope.sendFormattedMessage("\n[CBR] sendCBRChannelNumberSignal: Service Not initialized\n");
+        return;
+    }
+    const int channel = mCBRCurrentChannel.load(relaxed);
+    if (!emit(this, "CBRChannelNumber", object("ChannelNumber", channel)))
+        scope.sendFormattedMessage("\n[CBR] ERROR emit CBRChannelNumber\n");
+    else
+        scope.sendFormattedMessage("\n[CBR] sending CBRChannelNumber=%d \n", channel);
+}
+
+void CCBRadio::sendCBRSquelchLevelSignal()
+{
+    CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRSquelchLevelSignal);
+    if (!mServiceRegistered.load(relaxed)) {
+        scope.sendFormattedMessage("\n[CBR] sendCBRSquelchLevelSignal: Service Not initialized\n");
+        return;
+    }
+    const int level = mCBRSquelchLevel.load(relaxed);
+    if (!emit(this, "CBRSquelchLevel", object("SquelchLevel", level)))
+        scope.sendFormattedMessage("\n[CBR] ERROR emit CBRSquelchLevel\n");
+    else
+        scope.sendFormattedMessage("\n[CBR] sending CBRSquelchLevel=%d \n", level);
+}
+
+void CCBRadio::sendCBRReceptionSensitivitySignal()
+{
+    CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRReceptionSensitivitySignal);
+    if (!mServiceRegistered.load(relaxed)) {
+        scope.sendFormattedMessage("\n[CBR] sendCBRReceptionSensitivitySignal: Service Not initialized\n");
+        return;
+    }
+    const unsigned int raw = mCBRReceptionSensitivity.load(relaxed);
+    if (!emit(this, "CBRReceptionSensitivity", object("Sensitivity", sensitivityBars(raw))))
+        scope.sendFormattedMessage("\n[CBR] ERROR emit CBRReceptionSensitivity\n");
+    else
+        scope.sendFormattedMessage("\n[CBR] sending CBRReceptionSensitivity=%d \n", static_cast<int>(raw));
+}
+
+void CCBRadio::sendCBRHWConnectionStatus()
+{
+    CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRHWConnectionStatus);
+    const int connected = mCBRHWConnectionStatus.load(relaxed);
+    if (connected == 1) {
+        // A freshly connected module is asked for its software version, bus or no bus.
+        mTxBuf[0].store(0x08, relaxed);
+        mTxBuf[1].store(0x00, relaxed);
+        writeTxBuf(2);
+    }
+    if (!mServiceRegistered.load(relaxed)) {
+        scope.sendFormattedMessage("\n[CBR] sendCBRHWConnectionStatus: Service Not initialized\n");
+        return;
+    }
+    if (!emit(this, "CBRHWConnectionStatus", object("HWConnectionStatus", connected)))
+        scope.sendFormattedMessage("\n[CBR] ERROR emit CBRHWConnectionStatus\n");
+    else
+        scope.sendFormattedMessage("\n[CBR] sending CBRHWConnectionStatus=%d \n", connected);
+}
+
+void CCBRadio::sendCBRRxTxStatusSignal()
+{
+    CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRRxTxStatusSignal);
+    if (!mServiceRegistered.load(relaxed)) {
+        // Shares the radio status wording.
+        scope.sendFormattedMessage("\n[CBR] sendCBRadioStatusSignal: Service Not initialized\n");
+        return;
+    }
+    const int rx = mCBRRxStatus.load(relaxed);
+    const int tx = mCBRTxStatus.load(relaxed);
+    Json::Value body(Json::objectValue);
+    body["RxStatus"] = rx;
+    body["TxStatus"] = tx;
+    if (!emit(this, "CBRRxTxStatus", body))
+        scope.sendFormattedMessage("\n[CBR] ERROR emit CBRRxTxStatus\n");
+    else
+        scope.sendFormattedMessage("\n[CBR] sending CBRRxStatus=%d, CBRTxStatus=%d \n", rx, tx);
+}
+
+void CCBRadio::sendCBRWeatherAlertOnOffStatusSignal()
+{
+    CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRWeatherAlertOnOffStatusSignal);
+    if (!mServiceRegistered.load(relaxed)) {
+        scope.sendFormattedMessage("\n[CBR] sendCBRWeatherAlertOnOffStatusSignal: Service Not initialized\n");
+        return;
+    }
+    const int onOff = mCBRWeatherAlertOnOff.load(relaxed);
+    if (!emit(this, "CBRWeatherAlertOnOffStatus", object("weatherAlertOnOffStatus", onOff))) {
+        scope.sendFormattedMessage("\n[CBR] ERROR emit CBRWeatherAlertOnOffStatus\n");
+    } else {
+        // The line names the alert itself, not the on/off value just sent.
+        scope.sendFormattedMessage("\n[CBR] sending weatherAlertStatus=%d, channelNumber=%d \n",
+                                   static_cast<int>(mCBRWeatherAlertStatus.load(relaxed)),
+                                   static_cast<int>(mCBRWeatherAlertChannelNumber.load(relaxed)));
+    }
+}
