@@ -45,8 +45,8 @@ bool JTMutexAccess::unlock(pthread_mutex_t& mutex)
     return pthread_mutex_unlock(&mutex) == 0;
 }
 
-CJTMutex::CJTMutex(bool recursive, ERecursionMode mode)
-    : mMutex(), mCreated(JTMutexAccess::create(mMutex, recursive, mode == RECURSION_FAILS))
+CJTMutex::CJTMutex(bool recursive, int recursionMode)
+    : mMutex(), mCreated(JTMutexAccess::create(mMutex, recursive, recursionMode == RECURSION_FAILS))
 {
 }
 

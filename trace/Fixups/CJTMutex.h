@@ -35,7 +35,7 @@ public:
 
     // recursive: the owner may lock again (and must unlock as often). For a non-recursive mutex the
     // mode says what re-locking by the owner does: wait (default) or fail at once.
-    explicit CJTMutex(bool recursive = false, ERecursionMode mode = RECURSION_DEADLOCKS);
+    explicit CJTMutex(bool recursive = false, int recursionMode = RECURSION_DEADLOCKS);
     ~CJTMutex();
     CJTMutex(const CJTMutex&) = delete;
     CJTMutex& operator=(const CJTMutex&) = delete;
