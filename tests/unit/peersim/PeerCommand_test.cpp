@@ -1,0 +1,136 @@
+// The command language: the cases where a slip would send the wrong thing or swallow a word.
+#include "PeerCommand.h"
+
+#include <gtest/gtest.h>
+
+namespace
+{
+PeerCommand parse(const std::string& line) { return PeerCommand::parse(line); }
+}
+
+TEST(PeerCommand, ServicesAreNamedByNameAliasOrBusNameInAnyCase)
+{
+    for (const char* word : {"AudioManager", "audiomanager", "AUDIO", "com.quorin.service.AudioManager"}) {
+        PeerCommand c = parse(std::string("leave ") + word);
+        ASSERT_EQ(PeerCommand::LEAVE, c.kind) << word << ": " << c.text;
+        ASSERT_EQ(1u, c.peers.size());
+        EXPECT_EQ(Peer::AudioManager, c.peers[0]);
+    }
+    EXPECT_EQ(7u, parse("join all").peers.size());
+    EXPECT_EQ(7u, parse("silent *").peers.size());
+    EXPECT_EQ(PeerCommand::ERROR, parse("leave Radio").kind);
+    EXPECT_EQ(PeerCommand::ERROR, parse("emit all powerMode {}").kind) << "a signal has one sender";
+}
+
+TEST(PeerCommand, DelayTakesAnOptionalMethodBeforeTheMilliseconds)
+{
+    PeerCommand every = parse("delay tts 250");
+    EXPECT_EQ(PeerCommand::DELAY, every.kind);
+    EXPECT_EQ("", every.method);
+    EXPECT_EQ(250, every.number);
+
+    PeerCommand one = parse("delay audio addInterruptSrc 0x10");
+    EXPECT_EQ("addInterruptSrc", one.method);
+    EXPECT_EQ(16, one.number);
+
+    EXPECT_EQ("", parse("delay audio * 5").method);
+    EXPECT_EQ(PeerCommand::ERROR, parse("delay audio -5").kind);
+    EXPECT_EQ(PeerCommand::ERROR, parse("delay audio soon").kind);
+    EXPECT_EQ(PeerCommand::ERROR, parse("delay audio add-src 5").kind);
+    EXPECT_EQ(PeerCommand::ERROR, parse("delay audio m 5 6").kind);
+}
+
+TEST(PeerCommand, AnswerModesCarryTheirErrorNameOrText)
+{
+    PeerCommand fail = parse("fail kv");
+    EXPECT_EQ(PeerCommand::ANSWER, fail.kind);
+    EXPECT_EQ(AnswerMode::FAIL, fail.mode);
+    EXPECT_EQ("org.freedesktop.DBus.Error.Failed", fail.name);
+
+    PeerCommand named = parse("fail kv read com.quorin.Error.Busy  store is busy ");
+    EXPECT_EQ("read", named.method);
+    EXPECT_EQ("com.quorin.Error.Busy", named.name);
+    EXPECT_EQ("store is busy", named.text);
+    EXPECT_EQ(PeerCommand::ERROR, parse("fail kv read Busy").kind) << "error names need a dot";
+    EXPECT_EQ(PeerCommand::ERROR, parse("fail kv read a..b").kind);
+
+    PeerCommand broken = parse("malformed audio * {\"action\": # not closed");
+    EXPECT_EQ(AnswerMode::MALFORMED, broken.mode);
+    EXPECT_EQ("{\"action\": # not closed", broken.text) << "free text keeps its '#'";
+    EXPECT_FALSE(parse("malformed audio").text.empty());
+
+    EXPECT_EQ(AnswerMode::SILENT, parse("silent diag").mode);
+    EXPECT_EQ(AnswerMode::NORMAL, parse("normal all").mode);
+    EXPECT_EQ(PeerCommand::ERROR, parse("silent diag m extra").kind);
+}
+
+TEST(PeerCommand, SignalsTakeTheirValuesAndPayloadsAsTyped)
+{
+    PeerCommand emit = parse("  emit can function_sw_9 {\"Value\": 2}  # rider ");
+    EXPECT_EQ(PeerCommand::EMIT, emit.kind);
+    EXPECT_EQ(Peer::CAN_HMI, emit.peers.at(0));
+    EXPECT_EQ("function_sw_9", emit.name);
+    EXPECT_EQ("{\"Value\": 2}  # rider", emit.text);
+    EXPECT_EQ("", parse("emit can function_sw_9").text);
+    EXPECT_EQ(PeerCommand::ERROR, parse("emit can 9sw {}").kind);
+
+    EXPECT_EQ(2, parse("rider press").number);
+    EXPECT_EQ(0, parse("rider release").number);
+    EXPECT_EQ(1, parse("passenger press").number);
+    EXPECT_EQ(-3, parse("power -3").number);
+    EXPECT_EQ(PeerCommand::ERROR, parse("vox on").kind);
+    EXPECT_EQ(PeerCommand::ERROR, parse("power 99999999999").kind);
+
+    PeerCommand routing = parse("routing unchecked checked");
+    EXPECT_EQ("unchecked", routing.headsetD);
+    EXPECT_EQ("checked", routing.headsetP);
+    EXPECT_EQ("communication", routing.source);
+    EXPECT_EQ("media", parse("routing checked checked media").source);
+    EXPECT_EQ(PeerCommand::ERROR, parse("routing checked").kind);
+
+    PeerCommand interrupt = parse("interrupt removed cbTX");
+    EXPECT_EQ("removed", interrupt.name);
+    EXPECT_EQ("cbTX", interrupt.text);
+    EXPECT_EQ("on", parse("rear on").name) << "the state goes out as typed";
+}
+
+TEST(PeerCommand, ResultsDefaultTheirDescriptionFromTheCode)
+{
+    EXPECT_EQ("success", parse("tts-result 0").text);
+    EXPECT_EQ("failure", parse("tts-result 3").text);
+    PeerCommand described = parse("diag-reply 0 normal mode");
+    EXPECT_EQ(PeerCommand::DIAG_REPLY, described.kind);
+    EXPECT_EQ("normal mode", described.text);
+}
+
+TEST(PeerCommand, KeyValueCommands)
+{
+    PeerCommand set = parse("kv set cbRadioProperties [5, 3, 1,2,3,4,9,40]");
+    EXPECT_EQ(PeerCommand::KV_SET, set.kind);
+    EXPECT_EQ("cbRadioProperties", set.name);
+    EXPECT_EQ("[5, 3, 1,2,3,4,9,40]", set.text);
+    EXPECT_EQ(PeerCommand::KV_GET, parse("kv get k").kind);
+    EXPECT_EQ(PeerCommand::KV_LIST, parse("kv list").kind);
+    EXPECT_EQ(PeerCommand::ERROR, parse("kv set k").kind);
+    EXPECT_EQ(PeerCommand::ERROR, parse("kv get").kind);
+    EXPECT_EQ(PeerCommand::ERROR, parse("kv drop k").kind);
+}
+
+TEST(PeerCommand, PausesCommentsAndJunk)
+{
+    EXPECT_EQ(1500, parse("sleep 1.5").number);
+    EXPECT_EQ(PeerCommand::SLEEP, parse("wait 20").kind);
+    EXPECT_EQ(20, parse("wait 20").number);
+    EXPECT_EQ(PeerCommand::ERROR, parse("sleep -1").kind);
+    EXPECT_EQ(PeerCommand::ERROR, parse("sleep nan").kind);
+    EXPECT_EQ(PeerCommand::ERROR, parse("sleep 1s").kind);
+    EXPECT_EQ(1000, parse("bounce audio").number);
+    EXPECT_EQ(50, parse("bounce audio 50").number);
+
+    EXPECT_EQ(PeerCommand::NONE, parse("").kind);
+    EXPECT_EQ(PeerCommand::NONE, parse("   # a note").kind);
+    EXPECT_EQ(PeerCommand::VOX, parse("vox 1 # voice").kind);
+    EXPECT_EQ(PeerCommand::ERROR, parse("vox 1 2").kind);
+    EXPECT_EQ(PeerCommand::ERROR, parse("launch").kind);
+    EXPECT_NE(std::string::npos, std::string(PeerCommand::helpText()).find("bounce"));
+}

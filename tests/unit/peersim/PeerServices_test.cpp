@@ -1,0 +1,245 @@
+// What the peers answer and announce, and the key-value file behind the store; no bus involved.
+#include "KeyValueFile.h"
+#include "PeerServices.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <unistd.h>
+
+namespace
+{
+std::string tempFolder()
+{
+    char pattern[] = "/tmp/peersim-unit-XXXXXX";
+    const char* dir = ::mkdtemp(pattern);
+    return dir ? dir : "/tmp";
+}
+
+PeerOutcome run(PeerServices& s, const std::string& line) { return s.apply(PeerCommand::parse(line)); }
+
+std::string signalsOf(const PeerAnswer& a)
+{
+    std::string all;
+    for (const PeerSignal& s : a.signals)
+        all += std::string(peerName(s.peer)) + "." + s.name + " " + s.payload + ";";
+    return all;
+}
+
+class PeerServicesTest : public ::testing::Test
+{
+protected:
+    void SetUp() override { folder = tempFolder(); }
+    void TearDown() override { std::system(("rm -rf " + folder).c_str()); }
+    std::string folder;
+};
+}
+
+TEST_F(PeerServicesTest, AudioSourcesAreAddedAndRemovedWithTheirSignal)
+{
+    PeerServices s("");
+    PeerAnswer add = s.onCall(Peer::AudioManager, "addInterruptSrc", "{\"exclusive\":true,\"source\":\"cbRX\"}");
+    EXPECT_EQ(PeerAnswer::REPLY, add.kind);
+    EXPECT_EQ("{\"action\":\"added\",\"source\":\"cbRX\"}", add.text);
+    EXPECT_EQ("AudioManager.interruptSrc {\"action\":\"added\",\"source\":\"cbRX\"};", signalsOf(add));
+
+    PeerAnswer remove = s.onCall(Peer::AudioManager, "removeInterruptSrc", "{\"source\":\"cbTX\"}");
+    EXPECT_EQ("{\"action\":\"removed\",\"source\":\"cbTX\"}", remove.text);
+    EXPECT_EQ("AudioManager.interruptSrc {\"action\":\"removed\",\"source\":\"cbTX\"};", signalsOf(remove));
+
+    run(s, "refuse add");
+    PeerAnswer refused = s.onCall(Peer::AudioManager, "addInterruptSrc", "{\"source\":\"cbTX\"}");
+    EXPECT_EQ("{\"action\":\"not added\",\"source\":\"cbTX\"}", refused.text);
+    EXPECT_TRUE(refused.signals.empty()) << "nothing was added, so nothing is announced";
+    EXPECT_EQ("{\"action\":\"removed\",\"source\":\"cbTX\"}",
+              s.onCall(Peer::AudioManager, "removeInterruptSrc", "{\"source\":\"cbTX\"}").text);
+
+    run(s, "refuse both");
+    EXPECT_EQ("{\"action\":\"not removed\",\"source\":\"cbRX\"}",
+              s.onCall(Peer::AudioManager, "removeInterruptSrc", "{\"source\":\"cbRX\"}").text);
+    run(s, "accept");
+    run(s, "interrupt-signal off");
+    PeerAnswer quiet = s.onCall(Peer::AudioManager, "addInterruptSrc", "{\"source\":\"cbRX\"}");
+    EXPECT_EQ("{\"action\":\"added\",\"source\":\"cbRX\"}", quiet.text);
+    EXPECT_TRUE(quiet.signals.empty());
+
+    EXPECT_EQ(PeerAnswer::ERROR, s.onCall(Peer::AudioManager, "addInterruptSrc", "{\"exclusive\":true}").kind);
+    EXPECT_EQ(PeerAnswer::ERROR, s.onCall(Peer::AudioManager, "addInterruptSrc", "cbRX").kind);
+}
+
+TEST_F(PeerServicesTest, QueriesReportWhatTheLastSignalsSaid)
+{
+    PeerServices s("");
+    const std::string both = "{\"props\":[\"voxDetectedState\",\"audioRoutingStatus\"]}";
+    EXPECT_EQ("{\"audioRoutingStatus\":{\"headset_d\":\"checked\",\"headset_p\":\"unchecked\",\"source\":\"communication\"},"
+              "\"voxDetectedState\":{\"state\":0}}",
+              s.onCall(Peer::AudioManager, "getProperties", both).text);
+
+    PeerOutcome vox = run(s, "vox 1");
+    ASSERT_EQ(1u, vox.signals.size());
+    EXPECT_EQ("voxDetectedState", vox.signals[0].name);
+    EXPECT_EQ("{\"state\":1}", vox.signals[0].payload);
+    PeerOutcome routing = run(s, "routing unchecked checked");
+    ASSERT_EQ(1u, routing.signals.size());
+    EXPECT_EQ("{\"audioRoutingStatus\":{\"headset_d\":\"unchecked\",\"headset_p\":\"checked\",\"source\":\"communication\"}}",
+              routing.signals[0].payload);
+    EXPECT_EQ("{\"voxDetectedState\":{\"state\":1}}",
+              s.onCall(Peer::AudioManager, "getProperties", "{\"props\":[\"voxDetectedState\"]}").text);
+    EXPECT_EQ("{\"audioRoutingStatus\":{\"headset_d\":\"unchecked\",\"headset_p\":\"checked\",\"source\":\"communication\"}}",
+              s.onCall(Peer::AudioManager, "getProperties", "{\"props\":[\"audioRoutingStatus\"]}").text);
+
+    EXPECT_EQ("{\"rearControllerState\":{\"state\":\"ON\"}}",
+              s.onCall(Peer::ModeManager, "getProperties", "{\"props\":[\"rearControllerState\"]}").text);
+    EXPECT_EQ("{\"state\":\"OFF\"}", run(s, "rear OFF").signals.at(0).payload);
+    EXPECT_EQ("{\"rearControllerState\":{\"state\":\"OFF\"}}",
+              s.onCall(Peer::ModeManager, "getProperties", "{\"props\":[\"rearControllerState\"]}").text);
+
+    EXPECT_EQ("{\"value\":4}", run(s, "power 4").signals.at(0).payload);
+    PeerAnswer power = s.onCall(Peer::MERIDOOnOff, "getPowerMode", "");
+    EXPECT_EQ("MERIDOOnOff.powerMode {\"value\":4};", signalsOf(power));
+
+    EXPECT_EQ("{\"status\":1}", run(s, "diag 1").signals.at(0).payload);
+    EXPECT_EQ("{\"code\":0,\"description\":\"success\"}",
+              s.onCall(Peer::DiagnosticService, "reqGetDiagInspectionModeStatus", "").text);
+    run(s, "diag-reply 2 busy");
+    EXPECT_EQ("{\"code\":2,\"description\":\"busy\"}",
+              s.onCall(Peer::DiagnosticService, "reqGetDiagInspectionModeStatus", "").text);
+}
+
+TEST_F(PeerServicesTest, SwitchesAndOtherSignalsHaveTheirMemberNames)
+{
+    PeerServices s("");
+    PeerSignal rider = run(s, "rider press").signals.at(0);
+    EXPECT_EQ(Peer::CAN_HMI, rider.peer);
+    EXPECT_EQ("function_sw_9", rider.name);
+    EXPECT_EQ("{\"Value\":2}", rider.payload);
+    PeerSignal passenger = run(s, "passenger press").signals.at(0);
+    EXPECT_EQ("function_sw_15", passenger.name);
+    EXPECT_EQ("{\"Value\":1}", passenger.payload);
+    EXPECT_EQ("{\"state\":0}", run(s, "tts-available 0").signals.at(0).payload);
+    EXPECT_EQ("{\"action\":\"added\",\"source\":\"cbTX\"}", run(s, "interrupt added cbTX").signals.at(0).payload);
+    EXPECT_EQ("not json", run(s, "emit diag diagInspectionModeStatus not json").signals.at(0).payload);
+}
+
+TEST_F(PeerServicesTest, MicrophonesFollowTheUser)
+{
+    PeerServices s("");
+    EXPECT_EQ("{\"MIC_D\":\"ON\",\"MIC_P\":\"OFF\"}",
+              s.onCall(Peer::AudioManager, "setDeviceState", "{\"device\":\"MIC\",\"state\":\"ON\",\"user\":\"driver\"}").text);
+    EXPECT_EQ("{\"MIC_D\":\"ON\",\"MIC_P\":\"ON\"}",
+              s.onCall(Peer::AudioManager, "setDeviceState", "{\"device\":\"MIC\",\"state\":\"ON\"}").text);
+    EXPECT_EQ(PeerAnswer::ERROR,
+              s.onCall(Peer::AudioManager, "setDeviceState", "{\"device\":{},\"state\":\"ON\"}").kind);
+}
+
+TEST_F(PeerServicesTest, ReadOutsTakeTheirTimeAndCanBeAnsweredWithAnErrorCode)
+{
+    PeerServices s("");
+    const std::string args = "{\"data\":\"tune to 162.475 MHz \",\"dataIsFile\":false,\"readoutType\":\"WEATHER_ALERT\"}";
+    PeerAnswer a = s.onCall(Peer::TextToSpeechService, "ttsReadout", args);
+    EXPECT_EQ("{\"code\":0,\"description\":\"success\"}", a.text);
+    EXPECT_EQ(1500, a.delayMs);
+    EXPECT_EQ("tune to 162.475 MHz ", a.speak);
+
+    run(s, "tts-result 3 engine busy");
+    PeerAnswer busy = s.onCall(Peer::TextToSpeechService, "ttsReadout", args);
+    EXPECT_EQ("{\"code\":3,\"description\":\"engine busy\"}", busy.text);
+    EXPECT_TRUE(busy.speak.empty());
+
+    run(s, "delay tts 0");
+    EXPECT_EQ(0, s.onCall(Peer::TextToSpeechService, "ttsReadout", args).delayMs)
+        << "a delay for every method replaces the read-out's own";
+    EXPECT_EQ(PeerAnswer::ERROR, s.onCall(Peer::TextToSpeechService, "ttsReadout", "{\"data\":5}").kind);
+}
+
+TEST_F(PeerServicesTest, AnswerModesAndDelaysPerServiceAndPerMethod)
+{
+    PeerServices s("");
+    const std::string add = "{\"source\":\"cbRX\"}";
+    run(s, "fail audio addInterruptSrc com.quorin.Error.Busy busy now");
+    PeerAnswer failed = s.onCall(Peer::AudioManager, "addInterruptSrc", add);
+    EXPECT_EQ(PeerAnswer::ERROR, failed.kind);
+    EXPECT_EQ("com.quorin.Error.Busy", failed.errorName);
+    EXPECT_EQ("busy now", failed.errorMessage);
+    EXPECT_TRUE(failed.signals.empty());
+    EXPECT_EQ(PeerAnswer::REPLY, s.onCall(Peer::AudioManager, "removeInterruptSrc", add).kind);
+
+    run(s, "silent audio");
+    PeerAnswer silent = s.onCall(Peer::AudioManager, "addInterruptSrc", add);
+    EXPECT_EQ(PeerAnswer::NONE, silent.kind) << "a setting for every method replaces the per-method one";
+    EXPECT_TRUE(silent.signals.empty());
+
+    run(s, "malformed audio getProperties oops");
+    run(s, "delay audio getProperties 40");
+    PeerAnswer broken = s.onCall(Peer::AudioManager, "getProperties", "{\"props\":[]}");
+    EXPECT_EQ(PeerAnswer::REPLY, broken.kind);
+    EXPECT_EQ("oops", broken.text);
+    EXPECT_EQ(40, broken.delayMs);
+
+    run(s, "normal all");
+    PeerAnswer normal = s.onCall(Peer::AudioManager, "addInterruptSrc", add);
+    EXPECT_EQ(PeerAnswer::REPLY, normal.kind);
+    EXPECT_EQ(1u, normal.signals.size());
+
+    run(s, "silent can");
+    EXPECT_EQ("org.freedesktop.DBus.Error.UnknownMethod", s.onCall(Peer::CAN_HMI, "press", "").errorName)
+        << "a method the service does not have is never silently swallowed";
+}
+
+TEST_F(PeerServicesTest, SettingsSurviveARestartOfTheStore)
+{
+    const std::string file = folder + "/var/lib/peersim/keyvalue.json";
+    {
+        PeerServices s(file);
+        std::string error;
+        ASSERT_TRUE(s.loadStore(error)) << "a missing file is an empty store";
+        EXPECT_EQ("{\"res\":[]}", s.onCall(Peer::PersistentKeyValue, "read", "{\"key\":\"cbRadioProperties\"}").text);
+        EXPECT_EQ("{\"code\":0,\"description\":\"success\"}",
+                  s.onCall(Peer::PersistentKeyValue, "write", "{\"cbRadioProperties\":[5,3,1,2,3,4,9,40]}\n").text);
+        run(s, "silent kv write");
+        s.onCall(Peer::PersistentKeyValue, "write", "{\"cbRadioProperties\":[1,8,0,0,0,0,0,0]}");
+    }
+    PeerServices again(file);
+    std::string error;
+    ASSERT_TRUE(again.loadStore(error)) << error;
+    EXPECT_EQ("{\"res\":[5,3,1,2,3,4,9,40]}",
+              again.onCall(Peer::PersistentKeyValue, "read", "{\"key\":\"cbRadioProperties\"}").text)
+        << "the silent write must not have stored";
+    EXPECT_TRUE(run(again, "kv set other {\"a\": [1]}").ok);
+    EXPECT_FALSE(run(again, "kv set other [1,").ok);
+    EXPECT_EQ("other = {\"a\":[1]}", run(again, "kv get other").message);
+    EXPECT_TRUE(run(again, "kv del other").ok);
+    EXPECT_EQ("other is not stored", run(again, "kv get other").message);
+}
+
+TEST_F(PeerServicesTest, ABrokenStoreFileStartsEmpty)
+{
+    const std::string file = folder + "/keyvalue.json";
+    std::ofstream(file) << "[1,2";
+    KeyValueFile store(file);
+    std::string error;
+    EXPECT_FALSE(store.load(error));
+    EXPECT_NE(std::string::npos, error.find(file));
+    EXPECT_TRUE(store.keys().empty());
+    ASSERT_TRUE(store.set("k", Json::Value(7), error)) << error;
+    KeyValueFile reread(file);
+    ASSERT_TRUE(reread.load(error)) << error;
+    Json::Value v;
+    ASSERT_TRUE(reread.get("k", v));
+    EXPECT_EQ(7, v.asInt());
+}
+
+TEST(KeyValueFile, DefaultPathLiesUnderTheRootPrefix)
+{
+    const char* saved = std::getenv("CBRADIO_ROOT");
+    const std::string keep = saved ? saved : "";
+    ::setenv("CBRADIO_ROOT", "/tmp/hu/", 1);
+    EXPECT_EQ("/tmp/hu/var/lib/peersim/keyvalue.json", KeyValueFile::defaultPath());
+    ::unsetenv("CBRADIO_ROOT");
+    EXPECT_EQ("/var/lib/peersim/keyvalue.json", KeyValueFile::defaultPath());
+    if (saved)
+        ::setenv("CBRADIO_ROOT", keep.c_str(), 1);
+}
