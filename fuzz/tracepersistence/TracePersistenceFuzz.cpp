@@ -34,7 +34,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     FILE* file = fopen(path, "wb");
     if (!file)
         abort();
-    fwrite(data, 1, size, file);
+    if (size > 0)
+        fwrite(data, 1, size, file);
     fclose(file);
 
     CJTTraceScopeManager::getInstance().loadTextPersistence(path);
