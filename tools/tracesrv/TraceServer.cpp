@@ -227,6 +227,16 @@ void TraceServer::readClient(Node& node)
         dropClient(node, "disconnected");
         return;
     }
+    if (n == 4 && (buf[0] | buf[1] << 8 | buf[2] << 16 | static_cast<uint32_t>(buf[3]) << 24) == DEVCTL_GET_VERSION)
+    {
+        // A version request on the node itself (a client asking again while connected).
+        Bytes answer;
+        putU32(answer, 0);
+        for (uint16_t v : mOptions.version)
+            putU16(answer, v);
+        ::send(node.clientFd, answer.data(), answer.size(), MSG_NOSIGNAL);
+        return;
+    }
     Record record;
     std::string why;
     if (!parseRecord(buf, static_cast<size_t>(n), record, &why))
