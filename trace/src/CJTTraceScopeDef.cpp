@@ -42,7 +42,7 @@ CJTString CJTTraceScopeDef::getScopeName() const
 
 int CJTTraceScopeDef::getScopeName(char* buffer, size_t size) const
 {
-    if (!buffer || !mName || size == 0)
+    if (!buffer || !mName)
         return 0;
     if (mScopeName)
         return snprintf(buffer, size, "%s_%s", mName, mScopeName);

@@ -41,7 +41,7 @@ public:
     // The full scope name; empty when the name is null.
     CJTString getScopeName() const;
     // Writes at most size-1 bytes of the full name (zero-terminated) and returns the formatter's
-    // count (the full length); 0 when buffer or name is null or size is 0.
+    // count (the full length); 0 when buffer or name is null.
     int getScopeName(char* buffer, size_t size) const;
 
     const char* getName() const { return mName; }

@@ -44,6 +44,22 @@ TEST(CJTTraceScopeManager, RegistersInOrderAndKeepsIndicesWhenOneLeaves)
     EXPECT_EQ(before + 2, c.getIndex());
 }
 
+TEST(CJTTraceScopeManager, FullScopeNames)
+{
+    CJTTraceScopeDef both("Full_CCBRadio", "run");
+    CJTTraceScopeDef nameOnly("Full_main", nullptr);
+    CJTTraceScopeDef none(nullptr, "run");
+    EXPECT_EQ(CJTString("Full_CCBRadio_run"), both.getScopeName());
+    EXPECT_EQ(CJTString("Full_main"), nameOnly.getScopeName());
+    EXPECT_TRUE(none.getScopeName().isEmpty());
+
+    char buffer[8];
+    EXPECT_EQ(17, both.getScopeName(buffer, sizeof(buffer)));
+    EXPECT_STREQ("Full_CC", buffer);
+    EXPECT_EQ(0, none.getScopeName(buffer, sizeof(buffer)));
+    EXPECT_EQ(0, both.getScopeName(nullptr, 8));
+}
+
 TEST(CJTTraceScopeManager, UnknownIndexGivesTheUnconfigurableDummy)
 {
     uint16_t count = manager().getNumberOfScopes();
