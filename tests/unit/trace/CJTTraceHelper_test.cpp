@@ -138,6 +138,7 @@ TEST(CJTTraceHelper, SystemLogSeverityFollowsTheKind)
         std::lock_guard<std::mutex> guard(gSyslogLock);
         gSyslog.clear();
     }
+    CJTTraceHelper::getInstancePtr();
     JTSyslog::setMirror(syslogMirror);
     CJTTraceScopeDef def("Helper_Slog", "f", 0xFF, 4);
     {

@@ -182,6 +182,7 @@ TEST(CJTTraceScope, HexArrayLines)
 
 TEST(CJTTraceScope, ConsoleLinesGoWholeToTheRightStream)
 {
+    CJTTraceHelper::getInstancePtr();
     CJTTraceScopeDef def("Scope_Console", "f", 2 | 32 | 64, 8);
     CJTTraceScope scope(def);
     std::string pidTid = std::to_string(getpid()) + "." + std::to_string(gettid());
@@ -205,6 +206,7 @@ TEST(CJTTraceScope, ConsoleLinesGoWholeToTheRightStream)
 
 TEST(CJTTraceScope, ConsoleLinesOfManyThreadsNeverInterleave)
 {
+    CJTTraceHelper::getInstancePtr();
     CJTTraceScopeDef def("Scope_Threads", "f", 64, 8);
     const int threads = 4;
     const int lines = 200;
