@@ -1,0 +1,437 @@
+// peersim as the CB radio service meets it: the real binary on a private dbus-daemon, called and
+// listened to through the service-IPC library, driven through its standard input.
+#include "PrivateBus.h"
+#include "svcipc.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <fstream>
+#include <mutex>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace std::chrono_literals;
+
+namespace
+{
+const std::string kPrefix = "com.quorin.service.";
+const std::string kPathPrefix = "/com/quorin/service/";
+
+// One peersim process: commands go to its standard input, its standard output is collected.
+class Peersim
+{
+public:
+    ~Peersim() { stop(); }
+
+    bool start(const std::vector<std::string>& args, const std::string& root)
+    {
+        const char* buildDir = std::getenv("CBRADIO_BUILD_DIR");
+        const std::string exe = std::string(buildDir ? buildDir : ".") + "/tools/peersim/peersim";
+        int in[2], out[2];
+        if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0)
+            return false;
+        mPid = ::fork();
+        if (mPid == 0) {
+            ::dup2(in[0], STDIN_FILENO);
+            ::dup2(out[1], STDOUT_FILENO);
+            ::dup2(out[1], STDERR_FILENO);
+            ::setenv("CBRADIO_ROOT", root.c_str(), 1);
+            std::vector<char*> argv{const_cast<char*>(exe.c_str())};
+            for (const std::string& a : args)
+                argv.push_back(const_cast<char*>(a.c_str()));
+            argv.push_back(nullptr);
+            ::execv(exe.c_str(), argv.data());
+            ::_exit(126);
+        }
+        ::close(in[0]);
+        ::close(out[1]);
+        mIn = in[1];
+        mReader = std::thread([this, fd = out[0]] {
+            char buf[4096];
+            for (ssize_t n; (n = ::read(fd, buf, sizeof(buf))) > 0;) {
+                std::lock_guard<std::mutex> lock(mMutex);
+                mOutput.append(buf, static_cast<size_t>(n));
+                mChanged.notify_all();
+            }
+            ::close(fd);
+        });
+        return waitFor("# ready:", 0);
+    }
+
+    // Sends one command; returns where its output starts, for waitFor().
+    size_t send(const std::string& line)
+    {
+        size_t mark = output().size();
+        std::string text = line + "\n";
+        EXPECT_EQ(static_cast<ssize_t>(text.size()), ::write(mIn, text.data(), text.size()));
+        return mark;
+    }
+
+    // Whether `text` shows up in the output at or after `from` within 10 s.
+    bool waitFor(const std::string& text, size_t from)
+    {
+        std::unique_lock<std::mutex> lock(mMutex);
+        return mChanged.wait_for(lock, 10s, [&] { return mOutput.find(text, from) != std::string::npos; });
+    }
+
+    std::string output()
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mOutput;
+    }
+
+    // SIGTERM and reap; the exit status, or -1.
+    int stop()
+    {
+        if (mPid <= 0)
+            return -1;
+        ::kill(mPid, SIGTERM);
+        int status = 0;
+        ::waitpid(mPid, &status, 0);
+        mPid = -1;
+        ::close(mIn);
+        if (mReader.joinable())
+            mReader.join();
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+private:
+    pid_t mPid = -1;
+    int mIn = -1;
+    std::thread mReader;
+    std::mutex mMutex;
+    std::condition_variable mChanged;
+    std::string mOutput;
+};
+
+// Whatever arrives through the library's callbacks, as text lines.
+struct Seen
+{
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<std::string> lines;
+
+    void add(const std::string& line)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        lines.push_back(line);
+        changed.notify_all();
+    }
+    bool waitFor(const std::string& line)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, 10s, [&] {
+            for (const std::string& l : lines)
+                if (l == line)
+                    return true;
+            return false;
+        });
+    }
+    size_t count()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return lines.size();
+    }
+
+    static void onSignal(const char* name, const char* data, SVCIPC_tUserToken token)
+    {
+        static_cast<Seen*>(token)->add(std::string(name) + " " + data);
+    }
+    static void onOwner(const char* name, const char* oldOwner, const char* newOwner, SVCIPC_tUserToken token)
+    {
+        static_cast<Seen*>(token)->add(std::string(name) + (*oldOwner ? " had owner" : " had none") +
+                                       (*newOwner ? ", has owner" : ", has none"));
+    }
+    static void onResult(const SVCIPC_tCallbackStatus* status, const char* result, SVCIPC_tUserToken token)
+    {
+        static_cast<Seen*>(token)->add("completion " + std::to_string(status->errCode) + " " + result);
+    }
+};
+
+struct Reply
+{
+    SVCIPC_tError status = 0;
+    std::string text;
+    std::string errorName;
+};
+
+class PeersimTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(bus.start()) << bus.error();
+        bus.exportAddress();
+        char pattern[] = "/tmp/peersim-it-XXXXXX";
+        ASSERT_NE(nullptr, ::mkdtemp(pattern));
+        root = pattern;
+        ASSERT_EQ(0, SVCIPC_initialize());
+        ASSERT_EQ(0, SVCIPC_getConnection(SVCIPC_CONNECTION_SESSION, 1, &conn));
+    }
+
+    void TearDown() override
+    {
+        for (SVCIPC_tSigSubHnd s : subscriptions)
+            SVCIPC_unsubscribe(s);
+        SVCIPC_closeConnection(conn);
+        SVCIPC_shutdown();
+        sim.stop();
+        std::string rm = "rm -rf " + root;
+        EXPECT_EQ(0, std::system(rm.c_str()));
+    }
+
+    Reply call(const std::string& peer, const std::string& method, const std::string& params, unsigned timeoutMs = 3000)
+    {
+        Reply r;
+        SVCIPC_tResponse* response = nullptr;
+        r.status = SVCIPC_invoke(conn, (kPrefix + peer).c_str(), (kPathPrefix + peer).c_str(), method.c_str(),
+                                 params.c_str(), 0, timeoutMs, &response);
+        if (response) {
+            r.text = response->result;
+            SVCIPC_freeResponse(response);
+        } else {
+            r.errorName = SVCIPC_getLastErrorName();
+        }
+        return r;
+    }
+
+    void subscribe(const std::string& peer, const char* signal)
+    {
+        SVCIPC_tSigSubHnd h = nullptr;
+        ASSERT_EQ(0, SVCIPC_subscribe(conn, (kPathPrefix + peer).c_str(), signal, Seen::onSignal, &seen, &h));
+        subscriptions.push_back(h);
+    }
+
+    bool hasOwner(const std::string& peer)
+    {
+        SVCIPC_tBool owned = 0;
+        EXPECT_EQ(0, SVCIPC_nameHasOwner(conn, (kPrefix + peer).c_str(), &owned, 0));
+        return owned != 0;
+    }
+
+    PrivateBus bus;
+    std::string root;
+    SVCIPC_tConnection conn = nullptr;
+    std::vector<SVCIPC_tSigSubHnd> subscriptions;
+    Seen seen;
+    Peersim sim;
+};
+}
+
+TEST_F(PeersimTest, EveryPeerAnswersItsMethodsAndFollowsThemWithItsSignals)
+{
+    ASSERT_TRUE(sim.start({"--cmd", "delay tts 0"}, root)) << sim.output();
+    subscribe("AudioManager", "interruptSrc");
+    subscribe("MERIDOOnOff", "powerMode");
+
+    Reply add = call("AudioManager", "addInterruptSrc", "{\"exclusive\":true,\"source\":\"cbTX\"}");
+    EXPECT_EQ(0, add.status);
+    EXPECT_EQ("{\"action\":\"added\",\"source\":\"cbTX\"}", add.text);
+    EXPECT_TRUE(seen.waitFor("interruptSrc {\"action\":\"added\",\"source\":\"cbTX\"}"));
+    EXPECT_EQ("{\"action\":\"removed\",\"source\":\"cbTX\"}",
+              call("AudioManager", "removeInterruptSrc", "{\"source\":\"cbTX\"}").text);
+    EXPECT_TRUE(seen.waitFor("interruptSrc {\"action\":\"removed\",\"source\":\"cbTX\"}"));
+
+    EXPECT_EQ("{\"voxDetectedState\":{\"state\":0}}",
+              call("AudioManager", "getProperties", "{\"props\":[\"voxDetectedState\"]}").text);
+    EXPECT_EQ("{\"audioRoutingStatus\":{\"headset_d\":\"checked\",\"headset_p\":\"unchecked\",\"source\":\"communication\"}}",
+              call("AudioManager", "getProperties", "{\"props\":[\"audioRoutingStatus\"]}").text);
+    EXPECT_EQ("{\"MIC_D\":\"ON\",\"MIC_P\":\"OFF\"}",
+              call("AudioManager", "setDeviceState", "{\"device\":\"MIC\",\"state\":\"ON\",\"user\":\"driver\"}").text);
+    EXPECT_EQ("{\"rearControllerState\":{\"state\":\"ON\"}}",
+              call("ModeManager", "getProperties", "{\"props\":[\"rearControllerState\"]}").text);
+    EXPECT_EQ("{\"code\":0,\"description\":\"success\"}",
+              call("DiagnosticService", "reqGetDiagInspectionModeStatus", "").text);
+    EXPECT_EQ("{\"code\":0,\"description\":\"success\"}",
+              call("TextToSpeechService", "ttsReadout",
+                   "{\"data\":\"weather\",\"dataIsFile\":false,\"readoutType\":\"WEATHER_ALERT\"}").text);
+
+    // The service asks for the power mode without waiting; the answer is the signal.
+    EXPECT_EQ(0, SVCIPC_asyncInvoke(conn, "com.quorin.service.MERIDOOnOff", "/com/quorin/service/MERIDOOnOff",
+                                    "getPowerMode", nullptr, 1, 0, nullptr, nullptr));
+    EXPECT_TRUE(seen.waitFor("powerMode {\"value\":3}"));
+
+    Reply unknown = call("CAN_HMI", "getProperties", "{}");
+    EXPECT_EQ(SVCIPC_ERR_REMOTE, unknown.status);
+    EXPECT_EQ("org.freedesktop.DBus.Error.UnknownMethod", unknown.errorName);
+}
+
+TEST_F(PeersimTest, CommandsEmitEachPeersSignalsOnItsOwnPath)
+{
+    ASSERT_TRUE(sim.start({}, root)) << sim.output();
+    subscribe("AudioManager", "voxDetectedState");
+    subscribe("AudioManager", "audioRoutingStatus");
+    subscribe("TextToSpeechService", "ttsAvailable");
+    subscribe("DiagnosticService", "diagInspectionModeStatus");
+    subscribe("ModeManager", "rearControllerState");
+    subscribe("MERIDOOnOff", "powerMode");
+    subscribe("CAN_HMI", "function_sw_9");
+    subscribe("CAN_HMI", "function_sw_15");
+
+    sim.send("vox 1");
+    sim.send("routing unchecked checked");
+    sim.send("tts-available 0");
+    sim.send("diag 2");
+    sim.send("rear on");
+    sim.send("power 1");
+    sim.send("rider press");
+    sim.send("passenger 2");
+    sim.send("emit can function_sw_9 {\"Value\":");
+    EXPECT_TRUE(seen.waitFor("voxDetectedState {\"state\":1}"));
+    EXPECT_TRUE(seen.waitFor("audioRoutingStatus {\"audioRoutingStatus\":{\"headset_d\":\"unchecked\","
+                             "\"headset_p\":\"checked\",\"source\":\"communication\"}}"));
+    EXPECT_TRUE(seen.waitFor("ttsAvailable {\"state\":0}"));
+    EXPECT_TRUE(seen.waitFor("diagInspectionModeStatus {\"status\":2}"));
+    EXPECT_TRUE(seen.waitFor("rearControllerState {\"state\":\"on\"}"));
+    EXPECT_TRUE(seen.waitFor("powerMode {\"value\":1}"));
+    EXPECT_TRUE(seen.waitFor("function_sw_9 {\"Value\":2}"));
+    EXPECT_TRUE(seen.waitFor("function_sw_15 {\"Value\":2}"));
+    EXPECT_TRUE(seen.waitFor("function_sw_9 {\"Value\":"));
+    EXPECT_EQ(9u, seen.count()) << "each signal reaches only its own subscription";
+
+    // The queries answer what the signals said.
+    EXPECT_EQ("{\"voxDetectedState\":{\"state\":1}}",
+              call("AudioManager", "getProperties", "{\"props\":[\"voxDetectedState\"]}").text);
+    EXPECT_EQ("{\"rearControllerState\":{\"state\":\"on\"}}",
+              call("ModeManager", "getProperties", "{\"props\":[\"rearControllerState\"]}").text);
+}
+
+TEST_F(PeersimTest, SettingsSurviveARestartOfTheSimulator)
+{
+    ASSERT_TRUE(sim.start({}, root)) << sim.output();
+    EXPECT_EQ("{\"res\":[]}", call("PersistentKeyValue", "read", "{\"key\":\"cbRadioProperties\"}").text);
+    // Written the way the service writes: no reply expected, compact text with a newline.
+    ASSERT_EQ(0, SVCIPC_invoke(conn, "com.quorin.service.PersistentKeyValue", "/com/quorin/service/PersistentKeyValue",
+                               "write", "{\"cbRadioProperties\":[5,3,1,2,3,4,9,40]}\n", 1, 0, nullptr));
+    ASSERT_TRUE(sim.waitFor("CALL PersistentKeyValue.write", 0));
+    EXPECT_EQ(0, sim.stop());
+
+    std::ifstream file(root + "/var/lib/peersim/keyvalue.json");
+    ASSERT_TRUE(file.good()) << "the store lies under CBRADIO_ROOT";
+
+    Peersim again;
+    ASSERT_TRUE(again.start({}, root)) << again.output();
+    EXPECT_EQ("{\"res\":[5,3,1,2,3,4,9,40]}", call("PersistentKeyValue", "read", "{\"key\":\"cbRadioProperties\"}").text);
+    size_t mark = again.send("kv get cbRadioProperties");
+    EXPECT_TRUE(again.waitFor("cbRadioProperties = [5,3,1,2,3,4,9,40]", mark));
+}
+
+TEST_F(PeersimTest, SlowFailingMalformedAndSilentAnswers)
+{
+    ASSERT_TRUE(sim.start({}, root)) << sim.output();
+
+    // A read-out takes its 1.5 s unless told otherwise.
+    const std::string readout = "{\"data\":\"x\",\"dataIsFile\":false,\"readoutType\":\"WEATHER_ALERT\"}";
+    EXPECT_EQ(SVCIPC_ERR_TIMEOUT, call("TextToSpeechService", "ttsReadout", readout, 300).status);
+    sim.waitFor("REPLY TextToSpeechService.ttsReadout", 0);
+    size_t mark = sim.send("delay audio getProperties 600");
+    ASSERT_TRUE(sim.waitFor("AudioManager.getProperties after 600 ms", mark));
+    EXPECT_EQ(SVCIPC_ERR_TIMEOUT, call("AudioManager", "getProperties", "{\"props\":[]}", 200).status);
+    EXPECT_EQ("{}", call("AudioManager", "getProperties", "{\"props\":[]}", 5000).text);
+
+    mark = sim.send("fail audio addInterruptSrc com.quorin.Error.Busy audio path busy");
+    ASSERT_TRUE(sim.waitFor("error reply", mark));
+    Reply failed = call("AudioManager", "addInterruptSrc", "{\"exclusive\":true,\"source\":\"cbRX\"}");
+    EXPECT_EQ(SVCIPC_ERR_REMOTE, failed.status);
+    EXPECT_EQ("com.quorin.Error.Busy", failed.errorName);
+    ASSERT_EQ(0, SVCIPC_asyncInvoke(conn, "com.quorin.service.AudioManager", "/com/quorin/service/AudioManager",
+                                    "addInterruptSrc", "{\"source\":\"cbRX\"}", 0, 2000, Seen::onResult, &seen));
+    EXPECT_TRUE(seen.waitFor("completion " + std::to_string(SVCIPC_ERROR_REMOTE) + " "));
+
+    mark = sim.send("malformed diag");
+    ASSERT_TRUE(sim.waitFor("malformed reply", mark));
+    Reply broken = call("DiagnosticService", "reqGetDiagInspectionModeStatus", "");
+    EXPECT_EQ(0, broken.status);
+    EXPECT_EQ("{\"broken\":", broken.text);
+
+    mark = sim.send("silent mode");
+    ASSERT_TRUE(sim.waitFor("no answer", mark));
+    EXPECT_EQ(SVCIPC_ERR_TIMEOUT, call("ModeManager", "getProperties", "{\"props\":[\"rearControllerState\"]}", 300).status);
+    EXPECT_TRUE(sim.waitFor("NO ANSWER ModeManager.getProperties", mark));
+
+    mark = sim.send("normal all");
+    ASSERT_TRUE(sim.waitFor("answers:", mark));
+    EXPECT_EQ("{\"action\":\"added\",\"source\":\"cbRX\"}",
+              call("AudioManager", "addInterruptSrc", "{\"source\":\"cbRX\"}").text);
+    EXPECT_EQ("{\"rearControllerState\":{\"state\":\"ON\"}}",
+              call("ModeManager", "getProperties", "{\"props\":[\"rearControllerState\"]}").text);
+}
+
+TEST_F(PeersimTest, APeerLeavesTheBusAndComesBack)
+{
+    ASSERT_TRUE(sim.start({}, root)) << sim.output();
+    SVCIPC_tSigSubHnd watch = nullptr;
+    ASSERT_EQ(0, SVCIPC_subscribeOwnerChanged(conn, "com.quorin.service.AudioManager", Seen::onOwner, &seen, &watch));
+    subscriptions.push_back(watch);
+    subscribe("AudioManager", "voxDetectedState");
+
+    size_t mark = sim.send("leave audio");
+    ASSERT_TRUE(seen.waitFor("com.quorin.service.AudioManager had owner, has none"));
+    EXPECT_FALSE(hasOwner("AudioManager"));
+    EXPECT_TRUE(hasOwner("ModeManager"));
+    EXPECT_EQ(SVCIPC_ERR_NO_SERVICE, call("AudioManager", "getProperties", "{\"props\":[]}").status);
+    sim.send("vox 1");
+    EXPECT_TRUE(sim.waitFor("AudioManager is not on the bus; voxDetectedState not sent", mark));
+
+    sim.send("join audio");
+    ASSERT_TRUE(seen.waitFor("com.quorin.service.AudioManager had none, has owner"));
+    EXPECT_EQ("{}", call("AudioManager", "getProperties", "{\"props\":[]}").text);
+    sim.send("vox 0");
+    EXPECT_TRUE(seen.waitFor("voxDetectedState {\"state\":0}"));
+    EXPECT_EQ(3u, seen.count()) << "the signal sent while away never arrived";
+
+    sim.send("bounce audio 50");
+    EXPECT_TRUE(sim.waitFor("AudioManager left the bus", mark));
+    EXPECT_TRUE(seen.waitFor("com.quorin.service.AudioManager had owner, has none"));
+    std::unique_lock<std::mutex> lock(seen.mutex);
+    EXPECT_TRUE(seen.changed.wait_for(lock, 10s, [&] { return seen.lines.size() >= 5; }));
+    EXPECT_EQ("com.quorin.service.AudioManager had none, has owner", seen.lines.back());
+}
+
+TEST_F(PeersimTest, OnlyTheNamedPeersScriptsAndTheLogFile)
+{
+    const std::string script = root + "/script.txt", logFile = root + "/peersim.log";
+    std::ofstream(script) << "# a script\nsleep 0.1\npower 4\nunknown words\n";
+    ASSERT_TRUE(sim.start({"--only=AudioManager,power", "--script", script, "--log=" + logFile, "--no-stdin"}, root))
+        << sim.output();
+    EXPECT_TRUE(hasOwner("AudioManager"));
+    EXPECT_TRUE(hasOwner("MERIDOOnOff"));
+    EXPECT_FALSE(hasOwner("PersistentKeyValue"));
+    EXPECT_FALSE(hasOwner("CAN_HMI"));
+    EXPECT_TRUE(sim.waitFor("SIGNAL MERIDOOnOff.powerMode {\"value\":4}", 0));
+    EXPECT_TRUE(sim.waitFor("# error: unknown command 'unknown'", 0));
+    call("AudioManager", "getProperties", "{\"props\":[\"voxDetectedState\"]}");
+
+    // A second simulator cannot take names that are held, and says so.
+    Peersim second;
+    ASSERT_TRUE(second.start({"--only=audio,diag", "--no-stdin"}, root)) << second.output();
+    EXPECT_NE(std::string::npos, second.output().find("com.quorin.service.AudioManager is owned by another connection"));
+    EXPECT_NE(std::string::npos, second.output().find("# ready: DiagnosticService"));
+    second.stop();
+
+    EXPECT_EQ(0, sim.stop());
+    std::ifstream in(logFile);
+    std::stringstream text;
+    text << in.rdbuf();
+    const std::regex stamped("^\\d\\d:\\d\\d:\\d\\d\\.\\d\\d\\d (CALL|REPLY|SIGNAL|#) .*");
+    std::vector<std::string> kinds;
+    for (std::string line; std::getline(text, line);) {
+        EXPECT_TRUE(std::regex_match(line, stamped)) << line;
+        kinds.push_back(line.substr(13, line.find(' ', 13) - 13));
+    }
+    EXPECT_NE(kinds.end(), std::find(kinds.begin(), kinds.end(), "CALL"));
+    EXPECT_NE(kinds.end(), std::find(kinds.begin(), kinds.end(), "REPLY"));
+    EXPECT_NE(kinds.end(), std::find(kinds.begin(), kinds.end(), "SIGNAL"));
+}
