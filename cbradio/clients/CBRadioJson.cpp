@@ -1,0 +1,62 @@
+// CBRadioJson: see the header for the rules.
+#include "CBRadioJson.h"
+
+namespace CBRadioJson
+{
+    bool parseObject(const char* text, Json::Value& root)
+    {
+        root = Json::Value();
+        if (text == nullptr)
+            return false;
+        try {
+            Json::Reader reader;
+            if (!reader.parse(std::string(text), root, false))
+                return false;
+        } catch (const std::exception&) {
+            // The reader gives up on deep nesting by throwing; to the caller it is bad input.
+            root = Json::Value();
+            return false;
+        }
+        return root.isObject();
+    }
+
+    const Json::Value& member(const Json::Value& object, const char* key)
+    {
+        static const Json::Value absent;
+        if (!object.isObject())
+            return absent;
+        const Json::Value* found = object.find(key, key + std::char_traits<char>::length(key));
+        return found != nullptr ? *found : absent;
+    }
+
+    bool readInt(const Json::Value& object, const char* key, int& value)
+    {
+        const Json::Value& v = member(object, key);
+        if (!v.isIntegral() || !v.isConvertibleTo(Json::intValue))
+            return false;
+        value = v.asInt();
+        return true;
+    }
+
+    bool readString(const Json::Value& object, const char* key, std::string& value)
+    {
+        const Json::Value& v = member(object, key);
+        if (!v.isString())
+            return false;
+        value = v.asString();
+        return true;
+    }
+
+    std::string stringOr(const Json::Value& object, const char* key)
+    {
+        std::string value;
+        readString(object, key, value);
+        return value;
+    }
+
+    std::string write(const Json::Value& value)
+    {
+        Json::FastWriter writer;
+        return writer.write(value);
+    }
+}

@@ -1,0 +1,45 @@
+// CBRadioJson: reading and writing the JSON texts the CB radio service exchanges with the other
+// services of the head unit (signal payloads, call replies, call arguments).
+//
+// Payloads come from other processes and are trusted for nothing. jsoncpp throws on input nested
+// too deeply and on conversions of the wrong type (asInt() of a string, operator[] of an array);
+// every function here catches or avoids that, so a caller never sees an exception and never has
+// to convert a value it has not checked.
+//
+// Rules the handlers share:
+//   - A text is usable only when it parses as one JSON object. A null text, text that is not
+//     JSON and JSON that is not an object (a number, an array) are all "parse errors": no member
+//     can be read from them.
+//   - An integer member must be a JSON number with an integral value that fits an int. Booleans,
+//     numeric strings, fractions and out-of-range numbers do not count as integers.
+//   - A text member must be a JSON string; anything else reads as absent.
+// All functions are pure and may be called from any thread.
+#ifndef CBRADIOJSON_H
+#define CBRADIOJSON_H
+
+#include <json/json.h>
+
+#include <string>
+
+namespace CBRadioJson
+{
+    // Parses `text` (comments not kept) into `root`. True only for a JSON object.
+    bool parseObject(const char* text, Json::Value& root);
+
+    // The member `key` of `object`, or a null value when `object` is not an object or lacks it.
+    const Json::Value& member(const Json::Value& object, const char* key);
+
+    // True, with the value, when member `key` is an integer as defined above.
+    bool readInt(const Json::Value& object, const char* key, int& value);
+
+    // True, with the text, when member `key` is a string.
+    bool readString(const Json::Value& object, const char* key, std::string& value);
+
+    // Member `key` as a string; "" when absent or not a string.
+    std::string stringOr(const Json::Value& object, const char* key);
+
+    // The compact form other services expect: one line ending in a newline, members sorted.
+    std::string write(const Json::Value& value);
+}
+
+#endif
