@@ -1,0 +1,567 @@
+// The bus service end to end: the real cbradiod on a private bus, the real v850sim, a service-IPC
+// client calling methods and listening to signals. One head unit per test suite where the tests
+// only need a working radio; the gates get head units of their own.
+#include "HeadUnit.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace
+{
+    const std::string SUCCESS = "{\"code\":0,\"description\":\"success\"}\n";
+    const std::string FAILURE = "{\"code\":1,\"description\":\"failure\"}\n";
+
+    std::string body(const std::string& key, int value)
+    {
+        return "{\"" + key + "\":" + std::to_string(value) + "}\n";
+    }
+
+    class Radio : public testing::Test
+    {
+    protected:
+        static void SetUpTestSuite()
+        {
+            unit = new HeadUnit;
+            ASSERT_TRUE(unit->start()) << unit->error();
+            const size_t mark = unit->signalMark();
+            unit->simulator("hw back");
+            ASSERT_TRUE(waitForSignal("CBRHWConnectionStatus", body("HWConnectionStatus", 1), mark));
+        }
+
+        static void TearDownTestSuite()
+        {
+            delete unit;
+            unit = nullptr;
+        }
+
+        void SetUp() override
+        {
+            ASSERT_NE(nullptr, unit);
+            setRadio(1);
+        }
+
+        // The first signal of that name after `mark` carries exactly `expected`.
+        static testing::AssertionResult waitForSignal(const std::string& name, const std::string& expected,
+                                                      size_t mark, int timeoutMs = 3000)
+        {
+            std::string data;
+            if (!unit->waitForSignal(name, data, mark, timeoutMs))
+                return testing::AssertionFailure() << "no " << name << " signal";
+            if (data != expected)
+                return testing::AssertionFailure() << name << " carried " << data << ", not " << expected;
+            return testing::AssertionSuccess();
+        }
+
+        // The radio state as the V850 reports it on its own (no method involved). Switching off
+        // also sends PTT off to the V850; waiting for it keeps that frame out of the test.
+        static void setRadio(int on)
+        {
+            if (lastRadioStatusIs(on))
+                return;
+            const size_t mark = unit->signalMark();
+            const size_t frames = unit->frameMark();
+            unit->simulator(on ? "on" : "off");
+            ASSERT_TRUE(waitForSignal("CBRadioStatus", body("Status", on), mark));
+            std::string data;
+            if (on) {
+                ASSERT_TRUE(unit->waitForSignal("CBRChannelNumber", data, mark));
+            } else {
+                ASSERT_TRUE(unit->waitForFrame("0E 01 00", frames));
+            }
+        }
+
+        static bool lastRadioStatusIs(int on)
+        {
+            const std::vector<HeadUnit::Signal> all = unit->signals();
+            for (auto it = all.rbegin(); it != all.rend(); ++it)
+                if (it->name == "CBRadioStatus")
+                    return it->data == body("Status", on);
+            return false;
+        }
+
+        static void v850(const std::string& hex)
+        {
+            unit->simulator("raw " + hex);
+        }
+
+        // A sensitivity report, then its trace and its signal: frames are decoded in order and
+        // signals arrive in the order they were sent, so everything before it is through.
+        static void syncDecoder()
+        {
+            static int value = 0;
+            value = (value + 1) % 200 + 1;
+            const size_t mark = unit->traceMark();
+            const size_t signals = unit->signalMark();
+            unit->simulator("sens " + std::to_string(value));
+            ASSERT_TRUE(unit->waitForTrace("CBR_RECEPTION_SENSITIVITY_LEVEL is " + std::to_string(value) + " \n", mark));
+            std::string data;
+            ASSERT_TRUE(unit->waitForSignal("CBRReceptionSensitivity", data, signals));
+        }
+
+        // The call answers failure and the V850 gets nothing: a stop-scan frame written after it
+        // is the first frame the simulator sees.
+        static void expectFailureAndNoFrame(const std::string& method, const std::string& params)
+        {
+            const size_t frames = unit->frameMark();
+            const HeadUnit::Reply reply = unit->call(method, params);
+            ASSERT_TRUE(reply.ok()) << method << " " << params;
+            EXPECT_EQ(FAILURE, reply.text) << method << " " << params;
+            ASSERT_EQ(SUCCESS, unit->call("reqCBRStopScan").text);
+            ASSERT_TRUE(unit->waitForFrame("05 00", frames));
+            EXPECT_EQ(std::vector<std::string>{"05 00"}, unit->framesSince(frames)) << method << " " << params;
+        }
+
+        // Sends a call and expects the frame it writes and the signal the V850's answer leads to.
+        static void expectFrameAndSignal(const std::string& method, const std::string& params,
+                                         const std::string& frame, const std::string& signal,
+                                         const std::string& data)
+        {
+            const size_t frames = unit->frameMark();
+            const size_t signals = unit->signalMark();
+            EXPECT_EQ(SUCCESS, unit->call(method, params).text) << method << " " << params;
+            EXPECT_TRUE(unit->waitForFrame(frame, frames)) << method << " " << params << " should write " << frame;
+            EXPECT_TRUE(waitForSignal(signal, data, signals)) << method << " " << params;
+        }
+
+        static HeadUnit* unit;
+    };
+
+    HeadUnit* Radio::unit = nullptr;
+}
+
+// ---- methods -------------------------------------------------------------------------------
+
+TEST_F(Radio, StateChangeWritesTheFrameAndTheConfirmationPublishesTheRadio)
+{
+    const size_t frames = unit->frameMark();
+    expectFrameAndSignal("reqCBRStateChange", "{\"CBRState\":0}", "01 01 00", "CBRadioStatus", body("Status", 0));
+    EXPECT_TRUE(unit->waitForTrace("\n[CBR] reqCBRStateChange : 0\n"));
+    // Radio off shuts the audio path down, which includes PTT back to receive.
+    EXPECT_TRUE(unit->waitForFrame("0E 01 00", frames));
+
+    const size_t signals = unit->signalMark();
+    expectFrameAndSignal("reqCBRStateChange", "{\"CBRState\":1}", "01 01 01", "CBRadioStatus", body("Status", 1));
+    EXPECT_TRUE(waitForSignal("CBRSquelchLevel", body("SquelchLevel", 8), signals));
+    EXPECT_TRUE(waitForSignal("CBRChannelNumber", body("ChannelNumber", 1), signals));
+
+    for (const char* bad : {"{\"CBRState\":2}", "{\"CBRState\":-1}", "{\"CBRState\":4294967297}",
+                            "{\"CBRState\":99999999999999999999}", "{\"CBRState\":\"1\"}", "{\"CBRState\":true}",
+                            "{\"CBRState\":0.5}", "{\"CBRState\":null}", "{\"CBRState\":[1]}", "{\"state\":1}",
+                            "{}", "", "1", "[{\"CBRState\":1}]", "{\"CBRState\":1", "not json"})
+        expectFailureAndNoFrame("reqCBRStateChange", bad);
+}
+
+TEST_F(Radio, SeekAndSquelchStepFromTheConfirmedValues)
+{
+    size_t signals = unit->signalMark();
+    unit->simulator("channel 40");
+    ASSERT_TRUE(waitForSignal("CBRChannelNumber", body("ChannelNumber", 40), signals));
+    expectFrameAndSignal("reqCBRStartSeek", "{\"seekDirection\":1}", "02 01 01", "CBRChannelNumber",
+                         body("ChannelNumber", 1));
+    expectFrameAndSignal("reqCBRStartSeek", "{\"seekDirection\":0}", "02 01 28", "CBRChannelNumber",
+                         body("ChannelNumber", 40));
+    expectFrameAndSignal("reqCBRStartSeek", "{\"seekDirection\":0}", "02 01 27", "CBRChannelNumber",
+                         body("ChannelNumber", 39));
+    EXPECT_TRUE(unit->traced("\n[CBR] reqCBRStartSeek : 0\n"));
+
+    signals = unit->signalMark();
+    unit->simulator("squelch 13");
+    ASSERT_TRUE(waitForSignal("CBRSquelchLevel", body("SquelchLevel", 13), signals));
+    expectFrameAndSignal("reqCBRAdjustSquelchLevel", "{\"squelchChg\":1}", "03 01 0E", "CBRSquelchLevel",
+                         body("SquelchLevel", 14));
+    expectFrameAndSignal("reqCBRAdjustSquelchLevel", "{\"squelchChg\":0}", "03 01 0D", "CBRSquelchLevel",
+                         body("SquelchLevel", 13));
+    EXPECT_TRUE(unit->traced("\n[CBR] reqCBRAdjustSquelchLevel : 0\n"));
+
+    // A refused change keeps the old value: no signal, the refusal traced.
+    const size_t mark = unit->traceMark();
+    signals = unit->signalMark();
+    unit->simulator("refuse");
+    EXPECT_EQ(SUCCESS, unit->call("reqCBRStartSeek", "{\"seekDirection\":1}").text);
+    EXPECT_TRUE(unit->waitForTrace("\n[CBRadio] [CH6] CBR_CHANNEL_SELECT invalid rspns data or non +ve rspns. "
+                                   "command failed at V850!\n", mark));
+    syncDecoder();
+    for (const HeadUnit::Signal& s : unit->signalsSince(signals))
+        EXPECT_NE("CBRChannelNumber", s.name);
+
+    for (const char* bad : {"{\"seekDirection\":2}", "{\"seekDirection\":-1}", "{\"seekDirection\":\"up\"}", "{}"})
+        expectFailureAndNoFrame("reqCBRStartSeek", bad);
+    for (const char* bad : {"{\"squelchChg\":2}", "{\"squelchChg\":1.5}", "[]"})
+        expectFailureAndNoFrame("reqCBRAdjustSquelchLevel", bad);
+}
+
+TEST_F(Radio, ScanStartsAtTheCurrentChannelAndStops)
+{
+    size_t signals = unit->signalMark();
+    unit->simulator("scan-interval 50");
+    unit->simulator("channel 7");
+    ASSERT_TRUE(waitForSignal("CBRChannelNumber", body("ChannelNumber", 7), signals));
+
+    size_t frames = unit->frameMark();
+    signals = unit->signalMark();
+    EXPECT_EQ(SUCCESS, unit->call("reqCBRStartScan", "ignored").text);
+    EXPECT_TRUE(unit->waitForFrame("04 01 07", frames));
+    EXPECT_TRUE(waitForSignal("CBRChannelNumber", body("ChannelNumber", 8), signals));
+    EXPECT_TRUE(unit->traced("\n[CBR] reqCBRStartScan \n"));
+
+    frames = unit->frameMark();
+    EXPECT_EQ(SUCCESS, unit->call("reqCBRStopScan").text);
+    EXPECT_TRUE(unit->waitForFrame("05 00", frames));
+    EXPECT_TRUE(unit->traced("\n[CBR] reqCBRStopScan\n"));
+}
+
+TEST_F(Radio, PresetsAreStoredInMemorySelectedByFrameAndCleared)
+{
+    const std::string empty =
+        "{\"CBRadioPresetList\":[{\"Channel_number\":0,\"PresetNo\":1},{\"Channel_number\":0,\"PresetNo\":2},"
+        "{\"Channel_number\":0,\"PresetNo\":3},{\"Channel_number\":0,\"PresetNo\":4},"
+        "{\"Channel_number\":0,\"PresetNo\":5},{\"Channel_number\":0,\"PresetNo\":6}]}\n";
+    // Clearing has no reply at all.
+    size_t mark = unit->traceMark();
+    EXPECT_EQ(SVCIPC_ERR_TIMEOUT, unit->call("reqCBRClearPreset", "", 300).status);
+    EXPECT_TRUE(unit->waitForTrace("\n[CBR] reqCBRClearPreset Requested\n", mark));
+    EXPECT_EQ(empty, unit->call("reqCBRGetPresetList").text);
+
+    EXPECT_EQ(SUCCESS, unit->call("reqCBRStorePreset", "{\"channelNumber\":40,\"presetNo\":6}").text);
+    EXPECT_EQ(SUCCESS, unit->call("reqCBRStorePreset", "{\"presetNo\":1,\"channelNumber\":1}").text);
+    for (const char* bad : {"{\"channelNumber\":12,\"presetNo\":7}", "{\"channelNumber\":0,\"presetNo\":2}",
+                            "{\"channelNumber\":41,\"presetNo\":2}", "{\"channelNumber\":12,\"presetNo\":0}",
+                            "{\"channelNumber\":12}", "{\"channelNumber\":12,\"PresetNo\":2}",
+                            "{\"channelNumber\":268,\"presetNo\":2}"})
+        EXPECT_EQ(FAILURE, unit->call("reqCBRStorePreset", bad).text) << bad;
+    EXPECT_TRUE(unit->traced("\n[CBR] reqCBRStorePreset result code : 1\n"));
+    EXPECT_EQ("{\"CBRadioPresetList\":[{\"Channel_number\":1,\"PresetNo\":1},{\"Channel_number\":0,\"PresetNo\":2},"
+              "{\"Channel_number\":0,\"PresetNo\":3},{\"Channel_number\":0,\"PresetNo\":4},"
+              "{\"Channel_number\":0,\"PresetNo\":5},{\"Channel_number\":40,\"PresetNo\":6}]}\n",
+              unit->call("reqCBRGetPresetList").text);
+
+    expectFrameAndSignal("reqCBRSelectPreset", "{\"PresetNo\":6}", "02 01 28", "CBRChannelNumber",
+                         body("ChannelNumber", 40));
+    EXPECT_TRUE(unit->traced("\n[CBR] reqCBRSelectPreset : 640\n"));
+    // An empty preset selects channel 0, which the V850 refuses.
+    size_t frames = unit->frameMark();
+    EXPECT_EQ(SUCCESS, unit->call("reqCBRSelectPreset", "{\"PresetNo\":3}").text);
+    EXPECT_TRUE(unit->waitForFrame("02 01 00", frames));
+    for (const char* bad : {"{\"PresetNo\":7}", "{\"PresetNo\":0}", "{\"presetNo\":1}"})
+        expectFailureAndNoFrame("reqCBRSelectPreset", bad);
+
+    // Clearing resets channel and squelch in memory only: nothing to the V850, no signal.
+    size_t signals = unit->signalMark();
+    unit->simulator("squelch 3");
+    ASSERT_TRUE(waitForSignal("CBRSquelchLevel", body("SquelchLevel", 3), signals));
+    frames = unit->frameMark();
+    signals = unit->signalMark();
+    mark = unit->traceMark();
+    unit->call("reqCBRClearPreset", "", 300);
+    ASSERT_TRUE(unit->waitForTrace("\n[CBR] reqCBRClearPreset Requested\n", mark));
+    EXPECT_EQ(empty, unit->call("reqCBRGetPresetList").text);
+    EXPECT_EQ(SUCCESS, unit->call("getProperties", "{\"props\":\"CBRChannelNumber\"}").text);
+    EXPECT_EQ(SUCCESS, unit->call("getProperties", "{\"props\":\"CBRSquelchLevel\"}").text);
+    ASSERT_TRUE(waitForSignal("CBRChannelNumber", body("ChannelNumber", 1), signals));
+    ASSERT_TRUE(waitForSignal("CBRSquelchLevel", body("SquelchLevel", 8), signals));
+    EXPECT_EQ(2u, unit->signalsSince(signals).size());
+    EXPECT_TRUE(unit->framesSince(frames).empty());
+}
+
+TEST_F(Radio, VersionsComeFromTheV850AndFallThroughToTheRadioMethods)
+{
+    EXPECT_EQ("{\"CBRadioHWVersion\":\"10\",\"code\":0,\"description\":\"success\"}\n",
+              unit->call("reqCBRHWVersion").text);
+    EXPECT_EQ("{\"CBRadioSWVersion\":\"SW01.02.03\",\"code\":0,\"description\":\"success\"}\n",
+              unit->call("reqCBRSWVersion").text);
+    // With the data initialised the version methods end as unknown radio methods.
+    EXPECT_TRUE(unit->waitForTrace("\n[CBR] Method [reqCBRHWVersion] Not Implemented\n"));
+    EXPECT_TRUE(unit->waitForTrace("\n[CBR] Method [reqCBRSWVersion] Not Implemented\n"));
+
+    // New versions: a one-character hardware version, and a software version frame whose 15 copied
+    // bytes run past its declared ten; the reply shows 14.
+    v850("07 02 39 00");
+    v850("08 0A 41 42 43 44 45 46 47 48 49 4A 4B 4C 4D 4E 4F");
+    syncDecoder();
+    EXPECT_EQ("{\"CBRadioHWVersion\":\"9\",\"code\":0,\"description\":\"success\"}\n",
+              unit->call("reqCBRHWVersion").text);
+    EXPECT_EQ("{\"CBRadioSWVersion\":\"ABCDEFGHIJKLMN\",\"code\":0,\"description\":\"success\"}\n",
+              unit->call("reqCBRSWVersion").text);
+    // Wrong lengths keep the old versions.
+    size_t mark = unit->traceMark();
+    v850("07 01 31 31");
+    v850("08 09 31 31 31 31 31 31 31 31 31 31");
+    syncDecoder();
+    EXPECT_TRUE(unit->traced("\n[CBRadio] [CH6] CBR_HARDWARE_VERSION invalid Length !!!\n", mark));
+    EXPECT_TRUE(unit->traced("\n[CBRadio] [CH6] CBR_SOFTWARE_VERSION invalid Length !!!\n", mark));
+    EXPECT_EQ("{\"CBRadioHWVersion\":\"9\",\"code\":0,\"description\":\"success\"}\n",
+              unit->call("reqCBRHWVersion").text);
+
+    // Unknown names get no reply, only the trace; the no-reply flag is traced.
+    mark = unit->traceMark();
+    EXPECT_EQ(SVCIPC_ERR_TIMEOUT, unit->call("reqCBRFlyToTheMoon", "{}", 300).status);
+    EXPECT_TRUE(unit->traced("\n[CBR handleCBRadioRequest] : method[reqCBRFlyToTheMoon] nReply[0]!!!\n", mark));
+    EXPECT_TRUE(unit->traced("\n[CBR] Method [reqCBRFlyToTheMoon] Not Implemented\n", mark));
+    SVCIPC_invoke(unit->client(), HeadUnit::kServiceName, HeadUnit::kServicePath, "reqCBRStopScan", "", 1, 0, nullptr);
+    EXPECT_TRUE(unit->waitForTrace("method[reqCBRStopScan] nReply[1]!!!\n", mark));
+}
+
+TEST_F(Radio, GetPropertiesEmitsTheNamedSignal)
+{
+    struct Case
+    {
+        const char* props;
+        const char* signal;
+    };
+    const Case cases[] = {{"CBRadioStatus", "CBRadioStatus"},
+                          {"CBRChannelNumber", "CBRChannelNumber"},
+                          {"CBRSquelchLevel", "CBRSquelchLevel"},
+                          {"CBRReceptionSensitivityStatus", "CBRReceptionSensitivity"},
+                          {"CBRHWConnectionStatus", "CBRHWConnectionStatus"},
+                          {"CBRWeatherAlertOnOffStatus", "CBRWeatherAlertOnOffStatus"}};
+    for (const Case& c : cases) {
+        const size_t signals = unit->signalMark();
+        EXPECT_EQ(SUCCESS, unit->call("getProperties", std::string("{\"props\":\"") + c.props + "\"}").text);
+        std::string data;
+        EXPECT_TRUE(unit->waitForSignal(c.signal, data, signals)) << c.props;
+    }
+    // The hardware status query also asks a connected module for its software version.
+    size_t frames = unit->frameMark();
+    unit->call("getProperties", "{\"props\":\"CBRHWConnectionStatus\"}");
+    EXPECT_TRUE(unit->waitForFrame("08 00", frames));
+
+    for (const char* bad : {"{\"props\":\"CBRReceptionSensitivity\"}", "{\"props\":\"cbradiostatus\"}",
+                            "{\"props\":1}", "{\"prop\":\"CBRadioStatus\"}", "\"CBRadioStatus\""})
+        EXPECT_EQ(FAILURE, unit->call("getProperties", bad).text) << bad;
+
+    // Sensitivity is published as bars of 51 raw steps.
+    const int bars[][2] = {{0, 0}, {1, 1}, {51, 1}, {52, 2}, {153, 3}, {154, 4}, {204, 4}, {205, 5}, {255, 5}};
+    for (const auto& b : bars) {
+        const size_t signals = unit->signalMark();
+        unit->simulator("sens " + std::to_string(b[0]));
+        EXPECT_TRUE(waitForSignal("CBRReceptionSensitivity", body("Sensitivity", b[1]), signals)) << b[0];
+    }
+    EXPECT_TRUE(unit->traced("\n[CBR] sending CBRReceptionSensitivity=205 \n"));
+}
+
+// ---- the decoder ---------------------------------------------------------------------------
+
+TEST_F(Radio, DecoderRefusesMalformedReportsWithTheirTrace)
+{
+    struct Case
+    {
+        const char* frame;
+        const char* trace;
+    };
+    const Case cases[] = {
+        {"02 01 05", "\n[CBRadio] [CH6] CBR_CHANNEL_SELECT response data length 1 is improper!\n"},
+        {"02 02 05 00", "\n[CBRadio] [CH6] CBR_CHANNEL_SELECT invalid rspns data or non +ve rspns. command failed at V850!\n"},
+        {"02 02 29 A0", "\n[CBRadio] [CH6] CBR_CHANNEL_SELECT invalid rspns data or non +ve rspns. command failed at V850!\n"},
+        {"03 03 05 A0 00", "\n[CBRadio] [CH6] CBR_SET_SQUELCH_LEVEL response data length 3 is improper!\n"},
+        {"03 02 0F A0", "\n[CBRadio] [CH6] CBR_SET_SQUELCH_LEVEL invalid rspns data or non +ve rspns. command failed at V850!\n"},
+        {"09 02 10 10", "\n[CBRadio] [CH6] CBR_RECEPTION_SENSITIVITY_LEVEL response data length 2 is improper!\n"},
+        {"0F 02 01 01", "\n[CBRadio] [CH6] CBR_HW_CONNECTION_STATUS response data length 2 is improper!\n"},
+        {"0F 01 02", "\n[CBRadio] [CH6] CBR_HW_CONNECTION_STATUS invalid response data or non +ve rspns. command failed at V850!\n"},
+        {"0B 00", "\n[CBRadio] [CH6] CBR_WEATHER_ALERT_ON_OFF_STATUS response data length 0 is improper!\n"},
+        {"0B 01 02", "\n[CBRadio] [CH6] CBR_WEATHER_ALERT_ON_OFF_STATUS invalid data or command failed at V850!\n"},
+        {"0C 01 01", "\n[CBRadio] [CH6] CBR_WEATHER_ALERT_STATUS response data length 1 is improper!\n"},
+        {"0C 02 01 08", "\n[CBRadio CH6] CBR_WEATHER_ALERT_STATUS invalid rspns Status = 1, CH_Num = 8\n"},
+        {"0C 02 02 03", "\n[CBRadio CH6] CBR_WEATHER_ALERT_STATUS invalid rspns Status = 2, CH_Num = 3\n"},
+        {"0A 02 02 00", "\n[CBRadio] [CH6] CBR_TX_RX_STATUS invalid rspns data or non +ve rspns. command failed at V850!\n"},
+        {"0A 01 00", "\n[CBRadio] [CH6] CBR_TX_RX_STATUS response data length 1 is improper!\n"},
+    };
+    for (const Case& c : cases) {
+        const size_t mark = unit->traceMark();
+        const size_t signals = unit->signalMark();
+        v850(c.frame);
+        syncDecoder();
+        EXPECT_TRUE(unit->traced(c.trace, mark)) << c.frame;
+        const std::vector<HeadUnit::Signal> after = unit->signalsSince(signals);
+        EXPECT_EQ(1u, after.size()) << c.frame << ": only the sensitivity of the sync frame";
+    }
+
+    // Ids without a meaning for the service: only the arrival line.
+    const size_t mark = unit->traceMark();
+    for (const char* frame : {"00 00", "04 01 05", "05 00", "0D 01 01", "0E 01 01", "10 01 01", "FF 00"})
+        v850(frame);
+    syncDecoder();
+    EXPECT_EQ(8u, unit->traceCount("\n[CBRadio] [CH6] Received the data from IPC Channel !!!\n", mark));
+    EXPECT_EQ(1u, unit->traceCount("\n[CBRadio] [CH6] CBR_", mark));
+}
+
+TEST_F(Radio, WhileTheRadioIsOffChannelSquelchAndTxRxReportsAreDropped)
+{
+    setRadio(0);
+    const size_t mark = unit->traceMark();
+    const size_t signals = unit->signalMark();
+    for (const char* frame : {"02 02 05 A0", "02 01 05", "03 02 04 A0", "0A 02 00 00", "0A 02 05 05"})
+        v850(frame);
+    syncDecoder();
+    EXPECT_FALSE(unit->traced("CBR_CHANNEL_SELECT", mark));
+    EXPECT_FALSE(unit->traced("CBR_SET_SQUELCH_LEVEL", mark));
+    EXPECT_FALSE(unit->traced("CBR_TX_RX_STATUS", mark));
+    EXPECT_EQ(1u, unit->signalsSince(signals).size());
+
+    // The transmit switch needs the radio on: an empty result, nothing to the V850.
+    size_t frames = unit->frameMark();
+    EXPECT_EQ("", unit->call("reqCBRChangeRxToTx").text);
+    EXPECT_EQ("", unit->call("reqCBRChangeTxToRx").text);
+    EXPECT_TRUE(unit->traced("\n[CBR] reqCBRChangeRxToTx\n", mark));
+    EXPECT_FALSE(unit->traced("writeData done", mark));
+    EXPECT_TRUE(unit->framesSince(frames).empty());
+
+    setRadio(1);
+    const size_t on = unit->signalMark();
+    v850("02 02 05 A0");
+    EXPECT_TRUE(waitForSignal("CBRChannelNumber", body("ChannelNumber", 5), on));
+}
+
+TEST_F(Radio, TransmitAndReceiveFollowThePushToTalkAndTheV850)
+{
+    // Receive to transmit: PTT on to the V850, which reports Tx 1; outside inspection mode the
+    // head unit hears only of the return to idle.
+    size_t frames = unit->frameMark();
+    size_t signals = unit->signalMark();
+    size_t mark = unit->traceMark();
+    EXPECT_EQ(SUCCESS, unit->call("reqCBRChangeRxToTx").text);
+    EXPECT_TRUE(unit->waitForFrame("0E 01 01", frames));
+    EXPECT_TRUE(unit->waitForTrace("\n[CBRadio] [CH6] CBR_TX_STATUS is 1 \n", mark));
+    EXPECT_TRUE(unit->traced("\n[CBR] reqCBRChangeRxToTx writeData done \n", mark));
+    syncDecoder();
+    for (const HeadUnit::Signal& s : unit->signalsSince(signals))
+        EXPECT_NE("CBRRxTxStatus", s.name);
+
+    // Without an audio manager the transmit source is never granted, so there is nothing to undo.
+    frames = unit->frameMark();
+    EXPECT_EQ("", unit->call("reqCBRChangeTxToRx").text);
+    EXPECT_TRUE(unit->waitForTrace("\n[CBR] reqCBRChangeTxToRx\n", mark));
+
+    // Receiving gives no report either; the return to idle does.
+    signals = unit->signalMark();
+    v850("0A 02 00 01");
+    syncDecoder();
+    v850("0A 02 00 00");
+    EXPECT_TRUE(waitForSignal("CBRRxTxStatus", "{\"RxStatus\":0,\"TxStatus\":0}\n", signals));
+    EXPECT_EQ(2u, unit->signalsSince(signals).size()) << "the sync's sensitivity and the idle report";
+    EXPECT_TRUE(unit->traced("\n[CBR] sending CBRRxStatus=0, CBRTxStatus=0 \n", mark));
+
+    // Hardware lost shuts the audio path down like radio off: PTT back to receive.
+    frames = unit->frameMark();
+    signals = unit->signalMark();
+    unit->simulator("hw lost");
+    EXPECT_TRUE(waitForSignal("CBRHWConnectionStatus", body("HWConnectionStatus", 0), signals));
+    EXPECT_TRUE(unit->waitForFrame("0E 01 00", frames));
+    signals = unit->signalMark();
+    frames = unit->frameMark();
+    unit->simulator("hw back");
+    EXPECT_TRUE(waitForSignal("CBRHWConnectionStatus", body("HWConnectionStatus", 1), signals));
+    EXPECT_TRUE(unit->waitForFrame("08 00", frames));
+}
+
+TEST_F(Radio, WeatherAlertSwitchAndReports)
+{
+    size_t signals = unit->signalMark();
+    expectFrameAndSignal("reqCBRWeatherAlertOnOff", "{\"CBRWAState\":0}", "0C 01 00", "CBRWeatherAlertOnOffStatus",
+                         body("weatherAlertOnOffStatus", 0));
+    // While alerts are off a valid alert is dropped without a word.
+    size_t mark = unit->traceMark();
+    v850("0C 02 01 03");
+    syncDecoder();
+    EXPECT_FALSE(unit->traced("CBR_WEATHER_ALERT_STATUS", mark));
+
+    expectFrameAndSignal("reqCBRWeatherAlertOnOff", "{\"CBRWAState\":1}", "0C 01 01", "CBRWeatherAlertOnOffStatus",
+                         body("weatherAlertOnOffStatus", 1));
+    mark = unit->traceMark();
+    v850("0C 02 01 03");
+    EXPECT_TRUE(unit->waitForTrace("\n[CBRadio CH6] CBR_WEATHER_ALERT_STATUS = 1 CH Num = 3\n", mark));
+    signals = unit->signalMark();
+    unit->call("getProperties", "{\"props\":\"CBRWeatherAlertOnOffStatus\"}");
+    EXPECT_TRUE(waitForSignal("CBRWeatherAlertOnOffStatus", body("weatherAlertOnOffStatus", 1), signals));
+    EXPECT_TRUE(unit->waitForTrace("\n[CBR] sending weatherAlertStatus=1, channelNumber=3 \n", mark));
+
+    for (const char* bad : {"{\"CBRWAState\":2}", "{\"CBRWAState\":-1}", "{\"CBRWAState\":false}"})
+        expectFailureAndNoFrame("reqCBRWeatherAlertOnOff", bad);
+}
+
+// ---- gates ---------------------------------------------------------------------------------
+
+namespace
+{
+    // Head units without the simulator start in well under a second.
+    HeadUnit::Options withoutRadio()
+    {
+        HeadUnit::Options options;
+        options.startSimulator = false;
+        return options;
+    }
+
+    void expectNoSignals(const HeadUnit& unit)
+    {
+        EXPECT_TRUE(unit.signals().empty());
+    }
+}
+
+TEST(BusServiceGates, WithoutABusTheServiceRunsOnSilently)
+{
+    HeadUnit unit;
+    HeadUnit::Options options = withoutRadio();
+    options.writeEnvars = false;
+    ASSERT_TRUE(unit.start(options)) << unit.error();
+    EXPECT_TRUE(unit.traced("\n[CBR] DBUS not started on the target\n"));
+    EXPECT_TRUE(unit.traced("\n[CBR] sendCBRHWConnectionStatus: Service Not initialized\n"));
+    EXPECT_FALSE(unit.traced("registering Clients"));
+    EXPECT_FALSE(unit.call("reqCBRGetPresetList").ok());
+    expectNoSignals(unit);
+}
+
+TEST(BusServiceGates, ATakenNameLeavesTheServiceUnregisteredAndItsSignalsUnsent)
+{
+    HeadUnit unit;
+    SVCIPC_tSvcRegHnd squatter = nullptr;
+    HeadUnit::Options options = withoutRadio();
+    options.beforeDaemon = [&](HeadUnit& u) {
+        auto ignore = [](SVCIPC_tReqContext context, const char*, const char*, SVCIPC_tBool, SVCIPC_tUserToken) {
+            SVCIPC_asyncReturnResult(context, "squatter", nullptr, nullptr);
+            SVCIPC_freeReqContext(context);
+        };
+        return SVCIPC_registerService(u.client(), HeadUnit::kServiceName, HeadUnit::kServicePath, 0, ignore, nullptr,
+                                      &squatter) == 0;
+    };
+    ASSERT_TRUE(unit.start(options)) << unit.error();
+    EXPECT_TRUE(unit.traced("\n[CBR] Failed to register service: 0x80000007\n"));
+    EXPECT_FALSE(unit.traced("registering Clients"));
+    EXPECT_TRUE(unit.traced("\n[CBR] sendCBRHWConnectionStatus: Service Not initialized\n"));
+    EXPECT_EQ("squatter", unit.call("reqCBRGetPresetList").text);
+
+    const size_t mark = unit.traceMark();
+    EXPECT_TRUE(unit.stopDaemon());
+    EXPECT_TRUE(unit.traced("\n[CBR] Failed to unregister service\n", mark));
+    EXPECT_FALSE(unit.traced("\n[CBR] Failed to close connection\n", mark));
+    EXPECT_TRUE(unit.traced("@ ----- Exiting CBRadio Service ----- @", mark));
+}
+
+TEST(BusServiceGates, RadioMethodsWaitForTheSettingsWhileOtherMethodsWork)
+{
+    // A key-value store that takes calls and never answers them keeps the radio data
+    // uninitialised.
+    HeadUnit unit;
+    SVCIPC_tSvcRegHnd store = nullptr;
+    HeadUnit::Options options = withoutRadio();
+    options.beforeDaemon = [&](HeadUnit& u) {
+        auto never = [](SVCIPC_tReqContext context, const char*, const char*, SVCIPC_tBool, SVCIPC_tUserToken) {
+            SVCIPC_freeReqContext(context);
+        };
+        return SVCIPC_registerService(u.client(), "com.quorin.service.PersistentKeyValue",
+                                      "/com/quorin/service/PersistentKeyValue", 0, never, nullptr, &store) == 0;
+    };
+    ASSERT_TRUE(unit.start(options)) << unit.error();
+    if (!unit.traced("\n[CBR getPersistedTimeProperties] \n"))
+        GTEST_SKIP() << "the service does not read its settings from the key-value store yet";
+
+    for (const char* method : {"reqCBRStateChange", "reqCBRStartSeek", "reqCBRGetPresetList", "reqCBRStartScan",
+                               "reqCBRChangeRxToTx", "reqCBRNoSuchMethod"})
+        EXPECT_EQ(FAILURE, unit.call(method, "{\"CBRState\":1,\"seekDirection\":1}").text) << method;
+    EXPECT_EQ(SUCCESS, unit.call("getProperties", "{\"props\":\"CBRadioStatus\"}").text);
+    EXPECT_EQ(SUCCESS, unit.call("reqCBRWeatherAlertOnOff", "{\"CBRWAState\":1}").text);
+    // No V850 has answered: the version is unknown. The call then falls through to the gate,
+    // which sends a second failure the caller never sees, and nothing is "Not Implemented".
+    EXPECT_EQ(FAILURE, unit.call("reqCBRHWVersion").text);
+    EXPECT_FALSE(unit.traced("Not Implemented"));
+}

@@ -1,0 +1,369 @@
+#include "HeadUnit.h"
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <sstream>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+extern char** environ;
+
+const char* const HeadUnit::kServiceName = "com.quorin.service.CBRadioService";
+const char* const HeadUnit::kServicePath = "/com/quorin/service/CBRadioService";
+
+namespace
+{
+    typedef std::chrono::steady_clock Clock;
+
+    const char* const kServiceSignals[] = {"CBRadioStatus", "CBRChannelNumber", "CBRSquelchLevel",
+                                           "CBRReceptionSensitivity", "CBRHWConnectionStatus", "CBRRxTxStatus",
+                                           "CBRWeatherAlertOnOffStatus"};
+
+    // The environment of a child: ours, with `set` replaced or added and `unset` removed. Built
+    // before fork so the child only calls async-signal-safe functions.
+    std::vector<std::string> childEnvironment(const std::map<std::string, std::string>& set,
+                                              const std::vector<std::string>& unset)
+    {
+        std::vector<std::string> env;
+        for (char** e = environ; *e != nullptr; ++e) {
+            const std::string entry(*e);
+            const std::string name = entry.substr(0, entry.find('='));
+            bool drop = set.count(name) > 0;
+            for (const std::string& u : unset)
+                drop = drop || u == name;
+            if (!drop)
+                env.push_back(entry);
+        }
+        for (const auto& kv : set)
+            env.push_back(kv.first + "=" + kv.second);
+        return env;
+    }
+
+    pid_t launch(const std::vector<std::string>& args, const std::vector<std::string>& env, int stdinFd,
+                 const std::string& outPath, const std::string& errPath)
+    {
+        std::vector<char*> argv;
+        for (const std::string& a : args)
+            argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        std::vector<char*> envp;
+        for (const std::string& e : env)
+            envp.push_back(const_cast<char*>(e.c_str()));
+        envp.push_back(nullptr);
+
+        const pid_t pid = ::fork();
+        if (pid != 0)
+            return pid;
+        const int in = stdinFd >= 0 ? stdinFd : ::open("/dev/null", O_RDONLY);
+        const int out = ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const int err = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        ::dup2(in, 0);
+        ::dup2(out, 1);
+        ::dup2(err, 2);
+        ::execve(argv[0], argv.data(), envp.data());
+        ::_exit(127);
+    }
+
+    std::vector<std::string> receivedFrames(const std::string& log)
+    {
+        // "   5.126 RX 01 01 01": the seconds, the direction, the bytes.
+        std::vector<std::string> frames;
+        std::istringstream lines(log);
+        for (std::string line; std::getline(lines, line);) {
+            const size_t at = line.find(" RX ");
+            if (at != std::string::npos)
+                frames.push_back(line.substr(at + 4));
+        }
+        return frames;
+    }
+}
+
+HeadUnit::~HeadUnit()
+{
+    stop();
+}
+
+std::string HeadUnit::buildDir()
+{
+    const char* dir = std::getenv("CBRADIO_BUILD_DIR");
+    return dir != nullptr ? dir : ".";
+}
+
+std::string HeadUnit::readFile(const std::string& file)
+{
+    std::ifstream in(file);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+bool HeadUnit::waitUntil(const std::function<bool()>& condition, int timeoutMs)
+{
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!condition()) {
+        if (Clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+bool HeadUnit::fail(const std::string& why)
+{
+    mError = why;
+    return false;
+}
+
+bool HeadUnit::start()
+{
+    return start(Options());
+}
+
+bool HeadUnit::start(const Options& options)
+{
+    mOptions = options;
+    char dir[] = "/tmp/cbradio-headunit-XXXXXX";
+    if (::mkdtemp(dir) == nullptr)
+        return fail(std::string("mkdtemp: ") + std::strerror(errno));
+    mRoot = dir;
+    ::mkdir(path("tmp").c_str(), 0755);
+    std::ofstream(path("trace.tp")) << options.traceSettings;
+
+    if (!mBus.start())
+        return fail("private bus: " + mBus.error());
+    if (options.writeEnvars) {
+        std::ofstream(path("tmp/envars.sh")) << "export DBUS_SESSION_BUS_ADDRESS='" << mBus.address() << "';\n"
+                                             << "export DBUS_SESSION_BUS_PID=" << mBus.pid() << ";\n";
+    }
+    if (!startClient())
+        return false;
+
+    if (options.startSimulator) {
+        int pipeFds[2];
+        if (::pipe2(pipeFds, O_CLOEXEC) != 0)
+            return fail("pipe for the simulator");
+        std::vector<std::string> args = {buildDir() + "/tools/v850sim/v850sim", "--log=" + path("sim.log")};
+        args.insert(args.end(), options.simulatorArgs.begin(), options.simulatorArgs.end());
+        mSimulator = launch(args, childEnvironment({{"CBRADIO_ROOT", mRoot}}, {}), pipeFds[0], path("sim.out"),
+                            path("sim.err"));
+        ::close(pipeFds[0]);
+        mSimulatorInput = pipeFds[1];
+        if (!waitUntil([&] { return ::access(path("dev/ipc/ch6").c_str(), F_OK) == 0; }, 5000))
+            return fail("the simulator did not create dev/ipc/ch6:\n" + readFile(path("sim.err")));
+    }
+
+    if (options.beforeDaemon && !options.beforeDaemon(*this))
+        return fail(mError.empty() ? "the beforeDaemon hook failed" : mError);
+
+    if (options.startDaemon) {
+        std::vector<std::string> args = {buildDir() + "/cbradio/cbradiod", "--tp=" + path("trace.tp")};
+        args.insert(args.end(), options.daemonArgs.begin(), options.daemonArgs.end());
+        // The daemon learns the bus only from envars.sh, as on the target.
+        mDaemon = launch(args,
+                         childEnvironment({{"CBRADIO_ROOT", mRoot}, {"CBRADIO_FOREGROUND", "1"}},
+                                          {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SESSION_BUS_PID"}),
+                         -1, path("daemon.out"), path("daemon.err"));
+        if (!waitForTrace("[CBRadio] Up and Running...", 0, options.readyTimeoutMs))
+            return fail("the daemon did not come up:\n" + daemonOutput() + daemonErrors());
+    }
+    return true;
+}
+
+bool HeadUnit::startClient()
+{
+    if (SVCIPC_initialize() != 0)
+        return fail("SVCIPC_initialize");
+    mSvcIpcStarted = true;
+    ::setenv("DBUS_SESSION_BUS_ADDRESS", mBus.address().c_str(), 1);
+    SVCIPC_tError status = SVCIPC_getConnection(SVCIPC_CONNECTION_SESSION, 1, &mClient);
+    if (status != 0)
+        return fail(std::string("client connection: ") + SVCIPC_errorText(status));
+    for (const char* name : kServiceSignals) {
+        SVCIPC_tSigSubHnd sub = nullptr;
+        status = SVCIPC_subscribe(mClient, kServicePath, name, &HeadUnit::onSignal, this, &sub);
+        if (status != 0)
+            return fail(std::string("subscribe ") + name + ": " + SVCIPC_errorText(status));
+        mSubscriptions.push_back(sub);
+    }
+    return true;
+}
+
+void HeadUnit::onSignal(const char* sigName, const char* data, SVCIPC_tUserToken token)
+{
+    HeadUnit* self = static_cast<HeadUnit*>(token);
+    std::lock_guard<std::mutex> lock(self->mSignalMutex);
+    self->mSignals.push_back(Signal{sigName ? sigName : "", data ? data : ""});
+    self->mSignalArrived.notify_all();
+}
+
+bool HeadUnit::terminate(pid_t pid, int graceMs)
+{
+    if (pid <= 0)
+        return true;
+    int status = 0;
+    // The daemon's worker may miss a wake-up that comes before it first waits; a repeated signal
+    // is harmless.
+    bool ended = false;
+    for (int waited = 0; !ended && waited < graceMs; waited += 500) {
+        ::kill(pid, SIGTERM);
+        ended = waitUntil([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, 500);
+    }
+    if (!ended) {
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, &status, 0);
+    }
+    return ended;
+}
+
+bool HeadUnit::stopDaemon()
+{
+    const bool ended = terminate(mDaemon);
+    mDaemon = -1;
+    return ended;
+}
+
+void HeadUnit::stop()
+{
+    stopDaemon();
+    for (pid_t pid : mSpawned)
+        terminate(pid, 1000);
+    mSpawned.clear();
+    if (mSimulatorInput >= 0) {
+        ::close(mSimulatorInput);
+        mSimulatorInput = -1;
+    }
+    terminate(mSimulator, 1000);
+    mSimulator = -1;
+    for (SVCIPC_tSigSubHnd sub : mSubscriptions)
+        SVCIPC_unsubscribe(sub);
+    mSubscriptions.clear();
+    if (mClient != nullptr) {
+        SVCIPC_closeConnection(mClient);
+        mClient = nullptr;
+    }
+    if (mSvcIpcStarted) {
+        SVCIPC_shutdown();
+        mSvcIpcStarted = false;
+    }
+    mBus.stop();
+    if (!mRoot.empty() && std::getenv("CBRADIO_KEEP_ROOT") == nullptr)
+        std::system(("rm -rf '" + mRoot + "'").c_str());
+    mRoot.clear();
+}
+
+pid_t HeadUnit::spawn(const std::vector<std::string>& argv, const std::string& name,
+                      const std::map<std::string, std::string>& env)
+{
+    std::map<std::string, std::string> set = env;
+    set.emplace("CBRADIO_ROOT", mRoot);
+    set.emplace("DBUS_SESSION_BUS_ADDRESS", mBus.address());
+    const pid_t pid = launch(argv, childEnvironment(set, {}), -1, path(name + ".out"), path(name + ".err"));
+    if (pid > 0)
+        mSpawned.push_back(pid);
+    return pid;
+}
+
+bool HeadUnit::traced(const std::string& text, size_t from) const
+{
+    const std::string out = daemonOutput();
+    return from <= out.size() && out.find(text, from) != std::string::npos;
+}
+
+bool HeadUnit::waitForTrace(const std::string& text, size_t from, int timeoutMs) const
+{
+    return waitUntil([&] { return traced(text, from); }, timeoutMs);
+}
+
+size_t HeadUnit::traceCount(const std::string& text, size_t from) const
+{
+    const std::string out = daemonOutput();
+    size_t count = 0;
+    for (size_t at = out.find(text, from); at != std::string::npos; at = out.find(text, at + text.size()))
+        ++count;
+    return count;
+}
+
+bool HeadUnit::simulator(const std::string& command)
+{
+    if (mSimulatorInput < 0)
+        return false;
+    const std::string line = command + "\n";
+    return ::write(mSimulatorInput, line.data(), line.size()) == static_cast<ssize_t>(line.size());
+}
+
+std::vector<std::string> HeadUnit::framesFromHeadUnit() const
+{
+    return receivedFrames(simulatorLog());
+}
+
+std::vector<std::string> HeadUnit::framesSince(size_t mark) const
+{
+    std::vector<std::string> frames = framesFromHeadUnit();
+    frames.erase(frames.begin(), frames.begin() + std::min(mark, frames.size()));
+    return frames;
+}
+
+bool HeadUnit::waitForFrame(const std::string& frame, size_t from, int timeoutMs) const
+{
+    return waitUntil([&] {
+        for (const std::string& f : framesSince(from))
+            if (f == frame)
+                return true;
+        return false;
+    }, timeoutMs);
+}
+
+HeadUnit::Reply HeadUnit::call(const std::string& method, const std::string& params, int timeoutMs) const
+{
+    Reply reply;
+    SVCIPC_tResponse* response = nullptr;
+    reply.status = SVCIPC_invoke(mClient, kServiceName, kServicePath, method.c_str(), params.c_str(), 0,
+                                 static_cast<SVCIPC_tUInt32>(timeoutMs), &response);
+    if (reply.status == 0 && response != nullptr) {
+        reply.text = response->result != nullptr ? response->result : "";
+        SVCIPC_freeResponse(response);
+    }
+    return reply;
+}
+
+std::vector<HeadUnit::Signal> HeadUnit::signals() const
+{
+    std::lock_guard<std::mutex> lock(mSignalMutex);
+    return mSignals;
+}
+
+size_t HeadUnit::signalMark() const
+{
+    std::lock_guard<std::mutex> lock(mSignalMutex);
+    return mSignals.size();
+}
+
+std::vector<HeadUnit::Signal> HeadUnit::signalsSince(size_t mark) const
+{
+    std::lock_guard<std::mutex> lock(mSignalMutex);
+    return std::vector<Signal>(mSignals.begin() + std::min(mark, mSignals.size()), mSignals.end());
+}
+
+bool HeadUnit::waitForSignal(const std::string& name, std::string& data, size_t from, int timeoutMs) const
+{
+    std::unique_lock<std::mutex> lock(mSignalMutex);
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        for (size_t i = from; i < mSignals.size(); ++i) {
+            if (mSignals[i].name == name) {
+                data = mSignals[i].data;
+                return true;
+            }
+        }
+        if (Clock::now() >= deadline)
+            return false;
+        mSignalArrived.wait_until(lock, deadline);
+    }
+}

@@ -1,0 +1,149 @@
+// HeadUnit: a whole simulated head unit for end-to-end tests and benchmarks.
+//
+// start() builds, in a fresh temporary CBRADIO_ROOT:
+//   1. a PrivateBus, and $CBRADIO_ROOT/tmp/envars.sh naming it (unless Options::writeEnvars is
+//      false: the daemon then runs without a bus);
+//   2. the real v850sim on $CBRADIO_ROOT/dev/ipc/ch6, logging to sim.log, its standard input a
+//      pipe that simulator() writes commands to (unless Options::startSimulator is false);
+//   3. Options::beforeDaemon, a hook for extra processes or bus names that must exist before the
+//      service starts (peer services, a name owner made with client());
+//   4. the real cbradiod, CBRADIO_FOREGROUND=1, --tp=<settings that send every scope to the
+//      console>, standard output and error in daemon.out / daemon.err; start() returns once it
+//      traced "[CBRadio] Up and Running..." (that takes 3 s with the simulator: the start frames
+//      are paced one second apart).
+// The daemon gets the bus address only through envars.sh; processes started with spawn() get it in
+// their environment as well. A service-IPC client connection of the test's own (client()) listens
+// to every signal of the service from the start; signals are kept in arrival order.
+//
+// Waiting is polling with a deadline, never a fixed sleep. Marks (traceMark, frameMark,
+// signalMark) let a test look only at what came after a point. stop() (or destruction) ends the
+// daemon with SIGTERM (SIGKILL after a few seconds), then everything else, and removes the root.
+//
+// Not thread-safe, except that signals are recorded on service-IPC threads.
+#ifndef HEADUNIT_H
+#define HEADUNIT_H
+
+#include "PrivateBus.h"
+#include "svcipc.h"
+
+#include <sys/types.h>
+
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+class HeadUnit
+{
+public:
+    struct Options
+    {
+        bool writeEnvars = true;
+        bool startSimulator = true;
+        bool startDaemon = true;
+        std::vector<std::string> simulatorArgs;     // e.g. {"--cmd", "hwver 21"}
+        std::vector<std::string> daemonArgs;        // besides --tp
+        // Trace settings file text; the default switches every scope on, to the console.
+        std::string traceSettings = "JTTracePersistence 1.1.0\n* 7f 8\n";
+        std::function<bool(HeadUnit&)> beforeDaemon;  // false: start() fails
+        int readyTimeoutMs = 15000;
+    };
+
+    struct Signal
+    {
+        std::string name;
+        std::string data;
+    };
+
+    struct Reply
+    {
+        SVCIPC_tError status = 0;   // 0, or the failure status of the call (time-out, ...)
+        std::string text;
+        bool ok() const { return status == 0; }
+    };
+
+    static const char* const kServiceName;
+    static const char* const kServicePath;
+
+    HeadUnit() = default;
+    ~HeadUnit();
+    HeadUnit(const HeadUnit&) = delete;
+    HeadUnit& operator=(const HeadUnit&) = delete;
+
+    bool start();
+    bool start(const Options& options);
+    void stop();
+    // Ends the daemon alone (SIGTERM, repeated; SIGKILL after 3 s). True when it ended by itself.
+    bool stopDaemon();
+    const std::string& error() const { return mError; }
+
+    // ---- places and processes -------------------------------------------------------------
+    const std::string& root() const { return mRoot; }
+    std::string path(const std::string& relative) const { return mRoot + "/" + relative; }
+    PrivateBus& bus() { return mBus; }
+    pid_t daemonPid() const { return mDaemon; }
+    pid_t simulatorPid() const { return mSimulator; }
+    static std::string buildDir();
+    // Starts a program with CBRADIO_ROOT, the bus address and `env` set; standard output and
+    // error go to <name>.out / <name>.err under the root. Ended by stop() with SIGTERM.
+    pid_t spawn(const std::vector<std::string>& argv, const std::string& name,
+                const std::map<std::string, std::string>& env = {});
+    // SIGTERM, then SIGKILL after `graceMs`; reaps it. True when it ended by itself.
+    static bool terminate(pid_t pid, int graceMs = 3000);
+    static std::string readFile(const std::string& path);
+
+    // ---- the daemon's console -------------------------------------------------------------
+    std::string daemonOutput() const { return readFile(path("daemon.out")); }
+    std::string daemonErrors() const { return readFile(path("daemon.err")); }
+    size_t traceMark() const { return daemonOutput().size(); }
+    bool traced(const std::string& text, size_t from = 0) const;
+    bool waitForTrace(const std::string& text, size_t from = 0, int timeoutMs = 3000) const;
+    // How often `text` occurs in the console output after `from`.
+    size_t traceCount(const std::string& text, size_t from = 0) const;
+
+    // ---- the V850 simulator ---------------------------------------------------------------
+    // Sends one command line to the simulator's standard input (e.g. "on", "raw 02 02 05 A0").
+    bool simulator(const std::string& command);
+    std::string simulatorLog() const { return readFile(path("sim.log")); }
+    // Frames the head unit wrote, as logged ("02 01 02"), in order.
+    std::vector<std::string> framesFromHeadUnit() const;
+    size_t frameMark() const { return framesFromHeadUnit().size(); }
+    std::vector<std::string> framesSince(size_t mark) const;
+    bool waitForFrame(const std::string& frame, size_t from = 0, int timeoutMs = 3000) const;
+
+    // ---- the bus client -------------------------------------------------------------------
+    SVCIPC_tConnection client() const { return mClient; }
+    Reply call(const std::string& method, const std::string& params = "", int timeoutMs = 3000) const;
+    std::vector<Signal> signals() const;
+    size_t signalMark() const;
+    // The first signal named `name` at or after index `from`; false on time-out.
+    bool waitForSignal(const std::string& name, std::string& data, size_t from = 0, int timeoutMs = 3000) const;
+    std::vector<Signal> signalsSince(size_t mark) const;
+
+    static bool waitUntil(const std::function<bool()>& condition, int timeoutMs);
+
+private:
+    bool fail(const std::string& why);
+    bool startClient();
+    static void onSignal(const char* sigName, const char* data, SVCIPC_tUserToken token);
+
+    Options mOptions;
+    std::string mRoot;
+    std::string mError;
+    PrivateBus mBus;
+    pid_t mDaemon = -1;
+    pid_t mSimulator = -1;
+    int mSimulatorInput = -1;
+    std::vector<pid_t> mSpawned;
+    bool mSvcIpcStarted = false;
+    SVCIPC_tConnection mClient = nullptr;
+    std::vector<SVCIPC_tSigSubHnd> mSubscriptions;
+
+    mutable std::mutex mSignalMutex;
+    mutable std::condition_variable mSignalArrived;
+    std::vector<Signal> mSignals;
+};
+
+#endif
