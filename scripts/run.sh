@@ -1,11 +1,8 @@
 #!/usr/bin/env bash
-# The main job: installs what is missing, builds, and runs the service on a simulated head unit.
-#   bash scripts/run.sh
-# Until the service and its simulators exist this runs the traced demo program.
+# The main job: installs what is missing, builds, and runs the service on a simulated head unit
+# (a private bus, the V850 simulator and cbradiod in a temporary root; see docs/headunit.md).
+#   bash scripts/run.sh [--once] [--keep]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
-if [ -x build/tools/tracedemo/tracedemo ]; then
-  exec build/tools/tracedemo/tracedemo "$@"
-fi
-echo "run: nothing to run yet"
+exec bash scripts/headunit.sh --build build "$@"

@@ -1,0 +1,192 @@
+#!/usr/bin/env bash
+# A simulated head unit: a private dbus-daemon, the V850 simulator and the CB radio service in a
+# temporary CBRADIO_ROOT, wired by envars.sh. Runs a short scripted session through cbradioctl
+# (radio on, seek, store and select a preset, squelch) with the signals that follow, then stays up
+# for interactive use until interrupted.
+#
+#   bash scripts/headunit.sh [--once] [--build DIR] [--keep]
+#
+#   --once       end after the scripted session (exit 1 if a step failed)
+#   --build DIR  the build folder with the binaries (default: build; built here when missing)
+#   --keep       keep the temporary root (logs) after the end
+#
+# While it runs, lines typed here go to the V850 simulator ("help" lists its commands); a second
+# terminal can use the export lines printed at the end of the session.
+set -uo pipefail
+cd "$(dirname "$0")/.."
+
+once=0
+keep=0
+build=build
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --once) once=1 ;;
+    --keep) keep=1 ;;
+    --build) build=$2; shift ;;
+    --build=*) build=${1#--build=} ;;
+    -h|--help) sed -n '2,15p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    *) echo "headunit: unknown option $1 (see --help)" >&2; exit 2 ;;
+  esac
+  shift
+done
+
+daemon_bin=$build/cbradio/cbradiod
+sim_bin=$build/tools/v850sim/v850sim
+ctl_bin=$build/tools/cbradioctl/cbradioctl
+if [ ! -x "$daemon_bin" ] || [ ! -x "$sim_bin" ] || [ ! -x "$ctl_bin" ]; then
+  if [ ! -f "$build/build.ninja" ]; then
+    cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null || exit 1
+  fi
+  cmake --build "$build" --target cbradiod v850sim cbradioctl -- -j"$(nproc)" >/dev/null || exit 1
+fi
+daemon_bin=$(realpath "$daemon_bin")
+sim_bin=$(realpath "$sim_bin")
+ctl_bin=$(realpath "$ctl_bin")
+
+root=$(mktemp -d /tmp/cbradio-headunit-XXXXXX)
+mkdir -p "$root/tmp"
+pids=()
+display=()
+
+cleanup() {
+  trap - EXIT INT TERM
+  for pid in "${display[@]}"; do kill -TERM "$pid" 2>/dev/null; done
+  [ -n "${daemon_pid:-}" ] && kill -TERM "$daemon_pid" 2>/dev/null
+  # The service's worker may miss a signal that comes too early; a second one is harmless.
+  for _ in 1 2 3 4 5 6; do
+    [ -n "${daemon_pid:-}" ] && kill -0 "$daemon_pid" 2>/dev/null || break
+    sleep 0.5
+    kill -TERM "$daemon_pid" 2>/dev/null
+  done
+  [ -n "${daemon_pid:-}" ] && kill -KILL "$daemon_pid" 2>/dev/null
+  for pid in "${pids[@]}"; do kill -TERM "$pid" 2>/dev/null; done
+  wait 2>/dev/null
+  if [ "$keep" = 1 ]; then
+    echo "headunit: logs kept in $root"
+  else
+    rm -rf "$root"
+  fi
+}
+trap cleanup EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+
+fail() { echo "headunit: $*" >&2; exit 1; }
+
+wait_for() {  # wait_for <seconds> <command...>
+  local tries=$(( $1 * 20 )); shift
+  until "$@"; do
+    tries=$((tries - 1))
+    [ "$tries" -gt 0 ] || return 1
+    sleep 0.05
+  done
+}
+
+# ---- the bus -------------------------------------------------------------------------------
+dbus-daemon --session --nofork --address="unix:path=$root/bus" --print-address=1 \
+  >"$root/bus.address" 2>"$root/dbus-daemon.log" &
+bus_pid=$!
+pids+=("$bus_pid")
+wait_for 10 test -s "$root/bus.address" || fail "dbus-daemon did not start (see $root/dbus-daemon.log)"
+address=$(head -n1 "$root/bus.address")
+cat >"$root/tmp/envars.sh" <<EOF
+export DBUS_SESSION_BUS_ADDRESS='$address';
+export DBUS_SESSION_BUS_PID=$bus_pid;
+EOF
+export CBRADIO_ROOT=$root
+export DBUS_SESSION_BUS_ADDRESS=$address
+
+# ---- the V850 ------------------------------------------------------------------------------
+# Its commands come through a FIFO, so this terminal and any other can drive it.
+mkfifo "$root/v850sim.cmd"
+exec 3<>"$root/v850sim.cmd"
+"$sim_bin" --log="$root/v850sim.log" <&3 >"$root/v850sim.out" 2>"$root/v850sim.err" &
+pids+=($!)
+wait_for 5 test -S "$root/dev/ipc/ch6" || fail "v850sim did not start (see $root/v850sim.err)"
+v850() { echo "$*" >&3; }
+
+# ---- the service ---------------------------------------------------------------------------
+# Service messages (no function entry/exit lines) go to the console, captured in cbradiod.log.
+printf 'JTTracePersistence 1.1.0\n* 62 8\n' >"$root/trace.tp"
+(unset DBUS_SESSION_BUS_ADDRESS; CBRADIO_FOREGROUND=1 exec "$daemon_bin" --tp="$root/trace.tp") \
+  >"$root/cbradiod.log" 2>&1 &
+daemon_pid=$!
+
+echo "headunit: root $root"
+echo "headunit: dbus-daemon, v850sim and cbradiod started; the service sends its start frames (3 s)..."
+wait_for 15 grep -q "Up and Running" "$root/cbradiod.log" || fail "cbradiod did not come up (see $root/cbradiod.log)"
+
+# ---- what happens, on the console -----------------------------------------------------------
+# Frames and the simulator's answers to typed commands.
+tail -n0 -F "$root/v850sim.out" 2>/dev/null > >(sed -u -e 's/^ *[0-9.]* \(RX\|TX\) /  [v850 \1] /' \
+  -e '/^  \[v850 /!s/^ *[0-9.]* \{0,1\}/  [v850] /') &
+display+=($!)
+"$ctl_bin" watch 2>/dev/null > >(sed -u 's/^[0-9:.]* /  [signal] /') &
+display+=($!)
+sleep 0.3
+
+failures=0
+step() {  # step <description> <cbradioctl arguments...>
+  [ -n "$1" ] && printf '\n# %s\n' "$1"
+  shift
+  echo "\$ cbradioctl $*"
+  "$ctl_bin" "$@" || failures=$((failures + 1))
+  sleep 0.4
+}
+report() {  # report <description> <v850sim command>
+  echo
+  echo "# $1"
+  echo "v850> $2"
+  v850 "$2"
+  sleep 0.4
+}
+
+report "the V850 reports the radio module connected (it is then asked for its software version)" "hw back"
+step "switch the radio on" on
+step "seek up twice" seek up
+step "" seek up
+step "store the channel as preset 1" presets store 1 3
+step "the preset list" presets list
+step "seek up, then back to preset 1" seek up
+step "" presets select 1
+step "squelch up and down" squelch up
+step "" squelch down
+report "the V850 reports the reception sensitivity" "sens 150"
+step "ask for a property" props CBRChannelNumber
+
+cat <<EOF
+
+# ------------------------------------------------------------------------------------------
+# The simulated head unit is up. From a second terminal:
+#
+#   export CBRADIO_ROOT=$root
+#   export DBUS_SESSION_BUS_ADDRESS='$address'
+#   $ctl_bin seek down
+#   $ctl_bin presets list
+#   $ctl_bin watch
+#   echo 'sens 220' > \$CBRADIO_ROOT/v850sim.cmd       # V850 reports (v850sim commands)
+#   echo 'alert 4'  > \$CBRADIO_ROOT/v850sim.cmd
+#
+# Logs: $root/cbradiod.log (service trace), $root/v850sim.log (frames)
+# ------------------------------------------------------------------------------------------
+EOF
+
+if [ "$once" = 1 ]; then
+  if [ "$failures" -gt 0 ]; then
+    echo "headunit: $failures step(s) failed"
+    exit 1
+  fi
+  exit 0
+fi
+
+echo "Type v850sim commands here (help lists them); Ctrl-C ends the head unit."
+if [ -t 0 ]; then
+  while IFS= read -r line; do
+    v850 "$line"
+  done
+fi
+# Without a terminal (or after its end of input) stay up until interrupted.
+while kill -0 "$daemon_pid" 2>/dev/null; do
+  sleep 1
+done
+echo "headunit: cbradiod ended"
