@@ -1,8 +1,11 @@
 #!/usr/bin/env bash
-# A simulated head unit: a private dbus-daemon, the V850 simulator and the CB radio service in a
-# temporary CBRADIO_ROOT, wired by envars.sh. Runs a short scripted session through cbradioctl
-# (radio on, seek, store and select a preset, squelch) with the signals that follow, then stays up
-# for interactive use until interrupted.
+# A simulated head unit: a private dbus-daemon, the V850 simulator, the simulated peer services
+# (audio manager, key-value store, speech, diagnosis, mode manager, power mode, switches) and the
+# CB radio service in a temporary CBRADIO_ROOT, wired by envars.sh. Runs a short scripted session
+# through cbradioctl (radio on, seek, store and select a preset, squelch) with the signals that
+# follow, then through the peers (a weather alert read out, a PTT press keying the transmitter,
+# power mode 1 storing the settings, a restart of the service restoring them), then stays up for
+# interactive use until interrupted.
 #
 #   bash scripts/headunit.sh [--once] [--build DIR] [--keep]
 #
@@ -11,7 +14,8 @@
 #   --keep       keep the temporary root (logs) after the end
 #
 # While it runs, lines typed here go to the V850 simulator ("help" lists its commands); a second
-# terminal can use the export lines printed at the end of the session.
+# terminal can use the export lines printed at the end of the session, and drive the peers through
+# $CBRADIO_ROOT/peersim.cmd.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
@@ -24,7 +28,7 @@ while [ $# -gt 0 ]; do
     --keep) keep=1 ;;
     --build) build=$2; shift ;;
     --build=*) build=${1#--build=} ;;
-    -h|--help) sed -n '2,15p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    -h|--help) sed -n '2,18p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) echo "headunit: unknown option $1 (see --help)" >&2; exit 2 ;;
   esac
   shift
@@ -33,32 +37,41 @@ done
 daemon_bin=$build/cbradio/cbradiod
 sim_bin=$build/tools/v850sim/v850sim
 ctl_bin=$build/tools/cbradioctl/cbradioctl
-if [ ! -x "$daemon_bin" ] || [ ! -x "$sim_bin" ] || [ ! -x "$ctl_bin" ]; then
+peers_bin=$build/tools/peersim/peersim
+if [ ! -x "$daemon_bin" ] || [ ! -x "$sim_bin" ] || [ ! -x "$ctl_bin" ] || [ ! -x "$peers_bin" ]; then
   if [ ! -f "$build/build.ninja" ]; then
     cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null || exit 1
   fi
-  cmake --build "$build" --target cbradiod v850sim cbradioctl -- -j"$(nproc)" >/dev/null || exit 1
+  cmake --build "$build" --target cbradiod v850sim cbradioctl peersim -- -j"$(nproc)" >/dev/null || exit 1
 fi
 daemon_bin=$(realpath "$daemon_bin")
 sim_bin=$(realpath "$sim_bin")
 ctl_bin=$(realpath "$ctl_bin")
+peers_bin=$(realpath "$peers_bin")
 
 root=$(mktemp -d /tmp/cbradio-headunit-XXXXXX)
 mkdir -p "$root/tmp"
 pids=()
 display=()
 
-cleanup() {
-  trap - EXIT INT TERM
-  for pid in "${display[@]}"; do kill -TERM "$pid" 2>/dev/null; done
-  [ -n "${daemon_pid:-}" ] && kill -TERM "$daemon_pid" 2>/dev/null
+stop_daemon() {
+  [ -n "${daemon_pid:-}" ] || return 0
+  kill -TERM "$daemon_pid" 2>/dev/null
   # The service's worker may miss a signal that comes too early; a second one is harmless.
   for _ in 1 2 3 4 5 6; do
-    [ -n "${daemon_pid:-}" ] && kill -0 "$daemon_pid" 2>/dev/null || break
+    kill -0 "$daemon_pid" 2>/dev/null || break
     sleep 0.5
     kill -TERM "$daemon_pid" 2>/dev/null
   done
-  [ -n "${daemon_pid:-}" ] && kill -KILL "$daemon_pid" 2>/dev/null
+  kill -KILL "$daemon_pid" 2>/dev/null
+  wait "$daemon_pid" 2>/dev/null
+  daemon_pid=
+}
+
+cleanup() {
+  trap - EXIT INT TERM
+  for pid in "${display[@]}"; do kill -TERM "$pid" 2>/dev/null; done
+  stop_daemon
   for pid in "${pids[@]}"; do kill -TERM "$pid" 2>/dev/null; done
   wait 2>/dev/null
   if [ "$keep" = 1 ]; then
@@ -105,16 +118,33 @@ pids+=($!)
 wait_for 5 test -S "$root/dev/ipc/ch6" || fail "v850sim did not start (see $root/v850sim.err)"
 v850() { echo "$*" >&3; }
 
+# ---- the peer services ---------------------------------------------------------------------
+# They must be on the bus before the service starts: it reads its settings and asks for the power
+# mode, the audio routing and the rear controller only once, at start. Commands come through a
+# FIFO as well. Read-outs are answered after 0.2 s instead of the speech service's usual 1.5 s.
+mkfifo "$root/peersim.cmd"
+exec 4<>"$root/peersim.cmd"
+"$peers_bin" --log="$root/peersim.log" --cmd "delay tts 200" <&4 >"$root/peersim.out" 2>"$root/peersim.err" &
+pids+=($!)
+wait_for 10 grep -q "# ready:" "$root/peersim.log" || fail "peersim did not start (see $root/peersim.err)"
+peer() { echo "$*" >&4; }
+
 # ---- the service ---------------------------------------------------------------------------
 # Service messages (no function entry/exit lines) go to the console, captured in cbradiod.log.
 printf 'JTTracePersistence 1.1.0\n* 62 8\n' >"$root/trace.tp"
-(unset DBUS_SESSION_BUS_ADDRESS; CBRADIO_FOREGROUND=1 exec "$daemon_bin" --tp="$root/trace.tp") \
-  >"$root/cbradiod.log" 2>&1 &
-daemon_pid=$!
+start_daemon() {  # appends to cbradiod.log; waits for the service to come up
+  local from
+  from=$(grep -c "Up and Running" "$root/cbradiod.log" 2>/dev/null)
+  (unset DBUS_SESSION_BUS_ADDRESS; CBRADIO_FOREGROUND=1 exec "$daemon_bin" --tp="$root/trace.tp") \
+    >>"$root/cbradiod.log" 2>&1 &
+  daemon_pid=$!
+  wait_for 15 ups_above "${from:-0}"
+}
+ups_above() { test "$(grep -c "Up and Running" "$root/cbradiod.log" 2>/dev/null)" -gt "$1"; }
 
 echo "headunit: root $root"
-echo "headunit: dbus-daemon, v850sim and cbradiod started; the service sends its start frames (3 s)..."
-wait_for 15 grep -q "Up and Running" "$root/cbradiod.log" || fail "cbradiod did not come up (see $root/cbradiod.log)"
+echo "headunit: dbus-daemon, v850sim, peersim and cbradiod started; the service sends its start frames (3 s)..."
+start_daemon || fail "cbradiod did not come up (see $root/cbradiod.log)"
 
 # ---- what happens, on the console -----------------------------------------------------------
 # Frames and the simulator's answers to typed commands.
@@ -122,6 +152,10 @@ tail -n0 -F "$root/v850sim.out" 2>/dev/null > >(sed -u -e 's/^ *[0-9.]* \(RX\|TX
   -e '/^  \[v850 /!s/^ *[0-9.]* \{0,1\}/  [v850] /') &
 display+=($!)
 "$ctl_bin" watch 2>/dev/null > >(sed -u 's/^[0-9:.]* /  [signal] /') &
+display+=($!)
+# The service's calls to the peers and their answers and signals (blank lines dropped: the
+# service's argument texts end in a newline).
+tail -n0 -F "$root/peersim.out" 2>/dev/null > >(sed -u -e '/^ *$/d' -e 's/^[0-9:.]* /  [peers] /') &
 display+=($!)
 sleep 0.3
 
@@ -140,6 +174,15 @@ report() {  # report <description> <v850sim command>
   v850 "$2"
   sleep 0.4
 }
+tell() {  # tell <description> <peersim command>
+  [ -n "$1" ] && printf '\n# %s\n' "$1"
+  echo "peers> $2"
+  peer "$2"
+  sleep 0.4
+}
+expect() {  # expect <log file> <text>: counts a failed step when the text does not appear in 5 s
+  wait_for 5 grep -qF -- "$2" "$root/$1" || { echo "headunit: expected in $1: $2" >&2; failures=$((failures + 1)); }
+}
 
 report "the V850 reports the radio module connected (it is then asked for its software version)" "hw back"
 step "switch the radio on" on
@@ -154,6 +197,26 @@ step "" squelch down
 report "the V850 reports the reception sensitivity" "sens 150"
 step "ask for a property" props CBRChannelNumber
 
+report "the V850 reports a weather alert on weather channel 4: the speech service reads it out" "alert 4"
+expect peersim.log 'CALL TextToSpeechService.ttsReadout {"data":"A weather alert from the National Weather Service has been received Please tune to the weather band, 162.475 MHz, for more information "'
+expect cbradiod.log "ttsReadOut Success"
+tell "the rider presses PTT (power mode 3, rider headset routed): the transmitter is keyed and cbTX asked for" "rider press"
+expect v850sim.log "RX 0E 01 01"
+expect peersim.log 'CALL AudioManager.addInterruptSrc {"exclusive":true,"source":"cbTX"}'
+tell "the rider releases it: back to receive, cbTX given back" "rider release"
+expect v850sim.log "RX 0E 01 00"
+expect peersim.log 'CALL AudioManager.removeInterruptSrc {"source":"cbTX"}'
+tell "power mode 1: the service stores channel, squelch and presets" "power 1"
+expect peersim.log "CALL PersistentKeyValue.write {\"cbRadioProperties\":["
+tell "" "kv get cbRadioProperties"
+
+echo
+echo "# restart the service: it reads the stored settings and sends channel and squelch to the V850"
+stop_daemon
+start_daemon || { echo "headunit: cbradiod did not come up again" >&2; failures=$((failures + 1)); }
+expect cbradiod.log "[CBR onCBRadioPersistDataRead] : channel="
+step "the preset list after the restart" presets list
+
 cat <<EOF
 
 # ------------------------------------------------------------------------------------------
@@ -166,8 +229,11 @@ cat <<EOF
 #   $ctl_bin watch
 #   echo 'sens 220' > \$CBRADIO_ROOT/v850sim.cmd       # V850 reports (v850sim commands)
 #   echo 'alert 4'  > \$CBRADIO_ROOT/v850sim.cmd
+#   echo 'passenger press' > \$CBRADIO_ROOT/peersim.cmd   # peer services (peersim commands)
+#   echo 'diag 1'   > \$CBRADIO_ROOT/peersim.cmd
 #
-# Logs: $root/cbradiod.log (service trace), $root/v850sim.log (frames)
+# Logs: $root/cbradiod.log (service trace), $root/v850sim.log (frames),
+#       $root/peersim.log (calls to the peer services, their answers and signals)
 # ------------------------------------------------------------------------------------------
 EOF
 
