@@ -170,7 +170,7 @@ bool HeadUnit::start(const Options& options)
                          childEnvironment({{"CBRADIO_ROOT", mRoot}, {"CBRADIO_FOREGROUND", "1"}},
                                           {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SESSION_BUS_PID"}),
                          -1, path("daemon.out"), path("daemon.err"));
-        if (!waitForTrace("[CBRadio] Up and Running...", 0, options.readyTimeoutMs))
+        if (!options.readyTrace.empty() && !waitForTrace(options.readyTrace, 0, options.readyTimeoutMs))
             return fail("the daemon did not come up:\n" + daemonOutput() + daemonErrors());
     }
     return true;
@@ -186,6 +186,8 @@ bool HeadUnit::startClient()
     if (status != 0)
         return fail(std::string("client connection: ") + SVCIPC_errorText(status));
     for (const char* name : kServiceSignals) {
+        if (!mOptions.recordSignals)
+            break;
         SVCIPC_tSigSubHnd sub = nullptr;
         status = SVCIPC_subscribe(mClient, kServicePath, name, &HeadUnit::onSignal, this, &sub);
         if (status != 0)

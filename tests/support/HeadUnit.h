@@ -48,7 +48,11 @@ public:
         // Trace settings file text; the default switches every scope on, to the console.
         std::string traceSettings = "JTTracePersistence 1.1.0\n* 7f 8\n";
         std::function<bool(HeadUnit&)> beforeDaemon;  // false: start() fails
+        // start() waits for this console line; empty: it returns once the daemon is launched
+        // (for trace settings that keep the console quiet).
+        std::string readyTrace = "[CBRadio] Up and Running...";
         int readyTimeoutMs = 15000;
+        bool recordSignals = true;  // subscribe the client to the service's signals
     };
 
     struct Signal
