@@ -9,7 +9,8 @@
 // Rules the handlers share:
 //   - A text is usable only when it parses as one JSON object. A null text, text that is not
 //     JSON and JSON that is not an object (a number, an array) are all "parse errors": no member
-//     can be read from them.
+//     can be read from them. Text after a complete object is ignored, as jsoncpp's Reader does,
+//     so payloads the service has always accepted keep being accepted.
 //   - An integer member must be a JSON number with an integral value that fits an int. Booleans,
 //     numeric strings, fractions and out-of-range numbers do not count as integers.
 //   - A text member must be a JSON string; anything else reads as absent.
