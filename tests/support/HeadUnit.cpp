@@ -129,6 +129,9 @@ bool HeadUnit::start()
 bool HeadUnit::start(const Options& options)
 {
     mOptions = options;
+    for (const char* program : {"/cbradio/cbradiod", "/tools/v850sim/v850sim"})
+        if (::access((buildDir() + program).c_str(), X_OK) != 0)
+            return fail(buildDir() + program + " is missing (CBRADIO_BUILD_DIR names the build folder)");
     char dir[] = "/tmp/cbradio-headunit-XXXXXX";
     if (::mkdtemp(dir) == nullptr)
         return fail(std::string("mkdtemp: ") + std::strerror(errno));
