@@ -195,6 +195,29 @@ TEST(CooperationSettings, ReadAnsweredWithErrorKeepsMethodsRefused)
     }
 }
 
+// Peers that never answer hold the start and the V850 reader only for the queries' time-outs, and
+// the service keeps answering its own methods meanwhile.
+TEST(CooperationSettings, SilentPeersCostOnlyTheirTimeOuts)
+{
+    ::signal(SIGPIPE, SIG_IGN);
+    CoopUnit coop;
+    ASSERT_TRUE(coop.start({"silent all"})) << coop.unit.error();
+    HeadUnit& unit = coop.unit;
+    EXPECT_TRUE(unit.traced("[CBR getAudioRoutingStatus] SVCIPC Error"));
+    EXPECT_TRUE(unit.traced("[CBR getRearControllerState] SVCIPC Error"));
+    EXPECT_TRUE(unit.traced("[CBR getDiagInspmodeState] SVCIPC Error"));
+
+    // The radio coming on makes the reader ask for the voice detection state, in vain.
+    const size_t mark = unit.traceMark();
+    unit.simulator("hw back");
+    unit.simulator("on");
+    const HeadUnit::Reply reply = unit.call("getProperties", "{\"props\":\"CBRHWConnectionStatus\"}");
+    EXPECT_EQ(SUCCESS, reply.text);
+    EXPECT_TRUE(unit.waitForTrace("[CBR getVoxDetectedState] SVCIPC Error", mark));
+    // The store never answered the read, so the radio methods are still refused, but answered.
+    EXPECT_EQ(FAILURE, unit.call("reqCBRStartSeek", "{\"seekDirection\":1}").text);
+}
+
 // ---- one head unit for audio sources, push-to-talk, inspection mode and weather alerts ---------
 
 class Cooperation : public testing::Test
