@@ -1,10 +1,10 @@
 // ERequest: what the request worker of CCBRadio is asked to do. Values 2..12 turn into V850
 // status queries, 14 only wakes the worker so that it can see the exit flag; every other value
-// is taken off the queue without action.
+// is taken off the queue without action; the fixed int type lets any 32-bit value be posted.
 #ifndef EREQUEST_H
 #define EREQUEST_H
 
-enum ERequest
+enum ERequest : int
 {
     REQ_CBR_RESERVED_0 = 0,
     REQ_CBR_RESERVED_1 = 1,

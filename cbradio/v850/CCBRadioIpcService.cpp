@@ -6,11 +6,24 @@
 #include "CJTTraceScopeDef.h"
 #include "CMsgHandlerChannelTwelve.h"
 
+#include <vector>
+
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_initializeIPCService("CBRadio_CCBRadio", "initializeIPCService");
 
 namespace
 {
     const char* const CB_RADIO_DEVICE = "/dev/ipc/ch6";
+    // A reader whose peer has gone sees its stop flag within a read or two; let it finish its
+    // last trace before the process tears down the trace framework's statics.
+    const int READER_GRACE_MS = 50;
+
+    // Handlers stopped at shutdown are never deleted (a reader may still sit in read()); they are
+    // kept here, in a list that is never destroyed either, so they stay reachable to the end.
+    std::vector<CDevIpcChannelHandler*>& stoppedHandlers()
+    {
+        static std::vector<CDevIpcChannelHandler*>* handlers = new std::vector<CDevIpcChannelHandler*>;
+        return *handlers;
+    }
 }
 
 int CCBRadio::initializeIPCService()
@@ -37,6 +50,8 @@ int CCBRadio::deInitializeIPCService()
     // reader blocked in read() could not be joined anyway.
     for (auto it = mChannelHandlers.begin(); it != mChannelHandlers.end();) {
         it->second->stop();
+        it->second->waitReaderEnded(READER_GRACE_MS);
+        stoppedHandlers().push_back(it->second);
         it = mChannelHandlers.erase(it);
     }
     mpIpcHandler.store(nullptr);

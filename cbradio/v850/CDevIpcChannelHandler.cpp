@@ -13,7 +13,8 @@ static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CDevIpcChannelHandler_run(
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CDevIpcChannelHandler_stop("CBRadio_CDevIpcChannelHandler", "stop");
 
 CDevIpcChannelHandler::CDevIpcChannelHandler(IMsgProcessor* processor, const char* path)
-    : IThreadInterface(path), mpChannel(new CDevIpcChannel(path)), mpProcessor(processor), mStopFlag(false)
+    : IThreadInterface(path), mpChannel(new CDevIpcChannel(path)), mpProcessor(processor), mStopFlag(false),
+      mReading(false)
 {
 }
 
@@ -30,6 +31,7 @@ int CDevIpcChannelHandler::trigger()
 {
     if (mpChannel->openChannel(O_RDWR) == -1)
         return -1;
+    mReading.store(true, std::memory_order_release);
     createThread();
     return 0;
 }
@@ -71,4 +73,15 @@ void CDevIpcChannelHandler::run()
     }
     scope.sendFormattedMessage("\n[CBRadio] stopping thread...\n");
     mStopFlag.store(false, std::memory_order_relaxed);
+    mReading.store(false, std::memory_order_release);
+}
+
+bool CDevIpcChannelHandler::waitReaderEnded(int timeoutMs) const
+{
+    for (int waited = 0; mReading.load(std::memory_order_acquire); waited += 1) {
+        if (waited >= timeoutMs)
+            return false;
+        ::usleep(1000);
+    }
+    return true;
 }

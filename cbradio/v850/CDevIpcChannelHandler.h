@@ -37,12 +37,17 @@ public:
 
     void run() override;
 
+    // Waits up to timeoutMs for a started reader to leave its loop, without joining it; false when
+    // it is still reading (for instance blocked on a silent peer).
+    bool waitReaderEnded(int timeoutMs) const;
+
     CDevIpcChannel* getChannel() const { return mpChannel; }
 
 private:
     CDevIpcChannel* mpChannel;
     IMsgProcessor* mpProcessor;
     std::atomic<bool> mStopFlag;
+    std::atomic<bool> mReading;   // from trigger() until run() has left its loop and traced
 };
 
 #endif

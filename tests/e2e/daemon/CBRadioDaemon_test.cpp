@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <sys/stat.h>
@@ -42,6 +41,22 @@ namespace
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
         return true;
+    }
+
+    // Finds a console trace line "[KIND]@<ms> (<pid>.<tid>): <body>" and returns its process id,
+    // or 0 when there is none.
+    unsigned findConsoleLine(const std::string& text, const std::string& kind, const std::string& body)
+    {
+        std::istringstream lines(text);
+        for (std::string line; std::getline(lines, line);) {
+            char k[4] = {};
+            unsigned ms, pid, tid;
+            int bodyAt = -1;
+            if (std::sscanf(line.c_str(), "[%3[^]]]@%u (%u.%u): %n", k, &ms, &pid, &tid, &bodyAt) == 4 &&
+                bodyAt > 0 && kind == k && line.compare(static_cast<size_t>(bodyAt), std::string::npos, body) == 0)
+                return pid;
+        }
+        return 0;
     }
 
     bool alive(pid_t pid)
@@ -140,11 +155,12 @@ namespace
         {
             std::vector<std::pair<double, std::string>> frames;
             std::istringstream log(readFile(mRoot + "/sim.log"));
-            std::regex rx(R"(^\s*([0-9.]+) RX (.*)$)");
-            std::smatch m;
-            for (std::string line; std::getline(log, line);)
-                if (std::regex_match(line, m, rx))
-                    frames.emplace_back(std::stod(m[1]), m[2]);
+            for (std::string line; std::getline(log, line);) {
+                double seconds;
+                char bytes[400];
+                if (std::sscanf(line.c_str(), "%lf RX %399[^\n]", &seconds, bytes) == 2)
+                    frames.emplace_back(seconds, bytes);
+            }
             return frames;
         }
 
@@ -183,8 +199,8 @@ TEST_F(HeadUnit, ForegroundServiceSendsStartFramesTracesToConsoleAndOutlivesTheS
     expectStartFramesOneSecondApart();
 
     const std::string text = out("daemon");
-    EXPECT_TRUE(std::regex_search(text, std::regex(R"(\[MSG\]@\d+ \(\d+\.\d+\): \[CBRadio\] Up and Running\.\.\.\n)")));
-    EXPECT_TRUE(std::regex_search(text, std::regex(R"(\[-->\]@\d+ \(\d+\.\d+\): CBRadio_main_main\n)")));
+    EXPECT_EQ(static_cast<unsigned>(daemon), findConsoleLine(text, "MSG", "[CBRadio] Up and Running..."));
+    EXPECT_EQ(static_cast<unsigned>(daemon), findConsoleLine(text, "-->", "CBRadio_main_main"));
     EXPECT_NE(std::string::npos, text.find("\n[CBR]reqCBR_WA_OnOffRequest WriteOut c 1 1 \n"));
     EXPECT_NE(std::string::npos, text.find("\n[CBR] initializing State machine...\n"));
     EXPECT_EQ(std::string::npos, err("daemon").find("Error opening"));
@@ -196,7 +212,7 @@ TEST_F(HeadUnit, ForegroundServiceSendsStartFramesTracesToConsoleAndOutlivesTheS
     EXPECT_TRUE(alive(daemon));
 
     stopWith(daemon, SIGTERM);
-    EXPECT_EQ(0, exitStatus(daemon, 5000));
+    EXPECT_EQ(0, exitStatus(daemon, 5000)) << err("daemon");
     EXPECT_NE(std::string::npos, out("daemon").find("[CBRadio] CAUTION!!! - CBRadio Service rcvd signal to exit (15)\n"));
 }
 
@@ -207,10 +223,8 @@ TEST_F(HeadUnit, DaemonDetachesIntoItsOwnSessionAtTheRootDirectory)
     EXPECT_EQ(0, exitStatus(parent, 2000));   // the parent leaves at once
 
     ASSERT_TRUE(waitForOutput("daemon", "CBRadio_main_main", 3000));
-    std::smatch m;
-    const std::string text = out("daemon");
-    ASSERT_TRUE(std::regex_search(text, m, std::regex(R"(\[-->\]@\d+ \((\d+)\.\d+\): CBRadio_main_main)")));
-    const pid_t daemon = std::stoi(m[1]);
+    const pid_t daemon = static_cast<pid_t>(findConsoleLine(out("daemon"), "-->", "CBRadio_main_main"));
+    ASSERT_NE(0, daemon);
     mDetached.push_back(daemon);
     EXPECT_NE(parent, daemon);
     EXPECT_EQ(daemon, ::getsid(daemon));
@@ -235,7 +249,7 @@ TEST_P(NoDeviceNoBus, RunsWithoutRadioAndStopsCleanlyOnTheSignal)
     EXPECT_NE(std::string::npos, out("daemon").find("\n[CBR] Error Opening /dev/ipc/ch6\n"));
 
     stopWith(daemon, GetParam());
-    EXPECT_EQ(0, exitStatus(daemon, 5000));
+    EXPECT_EQ(0, exitStatus(daemon, 5000)) << err("daemon");
     const std::string text = out("daemon");
     EXPECT_NE(std::string::npos, text.find("rcvd signal to exit (" + std::to_string(GetParam()) + ")\n"));
     EXPECT_NE(std::string::npos, text.find("\n[CBR run] exiting Req processing thread...\n"));
