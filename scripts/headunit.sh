@@ -126,7 +126,7 @@ mkfifo "$root/peersim.cmd"
 exec 4<>"$root/peersim.cmd"
 "$peers_bin" --log="$root/peersim.log" --cmd "delay tts 200" <&4 >"$root/peersim.out" 2>"$root/peersim.err" &
 pids+=($!)
-wait_for 10 grep -q "# ready:" "$root/peersim.log" || fail "peersim did not start (see $root/peersim.err)"
+wait_for 10 grep -qs "# ready:" "$root/peersim.log" || fail "peersim did not start (see $root/peersim.err)"
 peer() { echo "$*" >&4; }
 
 # ---- the service ---------------------------------------------------------------------------
