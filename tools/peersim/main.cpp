@@ -12,21 +12,18 @@
 #include "PeerServices.h"
 #include "PeerSpeaker.h"
 
+#include "CommandInput.h"
+#include "ToolProcess.h"
+
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <condition_variable>
-#include <csignal>
 #include <cstdio>
-#include <cstring>
-#include <fstream>
-#include <iostream>
 #include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <unistd.h>
-#include <vector>
 
 namespace
 {
@@ -132,12 +129,6 @@ namespace
         PeerLog& mLog;
     };
 
-    struct Source
-    {
-        bool isScript;
-        std::string text;
-    };
-
     void usage()
     {
         std::printf(
@@ -148,15 +139,6 @@ namespace
             "$CBRADIO_ROOT/var/lib/peersim/keyvalue.json. --cmd and --script run in the given order,\n"
             "then commands are read from standard input.\n\n%s",
             PeerCommand::helpText());
-    }
-
-    bool takeValue(const std::string& arg, const char* option, std::string& value)
-    {
-        const size_t n = std::strlen(option);
-        if (arg.compare(0, n, option) != 0 || arg.size() <= n || arg[n] != '=')
-            return false;
-        value = arg.substr(n + 1);
-        return true;
     }
 
     bool parseOnly(const std::string& list, bool wanted[kPeerCount])
@@ -178,29 +160,22 @@ namespace
 
 int main(int argc, char** argv)
 {
-    std::vector<Source> sources;
+    CommandInput input;
     std::string logPath, kvPath = KeyValueFile::defaultPath(), speakDir, value;
     bool wanted[kPeerCount] = {true, true, true, true, true, true, true};
-    bool readStdin = true;
     for (int i = 1; i < argc; ++i) {
+        if (input.takeOption(argc, argv, i))
+            continue;
         const std::string a = argv[i];
-        if ((a == "--cmd" || a == "--script") && i + 1 < argc) {
-            sources.push_back(Source{a == "--script", argv[++i]});
-        } else if (takeValue(a, "--cmd", value)) {
-            sources.push_back(Source{false, value});
-        } else if (takeValue(a, "--script", value)) {
-            sources.push_back(Source{true, value});
-        } else if (takeValue(a, "--log", value)) {
+        if (takeOptionValue(a, "--log", value)) {
             logPath = value;
-        } else if (takeValue(a, "--kv-file", value)) {
+        } else if (takeOptionValue(a, "--kv-file", value)) {
             kvPath = value;
-        } else if (takeValue(a, "--speak-dir", value)) {
+        } else if (takeOptionValue(a, "--speak-dir", value)) {
             speakDir = value;
-        } else if (takeValue(a, "--only", value)) {
+        } else if (takeOptionValue(a, "--only", value)) {
             if (!parseOnly(value, wanted))
                 return 2;
-        } else if (a == "--no-stdin") {
-            readStdin = false;
         } else if (a == "--help" || a == "-h") {
             usage();
             return 0;
@@ -211,10 +186,8 @@ int main(int argc, char** argv)
     }
 
     FILE* logFile = nullptr;
-    if (!logPath.empty() && (logFile = std::fopen(logPath.c_str(), "w")) == nullptr) {
-        std::fprintf(stderr, "peersim: cannot write %s: %s\n", logPath.c_str(), std::strerror(errno));
+    if (!logPath.empty() && (logFile = openLogFile("peersim", logPath)) == nullptr)
         return 1;
-    }
     PeerLog log(logFile);
     PeerServices services(kvPath);
     std::string error;
@@ -233,12 +206,7 @@ int main(int argc, char** argv)
         return 1;
     }
     gBus = &bus;
-    struct sigaction sa;
-    std::memset(&sa, 0, sizeof(sa));
-    sa.sa_handler = onSignal;
-    ::sigaction(SIGINT, &sa, nullptr);
-    ::sigaction(SIGTERM, &sa, nullptr);
-    ::signal(SIGPIPE, SIG_IGN);
+    catchStopSignals(onSignal);
 
     std::string ready;
     for (int i = 0; i < kPeerCount; ++i)
@@ -250,32 +218,8 @@ int main(int argc, char** argv)
 
     Commands commands(services, bus, log);
     std::thread reader([&] {
-        for (const Source& s : sources) {
-            if (!s.isScript) {
-                if (!commands.execute(s.text))
-                    return;
-                continue;
-            }
-            std::ifstream script(s.text);
-            if (!script) {
-                log.note("error: cannot read script " + s.text);
-                continue;
-            }
-            for (std::string line; std::getline(script, line);)
-                if (!commands.execute(line))
-                    return;
-        }
-        if (!readStdin)
-            return;
-        const bool prompt = ::isatty(STDIN_FILENO);
-        for (std::string line;;) {
-            if (prompt) {
-                std::fputs("peersim> ", stdout);
-                std::fflush(stdout);
-            }
-            if (!std::getline(std::cin, line) || !commands.execute(line))
-                return;
-        }
+        input.run([&](const std::string& line) { return commands.execute(line); },
+                  [&](const std::string& text) { log.note(text); }, "peersim> ");
     });
     reader.detach();
 

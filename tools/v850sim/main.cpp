@@ -9,19 +9,18 @@
 #include "V850Command.h"
 #include "V850Model.h"
 
+#include "CommandInput.h"
 #include "JTDeviceNode.h"
 #include "JTRootPrefix.h"
+#include "ToolProcess.h"
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
-#include <iostream>
 #include <mutex>
 #include <poll.h>
 #include <string>
@@ -271,35 +270,21 @@ namespace
             "--cmd and --script run in the given order, then commands are read from standard input.\n\n%s",
             V850Command::helpText());
     }
-
-    struct Source
-    {
-        bool isScript;
-        std::string text;
-    };
 }
 
 int main(int argc, char** argv)
 {
-    std::vector<Source> sources;
+    CommandInput input;
     std::string logPath;
     std::string node = "/dev/ipc/ch6";
-    bool readStdin = true;
     for (int i = 1; i < argc; ++i) {
-        std::string a = argv[i];
-        if ((a == "--cmd" || a == "--script" || a == "--log" || a == "--node") && i + 1 < argc) {
-            std::string v = argv[++i];
-            if (a == "--log") logPath = v;
-            else if (a == "--node") node = v;
-            else sources.push_back(Source{a == "--script", v});
-        } else if (a.compare(0, 6, "--cmd=") == 0) {
-            sources.push_back(Source{false, a.substr(6)});
-        } else if (a.compare(0, 9, "--script=") == 0) {
-            sources.push_back(Source{true, a.substr(9)});
-        } else if (a.compare(0, 6, "--log=") == 0) {
-            logPath = a.substr(6);
-        } else if (a == "--no-stdin") {
-            readStdin = false;
+        if (input.takeOption(argc, argv, i))
+            continue;
+        const std::string a = argv[i];
+        if (takeOptionValue(a, "--log", logPath))
+            continue;
+        if ((a == "--log" || a == "--node") && i + 1 < argc) {
+            (a == "--log" ? logPath : node) = argv[++i];
         } else if (a == "--help" || a == "-h") {
             usage();
             return 0;
@@ -310,13 +295,8 @@ int main(int argc, char** argv)
     }
 
     FILE* logFile = nullptr;
-    if (!logPath.empty()) {
-        logFile = std::fopen(logPath.c_str(), "w");
-        if (logFile == nullptr) {
-            std::fprintf(stderr, "v850sim: cannot write %s: %s\n", logPath.c_str(), std::strerror(errno));
-            return 1;
-        }
-    }
+    if (!logPath.empty() && (logFile = openLogFile("v850sim", logPath)) == nullptr)
+        return 1;
     if (::pipe2(gWakePipe, O_CLOEXEC | O_NONBLOCK) != 0) {
         std::perror("v850sim: pipe");
         return 1;
@@ -327,42 +307,13 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "v850sim: cannot listen on %s: %s\n", hostPath.c_str(), std::strerror(errno));
         return 1;
     }
-    struct sigaction sa;
-    std::memset(&sa, 0, sizeof(sa));
-    sa.sa_handler = onSignal;
-    ::sigaction(SIGINT, &sa, nullptr);
-    ::sigaction(SIGTERM, &sa, nullptr);
-    ::signal(SIGPIPE, SIG_IGN);
+    catchStopSignals(onSignal);
 
     Simulator sim(listenFd, logFile);
     sim.note("listening on " + hostPath);
     std::thread commands([&] {
-        for (const Source& s : sources) {
-            if (!s.isScript) {
-                if (!sim.execute(s.text))
-                    return;
-                continue;
-            }
-            std::ifstream script(s.text);
-            if (!script) {
-                sim.note("error: cannot read script " + s.text);
-                continue;
-            }
-            for (std::string line; std::getline(script, line);)
-                if (!sim.execute(line))
-                    return;
-        }
-        if (!readStdin)
-            return;
-        const bool prompt = ::isatty(STDIN_FILENO);
-        for (std::string line;;) {
-            if (prompt) {
-                std::fputs("v850> ", stdout);
-                std::fflush(stdout);
-            }
-            if (!std::getline(std::cin, line) || !sim.execute(line))
-                return;
-        }
+        input.run([&](const std::string& line) { return sim.execute(line); },
+                  [&](const std::string& text) { sim.note(text); }, "v850> ");
     });
     commands.detach();
 
