@@ -55,8 +55,12 @@ void CCBRadio::run()
     scope.sendFormattedMessage("\n[CBR run] Req processing thread running...\n");
     while (sig_exit.load(std::memory_order_relaxed) == 0) {
         mReqMutex.lock();
-        // No predicate on purpose: a wake-up is a request to drain whatever is queued.
-        mReqMutex.condWait();
+        // No predicate on the queue on purpose: a wake-up is a request to drain whatever is
+        // queued. The exit flag alone is looked at once more under the lock: the signal handler
+        // sets it before it takes the lock to post, so an exit requested between the loop test
+        // and this point is not lost with its wake-up.
+        if (sig_exit.load(std::memory_order_relaxed) == 0)
+            mReqMutex.condWait();
         requestHandler();
         mReqMutex.unlock();
     }

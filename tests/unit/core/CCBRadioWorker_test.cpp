@@ -100,3 +100,32 @@ TEST(CCBRadioWorker, WithoutDeviceQueriesWriteNothingAndTheExitRequestEndsTheWor
     EXPECT_EQ(1, radio.deInitializeIPCService());
     sig_exit.store(0);
 }
+
+TEST(CCBRadioWorker, ExitRequestedBeforeTheFirstWaitIsNotLost)
+{
+    V850Peer noDevice;
+    CCBRadio radio;
+    sig_exit.store(0);
+    // The worker passes its loop test and then finds the queue locked, as when the termination
+    // signal arrives right after the worker started.
+    radio.mReqMutex.lock();
+    radio.createThread();
+    usleep(50000);
+    sig_exit.store(1);
+    radio.mReqList.push_back(REQ_CBR_EXIT);
+    radio.mReqMutex.condSignal();   // nobody waits yet: this wake-up goes nowhere
+    radio.mReqMutex.unlock();
+
+    bool drained = false;
+    for (int i = 0; i < 1000 && !drained; ++i) {
+        usleep(1000);
+        radio.mReqMutex.lock();
+        drained = radio.mReqList.empty();
+        radio.mReqMutex.unlock();
+    }
+    EXPECT_TRUE(drained) << "the worker waited for a wake-up that had already been sent";
+    if (!drained)
+        radio.postRequest(REQ_CBR_EXIT);   // release it so that the join below returns
+    EXPECT_EQ(0, radio.waitStop());
+    sig_exit.store(0);
+}
