@@ -65,9 +65,12 @@ bool CJTTraceChannel::sendRegistrationRequest(const char* prefix, bool waitForAc
     CJTIODevice reg;
     if (!reg.open(kRegisterNode, CJTIODevice::WRITE))
     {
+        // A removal that cannot even be sent is reported like one the server did not take.
         if (waitForAck)
             JTSyslog::logMsg(kSyslogModule, JTSyslog::SEV_CRITICAL, "Cannot connect to trace server: %d",
                              reg.getLastError());
+        else
+            JTSyslog::logMsg(kSyslogModule, JTSyslog::SEV_ERROR, "Cannot remove trace device: %s", request.c_str());
         return false;
     }
     int written = reg.write(request.c_str(), request.size() + 1);

@@ -14,7 +14,8 @@
 //   "Cannot connect to trace server: %d"          no registration node (severity 1)
 //   "Cannot open trace device: %d"                 registered but the node does not open (1; after
 //                                                  the assertion src/CJTTraceChannelQNX:97)
-//   "Cannot remove trace device: %s"               the "rm:" request was not sent (2)
+//   "Cannot remove trace device: %s"               the "rm:" request was not sent, also when the
+//                                                  register node is gone (2)
 //   "Error during write(), closing trace device [%d]"   a record was not written whole (2)
 //   "Error during read(), closing trace device"    the node failed or the server went away (2)
 // After a write failure the node is closed by the trace thread at its next read, so that no

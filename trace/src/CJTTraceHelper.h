@@ -148,6 +148,8 @@ public:
     // --- persistence ------------------------------------------------------------------------------
     // Each does nothing (and returns false) without a process name or without a persistence (or
     // with the null persistence). Results are reported to the server with the log codes above.
+    // loadPersistent kills instead of loading when the persistence asks for it; a block that
+    // fails to load is reported (259) and then killed like killPersistent does (258).
     bool loadPersistent();
     bool storePersistent();
     bool killPersistent();

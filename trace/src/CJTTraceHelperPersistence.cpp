@@ -25,8 +25,9 @@ bool CJTTraceHelper::loadPersistent()
         return killPersistent();
     if (!mScopeManager.loadBinaryPersistence(persistence, mProcessName.c_str())) {
         sendLogMessage(CJTTraceScope::KIND_MESSAGE, LOG_PERSISTENCE_LOAD_FAILED, nullptr);
-        // A block that does not fit this build is of no further use; drop it.
-        persistence.kill(mProcessName.c_str());
+        // A block that does not fit this build is of no further use; drop it, and tell the server
+        // so as any other removal.
+        killPersistent();
         return false;
     }
     sendLogMessage(CJTTraceScope::KIND_MESSAGE, LOG_PERSISTENCE_LOADED, nullptr);

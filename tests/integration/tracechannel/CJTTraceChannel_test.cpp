@@ -1,5 +1,6 @@
 // The trace channel and trace thread against an in-process trace server that speaks the real
 // bytes over real SOCK_SEQPACKET sockets in a temporary CBRADIO_ROOT.
+#include "CJTByteStream.h"
 #include "CJTNullTracePersistence.h"
 #include "CJTThreadCtrl.h"
 #include "CJTTraceCallback.h"
@@ -9,6 +10,7 @@
 #include "CJTTraceScopeDef.h"
 #include "CJTTraceScopeManager.h"
 #include "CTraceThread.h"
+#include "IJTTracePersistence.h"
 #include "JTDeviceNode.h"
 #include "JTRootPrefix.h"
 #include "JTSyslog.h"
@@ -227,6 +229,23 @@ namespace
 
     CJTTraceScopeDef gsWatched("ITest_CWatched", "run");
 
+    // Hands out one fixed block and counts removals.
+    class BlockPersistence : public IJTTracePersistence
+    {
+    public:
+        void load(const char*, CJTByteStream& data) override { data.doWrite(block.data(), uint32_t(block.size())); }
+        void store(const char*, CJTByteStream&) override {}
+        void kill(const char*) override
+        {
+            ++kills;
+            block.clear();
+        }
+        bool isKillRequired() const override { return false; }
+
+        Bytes block;
+        int kills = 0;
+    };
+
     int timesTen(int);
     CJTTraceCallbackDef gsTimesTen(timesTen, "ITest_timesTen", "multiply by ten");
     CJTTraceCallbackParam gsValue(gsTimesTen, "value", CJTTraceCallbackParam::TYPE_INT);
@@ -259,9 +278,9 @@ namespace
             std::system(("rm -rf " + mRoot).c_str());
         }
 
-        void startThread()
+        void startThread(IJTTracePersistence& persistence = CJTNullTracePersistence::sInstance)
         {
-            mConfig.reset(new CTraceThread::CJTConfig(1, mArgv, "ITest", CJTNullTracePersistence::sInstance));
+            mConfig.reset(new CTraceThread::CJTConfig(1, mArgv, "ITest", persistence));
             mThread.reset(new CTraceThread(*mConfig));
             mTid = CJTThreadCtrl::startThread(mThread.get(), false, CJTThreadCtrl::DEFAULTPRIORITY,
                                               CJTThreadCtrl::DEFAULTSTACKSIZE);
@@ -312,6 +331,33 @@ TEST_F(TraceChannelTest, VersionCheck)
         }
         CJTTraceHelper::destroy();
     }
+}
+
+TEST_F(TraceChannelTest, RemovalIsLoggedWhenTheServerIsGone)
+{
+    CJTTraceChannel channel("ITest");
+    {
+        TestTraceServer server(1, 0, 0);
+        ASSERT_TRUE(channel.connect());
+    }
+    channel.disconnect();
+    EXPECT_FALSE(channel.isConnected());
+    EXPECT_TRUE(logged("Cannot remove trace device: rm:ITest"));
+}
+
+TEST_F(TraceChannelTest, BinaryBlockThatDoesNotLoadIsReportedThenKilled)
+{
+    TestTraceServer server(1, 0, 0);
+    BlockPersistence store;
+    store.block = {1, 2};  // fits no number of scopes
+    startThread(store);
+    ASSERT_TRUE(server.waitFor([](const std::vector<Bytes>& r) { return countClass(r, 38, 64) == 2; }));
+    std::vector<uint32_t> codes;
+    for (const Bytes& b : server.records())
+        if (b[0] == 38)
+            codes.push_back(b[16] | b[17] << 8);
+    EXPECT_EQ(codes, (std::vector<uint32_t>{259, 258}));
+    EXPECT_EQ(store.kills, 1);
 }
 
 TEST_F(TraceChannelTest, ServesTheCommandTable)
