@@ -117,7 +117,7 @@ void CJTTraceHelper::executeCmd(uint8_t code, uint32_t parameter)
         {
             const CJTTraceScopeDef& def = mScopeManager.getScopeDef(static_cast<uint16_t>(i));
             name[0] = 0;
-            def.getScopeName(name, sizeof name);
+            def.getScopeName(name, sizeof name - 1);  // at most 510 characters, as everywhere
             channel->writeMessage(CJTTraceMessageData::makeScopeInfo(mProcessId, static_cast<uint16_t>(i),
                                                                      def.getKernelEvent(), def.getMedia(),
                                                                      def.getFilter(), name));

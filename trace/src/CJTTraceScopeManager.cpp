@@ -93,18 +93,20 @@ void CJTTraceScopeManager::setFilter(int first, int last, uint8_t filter)
 {
     std::lock_guard<std::recursive_mutex> guard(mLock);
     int count = static_cast<int>(mDefs.size());
-    for (int i = std::max(first, 0); i <= last && i < count; ++i)
+    for (int i = std::max(first, 0); i <= last && i < count; ++i) {
         mDefs[i]->setFilter(filter);
-    mSettingsInStep.store(0, std::memory_order_relaxed);
+        mSettingsInStep.store(0, std::memory_order_relaxed);
+    }
 }
 
 void CJTTraceScopeManager::setMedia(int first, int last, uint8_t media)
 {
     std::lock_guard<std::recursive_mutex> guard(mLock);
     int count = static_cast<int>(mDefs.size());
-    for (int i = std::max(first, 0); i <= last && i < count; ++i)
+    for (int i = std::max(first, 0); i <= last && i < count; ++i) {
         mDefs[i]->setMedia(media);
-    mSettingsInStep.store(0, std::memory_order_relaxed);
+        mSettingsInStep.store(0, std::memory_order_relaxed);
+    }
 }
 
 bool CJTTraceScopeManager::configureScope(uint16_t index, uint8_t filter, uint8_t media)
@@ -144,13 +146,14 @@ bool CJTTraceScopeManager::configureByName(const char* prefix, uint8_t filter, u
     std::lock_guard<std::recursive_mutex> guard(mLock);
     if (mDefs.empty())
         return false;
+    // Only a scope that is actually configured puts the settings out of step.
     auto apply = [&](CJTTraceScopeDef& def) {
         def.setFilter(filter);
         def.setMedia(media);
         if (withEvent)
             def.setKernelEvent(kernelEvent);
+        mSettingsInStep.store(0, std::memory_order_relaxed);
     };
-    mSettingsInStep.store(0, std::memory_order_relaxed);
 
     if (!prefix || prefix[0] == '\0' || prefix[0] == '*') {
         for (CJTTraceScopeDef* def : mDefs)

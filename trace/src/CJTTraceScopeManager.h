@@ -7,7 +7,8 @@
 //
 // Settings: filter, media and kernel event per definition; a silent flag that mutes every scope;
 // a settings-in-step flag that tells the trace server whether the settings equal the persisted
-// ones (cleared by every change of filter or media, set after a binary load or store).
+// ones (cleared by every change of filter or media, not by a range or prefix that matches no
+// scope; set after a binary load or store).
 //
 // Persistence (binary block and text file):
 //   binary block: 1 byte silent flag (1 = silent), then filter, media, kernel event per scope in

@@ -89,9 +89,11 @@ TEST(CJTTraceScopeManager, RangesAreInclusiveAndClearTheInStepFlag)
     EXPECT_EQ(0, c.getFilter());
     EXPECT_EQ(0, manager().getSettingsInStep());
 
-    manager().setMedia(c.getIndex(), b.getIndex(), 0x0F);  // first > last: nothing
+    manager().setSettingsInStep(true);
+    manager().setMedia(c.getIndex(), b.getIndex(), 0x0F);  // first > last: nothing, still in step
     EXPECT_EQ(1, b.getMedia());
     EXPECT_EQ(1, c.getMedia());
+    EXPECT_EQ(1, manager().getSettingsInStep());
     manager().setMedia(c.getIndex(), c.getIndex() + 1000, 0x04);  // runs past the end
     EXPECT_EQ(0x04, c.getMedia());
 
@@ -121,8 +123,10 @@ TEST(CJTTraceScopeManager, ConfiguresByPrefixStarAndEmpty)
     EXPECT_EQ(9, run.getKernelEvent());
     EXPECT_EQ(0x7F, start.getFilter());
 
+    manager().setSettingsInStep(true);
     EXPECT_FALSE(manager().configureScopesByName("ByName_Nothing", 1, 1));
     EXPECT_FALSE(manager().configureScopesByName("ByName_CCBRadio_run_and_more", 1, 1));
+    EXPECT_EQ(1, manager().getSettingsInStep());  // nothing changed
 
     // A scope registered after the sorted list was built is still found.
     CJTTraceScopeDef late("ByName_CCBRadio", "late");
