@@ -6,6 +6,7 @@
 #include "CJTTraceScopeDef.h"
 #include "JTRootPrefix.h"
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -72,7 +73,19 @@ int CCBRadio::startService()
         ::sleep(START_FRAME_PAUSE_S);
     }
     scope.sendFormattedMessage("\n[CBR] initializing State machine...\n");
-    initializeDBUSService();
+    {
+        // The bus library's dispatch threads, created here, inherit the blocked termination
+        // signals: the handler traces and must not interrupt a callback in the middle of a trace.
+        // A signal that comes meanwhile is handled once the bus is up.
+        sigset_t termination, previous;
+        sigemptyset(&termination);
+        sigaddset(&termination, SIGINT);
+        sigaddset(&termination, SIGHUP);
+        sigaddset(&termination, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &termination, &previous);
+        initializeDBUSService();
+        pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    }
     if (persistency_Ready_Flag.load(std::memory_order_relaxed))
         getPersistedCBRadioProperties();
     else

@@ -2,8 +2,9 @@
 //
 // Runs in the background (fork, new session, working directory "/", umask 0, standard streams
 // kept; the parent exits 0). CBRADIO_FOREGROUND=1 skips the fork and the new session, for service
-// managers and tests. SIGINT, SIGHUP and SIGTERM end it cleanly; SIGPIPE is ignored so that a
-// vanished peer only fails a write. The only command-line arguments are the trace start-up
+// managers and tests. SIGINT, SIGHUP and SIGTERM end it cleanly; every other thread of the service
+// blocks them, so their handler runs on the main thread (one that arrives while the bus comes up is
+// handled right after). SIGPIPE is ignored so that a vanished peer only fails a write. The only command-line arguments are the trace start-up
 // options ("--tp=FILE", "--bp", "--nobreak", "--memtrace=N").
 #include "CCBRadio.h"
 
@@ -33,6 +34,21 @@ namespace
     {
         const char* value = std::getenv("CBRADIO_FOREGROUND");
         return value != nullptr && std::strcmp(value, "1") == 0;
+    }
+
+    // The termination handler traces and takes the request queue's lock, so it must not interrupt
+    // a thread in the middle of a trace. The trace thread is therefore started with the
+    // termination signals blocked (it inherits the mask); they reach the main thread, which spends
+    // the run blocked in a join. Returns the mask to restore.
+    sigset_t blockTerminationSignals()
+    {
+        sigset_t termination, previous;
+        sigemptyset(&termination);
+        sigaddset(&termination, SIGINT);
+        sigaddset(&termination, SIGHUP);
+        sigaddset(&termination, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &termination, &previous);
+        return previous;
     }
 
     void becomeDaemon()
@@ -74,8 +90,10 @@ int main(int argc, char** argv)
 
     CTraceThread::CJTConfig config(argc, argv, "CBRadio", CJTDefaultBinaryTracePersistence::getInstance());
     CTraceThread* traceThread = new CTraceThread(config);
+    sigset_t unblocked = blockTerminationSignals();
     pthread_t traceThreadId = CJTThreadCtrl::startThread(traceThread, false, CJTThreadCtrl::DEFAULTPRIORITY,
                                                          CJTThreadCtrl::DEFAULTSTACKSIZE);
+    pthread_sigmask(SIG_SETMASK, &unblocked, nullptr);
     CJTThreadCtrl::setThreadName(traceThreadId, "CBRadioTraceThread");
 
     {

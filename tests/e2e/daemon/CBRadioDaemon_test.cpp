@@ -3,6 +3,8 @@
 
 #include <chrono>
 #include <csignal>
+#include <dirent.h>
+#include <memory>
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
@@ -125,6 +127,13 @@ namespace
             return pid;
         }
 
+        void startTraceServer()
+        {
+            start({buildDir() + "/tools/tracesrv/tracesrv", "--no-stdin"}, "tracesrv", true);
+            EXPECT_TRUE(waitUntil([&] { return ::access((mRoot + "/dev/mv2trace/register").c_str(), F_OK) == 0; },
+                                  3000));
+        }
+
         pid_t startDaemon(bool foreground)
         {
             return start({buildDir() + "/cbradio/cbradiod", "--tp=" + mRoot + "/tp.txt"}, "daemon", foreground);
@@ -183,6 +192,28 @@ namespace
         std::vector<pid_t> mDetached;   // daemons that are no children of ours
     };
 
+    // Threads of the process, other than its main thread, that can be interrupted by SIGINT, SIGHUP
+    // or SIGTERM; "task TID" each.
+    std::vector<std::string> threadsTakingTerminationSignals(pid_t pid)
+    {
+        std::vector<std::string> open;
+        const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+        std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(tasks.c_str()), ::closedir);
+        for (dirent* e; dir && (e = ::readdir(dir.get())) != nullptr;) {
+            if (e->d_name[0] == '.' || std::to_string(pid) == e->d_name)
+                continue;
+            std::istringstream status(readFile(tasks + "/" + e->d_name + "/status"));
+            unsigned long long blocked = 0;
+            for (std::string line; std::getline(status, line);)
+                if (line.compare(0, 7, "SigBlk:") == 0)
+                    blocked = std::stoull(line.substr(7), nullptr, 16);
+            const unsigned long long termination = (1ull << (SIGINT - 1)) | (1ull << (SIGHUP - 1)) | (1ull << (SIGTERM - 1));
+            if ((blocked & termination) != termination)
+                open.push_back(std::string("task ") + e->d_name);
+        }
+        return open;
+    }
+
     int exitStatus(pid_t pid, int timeoutMs)
     {
         int status = -1;
@@ -193,6 +224,7 @@ namespace
 
 TEST_F(HeadUnit, ForegroundServiceSendsStartFramesTracesToConsoleAndOutlivesTheSimulator)
 {
+    startTraceServer();   // keeps the trace thread running
     pid_t sim = startSimulator();
     pid_t daemon = startDaemon(true);
     ASSERT_TRUE(waitForOutput("daemon", "[CBRadio] Up and Running...", 8000));
@@ -204,6 +236,8 @@ TEST_F(HeadUnit, ForegroundServiceSendsStartFramesTracesToConsoleAndOutlivesTheS
     EXPECT_NE(std::string::npos, text.find("\n[CBR]reqCBR_WA_OnOffRequest WriteOut c 1 1 \n"));
     EXPECT_NE(std::string::npos, text.find("\n[CBR] initializing State machine...\n"));
     EXPECT_EQ(std::string::npos, err("daemon").find("Error opening"));
+    // The termination handler traces: only the main thread, waiting in a join, may run it.
+    EXPECT_EQ(std::vector<std::string>(), threadsTakingTerminationSignals(daemon));
 
     // The microcontroller going away does not take the service with it.
     ::kill(sim, SIGTERM);
