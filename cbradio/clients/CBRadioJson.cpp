@@ -29,13 +29,18 @@ namespace CBRadioJson
         return found != nullptr ? *found : absent;
     }
 
+    bool toInt(const Json::Value& number, int& value)
+    {
+        // isNumeric() keeps booleans out; the range test keeps asInt() from throwing.
+        if (!number.isNumeric() || !number.isConvertibleTo(Json::intValue))
+            return false;
+        value = number.asInt();
+        return true;
+    }
+
     bool readInt(const Json::Value& object, const char* key, int& value)
     {
-        const Json::Value& v = member(object, key);
-        if (!v.isIntegral() || !v.isConvertibleTo(Json::intValue))
-            return false;
-        value = v.asInt();
-        return true;
+        return toInt(member(object, key), value);
     }
 
     bool readString(const Json::Value& object, const char* key, std::string& value)

@@ -11,8 +11,9 @@
 //     JSON and JSON that is not an object (a number, an array) are all "parse errors": no member
 //     can be read from them. Text after a complete object is ignored, as jsoncpp's Reader does,
 //     so payloads the service has always accepted keep being accepted.
-//   - An integer member must be a JSON number with an integral value that fits an int. Booleans,
-//     numeric strings, fractions and out-of-range numbers do not count as integers.
+//   - An integer member must be a JSON number within the range of an int; it is converted as
+//     jsoncpp's asInt() converts it, so a fraction is cut towards zero (1.9 reads as 1). Booleans,
+//     numeric strings and out-of-range numbers do not count as integers.
 //   - A text member must be a JSON string; anything else reads as absent.
 // All functions are pure and may be called from any thread.
 #ifndef CBRADIOJSON_H
@@ -29,6 +30,9 @@ namespace CBRadioJson
 
     // The member `key` of `object`, or a null value when `object` is not an object or lacks it.
     const Json::Value& member(const Json::Value& object, const char* key);
+
+    // True, with the value, when `number` is an integer as defined above.
+    bool toInt(const Json::Value& number, int& value);
 
     // True, with the value, when member `key` is an integer as defined above.
     bool readInt(const Json::Value& object, const char* key, int& value);

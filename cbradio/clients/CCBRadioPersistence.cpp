@@ -10,7 +10,8 @@
 // the service will not run on settings it could not read when the store itself answered with an
 // error. A reply that is not an object, or whose "res" is not exactly eight integers, counts as
 // no record at all: the start values are pushed and the methods open. A "res" with an element
-// that is not an integer is treated like one of the wrong length.
+// that is not a number within an int is treated like one of the wrong length; a fraction is cut
+// towards zero, as jsoncpp converts it.
 //
 // Threads: the read is sent from the main thread during start; its completion and the owner
 // change callback run on a service-IPC dispatch thread; the store runs on the dispatch thread
@@ -91,10 +92,7 @@ void CCBRadio::onCBRadioPersistDataRead(const SVCIPC_tCallbackStatus* status, co
         int values[RECORD_SIZE] = {};
         bool complete = res.isArray() && res.size() == RECORD_SIZE;
         for (unsigned int i = 0; complete && i < RECORD_SIZE; ++i) {
-            const Json::Value& element = res[i];
-            complete = element.isIntegral() && element.isConvertibleTo(Json::intValue);
-            if (complete)
-                values[i] = element.asInt();
+            complete = CBRadioJson::toInt(res[i], values[i]);
         }
         if (!complete) {
             scope.sendFormattedMessage("\n[CBR onCBRadioPersistDataRead] : service failed\n");

@@ -4,8 +4,8 @@
 // in power mode 3 does a press send PTT on, and power mode 4 sends PTT off while a switch is still
 // latched. Power mode 1 also stores the settings.
 //
-// Bad payloads: a payload that is not a JSON object, or whose value member is missing or not an
-// integer, is handled like text that is not JSON: the switch handlers log their "Parse Error"
+// Bad payloads: a payload that is not a JSON object, or whose value member is missing or not a
+// number within an int (fractions are cut towards zero), is handled like text that is not JSON: the switch handlers log their "Parse Error"
 // line, the VOX and power mode handlers ignore it silently. In every case nothing changes. The
 // power mode is kept as a signed byte and acted upon as stored (a value of 257 acts as 1).
 //

@@ -14,8 +14,9 @@
 // only ever see the first result.
 //
 // Arguments: the text is parsed as one JSON object (jsoncpp's Reader, comments not kept) and each
-// key is taken as an integer (or, for "props", a string). Text that is not an object, a missing
-// key, a value of another type (booleans and numeric strings included), a fraction or a value
+// key is taken as an integer the way jsoncpp converts a number (a fraction is cut towards zero, so
+// 0.5 selects 0) or, for "props", as a string. Text that is not an object, a missing key, a value
+// that is not a number (booleans and numeric strings included), a number beyond an int or a value
 // outside the method's range all answer {"code":1,"description":"failure"} and nothing reaches the
 // V850. Methods without arguments ignore the text.
 //
@@ -25,6 +26,7 @@
 //   - reqCBRClearPreset and unknown method names get no result at all.
 #include "CCBRadio.h"
 
+#include "CBRadioJson.h"
 #include "CJTTraceScope.h"
 #include "CJTTraceScopeDef.h"
 
@@ -62,15 +64,13 @@ namespace
             }
         }
 
-        // An integral number (1.0 counts, 1.5 and true do not) within 64 bits.
+        // A number within an int, converted as jsoncpp's asInt() does (1.5 is 1; true is refused).
         bool integer(const char* key, long long& value) const
         {
-            if (!mValid || !mRoot.isMember(key))
+            int number = 0;
+            if (!mValid || !CBRadioJson::readInt(mRoot, key, number))
                 return false;
-            const Json::Value& v = mRoot[key];
-            if (!v.isIntegral() || !v.isInt64())
-                return false;
-            value = v.asInt64();
+            value = number;
             return true;
         }
 

@@ -154,13 +154,14 @@ TEST_F(Radio, StateChangeWritesTheFrameAndTheConfirmationPublishesTheRadio)
     EXPECT_TRUE(unit->waitForFrame("0E 01 00", frames));
 
     const size_t signals = unit->signalMark();
-    expectFrameAndSignal("reqCBRStateChange", "{\"CBRState\":1}", "01 01 01", "CBRadioStatus", body("Status", 1));
+    // A fraction is taken as the integer it starts with.
+    expectFrameAndSignal("reqCBRStateChange", "{\"CBRState\":1.7}", "01 01 01", "CBRadioStatus", body("Status", 1));
     EXPECT_TRUE(waitForSignal("CBRSquelchLevel", body("SquelchLevel", 8), signals));
     EXPECT_TRUE(waitForSignal("CBRChannelNumber", body("ChannelNumber", 1), signals));
 
     for (const char* bad : {"{\"CBRState\":2}", "{\"CBRState\":-1}", "{\"CBRState\":4294967297}",
                             "{\"CBRState\":99999999999999999999}", "{\"CBRState\":\"1\"}", "{\"CBRState\":true}",
-                            "{\"CBRState\":0.5}", "{\"CBRState\":null}", "{\"CBRState\":[1]}", "{\"state\":1}",
+                            "{\"CBRState\":null}", "{\"CBRState\":[1]}", "{\"state\":1}",
                             "{}", "", "1", "[{\"CBRState\":1}]", "{\"CBRState\":1", "not json"})
         expectFailureAndNoFrame("reqCBRStateChange", bad);
 }
@@ -200,7 +201,7 @@ TEST_F(Radio, SeekAndSquelchStepFromTheConfirmedValues)
 
     for (const char* bad : {"{\"seekDirection\":2}", "{\"seekDirection\":-1}", "{\"seekDirection\":\"up\"}", "{}"})
         expectFailureAndNoFrame("reqCBRStartSeek", bad);
-    for (const char* bad : {"{\"squelchChg\":2}", "{\"squelchChg\":1.5}", "[]"})
+    for (const char* bad : {"{\"squelchChg\":2}", "{\"squelchChg\":2.5}", "{\"squelchChg\":-1.5}", "[]"})
         expectFailureAndNoFrame("reqCBRAdjustSquelchLevel", bad);
 }
 

@@ -1,5 +1,5 @@
-// What the service accepts from other services' payloads: only JSON objects, only true integers
-// and strings where those are expected, and never an exception, whatever the text.
+// What the service accepts from other services' payloads: only JSON objects, only numbers that fit
+// an int and strings where those are expected, and never an exception, whatever the text.
 #include "CBRadioJson.h"
 
 #include <gtest/gtest.h>
@@ -25,18 +25,23 @@ TEST(CBRadioJson, NestingTooDeepForTheReaderIsAParseErrorNotAnException)
     EXPECT_FALSE(CBRadioJson::parseObject(closed.c_str(), root));
 }
 
-TEST(CBRadioJson, IntegersMustBeIntegralNumbersThatFitAnInt)
+TEST(CBRadioJson, IntegersAreNumbersThatFitAnIntCutTowardsZero)
 {
     Json::Value root;
     ASSERT_TRUE(CBRadioJson::parseObject(
-        "{\"i\":-3,\"u\":4000000000,\"r\":2.0,\"f\":2.5,\"s\":\"2\",\"b\":true,\"n\":null,\"o\":{},\"a\":[1]}", root));
+        "{\"i\":-3,\"u\":4000000000,\"r\":2.0,\"f\":2.9,\"g\":-0.5,\"x\":3e9,\"s\":\"2\",\"b\":true,"
+        "\"n\":null,\"o\":{},\"a\":[1]}", root));
     int value = 0;
     EXPECT_TRUE(CBRadioJson::readInt(root, "i", value));
     EXPECT_EQ(-3, value);
     EXPECT_TRUE(CBRadioJson::readInt(root, "r", value));
     EXPECT_EQ(2, value);
+    EXPECT_TRUE(CBRadioJson::readInt(root, "f", value));
+    EXPECT_EQ(2, value);
+    EXPECT_TRUE(CBRadioJson::readInt(root, "g", value));
+    EXPECT_EQ(0, value);
     value = 77;
-    for (const char* key : {"u", "f", "s", "b", "n", "o", "a", "missing"}) {
+    for (const char* key : {"u", "x", "s", "b", "n", "o", "a", "missing"}) {
         EXPECT_FALSE(CBRadioJson::readInt(root, key, value)) << key;
         EXPECT_EQ(77, value) << key << " changed the output";
     }
