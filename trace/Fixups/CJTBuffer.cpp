@@ -43,6 +43,11 @@ const uint8_t* CJTBuffer::getData() const
     return mBuffer != nullptr ? mBuffer->getBuffer() : nullptr;
 }
 
+bool CJTBuffer::isShared() const
+{
+    return mBuffer != nullptr && mBuffer->getRefCount() > 1;
+}
+
 uint8_t* CJTBuffer::getWritableData()
 {
     makeUnique(mSize);

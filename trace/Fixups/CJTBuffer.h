@@ -27,6 +27,8 @@ public:
     uint32_t getSize() const { return mSize; }
     uint32_t getCapacity() const;
     const uint8_t* getData() const;
+    // True while a copy shares the block.
+    bool isShared() const;
     // Writable bytes; gives the buffer a block of its own first.
     uint8_t* getWritableData();
 

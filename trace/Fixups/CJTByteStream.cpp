@@ -1,6 +1,5 @@
 #include "CJTByteStream.h"
 
-#include "CJTRCMemoryBuffer.h"
 #include "CJTString.h"
 
 #include <cstring>
@@ -10,86 +9,48 @@ namespace
     const uint32_t MIN_CAPACITY = 64;
 }
 
-CJTByteStream::CJTByteStream() : mBuffer(nullptr), mSize(0), mReadPos(0) {}
+CJTByteStream::CJTByteStream() : mBuffer(), mReadPos(0) {}
 
-CJTByteStream::CJTByteStream(uint32_t capacity) : mBuffer(nullptr), mSize(0), mReadPos(0)
+CJTByteStream::CJTByteStream(uint32_t capacity) : mBuffer(), mReadPos(0)
 {
     reserve(capacity);
 }
 
-CJTByteStream::CJTByteStream(const void* data, uint32_t size) : mBuffer(nullptr), mSize(0), mReadPos(0)
+CJTByteStream::CJTByteStream(const void* data, uint32_t size) : mBuffer(), mReadPos(0)
 {
     doWrite(data, size);
 }
 
 CJTByteStream::CJTByteStream(const CJTByteStream& other)
-    : IJTIOStream(), mBuffer(other.mBuffer), mSize(other.mSize), mReadPos(other.mReadPos)
+    : IJTIOStream(), mBuffer(other.mBuffer), mReadPos(other.mReadPos)
 {
-    if (mBuffer != nullptr)
-        mBuffer->addRef();
-}
-
-CJTByteStream& CJTByteStream::operator=(const CJTByteStream& other)
-{
-    if (other.mBuffer != nullptr)
-        other.mBuffer->addRef();
-    if (mBuffer != nullptr)
-        mBuffer->removeRef();
-    mBuffer = other.mBuffer;
-    mSize = other.mSize;
-    mReadPos = other.mReadPos;
-    return *this;
-}
-
-CJTByteStream::~CJTByteStream()
-{
-    if (mBuffer != nullptr)
-        mBuffer->removeRef();
-}
-
-uint32_t CJTByteStream::getCapacity() const
-{
-    return mBuffer != nullptr ? mBuffer->getSize() : 0;
 }
 
 const uint8_t* CJTByteStream::getData() const
 {
-    return mBuffer != nullptr ? mBuffer->getBuffer() : nullptr;
-}
-
-void CJTByteStream::setCapacity(uint32_t capacity)
-{
-    CJTRCMemoryBuffer* fresh = CJTRCMemoryBuffer::create(capacity);
-    if (mBuffer != nullptr) {
-        std::memcpy(fresh->getBuffer(), mBuffer->getBuffer(), mSize);
-        mBuffer->removeRef();
-    }
-    mBuffer = fresh;
+    return mBuffer.getData();
 }
 
 void CJTByteStream::reserve(uint32_t capacity)
 {
-    if (capacity > getCapacity() || (mBuffer != nullptr && mBuffer->getRefCount() > 1))
-        setCapacity(capacity > getCapacity() ? capacity : getCapacity());
+    mBuffer.reserve(capacity);
 }
 
 bool CJTByteStream::prepareWrite(uint32_t size)
 {
-    const uint64_t needed = static_cast<uint64_t>(mSize) + size;
+    const uint64_t needed = static_cast<uint64_t>(getSize()) + size;
     if (needed > 0xFFFFFFFFull)
         return false;
-    const bool shared = mBuffer != nullptr && mBuffer->getRefCount() > 1;
-    if (needed <= getCapacity() && !shared)
-        return true;
     uint64_t capacity = getCapacity();
-    if (needed > capacity) {
-        capacity = capacity * 2 > needed ? capacity * 2 : needed;
-        if (capacity < MIN_CAPACITY)
-            capacity = MIN_CAPACITY;
-        if (capacity > 0xFFFFFFFFull)
-            capacity = needed;
-    }
-    setCapacity(static_cast<uint32_t>(capacity));
+    if (needed <= capacity)
+        return true;
+    // Doubling keeps a stream written value by value linear in its size.
+    capacity = capacity * 2 > needed ? capacity * 2 : needed;
+    if (capacity < MIN_CAPACITY)
+        capacity = MIN_CAPACITY;
+    if (capacity > 0xFFFFFFFFull)
+        capacity = needed;
+    mBuffer.reserve(static_cast<uint32_t>(capacity));
     return true;
 }
 
@@ -97,19 +58,16 @@ uint32_t CJTByteStream::doWrite(const void* data, uint32_t size)
 {
     if (data == nullptr || size == 0)
         return 0;
-    // data may lie in our own block, which growing frees: hold it until the copy is done.
-    CJTRCMemoryBuffer* keep = mBuffer;
-    if (keep != nullptr)
-        keep->addRef();
-    uint32_t written = 0;
-    if (prepareWrite(size)) {
-        std::memmove(mBuffer->getBuffer() + mSize, data, size);
-        mSize += size;
-        written = size;
-    }
-    if (keep != nullptr)
-        keep->removeRef();
-    return written;
+    // data may lie in our own block, which growing frees: a copy of the buffer holds the block
+    // until the bytes are in (it only costs a copy of the block when data lies in it).
+    const uint8_t* bytes = static_cast<const uint8_t*>(data);
+    const uint8_t* own = getData();
+    CJTBuffer keep;
+    if (own != nullptr && bytes >= own && bytes < own + getCapacity())
+        keep = mBuffer;
+    if (!prepareWrite(size))
+        return 0;
+    return mBuffer.copyFrom(data, size, getSize());
 }
 
 uint32_t CJTByteStream::doRead(void* data, uint32_t size)
@@ -118,7 +76,7 @@ uint32_t CJTByteStream::doRead(void* data, uint32_t size)
         return 0;
     uint32_t count = getRemaining() < size ? getRemaining() : size;
     if (count != 0)
-        std::memcpy(data, mBuffer->getBuffer() + mReadPos, count);
+        std::memcpy(data, getData() + mReadPos, count);
     mReadPos += count;
     return count;
 }
@@ -171,18 +129,20 @@ bool CJTByteStream::readUInt32(uint32_t& value)
 
 uint32_t CJTByteStream::readFromIStream(IJTIStream& in, uint32_t size)
 {
-    if (static_cast<uint64_t>(mSize) + size > 0xFFFFFFFFull)
-        size = 0xFFFFFFFFu - mSize;
+    if (static_cast<uint64_t>(getSize()) + size > 0xFFFFFFFFull)
+        size = 0xFFFFFFFFu - getSize();
     uint32_t total = 0;
     while (total < size) {
         // Grow in steps, so a large request from a short stream does not reserve it all at once.
         uint32_t chunk = size - total < 4096 ? size - total : 4096;
         if (!prepareWrite(chunk))
             break;
-        uint32_t got = in.doRead(mBuffer->getBuffer() + mSize, chunk);
+        const uint32_t before = getSize();
+        mBuffer.resize(before + chunk);
+        uint32_t got = in.doRead(mBuffer.getWritableData() + before, chunk);
         if (got > chunk) // a source that claims more than it was asked for is not believed
             got = chunk;
-        mSize += got;
+        mBuffer.resize(before + got);
         total += got;
         if (got == 0)
             break;
@@ -192,21 +152,22 @@ uint32_t CJTByteStream::readFromIStream(IJTIStream& in, uint32_t size)
 
 void CJTByteStream::clear()
 {
-    if (mBuffer != nullptr && mBuffer->getRefCount() > 1) {
-        mBuffer->removeRef();
-        mBuffer = nullptr;
-    }
-    mSize = 0;
+    // A block shared with a copy is left to the copy; one of our own is kept for reuse.
+    if (mBuffer.isShared())
+        mBuffer = CJTBuffer();
+    else
+        mBuffer.resize(0);
     mReadPos = 0;
 }
 
 void CJTByteStream::dump(CJTString& out) const
 {
     static const char digits[] = "0123456789ABCDEF";
-    CJTString text(mSize * 2 > mSize ? mSize * 2 : 0);
+    const uint32_t size = getSize();
+    CJTString text(size * 2 > size ? size * 2 : 0);
     char pair[3] = {0, 0, 0};
     const uint8_t* bytes = getData();
-    for (uint32_t i = 0; i < mSize; ++i) {
+    for (uint32_t i = 0; i < size; ++i) {
         pair[0] = digits[bytes[i] >> 4];
         pair[1] = digits[bytes[i] & 0x0F];
         text.append(pair, 2);
@@ -216,5 +177,5 @@ void CJTByteStream::dump(CJTString& out) const
 
 bool CJTByteStream::operator==(const CJTByteStream& other) const
 {
-    return mSize == other.mSize && (mSize == 0 || std::memcmp(getData(), other.getData(), mSize) == 0);
+    return mBuffer == other.mBuffer;
 }

@@ -1,7 +1,8 @@
 // CJTByteStream: a growing in-memory byte stream with separate read and write positions.
 //
-// Writes append at the write position (the size of the stream) and grow the block underneath, a
-// CJTRCMemoryBuffer; reads take bytes from the read position up to the size. Multi-byte values
+// Writes append at the write position (the size of the stream) and grow the CJTBuffer underneath
+// (doubling its capacity, at least 64 bytes); reads take bytes from the read position up to the
+// size. Multi-byte values
 // are little-endian (least significant byte first). The stream carries the bodies of trace
 // records and the persistence block.
 //
@@ -15,11 +16,11 @@
 #ifndef CJTBYTESTREAM_H
 #define CJTBYTESTREAM_H
 
+#include "CJTBuffer.h"
 #include "IJTStream.h"
 
 #include <cstdint>
 
-class CJTRCMemoryBuffer;
 class CJTString;
 
 class CJTByteStream : public IJTIOStream
@@ -31,13 +32,13 @@ public:
     // A stream holding a copy of size bytes of data, read position at the start.
     CJTByteStream(const void* data, uint32_t size);
     CJTByteStream(const CJTByteStream& other);
-    CJTByteStream& operator=(const CJTByteStream& other);
-    ~CJTByteStream() override;
+    CJTByteStream& operator=(const CJTByteStream& other) = default;
+    ~CJTByteStream() override = default;
 
     uint32_t doRead(void* data, uint32_t size) override;
     uint32_t doWrite(const void* data, uint32_t size) override;
     uint32_t getReadPosition() const override { return mReadPos; }
-    uint32_t getWritePosition() const override { return mSize; }
+    uint32_t getWritePosition() const override { return getSize(); }
 
     bool writeUInt8(uint8_t value);
     bool writeUInt16(uint16_t value);
@@ -54,15 +55,15 @@ public:
 
     // The written bytes (null for a stream that never had a block) and their number.
     const uint8_t* getData() const;
-    uint32_t getSize() const { return mSize; }
-    uint32_t getCapacity() const;
+    uint32_t getSize() const { return mBuffer.getSize(); }
+    uint32_t getCapacity() const { return mBuffer.getCapacity(); }
     // Bytes not read yet.
-    uint32_t getRemaining() const { return mSize - mReadPos; }
+    uint32_t getRemaining() const { return getSize() - mReadPos; }
 
     // Empties the stream (both positions to 0), keeping its block when it is not shared.
     void clear();
     // Reads again from the start (or from pos, clamped to the size).
-    void rewind(uint32_t pos = 0) { mReadPos = pos < mSize ? pos : mSize; }
+    void rewind(uint32_t pos = 0) { mReadPos = pos < getSize() ? pos : getSize(); }
 
     // Replaces out with the written bytes as upper-case hex pairs ("%.2X" each), no separators.
     void dump(CJTString& out) const;
@@ -72,12 +73,10 @@ public:
     bool operator!=(const CJTByteStream& other) const { return !(*this == other); }
 
 private:
-    // Room for size more bytes after the write position in a block of this object's own.
+    // Grows the capacity for size more bytes; false when the stream would exceed 4 GiB.
     bool prepareWrite(uint32_t size);
-    void setCapacity(uint32_t capacity);
 
-    CJTRCMemoryBuffer* mBuffer;
-    uint32_t mSize;
+    CJTBuffer mBuffer;
     uint32_t mReadPos;
 };
 

@@ -80,6 +80,14 @@ TEST(CJTByteStream, GrowsWithoutLosingBytes)
         ASSERT_TRUE(s.writeUInt16(static_cast<uint16_t>(i)));
     EXPECT_EQ(10000u, s.getSize());
     EXPECT_GE(s.getCapacity(), s.getSize());
+    // Appending within the capacity writes in place; the block is not copied per write.
+    CJTByteStream small;
+    small.writeUInt8(1);
+    for (int i = 0; i < 20; ++i) {
+        const uint8_t* block = small.getData();
+        small.writeUInt16(2);
+        ASSERT_EQ(block, small.getData());
+    }
     for (uint32_t i = 0; i < 5000; ++i) {
         uint16_t v = 0;
         ASSERT_TRUE(s.readUInt16(v));
