@@ -4,7 +4,7 @@
 // kept; the parent exits 0). CBRADIO_FOREGROUND=1 skips the fork and the new session, for service
 // managers and tests. SIGINT, SIGHUP and SIGTERM end it cleanly; every other thread of the service
 // blocks them, so their handler runs on the main thread (one that arrives while the bus comes up is
-// handled right after). SIGPIPE is ignored so that a vanished peer only fails a write. The only command-line arguments are the trace start-up
+// handled right after; one that arrives after the "Exiting" trace is ignored). SIGPIPE is ignored so that a vanished peer only fails a write. The only command-line arguments are the trace start-up
 // options ("--tp=FILE", "--bp", "--nobreak", "--memtrace=N").
 #include "CCBRadio.h"
 
@@ -104,6 +104,9 @@ int main(int argc, char** argv)
         radio.waitStop();
         radio.stopService();
         scope.sendFormattedMessage("\n@ ----- Exiting CBRadio Service ----- @\n");
+        // The handler posts to the service object, which goes now; a signal from here on is left
+        // pending until the process has ended.
+        blockTerminationSignals();
     }
     traceThread->stop();
     // A trace thread that does not end in time is left to the process exit rather than deleted

@@ -291,3 +291,24 @@ TEST_P(NoDeviceNoBus, RunsWithoutRadioAndStopsCleanlyOnTheSignal)
 }
 
 INSTANTIATE_TEST_SUITE_P(Signals, NoDeviceNoBus, testing::Values(SIGINT, SIGHUP, SIGTERM));
+
+TEST_F(HeadUnit, SignalsDuringTheShutdownAreHarmless)
+{
+    startTraceServer();   // its connection makes the trace thread's end take a while
+    pid_t daemon = startDaemon(true);
+    ASSERT_TRUE(waitForOutput("daemon", "[CBRadio] Up and Running...", 3000));
+    ASSERT_TRUE(waitForOutput("daemon", "[CBR run] Req processing thread running...", 3000));
+    int status = -1;
+    const auto deadline = Clock::now() + std::chrono::seconds(10);
+    for (int i = 0; Clock::now() < deadline && ::waitpid(daemon, &status, WNOHANG) == 0; ++i) {
+        ::kill(daemon, i % 2 ? SIGINT : SIGTERM);
+        std::this_thread::sleep_for(std::chrono::microseconds(500));
+    }
+    ASSERT_TRUE(WIFEXITED(status)) << "status " << status << "\n" << err("daemon");
+    EXPECT_EQ(0, WEXITSTATUS(status));
+    // Once the service object is gone no handler may run: it would post to a destroyed queue.
+    const std::string text = out("daemon");
+    const size_t exiting = text.find("@ ----- Exiting CBRadio Service ----- @");
+    ASSERT_NE(std::string::npos, exiting);
+    EXPECT_EQ(std::string::npos, text.find("rcvd signal to exit", exiting));
+}
