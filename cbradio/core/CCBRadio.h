@@ -213,7 +213,8 @@ public:
     std::list<ERequest> mReqList;
     std::map<EChannel, CDevIpcChannelHandler*> mChannelHandlers;
     std::atomic<CDevIpcChannelHandler*> mpIpcHandler;   // "/dev/ipc/ch6"; null when not open
-    SVCIPC_tConnection mConnection;
+    // Set on the main thread while bus callbacks and the V850 reader may already read it.
+    std::atomic<SVCIPC_tConnection> mConnection;
     SVCIPC_tSvcRegHnd mRegistration;
     SVCIPC_tSigSubHnd mAudioMgrOwnerSub;
     // Client subscriptions, in subscription order.

@@ -43,7 +43,9 @@ int CCBRadio::initializeDBUSService()
         scope.sendFormattedMessage("\n[CBR] SvcIpc failed : 0x%0X\n", static_cast<unsigned int>(status));
         return 0;
     }
-    status = SVCIPC_getConnection(0, 0, &mConnection);
+    SVCIPC_tConnection connection = nullptr;
+    status = SVCIPC_getConnection(0, 0, &connection);
+    mConnection.store(connection);
     if (status < 0) {
         scope.sendFormattedMessage("\n[CBR] Failed to get connection: 0x%0X\n", static_cast<unsigned int>(status));
         return 0;
