@@ -36,8 +36,14 @@ namespace
             unit = new HeadUnit;
             ASSERT_TRUE(unit->start()) << unit->error();
             const size_t mark = unit->signalMark();
+            const size_t frames = unit->frameMark();
             unit->simulator("hw back");
             ASSERT_TRUE(waitForSignal("CBRHWConnectionStatus", body("HWConnectionStatus", 1), mark));
+            // With the radio still off the connection report shuts the audio path down: PTT off,
+            // which the simulator answers with an idle Tx/Rx report. Let that pass the decoder
+            // before any test looks at signals, or it turns up once the radio is on.
+            ASSERT_TRUE(unit->waitForFrame("0E 01 00", frames));
+            syncDecoder();
         }
 
         static void TearDownTestSuite()
@@ -81,6 +87,7 @@ namespace
                 ASSERT_TRUE(unit->waitForSignal("CBRChannelNumber", data, mark));
             } else {
                 ASSERT_TRUE(unit->waitForFrame("0E 01 00", frames));
+                syncDecoder();  // the simulator's answer to the PTT off, dropped while the radio is off
             }
         }
 
