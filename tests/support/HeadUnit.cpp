@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <sys/stat.h>
@@ -13,7 +14,6 @@
 #include <thread>
 #include <unistd.h>
 
-extern char** environ;
 
 const char* const HeadUnit::kServiceName = "com.quorin.service.CBRadioService";
 const char* const HeadUnit::kServicePath = "/com/quorin/service/CBRadioService";
@@ -25,51 +25,6 @@ namespace
     const char* const kServiceSignals[] = {"CBRadioStatus", "CBRChannelNumber", "CBRSquelchLevel",
                                            "CBRReceptionSensitivity", "CBRHWConnectionStatus", "CBRRxTxStatus",
                                            "CBRWeatherAlertOnOffStatus"};
-
-    // The environment of a child: ours, with `set` replaced or added and `unset` removed. Built
-    // before fork so the child only calls async-signal-safe functions.
-    std::vector<std::string> childEnvironment(const std::map<std::string, std::string>& set,
-                                              const std::vector<std::string>& unset)
-    {
-        std::vector<std::string> env;
-        for (char** e = environ; *e != nullptr; ++e) {
-            const std::string entry(*e);
-            const std::string name = entry.substr(0, entry.find('='));
-            bool drop = set.count(name) > 0;
-            for (const std::string& u : unset)
-                drop = drop || u == name;
-            if (!drop)
-                env.push_back(entry);
-        }
-        for (const auto& kv : set)
-            env.push_back(kv.first + "=" + kv.second);
-        return env;
-    }
-
-    pid_t launch(const std::vector<std::string>& args, const std::vector<std::string>& env, int stdinFd,
-                 const std::string& outPath, const std::string& errPath)
-    {
-        std::vector<char*> argv;
-        for (const std::string& a : args)
-            argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        std::vector<char*> envp;
-        for (const std::string& e : env)
-            envp.push_back(const_cast<char*>(e.c_str()));
-        envp.push_back(nullptr);
-
-        const pid_t pid = ::fork();
-        if (pid != 0)
-            return pid;
-        const int in = stdinFd >= 0 ? stdinFd : ::open("/dev/null", O_RDONLY);
-        const int out = ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        const int err = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        ::dup2(in, 0);
-        ::dup2(out, 1);
-        ::dup2(err, 2);
-        ::execve(argv[0], argv.data(), envp.data());
-        ::_exit(127);
-    }
 
     std::vector<std::string> receivedFrames(const std::string& log)
     {
@@ -88,31 +43,6 @@ namespace
 HeadUnit::~HeadUnit()
 {
     stop();
-}
-
-std::string HeadUnit::buildDir()
-{
-    const char* dir = std::getenv("CBRADIO_BUILD_DIR");
-    return dir != nullptr ? dir : ".";
-}
-
-std::string HeadUnit::readFile(const std::string& file)
-{
-    std::ifstream in(file);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-bool HeadUnit::waitUntil(const std::function<bool()>& condition, int timeoutMs)
-{
-    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!condition()) {
-        if (Clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
 }
 
 bool HeadUnit::fail(const std::string& why)
@@ -154,8 +84,11 @@ bool HeadUnit::start(const Options& options)
             return fail("pipe for the simulator");
         std::vector<std::string> args = {buildDir() + "/tools/v850sim/v850sim", "--log=" + path("sim.log")};
         args.insert(args.end(), options.simulatorArgs.begin(), options.simulatorArgs.end());
-        mSimulator = launch(args, childEnvironment({{"CBRADIO_ROOT", mRoot}}, {}), pipeFds[0], path("sim.out"),
-                            path("sim.err"));
+        ChildProcess::Io io;
+        io.in = pipeFds[0];
+        io.outPath = path("sim.out");
+        io.errPath = path("sim.err");
+        mSimulator.start(args, ChildProcess::environmentWith({{"CBRADIO_ROOT", mRoot}}), io);
         ::close(pipeFds[0]);
         mSimulatorInput = pipeFds[1];
         if (!waitUntil([&] { return ::access(path("dev/ipc/ch6").c_str(), F_OK) == 0; }, 5000))
@@ -169,10 +102,13 @@ bool HeadUnit::start(const Options& options)
         std::vector<std::string> args = {buildDir() + "/cbradio/cbradiod", "--tp=" + path("trace.tp")};
         args.insert(args.end(), options.daemonArgs.begin(), options.daemonArgs.end());
         // The daemon learns the bus only from envars.sh, as on the target.
-        mDaemon = launch(args,
-                         childEnvironment({{"CBRADIO_ROOT", mRoot}, {"CBRADIO_FOREGROUND", "1"}},
-                                          {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SESSION_BUS_PID"}),
-                         -1, path("daemon.out"), path("daemon.err"));
+        ChildProcess::Io io;
+        io.outPath = path("daemon.out");
+        io.errPath = path("daemon.err");
+        mDaemon.start(args,
+                      ChildProcess::environmentWith({{"CBRADIO_ROOT", mRoot}, {"CBRADIO_FOREGROUND", "1"}},
+                                                    {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SESSION_BUS_PID"}),
+                      io);
         if (!options.readyTrace.empty() && !waitForTrace(options.readyTrace, 0, options.readyTimeoutMs))
             return fail("the daemon did not come up:\n" + daemonOutput() + daemonErrors());
     }
@@ -208,44 +144,22 @@ void HeadUnit::onSignal(const char* sigName, const char* data, SVCIPC_tUserToken
     self->mSignalArrived.notify_all();
 }
 
-bool HeadUnit::terminate(pid_t pid, int graceMs)
-{
-    if (pid <= 0)
-        return true;
-    int status = 0;
-    // The daemon's worker may miss a wake-up that comes before it first waits; a repeated signal
-    // is harmless.
-    bool ended = false;
-    for (int waited = 0; !ended && waited < graceMs; waited += 500) {
-        ::kill(pid, SIGTERM);
-        ended = waitUntil([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, 500);
-    }
-    if (!ended) {
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, &status, 0);
-    }
-    return ended;
-}
-
 bool HeadUnit::stopDaemon()
 {
-    const bool ended = terminate(mDaemon);
-    mDaemon = -1;
-    return ended;
+    return !mDaemon.running() || mDaemon.stop() >= 0;
 }
 
 void HeadUnit::stop()
 {
     stopDaemon();
-    for (pid_t pid : mSpawned)
-        terminate(pid, 1000);
+    for (auto& child : mSpawned)
+        child->stop(1000);
     mSpawned.clear();
     if (mSimulatorInput >= 0) {
         ::close(mSimulatorInput);
         mSimulatorInput = -1;
     }
-    terminate(mSimulator, 1000);
-    mSimulator = -1;
+    mSimulator.stop(1000);
     for (SVCIPC_tSigSubHnd sub : mSubscriptions)
         SVCIPC_unsubscribe(sub);
     mSubscriptions.clear();
@@ -258,8 +172,9 @@ void HeadUnit::stop()
         mSvcIpcStarted = false;
     }
     mBus.stop();
+    std::error_code ignored;
     if (!mRoot.empty() && std::getenv("CBRADIO_KEEP_ROOT") == nullptr)
-        std::system(("rm -rf '" + mRoot + "'").c_str());
+        std::filesystem::remove_all(mRoot, ignored);
     mRoot.clear();
 }
 
@@ -269,10 +184,12 @@ pid_t HeadUnit::spawn(const std::vector<std::string>& argv, const std::string& n
     std::map<std::string, std::string> set = env;
     set.emplace("CBRADIO_ROOT", mRoot);
     set.emplace("DBUS_SESSION_BUS_ADDRESS", mBus.address());
-    const pid_t pid = launch(argv, childEnvironment(set, {}), -1, path(name + ".out"), path(name + ".err"));
-    if (pid > 0)
-        mSpawned.push_back(pid);
-    return pid;
+    ChildProcess::Io io;
+    io.outPath = path(name + ".out");
+    io.errPath = path(name + ".err");
+    mSpawned.push_back(std::make_unique<ChildProcess>());
+    mSpawned.back()->start(argv, ChildProcess::environmentWith(set), io);
+    return mSpawned.back()->pid();
 }
 
 bool HeadUnit::traced(const std::string& text, size_t from) const

@@ -23,6 +23,7 @@
 #ifndef HEADUNIT_H
 #define HEADUNIT_H
 
+#include "ChildProcess.h"
 #include "PrivateBus.h"
 #include "svcipc.h"
 
@@ -31,6 +32,7 @@
 #include <condition_variable>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -87,16 +89,14 @@ public:
     const std::string& root() const { return mRoot; }
     std::string path(const std::string& relative) const { return mRoot + "/" + relative; }
     PrivateBus& bus() { return mBus; }
-    pid_t daemonPid() const { return mDaemon; }
-    pid_t simulatorPid() const { return mSimulator; }
-    static std::string buildDir();
+    pid_t daemonPid() const { return mDaemon.pid(); }
+    pid_t simulatorPid() const { return mSimulator.pid(); }
+    static std::string buildDir() { return ::buildDir(); }
     // Starts a program with CBRADIO_ROOT, the bus address and `env` set; standard output and
     // error go to <name>.out / <name>.err under the root. Ended by stop() with SIGTERM.
     pid_t spawn(const std::vector<std::string>& argv, const std::string& name,
                 const std::map<std::string, std::string>& env = {});
-    // SIGTERM, then SIGKILL after `graceMs`; reaps it. True when it ended by itself.
-    static bool terminate(pid_t pid, int graceMs = 3000);
-    static std::string readFile(const std::string& path);
+    static std::string readFile(const std::string& path) { return ::readFile(path); }
 
     // ---- the daemon's console -------------------------------------------------------------
     std::string daemonOutput() const { return readFile(path("daemon.out")); }
@@ -126,7 +126,10 @@ public:
     bool waitForSignal(const std::string& name, std::string& data, size_t from = 0, int timeoutMs = 3000) const;
     std::vector<Signal> signalsSince(size_t mark) const;
 
-    static bool waitUntil(const std::function<bool()>& condition, int timeoutMs);
+    static bool waitUntil(const std::function<bool()>& condition, int timeoutMs)
+    {
+        return ::waitUntil(condition, timeoutMs);
+    }
 
 private:
     bool fail(const std::string& why);
@@ -137,10 +140,10 @@ private:
     std::string mRoot;
     std::string mError;
     PrivateBus mBus;
-    pid_t mDaemon = -1;
-    pid_t mSimulator = -1;
+    ChildProcess mDaemon;
+    ChildProcess mSimulator;
     int mSimulatorInput = -1;
-    std::vector<pid_t> mSpawned;
+    std::vector<std::unique_ptr<ChildProcess>> mSpawned;
     bool mSvcIpcStarted = false;
     SVCIPC_tConnection mClient = nullptr;
     std::vector<SVCIPC_tSigSubHnd> mSubscriptions;

@@ -1,17 +1,16 @@
 // The real cbradiod against the real v850sim in a private CBRADIO_ROOT, with the trace console on.
+#include "ChildProcess.h"
+#include "TempRoot.h"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <csignal>
 #include <dirent.h>
-#include <memory>
-#include <cstdlib>
-#include <fcntl.h>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -19,31 +18,6 @@
 namespace
 {
     typedef std::chrono::steady_clock Clock;
-
-    std::string buildDir()
-    {
-        const char* dir = std::getenv("CBRADIO_BUILD_DIR");
-        return dir ? dir : ".";
-    }
-
-    std::string readFile(const std::string& path)
-    {
-        std::ifstream in(path);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
-
-    bool waitUntil(const std::function<bool()>& condition, int timeoutMs)
-    {
-        const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-        while (!condition()) {
-            if (Clock::now() > deadline)
-                return false;
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        return true;
-    }
 
     // Finds a console trace line "[KIND]@<ms> (<pid>.<tid>): <body>" and returns its process id,
     // or 0 when there is none.
@@ -71,76 +45,56 @@ namespace
     protected:
         void SetUp() override
         {
-            char dir[] = "/tmp/cbradio-e2e-XXXXXX";
-            ASSERT_NE(nullptr, ::mkdtemp(dir));
-            mRoot = dir;
-            std::ofstream(mRoot + "/tp.txt") << "JTTracePersistence 1.1.0\n* 7f 8\n";
+            ASSERT_TRUE(mRoot.ok());
+            std::ofstream(mRoot.path("tp.txt")) << "JTTracePersistence 1.1.0\n* 7f 8\n";
         }
 
         void TearDown() override
         {
             for (pid_t pid : mDetached)
                 ::kill(pid, SIGKILL);
-            for (pid_t pid : mStarted) {
-                if (alive(pid)) {
-                    ::kill(pid, SIGKILL);
-                    ::waitpid(pid, nullptr, 0);
-                }
-            }
-            std::system(("rm -rf '" + mRoot + "'").c_str());
         }
 
         // Starts a program with the root prefix set and no bus in its environment; its standard
         // output and error go to files under the root.
-        pid_t start(const std::vector<std::string>& args, const std::string& name, bool foreground)
+        ChildProcess& start(const std::vector<std::string>& args, const std::string& name, bool foreground)
         {
-            pid_t pid = ::fork();
-            if (pid == 0) {
-                ::setenv("CBRADIO_ROOT", mRoot.c_str(), 1);
-                ::unsetenv("DBUS_SESSION_BUS_ADDRESS");
-                if (foreground)
-                    ::setenv("CBRADIO_FOREGROUND", "1", 1);
-                else
-                    ::unsetenv("CBRADIO_FOREGROUND");
-                int in = ::open("/dev/null", O_RDONLY);
-                int out = ::open((mRoot + "/" + name + ".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-                int err = ::open((mRoot + "/" + name + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-                ::dup2(in, 0);
-                ::dup2(out, 1);
-                ::dup2(err, 2);
-                std::vector<char*> argv;
-                for (const std::string& a : args)
-                    argv.push_back(const_cast<char*>(a.c_str()));
-                argv.push_back(nullptr);
-                ::execv(argv[0], argv.data());
-                ::_exit(127);
-            }
-            mStarted.push_back(pid);
-            return pid;
+            std::map<std::string, std::string> set = {{"CBRADIO_ROOT", mRoot.path()}};
+            std::vector<std::string> unset = {"DBUS_SESSION_BUS_ADDRESS"};
+            if (foreground)
+                set.emplace("CBRADIO_FOREGROUND", "1");
+            else
+                unset.push_back("CBRADIO_FOREGROUND");
+            ChildProcess::Io io;
+            io.outPath = mRoot.path(name + ".out");
+            io.errPath = mRoot.path(name + ".err");
+            mStarted.push_back(std::make_unique<ChildProcess>());
+            EXPECT_TRUE(mStarted.back()->start(args, ChildProcess::environmentWith(set, unset), io));
+            return *mStarted.back();
         }
 
-        pid_t startSimulator()
+        ChildProcess& startSimulator()
         {
-            pid_t pid = start({buildDir() + "/tools/v850sim/v850sim", "--no-stdin", "--log=" + mRoot + "/sim.log"},
+            ChildProcess& sim = start({buildDir() + "/tools/v850sim/v850sim", "--no-stdin", "--log=" + mRoot.path("sim.log")},
                               "sim", true);
-            EXPECT_TRUE(waitUntil([&] { return ::access((mRoot + "/dev/ipc/ch6").c_str(), F_OK) == 0; }, 3000));
-            return pid;
+            EXPECT_TRUE(waitUntil([&] { return ::access(mRoot.path("dev/ipc/ch6").c_str(), F_OK) == 0; }, 3000));
+            return sim;
         }
 
         void startTraceServer()
         {
             start({buildDir() + "/tools/tracesrv/tracesrv", "--no-stdin"}, "tracesrv", true);
-            EXPECT_TRUE(waitUntil([&] { return ::access((mRoot + "/dev/mv2trace/register").c_str(), F_OK) == 0; },
+            EXPECT_TRUE(waitUntil([&] { return ::access(mRoot.path("dev/mv2trace/register").c_str(), F_OK) == 0; },
                                   3000));
         }
 
-        pid_t startDaemon(bool foreground)
+        ChildProcess& startDaemon(bool foreground)
         {
-            return start({buildDir() + "/cbradio/cbradiod", "--tp=" + mRoot + "/tp.txt"}, "daemon", foreground);
+            return start({buildDir() + "/cbradio/cbradiod", "--tp=" + mRoot.path("tp.txt")}, "daemon", foreground);
         }
 
-        std::string out(const std::string& name) { return readFile(mRoot + "/" + name + ".out"); }
-        std::string err(const std::string& name) { return readFile(mRoot + "/" + name + ".err"); }
+        std::string out(const std::string& name) { return readFile(mRoot.path(name + ".out")); }
+        std::string err(const std::string& name) { return readFile(mRoot.path(name + ".err")); }
 
         bool waitForOutput(const std::string& name, const std::string& text, int timeoutMs)
         {
@@ -163,7 +117,7 @@ namespace
         std::vector<std::pair<double, std::string>> receivedFrames()
         {
             std::vector<std::pair<double, std::string>> frames;
-            std::istringstream log(readFile(mRoot + "/sim.log"));
+            std::istringstream log(readFile(mRoot.path("sim.log")));
             for (std::string line; std::getline(log, line);) {
                 double seconds;
                 char bytes[400];
@@ -187,8 +141,8 @@ namespace
             }
         }
 
-        std::string mRoot;
-        std::vector<pid_t> mStarted;
+        TempRoot mRoot{TempRoot::Export::No};
+        std::vector<std::unique_ptr<ChildProcess>> mStarted;
         std::vector<pid_t> mDetached;   // daemons that are no children of ours
     };
 
@@ -214,47 +168,42 @@ namespace
         return open;
     }
 
-    int exitStatus(pid_t pid, int timeoutMs)
-    {
-        int status = -1;
-        waitUntil([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, timeoutMs);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
 }
 
 TEST_F(HeadUnit, ForegroundServiceSendsStartFramesTracesToConsoleAndOutlivesTheSimulator)
 {
     startTraceServer();   // keeps the trace thread running
-    pid_t sim = startSimulator();
-    pid_t daemon = startDaemon(true);
+    ChildProcess& sim = startSimulator();
+    ChildProcess& daemon = startDaemon(true);
     ASSERT_TRUE(waitForOutput("daemon", "[CBRadio] Up and Running...", 8000));
     expectStartFramesOneSecondApart();
 
     const std::string text = out("daemon");
-    EXPECT_EQ(static_cast<unsigned>(daemon), findConsoleLine(text, "MSG", "[CBRadio] Up and Running..."));
-    EXPECT_EQ(static_cast<unsigned>(daemon), findConsoleLine(text, "-->", "CBRadio_main_main"));
+    EXPECT_EQ(static_cast<unsigned>(daemon.pid()), findConsoleLine(text, "MSG", "[CBRadio] Up and Running..."));
+    EXPECT_EQ(static_cast<unsigned>(daemon.pid()), findConsoleLine(text, "-->", "CBRadio_main_main"));
     EXPECT_NE(std::string::npos, text.find("\n[CBR]reqCBR_WA_OnOffRequest WriteOut c 1 1 \n"));
     EXPECT_NE(std::string::npos, text.find("\n[CBR] initializing State machine...\n"));
     EXPECT_EQ(std::string::npos, err("daemon").find("Error opening"));
     // The termination handler traces: only the main thread, waiting in a join, may run it.
-    EXPECT_EQ(std::vector<std::string>(), threadsTakingTerminationSignals(daemon));
+    EXPECT_EQ(std::vector<std::string>(), threadsTakingTerminationSignals(daemon.pid()));
 
     // The microcontroller going away does not take the service with it.
-    ::kill(sim, SIGTERM);
-    EXPECT_EQ(0, exitStatus(sim, 3000));
+    ::kill(sim.pid(), SIGTERM);
+    EXPECT_EQ(0, sim.wait(3000));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_TRUE(alive(daemon));
+    EXPECT_TRUE(alive(daemon.pid()));
 
-    stopWith(daemon, SIGTERM);
-    EXPECT_EQ(0, exitStatus(daemon, 5000)) << err("daemon");
+    stopWith(daemon.pid(), SIGTERM);
+    EXPECT_EQ(0, daemon.wait(5000)) << err("daemon");
     EXPECT_NE(std::string::npos, out("daemon").find("[CBRadio] CAUTION!!! - CBRadio Service rcvd signal to exit (15)\n"));
 }
 
 TEST_F(HeadUnit, DaemonDetachesIntoItsOwnSessionAtTheRootDirectory)
 {
     startSimulator();
-    pid_t parent = startDaemon(false);
-    EXPECT_EQ(0, exitStatus(parent, 2000));   // the parent leaves at once
+    ChildProcess& starter = startDaemon(false);
+    const pid_t parent = starter.pid();
+    EXPECT_EQ(0, starter.wait(2000));   // the parent leaves at once
 
     ASSERT_TRUE(waitForOutput("daemon", "CBRadio_main_main", 3000));
     const pid_t daemon = static_cast<pid_t>(findConsoleLine(out("daemon"), "-->", "CBRadio_main_main"));
@@ -277,13 +226,13 @@ class NoDeviceNoBus : public HeadUnit, public testing::WithParamInterface<int> {
 
 TEST_P(NoDeviceNoBus, RunsWithoutRadioAndStopsCleanlyOnTheSignal)
 {
-    pid_t daemon = startDaemon(true);
+    ChildProcess& daemon = startDaemon(true);
     ASSERT_TRUE(waitForOutput("daemon", "[CBRadio] Up and Running...", 3000));
     EXPECT_NE(std::string::npos, err("daemon").find("\n[CBRadio] Error opening /dev/ipc/ch6!\n"));
     EXPECT_NE(std::string::npos, out("daemon").find("\n[CBR] Error Opening /dev/ipc/ch6\n"));
 
-    stopWith(daemon, GetParam());
-    EXPECT_EQ(0, exitStatus(daemon, 5000)) << err("daemon");
+    stopWith(daemon.pid(), GetParam());
+    EXPECT_EQ(0, daemon.wait(5000)) << err("daemon");
     const std::string text = out("daemon");
     EXPECT_NE(std::string::npos, text.find("rcvd signal to exit (" + std::to_string(GetParam()) + ")\n"));
     EXPECT_NE(std::string::npos, text.find("\n[CBR run] exiting Req processing thread...\n"));
@@ -295,17 +244,16 @@ INSTANTIATE_TEST_SUITE_P(Signals, NoDeviceNoBus, testing::Values(SIGINT, SIGHUP,
 TEST_F(HeadUnit, SignalsDuringTheShutdownAreHarmless)
 {
     startTraceServer();   // its connection makes the trace thread's end take a while
-    pid_t daemon = startDaemon(true);
+    ChildProcess& daemon = startDaemon(true);
     ASSERT_TRUE(waitForOutput("daemon", "[CBRadio] Up and Running...", 3000));
     ASSERT_TRUE(waitForOutput("daemon", "[CBR run] Req processing thread running...", 3000));
     int status = -1;
     const auto deadline = Clock::now() + std::chrono::seconds(10);
-    for (int i = 0; Clock::now() < deadline && ::waitpid(daemon, &status, WNOHANG) == 0; ++i) {
-        ::kill(daemon, i % 2 ? SIGINT : SIGTERM);
+    for (int i = 0; Clock::now() < deadline && daemon.running() && (status = daemon.wait(0)) == -1; ++i) {
+        ::kill(daemon.pid(), i % 2 ? SIGINT : SIGTERM);
         std::this_thread::sleep_for(std::chrono::microseconds(500));
     }
-    ASSERT_TRUE(WIFEXITED(status)) << "status " << status << "\n" << err("daemon");
-    EXPECT_EQ(0, WEXITSTATUS(status));
+    ASSERT_EQ(0, status) << err("daemon");
     // Once the service object is gone no handler may run: it would post to a destroyed queue.
     const std::string text = out("daemon");
     const size_t exiting = text.find("@ ----- Exiting CBRadio Service ----- @");

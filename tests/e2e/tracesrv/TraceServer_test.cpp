@@ -1,124 +1,57 @@
 // tracesrv and a traced program as real processes in a temporary CBRADIO_ROOT.
+#include "ChildProcess.h"
+#include "TempRoot.h"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <csignal>
-#include <cstdlib>
-#include <fstream>
-#include <sstream>
+#include <memory>
 #include <string>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 namespace
 {
-    std::string readFile(const std::string& path)
-    {
-        std::ifstream in(path);
-        std::stringstream s;
-        s << in.rdbuf();
-        return s.str();
-    }
-
-    class Process
-    {
-    public:
-        Process(const std::string& root, std::vector<std::string> args, const std::string& out,
-                const std::string& err, bool syslogToStderr = false)
-        {
-            mPid = fork();
-            if (mPid == 0)
-            {
-                setenv("CBRADIO_ROOT", root.c_str(), 1);
-                if (syslogToStderr)
-                    setenv("CBRADIO_SYSLOG_STDERR", "1", 1);
-                if (!freopen(out.c_str(), "w", stdout) || !freopen(err.c_str(), "w", stderr) ||
-                    !freopen("/dev/null", "r", stdin))
-                    _exit(126);
-                std::vector<char*> argv;
-                for (auto& a : args)
-                    argv.push_back(const_cast<char*>(a.c_str()));
-                argv.push_back(nullptr);
-                execv(argv[0], argv.data());
-                _exit(127);
-            }
-        }
-        ~Process()
-        {
-            if (mPid > 0)
-            {
-                kill(mPid, SIGKILL);
-                waitpid(mPid, nullptr, 0);
-            }
-        }
-        // Sends SIGTERM and returns the exit status (-1 if it did not end in time).
-        int stop(int timeoutMs = 5000)
-        {
-            kill(mPid, SIGTERM);
-            return wait(timeoutMs);
-        }
-        int wait(int timeoutMs)
-        {
-            for (int waited = 0; waited <= timeoutMs; waited += 20)
-            {
-                int status;
-                if (waitpid(mPid, &status, WNOHANG) == mPid)
-                {
-                    mPid = -1;
-                    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-                }
-                std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            }
-            return -1;
-        }
-
-    private:
-        pid_t mPid = -1;
-    };
-
     class TraceServerE2E : public ::testing::Test
     {
     protected:
-        void SetUp() override
-        {
-            char tmpl[] = "/tmp/tracesrv_e2e_XXXXXX";
-            ASSERT_NE(mkdtemp(tmpl), nullptr);
-            mRoot = tmpl;
-        }
-        void TearDown() override { std::system(("rm -rf " + mRoot).c_str()); }
+        void SetUp() override { ASSERT_TRUE(mRoot.ok()); }
 
-        std::string path(const char* name) const { return mRoot + "/" + name; }
+        std::string path(const std::string& name) const { return mRoot.path(name); }
+
+        std::unique_ptr<ChildProcess> start(const std::vector<std::string>& args, const std::string& name,
+                                            const std::map<std::string, std::string>& env)
+        {
+            ChildProcess::Io io;
+            io.outPath = path(name + ".out");
+            io.errPath = path(name + ".err");
+            auto child = std::make_unique<ChildProcess>();
+            EXPECT_TRUE(child->start(args, ChildProcess::environmentWith(env), io));
+            return child;
+        }
 
         // Waits until the file contains text; true when it did in time.
         bool waitFor(const std::string& file, const std::string& text, int timeoutMs = 8000) const
         {
-            for (int waited = 0; waited <= timeoutMs; waited += 50)
-            {
-                if (readFile(file).find(text) != std::string::npos)
-                    return true;
-                std::this_thread::sleep_for(std::chrono::milliseconds(50));
-            }
-            return false;
+            return waitUntil([&] { return readFile(file).find(text) != std::string::npos; }, timeoutMs);
         }
 
-        std::unique_ptr<Process> startServer(std::vector<std::string> extra)
+        std::unique_ptr<ChildProcess> startServer(std::vector<std::string> extra)
         {
             std::vector<std::string> args = {TRACESRV_BIN, "--no-stdin", "--log=" + path("server.log")};
             args.insert(args.end(), extra.begin(), extra.end());
-            auto p = std::make_unique<Process>(mRoot, args, path("server.out"), path("server.err"));
+            auto p = start(args, "server", {{"CBRADIO_ROOT", mRoot.path()}});
             EXPECT_TRUE(waitFor(path("server.log"), "listening on"));
             return p;
         }
 
-        std::unique_ptr<Process> startSample()
+        std::unique_ptr<ChildProcess> startSample()
         {
-            return std::make_unique<Process>(mRoot, std::vector<std::string>{TRACED_SAMPLE_BIN, "--seconds=30"},
-                                             path("sample.out"), path("sample.err"), true);
+            return start({TRACED_SAMPLE_BIN, "--seconds=30"}, "sample",
+                         {{"CBRADIO_ROOT", mRoot.path()}, {"CBRADIO_SYSLOG_STDERR", "1"}});
         }
 
-        std::string mRoot;
+        TempRoot mRoot{TempRoot::Export::No};
     };
 }
 
@@ -138,13 +71,13 @@ TEST_F(TraceServerE2E, ServesScopesFiltersAndCallbacksAndTheProgramOutlivesTheSe
     EXPECT_TRUE(waitFor(log, "callback 0 Sample_echo returned 22"));
     EXPECT_TRUE(waitFor(log, "callback 1 Sample_answer returned 42"));
 
-    EXPECT_EQ(server->stop(), 0);
+    EXPECT_EQ(server->stop(5000), 0);
     size_t ticksAtStop = readFile(path("sample.out")).size();
     std::this_thread::sleep_for(std::chrono::milliseconds(2500));
     EXPECT_GT(readFile(path("sample.out")).size(), ticksAtStop) << "the program stopped with the server";
     EXPECT_NE(readFile(path("sample.err")).find("Error during read(), closing trace device"), std::string::npos);
 
-    EXPECT_EQ(sample->stop(), 0);
+    EXPECT_EQ(sample->stop(5000), 0);
     EXPECT_NE(readFile(path("sample.out")).find("exit joined=1"), std::string::npos);
 }
 
@@ -156,7 +89,7 @@ TEST_F(TraceServerE2E, ServerOfAnotherMajorVersionLeavesTheProgramUntraced)
                         "Cannot use trace server: version is '2.0.0', app requires '1.0.0'. Please update!"));
     EXPECT_TRUE(waitFor(path("sample.out"), "tick 3"));
     EXPECT_EQ(readFile(path("server.log")).find("Sample registered"), std::string::npos);
-    EXPECT_EQ(sample->stop(), 0);
+    EXPECT_EQ(sample->stop(5000), 0);
 }
 
 TEST_F(TraceServerE2E, WithoutServerTheProgramRuns)
@@ -164,6 +97,6 @@ TEST_F(TraceServerE2E, WithoutServerTheProgramRuns)
     auto sample = startSample();
     EXPECT_TRUE(waitFor(path("sample.err"), "Cannot connect to trace server: 3"));
     EXPECT_TRUE(waitFor(path("sample.out"), "tick 3"));
-    EXPECT_EQ(sample->stop(), 0);
+    EXPECT_EQ(sample->stop(5000), 0);
     EXPECT_NE(readFile(path("sample.out")).find("exit joined=1"), std::string::npos);
 }

@@ -1,5 +1,6 @@
 // cbradioctl as a script would use it: the real binary against a small CB radio service built on
 // the service-IPC library inside the test, on a private dbus-daemon.
+#include "ChildProcess.h"
 #include "PrivateBus.h"
 #include "svcipc.h"
 
@@ -17,6 +18,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -40,37 +42,32 @@ struct Result
 
 struct Child
 {
-    pid_t pid = -1;
+    std::unique_ptr<ChildProcess> process = std::make_unique<ChildProcess>();
     int outFd = -1;
     int errFd = -1;
 };
 
+// `env` entries replace ours; the value "<unset>" removes one.
 Child spawn(const std::vector<std::string>& args, const std::map<std::string, std::string>& env)
 {
-    const char* buildDir = getenv("CBRADIO_BUILD_DIR");
-    const std::string exe = std::string(buildDir ? buildDir : ".") + "/tools/cbradioctl/cbradioctl";
+    std::vector<std::string> argv{buildDir() + "/tools/cbradioctl/cbradioctl"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::map<std::string, std::string> set;
+    std::vector<std::string> unset;
+    for (const auto& kv : env) {
+        if (kv.second == "<unset>")
+            unset.push_back(kv.first);
+        else
+            set.insert(kv);
+    }
     int out[2], err[2];
     if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
         return {};
+    ChildProcess::Io io;
+    io.outFd = out[1];
+    io.errFd = err[1];
     Child c;
-    c.pid = fork();
-    if (c.pid == 0) {
-        dup2(out[1], STDOUT_FILENO);
-        dup2(err[1], STDERR_FILENO);
-        for (const auto& kv : env) {
-            if (kv.second == "<unset>")
-                unsetenv(kv.first.c_str());
-            else
-                setenv(kv.first.c_str(), kv.second.c_str(), 1);
-        }
-        std::vector<char*> argv;
-        argv.push_back(const_cast<char*>(exe.c_str()));
-        for (const auto& a : args)
-            argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        execv(exe.c_str(), argv.data());
-        _exit(126);
-    }
+    c.process->start(argv, ChildProcess::environmentWith(set, unset), io);
     close(out[1]);
     close(err[1]);
     c.outFd = out[0];
@@ -102,14 +99,11 @@ Result finish(Child c)
             }
         }
     }
-    if (open > 0)
-        kill(c.pid, SIGKILL);
     for (auto& f : fds)
         if (f.fd >= 0)
             close(f.fd);
-    int status = 0;
-    waitpid(c.pid, &status, 0);
-    r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    const int status = c.process->wait(open > 0 ? 0 : 20000);
+    r.exitCode = status >= 0 && status < 128 ? status : -1;
     return r;
 }
 
@@ -261,7 +255,7 @@ TEST_F(CbRadioCtl, WatchPrintsSignalsWithTimeStamps)
             std::this_thread::sleep_for(50ms);
         }
     });
-    Result r = finish(watcher);
+    Result r = finish(std::move(watcher));
     stop = true;
     emitter.join();
     EXPECT_EQ(0, r.exitCode) << r.err;

@@ -1,5 +1,5 @@
 #include "JTDeviceNode.h"
-#include "JTRootPrefix.h"
+#include "TempRoot.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -16,22 +16,7 @@ namespace
     class DeviceNode : public ::testing::Test
     {
     protected:
-        void SetUp() override
-        {
-            char tmpl[] = "/tmp/cbradio-node-XXXXXX";
-            ASSERT_NE(mkdtemp(tmpl), nullptr);
-            root = tmpl;
-            setenv("CBRADIO_ROOT", root.c_str(), 1);
-            JTRootPrefix::reload();
-        }
-        void TearDown() override
-        {
-            unsetenv("CBRADIO_ROOT");
-            JTRootPrefix::reload();
-            std::string cmd = "rm -rf '" + root + "'";
-            (void)std::system(cmd.c_str());
-        }
-        std::string root;
+        TempRoot root;
     };
 }
 
@@ -66,7 +51,7 @@ TEST_F(DeviceNode, MissingNodeFailsWithErrno)
 
 TEST_F(DeviceNode, RegularFileOpensAsCharacterDevice)
 {
-    std::string path = root + "/dev/plain";
+    std::string path = root.path("dev/plain");
     ASSERT_EQ(JTDeviceNode::makeParentDirs(path.c_str()), 0);
     int fd = ::open(path.c_str(), O_CREAT | O_WRONLY, 0600);
     ASSERT_GE(fd, 0);

@@ -1,6 +1,7 @@
 // The trace channel and trace thread against an in-process trace server that speaks the real
 // bytes over real SOCK_SEQPACKET sockets in a temporary CBRADIO_ROOT.
 #include "CJTByteStream.h"
+#include "ChildProcess.h"
 #include "CJTNullTracePersistence.h"
 #include "CJTThreadCtrl.h"
 #include "CJTTraceCallback.h"
@@ -14,6 +15,7 @@
 #include "JTDeviceNode.h"
 #include "JTRootPrefix.h"
 #include "JTSyslog.h"
+#include "TempRoot.h"
 
 #include <gtest/gtest.h>
 
@@ -87,13 +89,7 @@ namespace
         // Waits until pred holds over the records received so far.
         bool waitFor(const std::function<bool(const std::vector<Bytes>&)>& pred, int timeoutMs = 3000)
         {
-            for (int waited = 0; waited <= timeoutMs; waited += 10)
-            {
-                if (pred(records()))
-                    return true;
-                std::this_thread::sleep_for(std::chrono::milliseconds(10));
-            }
-            return false;
+            return waitUntil([&] { return pred(records()); }, timeoutMs);
         }
 
     private:
@@ -261,11 +257,7 @@ namespace
     protected:
         void SetUp() override
         {
-            char tmpl[] = "/tmp/tracechannel_it_XXXXXX";
-            ASSERT_NE(mkdtemp(tmpl), nullptr);
-            mRoot = tmpl;
-            setenv("CBRADIO_ROOT", mRoot.c_str(), 1);
-            JTRootPrefix::reload();
+            ASSERT_TRUE(mRoot.ok());
             JTSyslog::setMirror(mirror);
             std::lock_guard<std::mutex> g(gLogLock);
             gLog.clear();
@@ -275,7 +267,6 @@ namespace
             stopThread();
             CJTTraceHelper::destroy();  // forget the cached server version
             JTSyslog::setMirror(nullptr);
-            std::system(("rm -rf " + mRoot).c_str());
         }
 
         void startThread(IJTTracePersistence& persistence = CJTNullTracePersistence::sInstance)
@@ -296,7 +287,7 @@ namespace
             mConfig.reset();
         }
 
-        std::string mRoot;
+        TempRoot mRoot;
         char mProgram[8] = "itest";
         char* mArgv[2] = {mProgram, nullptr};
         std::unique_ptr<CTraceThread::CJTConfig> mConfig;

@@ -1,4 +1,5 @@
 #include "JTAssert.h"
+#include "ChildProcess.h"
 #include "TempRoot.h"
 
 #include <cstdlib>
@@ -36,7 +37,7 @@ TEST(JTAssertDeathTest, FailedAssertionLogsReportsAndLeavesABacktrace)
                 "pid [0-9]+: terminating process using exit\\(EXIT_FAILURE\\)\n");
     std::vector<std::string> files = root.list("/dev/shm");
     ASSERT_EQ(files.size(), 1u);
-    std::string text = TempRoot::read(root.path() + "/dev/shm/" + files[0]);
+    std::string text = readFile(root.path() + "/dev/shm/" + files[0]);
     EXPECT_EQ(text.rfind("\n[backtrace] INFO - ASSERTION \"x > 0\" failed in unit.cpp 42\n", 0), 0u) << text;
 }
 

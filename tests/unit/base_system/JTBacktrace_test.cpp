@@ -1,5 +1,6 @@
 #include "JTBacktrace.h"
 #include "JTOperatingSystem.h"
+#include "ChildProcess.h"
 #include "TempRoot.h"
 
 #include <cstdio>
@@ -23,7 +24,7 @@ TEST(JTBacktrace, WritesMessageInformationAndStackIntoTheSharedMemoryFolder)
     ASSERT_TRUE(JTBacktrace::doBacktrace("second", "/dev/shmem", "ass"));
 
     const std::string pid = std::to_string(getpid());
-    const std::string text = TempRoot::read(root.path() + "/dev/shm/PID" + pid + ".ass");
+    const std::string text = readFile(root.path() + "/dev/shm/PID" + pid + ".ass");
     const std::string head = "\n[backtrace] INFO - first\n\nTID: " +
                              std::to_string(JTOperatingSystem::getCurrentTID()) + " PID: " + pid + "\n";
     EXPECT_EQ(text.rfind(head, 0), 0u) << text;
@@ -38,7 +39,7 @@ TEST(JTBacktrace, ProviderNamesTheFileAndOtherFoldersStayUnderTheRoot)
     bool written = JTBacktrace::doBacktrace("m", "/var/log/notes", "txt");
     JTBacktrace::setInfos(nullptr);
     ASSERT_TRUE(written);
-    EXPECT_EQ(TempRoot::read(root.path() + "/var/log/notes/radio.txt").rfind("\n[backtrace] INFO - m\n\nbuild 12\n", 0), 0u);
+    EXPECT_EQ(readFile(root.path() + "/var/log/notes/radio.txt").rfind("\n[backtrace] INFO - m\n\nbuild 12\n", 0), 0u);
 }
 
 TEST(JTBacktrace, UnopenableFileIsReported)

@@ -1,4 +1,5 @@
 #include "JTMemory.h"
+#include "ChildProcess.h"
 #include "TempRoot.h"
 
 #include <cerrno>
@@ -102,6 +103,6 @@ TEST(JTMemoryDeathTest, FailedCheckedAllocationWritesBacktraceAndExits)
     ASSERT_EQ(files.size(), 1u);
     EXPECT_EQ(files[0].rfind("PID", 0), 0u);
     EXPECT_EQ(files[0].substr(files[0].size() - 4), ".ass");
-    EXPECT_NE(TempRoot::read(root.path() + "/dev/shm/" + files[0]).find("\n[backtrace] INFO - failed to allocate 4294967288 bytes\n"),
+    EXPECT_NE(readFile(root.path() + "/dev/shm/" + files[0]).find("\n[backtrace] INFO - failed to allocate 4294967288 bytes\n"),
               std::string::npos);
 }

@@ -1,11 +1,11 @@
-// V850Peer: the microcontroller's end of /dev/ipc/ch6 for tests. Makes a private CBRADIO_ROOT,
+// V850Peer: the microcontroller's end of /dev/ipc/ch6 for tests. Exports a private CBRADIO_ROOT,
 // listens on the node there as a SOCK_SEQPACKET socket, accepts the service's connection and
 // reads or writes single frames with a deadline.
 #ifndef V850PEER_H
 #define V850PEER_H
 
 #include "JTDeviceNode.h"
-#include "JTRootPrefix.h"
+#include "TempRoot.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -20,25 +20,14 @@ class V850Peer
 public:
     typedef std::vector<uint8_t> Frame;
 
-    V850Peer()
-    {
-        char dir[] = "/tmp/cbradio-unit-XXXXXX";
-        mRoot = ::mkdtemp(dir) ? dir : "";
-        ::setenv("CBRADIO_ROOT", mRoot.c_str(), 1);
-        JTRootPrefix::reload();
-    }
-
     ~V850Peer()
     {
         closeConnection();
         if (mListenFd >= 0)
             ::close(mListenFd);
-        std::system(("rm -rf '" + mRoot + "'").c_str());
-        ::unsetenv("CBRADIO_ROOT");
-        JTRootPrefix::reload();
     }
 
-    const std::string& root() const { return mRoot; }
+    const std::string& root() const { return mRoot.path(); }
 
     bool listen() { return (mListenFd = JTDeviceNode::listen("/dev/ipc/ch6")) >= 0; }
 
@@ -75,7 +64,7 @@ public:
     }
 
 private:
-    std::string mRoot;
+    TempRoot mRoot;
     int mListenFd = -1;
     int mFd = -1;
 };

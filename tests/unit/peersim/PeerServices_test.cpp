@@ -1,6 +1,7 @@
 // What the peers answer and announce, and the key-value file behind the store; no bus involved.
 #include "KeyValueFile.h"
 #include "PeerServices.h"
+#include "TempRoot.h"
 
 #include <gtest/gtest.h>
 
@@ -12,13 +13,6 @@
 
 namespace
 {
-std::string tempFolder()
-{
-    char pattern[] = "/tmp/peersim-unit-XXXXXX";
-    const char* dir = ::mkdtemp(pattern);
-    return dir ? dir : "/tmp";
-}
-
 PeerOutcome run(PeerServices& s, const std::string& line) { return s.apply(PeerCommand::parse(line)); }
 
 std::string signalsOf(const PeerAnswer& a)
@@ -32,9 +26,8 @@ std::string signalsOf(const PeerAnswer& a)
 class PeerServicesTest : public ::testing::Test
 {
 protected:
-    void SetUp() override { folder = tempFolder(); }
-    void TearDown() override { std::system(("rm -rf " + folder).c_str()); }
-    std::string folder;
+    TempRoot root{TempRoot::Export::No};
+    const std::string folder = root.path();
 };
 }
 
