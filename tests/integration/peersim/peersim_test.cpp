@@ -1,6 +1,8 @@
 // peersim as the CB radio service meets it: the real binary on a private dbus-daemon, called and
 // listened to through the service-IPC library, driven through its standard input.
+#include "ChildProcess.h"
 #include "PrivateBus.h"
+#include "TempRoot.h"
 #include "svcipc.h"
 
 #include <gtest/gtest.h>
@@ -38,24 +40,16 @@ public:
 
     bool start(const std::vector<std::string>& args, const std::string& root)
     {
-        const char* buildDir = std::getenv("CBRADIO_BUILD_DIR");
-        const std::string exe = std::string(buildDir ? buildDir : ".") + "/tools/peersim/peersim";
+        std::vector<std::string> argv{buildDir() + "/tools/peersim/peersim"};
+        argv.insert(argv.end(), args.begin(), args.end());
         int in[2], out[2];
         if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0)
             return false;
-        mPid = ::fork();
-        if (mPid == 0) {
-            ::dup2(in[0], STDIN_FILENO);
-            ::dup2(out[1], STDOUT_FILENO);
-            ::dup2(out[1], STDERR_FILENO);
-            ::setenv("CBRADIO_ROOT", root.c_str(), 1);
-            std::vector<char*> argv{const_cast<char*>(exe.c_str())};
-            for (const std::string& a : args)
-                argv.push_back(const_cast<char*>(a.c_str()));
-            argv.push_back(nullptr);
-            ::execv(exe.c_str(), argv.data());
-            ::_exit(126);
-        }
+        ChildProcess::Io io;
+        io.in = in[0];
+        io.outFd = out[1];
+        io.errFd = out[1];
+        mProcess.start(argv, ChildProcess::environmentWith({{"CBRADIO_ROOT", root}}), io);
         ::close(in[0]);
         ::close(out[1]);
         mIn = in[1];
@@ -96,20 +90,17 @@ public:
     // SIGTERM and reap; the exit status, or -1.
     int stop()
     {
-        if (mPid <= 0)
+        if (!mProcess.running())
             return -1;
-        ::kill(mPid, SIGTERM);
-        int status = 0;
-        ::waitpid(mPid, &status, 0);
-        mPid = -1;
+        const int status = mProcess.stop(10000);
         ::close(mIn);
         if (mReader.joinable())
             mReader.join();
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return status;
     }
 
 private:
-    pid_t mPid = -1;
+    ChildProcess mProcess;
     int mIn = -1;
     std::thread mReader;
     std::mutex mMutex;
@@ -175,9 +166,7 @@ protected:
     {
         ASSERT_TRUE(bus.start()) << bus.error();
         bus.exportAddress();
-        char pattern[] = "/tmp/peersim-it-XXXXXX";
-        ASSERT_NE(nullptr, ::mkdtemp(pattern));
-        root = pattern;
+        ASSERT_TRUE(root.ok());
         ASSERT_EQ(0, SVCIPC_initialize());
         ASSERT_EQ(0, SVCIPC_getConnection(SVCIPC_CONNECTION_SESSION, 1, &conn));
     }
@@ -189,8 +178,6 @@ protected:
         SVCIPC_closeConnection(conn);
         SVCIPC_shutdown();
         sim.stop();
-        std::string rm = "rm -rf " + root;
-        EXPECT_EQ(0, std::system(rm.c_str()));
     }
 
     Reply call(const std::string& peer, const std::string& method, const std::string& params, unsigned timeoutMs = 3000)
@@ -223,7 +210,7 @@ protected:
     }
 
     PrivateBus bus;
-    std::string root;
+    TempRoot root{TempRoot::Export::No};
     SVCIPC_tConnection conn = nullptr;
     std::vector<SVCIPC_tSigSubHnd> subscriptions;
     Seen seen;
@@ -233,7 +220,7 @@ protected:
 
 TEST_F(PeersimTest, EveryPeerAnswersItsMethodsAndFollowsThemWithItsSignals)
 {
-    ASSERT_TRUE(sim.start({"--cmd", "delay tts 0"}, root)) << sim.output();
+    ASSERT_TRUE(sim.start({"--cmd", "delay tts 0"}, root.path())) << sim.output();
     subscribe("AudioManager", "interruptSrc");
     subscribe("MERIDOOnOff", "powerMode");
 
@@ -271,7 +258,7 @@ TEST_F(PeersimTest, EveryPeerAnswersItsMethodsAndFollowsThemWithItsSignals)
 
 TEST_F(PeersimTest, CommandsEmitEachPeersSignalsOnItsOwnPath)
 {
-    ASSERT_TRUE(sim.start({}, root)) << sim.output();
+    ASSERT_TRUE(sim.start({}, root.path())) << sim.output();
     subscribe("AudioManager", "voxDetectedState");
     subscribe("AudioManager", "audioRoutingStatus");
     subscribe("TextToSpeechService", "ttsAvailable");
@@ -309,29 +296,9 @@ TEST_F(PeersimTest, CommandsEmitEachPeersSignalsOnItsOwnPath)
               call("ModeManager", "getProperties", "{\"props\":[\"rearControllerState\"]}").text);
 }
 
-TEST_F(PeersimTest, SettingsSurviveARestartOfTheSimulator)
-{
-    ASSERT_TRUE(sim.start({}, root)) << sim.output();
-    EXPECT_EQ("{\"res\":[]}", call("PersistentKeyValue", "read", "{\"key\":\"cbRadioProperties\"}").text);
-    // Written the way the service writes: no reply expected, compact text with a newline.
-    ASSERT_EQ(0, SVCIPC_invoke(conn, "com.quorin.service.PersistentKeyValue", "/com/quorin/service/PersistentKeyValue",
-                               "write", "{\"cbRadioProperties\":[5,3,1,2,3,4,9,40]}\n", 1, 0, nullptr));
-    ASSERT_TRUE(sim.waitFor("CALL PersistentKeyValue.write", 0));
-    EXPECT_EQ(0, sim.stop());
-
-    std::ifstream file(root + "/var/lib/peersim/keyvalue.json");
-    ASSERT_TRUE(file.good()) << "the store lies under CBRADIO_ROOT";
-
-    Peersim again;
-    ASSERT_TRUE(again.start({}, root)) << again.output();
-    EXPECT_EQ("{\"res\":[5,3,1,2,3,4,9,40]}", call("PersistentKeyValue", "read", "{\"key\":\"cbRadioProperties\"}").text);
-    size_t mark = again.send("kv get cbRadioProperties");
-    EXPECT_TRUE(again.waitFor("cbRadioProperties = [5,3,1,2,3,4,9,40]", mark));
-}
-
 TEST_F(PeersimTest, SlowFailingMalformedAndSilentAnswers)
 {
-    ASSERT_TRUE(sim.start({}, root)) << sim.output();
+    ASSERT_TRUE(sim.start({}, root.path())) << sim.output();
 
     // A read-out takes its 1.5 s unless told otherwise.
     const std::string readout = "{\"data\":\"x\",\"dataIsFile\":false,\"readoutType\":\"WEATHER_ALERT\"}";
@@ -372,7 +339,7 @@ TEST_F(PeersimTest, SlowFailingMalformedAndSilentAnswers)
 
 TEST_F(PeersimTest, APeerLeavesTheBusAndComesBack)
 {
-    ASSERT_TRUE(sim.start({}, root)) << sim.output();
+    ASSERT_TRUE(sim.start({}, root.path())) << sim.output();
     SVCIPC_tSigSubHnd watch = nullptr;
     ASSERT_EQ(0, SVCIPC_subscribeOwnerChanged(conn, "com.quorin.service.AudioManager", Seen::onOwner, &seen, &watch));
     subscriptions.push_back(watch);
@@ -403,9 +370,9 @@ TEST_F(PeersimTest, APeerLeavesTheBusAndComesBack)
 
 TEST_F(PeersimTest, OnlyTheNamedPeersScriptsAndTheLogFile)
 {
-    const std::string script = root + "/script.txt", logFile = root + "/peersim.log";
+    const std::string script = root.path("script.txt"), logFile = root.path("peersim.log");
     std::ofstream(script) << "# a script\nsleep 0.1\npower 4\nunknown words\n";
-    ASSERT_TRUE(sim.start({"--only=AudioManager,power", "--script", script, "--log=" + logFile, "--no-stdin"}, root))
+    ASSERT_TRUE(sim.start({"--only=AudioManager,power", "--script", script, "--log=" + logFile, "--no-stdin"}, root.path()))
         << sim.output();
     EXPECT_TRUE(hasOwner("AudioManager"));
     EXPECT_TRUE(hasOwner("MERIDOOnOff"));
@@ -417,15 +384,13 @@ TEST_F(PeersimTest, OnlyTheNamedPeersScriptsAndTheLogFile)
 
     // A second simulator cannot take names that are held, and says so.
     Peersim second;
-    ASSERT_TRUE(second.start({"--only=audio,diag", "--no-stdin"}, root)) << second.output();
+    ASSERT_TRUE(second.start({"--only=audio,diag", "--no-stdin"}, root.path())) << second.output();
     EXPECT_NE(std::string::npos, second.output().find("com.quorin.service.AudioManager is owned by another connection"));
     EXPECT_NE(std::string::npos, second.output().find("# ready: DiagnosticService"));
     second.stop();
 
     EXPECT_EQ(0, sim.stop());
-    std::ifstream in(logFile);
-    std::stringstream text;
-    text << in.rdbuf();
+    std::stringstream text(readFile(logFile));
     // "HH:MM:SS.mmm KIND ..."
     auto stamped = [](const std::string& line) {
         const std::string shape = "00:00:00.000 ";

@@ -558,16 +558,4 @@ TEST_F(SvcIpc, StaleAndInvalidHandlesGiveFailures)
     ASSERT_EQ(0, SVCIPC_initialize());
 }
 
-TEST(SvcIpcStatus, FailuresAreNegativeWithSeverityAndCode)
-{
-    for (SVCIPC_tError st : {SVCIPC_ERR_TIMEOUT, SVCIPC_ERR_BAD_HANDLE, SVCIPC_ERR_NO_MEMORY}) {
-        EXPECT_LT(st, 0);
-        EXPECT_TRUE(SVCIPC_IS_ERROR(st));
-        EXPECT_GE(static_cast<uint32_t>(st) >> 30, 2u);
-        EXPECT_STRNE("success", SVCIPC_errorText(st));
-    }
-    EXPECT_EQ(SVCIPC_ERROR_TIMEOUT, SVCIPC_GET_CODE(SVCIPC_ERR_TIMEOUT));
-    EXPECT_FALSE(SVCIPC_IS_ERROR(SVCIPC_MAKE_STATUS(SVCIPC_SEVERITY_INFO, 5)));
-}
-
 }  // namespace

@@ -73,23 +73,3 @@ TEST_F(EnvarsFile, LastAssignmentWinsAndOtherKeysAloneAreNotEnough)
     EXPECT_EQ(1, mRadio.isDbusAvailable(nullptr));
     EXPECT_EQ("unix:path=/b", env("DBUS_SESSION_BUS_ADDRESS"));
 }
-
-TEST(CCBRadio, StartsWithTheDocumentedState)
-{
-    CCBRadio radio;
-    EXPECT_EQ(&radio, CCBRadio::mpCBRadio);
-    EXPECT_STREQ("MERIDOThread", radio.getThreadName());
-    EXPECT_FALSE(radio.mServiceRegistered.load());
-    EXPECT_EQ(nullptr, radio.mpIpcHandler.load());
-    EXPECT_EQ(0xFF, radio.mCBRHWVersion[0].load());
-    EXPECT_EQ(0xFF, radio.mCBRHWVersion[1].load());
-    EXPECT_EQ(0xFF, radio.mCBRSWVersion[0].load());
-    for (int i = 1; i < 15; ++i)
-        EXPECT_EQ(0, radio.mCBRSWVersion[i].load());
-    EXPECT_EQ(1, CCBRadio::mCBRCurrentChannel.load());
-    EXPECT_EQ(8, CCBRadio::mCBRSquelchLevel.load());
-    for (auto& preset : CCBRadio::mCBRPreset)
-        EXPECT_EQ(0, preset.load());
-    EXPECT_EQ(0, CCBRadio::mCBRStatus.load());
-    EXPECT_TRUE(CCBRadio::mAudioManagerServiceAvailStatus.load());
-}

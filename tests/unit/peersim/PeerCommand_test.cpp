@@ -18,8 +18,6 @@ TEST(PeerCommand, ServicesAreNamedByNameAliasOrBusNameInAnyCase)
     }
     EXPECT_EQ(7u, parse("join all").peers.size());
     EXPECT_EQ(7u, parse("silent *").peers.size());
-    EXPECT_EQ(PeerCommand::ERROR, parse("leave Radio").kind);
-    EXPECT_EQ(PeerCommand::ERROR, parse("emit all powerMode {}").kind) << "a signal has one sender";
 }
 
 TEST(PeerCommand, DelayTakesAnOptionalMethodBeforeTheMilliseconds)
@@ -34,10 +32,6 @@ TEST(PeerCommand, DelayTakesAnOptionalMethodBeforeTheMilliseconds)
     EXPECT_EQ(16, one.number);
 
     EXPECT_EQ("", parse("delay audio * 5").method);
-    EXPECT_EQ(PeerCommand::ERROR, parse("delay audio -5").kind);
-    EXPECT_EQ(PeerCommand::ERROR, parse("delay audio soon").kind);
-    EXPECT_EQ(PeerCommand::ERROR, parse("delay audio add-src 5").kind);
-    EXPECT_EQ(PeerCommand::ERROR, parse("delay audio m 5 6").kind);
 }
 
 TEST(PeerCommand, AnswerModesCarryTheirErrorNameOrText)
@@ -51,8 +45,6 @@ TEST(PeerCommand, AnswerModesCarryTheirErrorNameOrText)
     EXPECT_EQ("read", named.method);
     EXPECT_EQ("com.quorin.Error.Busy", named.name);
     EXPECT_EQ("store is busy", named.text);
-    EXPECT_EQ(PeerCommand::ERROR, parse("fail kv read Busy").kind) << "error names need a dot";
-    EXPECT_EQ(PeerCommand::ERROR, parse("fail kv read a..b").kind);
 
     PeerCommand broken = parse("malformed audio * {\"action\": # not closed");
     EXPECT_EQ(AnswerMode::MALFORMED, broken.mode);
@@ -61,7 +53,6 @@ TEST(PeerCommand, AnswerModesCarryTheirErrorNameOrText)
 
     EXPECT_EQ(AnswerMode::SILENT, parse("silent diag").mode);
     EXPECT_EQ(AnswerMode::NORMAL, parse("normal all").mode);
-    EXPECT_EQ(PeerCommand::ERROR, parse("silent diag m extra").kind);
 }
 
 TEST(PeerCommand, SignalsTakeTheirValuesAndPayloadsAsTyped)
@@ -72,21 +63,17 @@ TEST(PeerCommand, SignalsTakeTheirValuesAndPayloadsAsTyped)
     EXPECT_EQ("function_sw_9", emit.name);
     EXPECT_EQ("{\"Value\": 2}  # rider", emit.text);
     EXPECT_EQ("", parse("emit can function_sw_9").text);
-    EXPECT_EQ(PeerCommand::ERROR, parse("emit can 9sw {}").kind);
 
     EXPECT_EQ(2, parse("rider press").number);
     EXPECT_EQ(0, parse("rider release").number);
     EXPECT_EQ(1, parse("passenger press").number);
     EXPECT_EQ(-3, parse("power -3").number);
-    EXPECT_EQ(PeerCommand::ERROR, parse("vox on").kind);
-    EXPECT_EQ(PeerCommand::ERROR, parse("power 99999999999").kind);
 
     PeerCommand routing = parse("routing unchecked checked");
     EXPECT_EQ("unchecked", routing.headsetD);
     EXPECT_EQ("checked", routing.headsetP);
     EXPECT_EQ("communication", routing.source);
     EXPECT_EQ("media", parse("routing checked checked media").source);
-    EXPECT_EQ(PeerCommand::ERROR, parse("routing checked").kind);
 
     PeerCommand interrupt = parse("interrupt removed cbTX");
     EXPECT_EQ("removed", interrupt.name);
@@ -111,9 +98,6 @@ TEST(PeerCommand, KeyValueCommands)
     EXPECT_EQ("[5, 3, 1,2,3,4,9,40]", set.text);
     EXPECT_EQ(PeerCommand::KV_GET, parse("kv get k").kind);
     EXPECT_EQ(PeerCommand::KV_LIST, parse("kv list").kind);
-    EXPECT_EQ(PeerCommand::ERROR, parse("kv set k").kind);
-    EXPECT_EQ(PeerCommand::ERROR, parse("kv get").kind);
-    EXPECT_EQ(PeerCommand::ERROR, parse("kv drop k").kind);
 }
 
 TEST(PeerCommand, PausesCommentsAndJunk)
@@ -121,16 +105,23 @@ TEST(PeerCommand, PausesCommentsAndJunk)
     EXPECT_EQ(1500, parse("sleep 1.5").number);
     EXPECT_EQ(PeerCommand::SLEEP, parse("wait 20").kind);
     EXPECT_EQ(20, parse("wait 20").number);
-    EXPECT_EQ(PeerCommand::ERROR, parse("sleep -1").kind);
-    EXPECT_EQ(PeerCommand::ERROR, parse("sleep nan").kind);
-    EXPECT_EQ(PeerCommand::ERROR, parse("sleep 1s").kind);
     EXPECT_EQ(1000, parse("bounce audio").number);
     EXPECT_EQ(50, parse("bounce audio 50").number);
 
     EXPECT_EQ(PeerCommand::NONE, parse("").kind);
     EXPECT_EQ(PeerCommand::NONE, parse("   # a note").kind);
     EXPECT_EQ(PeerCommand::VOX, parse("vox 1 # voice").kind);
-    EXPECT_EQ(PeerCommand::ERROR, parse("vox 1 2").kind);
-    EXPECT_EQ(PeerCommand::ERROR, parse("launch").kind);
     EXPECT_NE(std::string::npos, std::string(PeerCommand::helpText()).find("bounce"));
+}
+
+// Lines that must be refused rather than half understood.
+TEST(PeerCommand, MalformedLinesAreErrors)
+{
+    // A signal has one sender; error names need a dot; numbers must fit and be whole.
+    for (const char* line : {"leave Radio", "emit all powerMode {}", "delay audio -5", "delay audio soon",
+                             "delay audio add-src 5", "delay audio m 5 6", "fail kv read Busy", "fail kv read a..b",
+                             "silent diag m extra", "emit can 9sw {}", "vox on", "power 99999999999",
+                             "routing checked", "kv set k", "kv get", "kv drop k", "sleep -1", "sleep nan",
+                             "sleep 1s", "vox 1 2", "launch"})
+        EXPECT_EQ(PeerCommand::ERROR, parse(line).kind) << line;
 }
