@@ -198,7 +198,10 @@ TEST_F(Radio, SeekAndSquelchStepFromTheConfirmedValues)
     // A refused change keeps the old value: no signal, the refusal traced.
     const size_t mark = unit->traceMark();
     signals = unit->signalMark();
+    const size_t logged = unit->simulatorLog().size();
     unit->simulator("refuse");
+    // The simulator reads its commands apart from the frames: the seek must not overtake it.
+    ASSERT_TRUE(HeadUnit::waitUntil([&] { return unit->simulatorLog().find("# next answer refused", logged) != std::string::npos; }, 3000));
     EXPECT_EQ(SUCCESS, unit->call("reqCBRStartSeek", "{\"seekDirection\":1}").text);
     EXPECT_TRUE(unit->waitForTrace("\n[CBRadio] [CH6] CBR_CHANNEL_SELECT invalid rspns data or non +ve rspns. "
                                    "command failed at V850!\n", mark));
