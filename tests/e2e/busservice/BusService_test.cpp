@@ -576,8 +576,7 @@ TEST(BusServiceGates, RadioMethodsWaitForTheSettingsWhileOtherMethodsWork)
                                       "/com/quorin/service/PersistentKeyValue", 0, never, nullptr, &store) == 0;
     };
     ASSERT_TRUE(unit.start(options)) << unit.error();
-    if (!unit.traced("\n[CBR getPersistedTimeProperties] \n"))
-        GTEST_SKIP() << "the service does not read its settings from the key-value store yet";
+    ASSERT_TRUE(unit.waitForTrace("\n[CBR getPersistedTimeProperties] \n")) << "the settings were not asked for";
 
     for (const char* method : {"reqCBRStateChange", "reqCBRStartSeek", "reqCBRGetPresetList", "reqCBRStartScan",
                                "reqCBRChangeRxToTx", "reqCBRNoSuchMethod"})
