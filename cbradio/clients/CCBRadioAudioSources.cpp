@@ -16,6 +16,7 @@
 // mode handler; completions, the signal and the owner watch run on service-IPC dispatch threads.
 // The states are shared bytes; the check before an add is best effort, not a lock.
 #include "CCBRadio.h"
+#include "CBRadioBusNames.h"
 
 #include "CBRadioJson.h"
 #include "CJTTraceScope.h"
@@ -40,11 +41,10 @@ static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_onNotifyAudioMana
 std::atomic<unsigned char> CCBRadio::mCBRRxAudioSrcIntrStatus(CBR_RX_INT_NOT_REQUESTED);
 std::atomic<unsigned char> CCBRadio::mCBRTxAudioSrcIntrStatus(CBR_TX_INT_NOT_REQUESTED);
 
+using namespace CBRadioBusNames;
+
 namespace
 {
-    const char* const AUDIO_MANAGER_SERVICE = "com.quorin.service.AudioManager";
-    const char* const AUDIO_MANAGER_OBJECT = "/com/quorin/service/AudioManager";
-    const char* const CLIENT_TOKEN = "MRDCBRadio";
     const unsigned int AUDIO_TIMEOUT_MS = 1000;
     const int DRIVER = 1;
     const int MIC_ON = 1;

@@ -17,6 +17,7 @@
 // change callback run on a service-IPC dispatch thread; the store runs on the dispatch thread
 // that delivers the power mode.
 #include "CCBRadio.h"
+#include "CBRadioBusNames.h"
 
 #include "CBRadioJson.h"
 #include "CJTTraceScope.h"
@@ -30,12 +31,11 @@ static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_storePersistedCBR
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_onCBRadioPersistDataRead("CBRadio_CCBRadio", "onCBRadioPersistDataRead");
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_onNotifyPERSISTAvailability("CBRadio_CCBRadio", "onNotifyPERSISTAvailability");
 
+using namespace CBRadioBusNames;
+
 namespace
 {
-    const char* const KV_SERVICE = "com.quorin.service.PersistentKeyValue";
-    const char* const KV_OBJECT = "/com/quorin/service/PersistentKeyValue";
     const char* const SETTINGS_KEY = "cbRadioProperties";
-    const char* const CLIENT_TOKEN = "MRDCBRadio";
     const unsigned int READ_TIMEOUT_MS = 60000;
     const unsigned int RECORD_SIZE = 8;
     const unsigned int PRESET_COUNT = 6;

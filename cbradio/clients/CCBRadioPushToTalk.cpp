@@ -13,6 +13,7 @@
 // V850 reader thread and blocks it for up to one second; GetPowerModeValue runs once on the main
 // thread during start.
 #include "CCBRadio.h"
+#include "CBRadioBusNames.h"
 
 #include "CBRadioJson.h"
 #include "CJTTraceScope.h"
@@ -34,13 +35,10 @@ std::atomic<unsigned char> CCBRadio::mPassengerPTTcount(0);
 std::atomic<unsigned char> CCBRadio::mCBRVoxDetectStatus(0);
 std::atomic<signed char> CCBRadio::mCBRPowerModeValue(0);
 
+using namespace CBRadioBusNames;
+
 namespace
 {
-    const char* const POWER_SERVICE = "com.quorin.service.MERIDOOnOff";
-    const char* const POWER_OBJECT = "/com/quorin/service/MERIDOOnOff";
-    const char* const AUDIO_MANAGER_SERVICE = "com.quorin.service.AudioManager";
-    const char* const AUDIO_MANAGER_OBJECT = "/com/quorin/service/AudioManager";
-    const char* const CLIENT_TOKEN = "MRDCBRadio";
     const unsigned int VOX_QUERY_TIMEOUT_MS = 1000;
 
     const int SWITCH_RELEASED = 0;

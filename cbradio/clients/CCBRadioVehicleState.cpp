@@ -16,6 +16,7 @@
 // Threads: the signal handlers run on service-IPC dispatch threads; the subscriptions and the
 // start-up queries run on the main thread, which each query blocks for up to its time-out.
 #include "CCBRadio.h"
+#include "CBRadioBusNames.h"
 
 #include "CBRadioJson.h"
 #include "CJTTraceScope.h"
@@ -45,18 +46,10 @@ std::atomic<unsigned char> CCBRadio::mRearControlStatus(0);
 std::atomic<unsigned char> CCBRadio::mheadset_r_status(0);
 std::atomic<unsigned char> CCBRadio::mheadset_p_status(0);
 
+using namespace CBRadioBusNames;
+
 namespace
 {
-    const char* const CLIENT_TOKEN = "MRDCBRadio";
-    const char* const CAN_HMI_OBJECT = "/com/quorin/service/CAN_HMI";
-    const char* const POWER_OBJECT = "/com/quorin/service/MERIDOOnOff";
-    const char* const AUDIO_MANAGER_SERVICE = "com.quorin.service.AudioManager";
-    const char* const AUDIO_MANAGER_OBJECT = "/com/quorin/service/AudioManager";
-    const char* const TTS_OBJECT = "/com/quorin/service/TextToSpeechService";
-    const char* const MODE_MANAGER_SERVICE = "com.quorin.service.ModeManager";
-    const char* const MODE_MANAGER_OBJECT = "/com/quorin/service/ModeManager";
-    const char* const DIAGNOSIS_SERVICE = "com.quorin.service.DiagnosticService";
-    const char* const DIAGNOSIS_OBJECT = "/com/quorin/service/DiagnosticService";
     const unsigned int ROUTING_QUERY_TIMEOUT_MS = 1000;
     const unsigned int REAR_QUERY_TIMEOUT_MS = 2000;
     const unsigned int DIAG_QUERY_TIMEOUT_MS = 1000;

@@ -12,6 +12,7 @@
 // Threads: the request runs on the V850 reader thread, the completion and the availability signal
 // on service-IPC dispatch threads.
 #include "CCBRadio.h"
+#include "CBRadioBusNames.h"
 
 #include "CBRadioJson.h"
 #include "CJTTraceScope.h"
@@ -37,11 +38,10 @@ const char* const CCBRadio::Weather_Alert_channel_Info[8] = {
     "A weather alert from the National Weather Service has been received Please tune to the weather band, 162.550 MHz, for more information ",
 };
 
+using namespace CBRadioBusNames;
+
 namespace
 {
-    const char* const TTS_SERVICE = "com.quorin.service.TextToSpeechService";
-    const char* const TTS_OBJECT = "/com/quorin/service/TextToSpeechService";
-    const char* const CLIENT_TOKEN = "MRDCBRadio";
     const unsigned int READOUT_TIMEOUT_MS = 15000;
     const unsigned char FIRST_WEATHER_CHANNEL = 1;
     const unsigned char LAST_WEATHER_CHANNEL = 7;

@@ -7,6 +7,7 @@
 // use for the persistence probe and the AudioManager owner watch. The closing 300 ms pause lets
 // those early callbacks settle before the start sequence asks the other services for their state.
 #include "CCBRadio.h"
+#include "CBRadioBusNames.h"
 
 #include "CJTTraceScope.h"
 #include "CJTTraceScopeDef.h"
@@ -16,14 +17,11 @@
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_initializeDBUSService("CBRadio_CCBRadio", "initializeDBUSService");
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_deInitializeDBUSService("CBRadio_CCBRadio", "deInitializeDBUSService");
 
+using namespace CBRadioBusNames;
+
 namespace
 {
-    const char* const SERVICE_NAME = "com.quorin.service.CBRadioService";
-    const char* const OBJECT_PATH = "/com/quorin/service/CBRadioService";
-    const char* const CONTEXT_TOKEN = "MRDCBRadio";
     const char* const ENVARS_FILE = "/tmp/envars.sh";
-    const char* const PERSISTENCE_SERVICE = "com.quorin.service.PersistentKeyValue";
-    const char* const AUDIO_MANAGER_SERVICE = "com.quorin.service.AudioManager";
     const useconds_t SETTLE_PAUSE_US = 300 * 1000;
 }
 
@@ -52,8 +50,8 @@ int CCBRadio::initializeDBUSService()
     }
 
     int result = 0;
-    status = SVCIPC_registerService(mConnection, SERVICE_NAME, OBJECT_PATH, 0, &CCBRadio::handleCBRadioRequest,
-                                    CONTEXT_TOKEN, &mRegistration);
+    status = SVCIPC_registerService(mConnection, SERVICE_NAME, SERVICE_OBJECT, 0, &CCBRadio::handleCBRadioRequest,
+                                    CLIENT_TOKEN, &mRegistration);
     if (status < 0) {
         scope.sendFormattedMessage("\n[CBR] Failed to register service: 0x%0X\n", static_cast<unsigned int>(status));
     } else {
@@ -71,7 +69,7 @@ int CCBRadio::initializeDBUSService()
         result = 1;
     }
 
-    persistency_Ready_Flag.store(isServiceAvailable(PERSISTENCE_SERVICE), std::memory_order_relaxed);
+    persistency_Ready_Flag.store(isServiceAvailable(KV_SERVICE), std::memory_order_relaxed);
     status = SVCIPC_subscribeOwnerChanged(mConnection, AUDIO_MANAGER_SERVICE, &CCBRadio::onNotifyAudioManagerAvailability,
                                           nullptr, &mAudioMgrOwnerSub);
     if (status < 0)

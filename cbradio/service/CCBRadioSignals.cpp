@@ -6,6 +6,7 @@
 // queued: late clients ask with "getProperties". Senders run on the V850 reader thread or a bus
 // dispatch thread and only read the one-byte state.
 #include "CCBRadio.h"
+#include "CBRadioBusNames.h"
 
 #include "CJTTraceScope.h"
 #include "CJTTraceScopeDef.h"
@@ -22,9 +23,10 @@ static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRHWConnecti
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRRxTxStatusSignal("CBRadio_CCBRadio", "sendCBRRxTxStatusSignal");
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRWeatherAlertOnOffStatusSignal("CBRadio_CCBRadio", "sendCBRWeatherAlertOnOffStatusSignal");
 
+using namespace CBRadioBusNames;
+
 namespace
 {
-    const char* const SIGNAL_TOKEN = "MRDCBRadio";
     const std::memory_order relaxed = std::memory_order_relaxed;
 
     // Raw reception sensitivity 0..255 as the 0..5 bars the head unit shows: 0 is no signal, then
@@ -40,7 +42,7 @@ namespace
         Json::FastWriter writer;
         const std::string text = writer.write(body);
         const SVCIPC_tError status =
-            SVCIPC_asyncEmit(radio->mConnection, name, text.c_str(), CCBRadio::onCompletion, SIGNAL_TOKEN);
+            SVCIPC_asyncEmit(radio->mConnection, name, text.c_str(), CCBRadio::onCompletion, CLIENT_TOKEN);
         return !SVCIPC_IS_ERROR(status);
     }
 
