@@ -206,6 +206,18 @@ SVCIPC_tError SVCIPC_getConnection(SVCIPC_tUInt32 connType, SVCIPC_tBool openPri
  * Errors: SVCIPC_ERR_BAD_HANDLE. */
 SVCIPC_tError SVCIPC_closeConnection(SVCIPC_tConnection conn);
 
+/* Called when the bus connection behind `conn` is lost under the process (the bus daemon ended,
+ * or closed the connection): once, on a library thread, after every outstanding call has failed.
+ * Not called when the connection is ended with SVCIPC_closeConnection or SVCIPC_shutdown.
+ * A later call replaces the callback; null removes it. The connection is set up before any call
+ * of the process's own can see it lost, so a loss is never missed between getting the connection
+ * and this call (a connection already lost calls back at once, on a library thread).
+ * Errors: SVCIPC_ERR_BAD_HANDLE. */
+typedef void (*SVCIPC_tConnectionLostCallback)(SVCIPC_tUserToken token);
+SVCIPC_tError SVCIPC_setConnectionLostCallback(SVCIPC_tConnection conn,
+                                               SVCIPC_tConnectionLostCallback onLost,
+                                               const void* token);
+
 /* ---------------------------------------------------------------------------------------------
  * Services
  * ------------------------------------------------------------------------------------------- */
@@ -221,6 +233,17 @@ SVCIPC_tError SVCIPC_registerService(SVCIPC_tConnection conn, const char* busNam
                                      const char* objPath, SVCIPC_tUInt32 flags,
                                      SVCIPC_tRequestCallback onRequest, const void* token,
                                      SVCIPC_tSvcRegHnd* regHnd);
+
+/* Hands the library the interface description served on `objPath`: D-Bus introspection XML
+ * holding one or more <interface> elements (a whole <node> document is accepted too). From then
+ * on org.freedesktop.DBus.Introspectable.Introspect on that path lists those interfaces besides
+ * the standard ones, and a request freed without a result is answered with
+ * "org.freedesktop.DBus.Error.UnknownMethod" when its member is not a method of the description,
+ * else with "com.quorin.SvcIpc.Error.NoResult". Call it before SVCIPC_registerService so that
+ * even the first call is described; a later call replaces the description. The text is copied.
+ * Errors: SVCIPC_ERR_BAD_HANDLE, SVCIPC_ERR_BAD_ARGUMENT (bad path, null or malformed text). */
+SVCIPC_tError SVCIPC_setInterfaceDescription(SVCIPC_tConnection conn, const char* objPath,
+                                             const char* xml);
 
 /* Releases the bus name and the object path; later calls are answered
  * "org.freedesktop.DBus.Error.UnknownObject". Request contexts already handed out stay usable.

@@ -234,6 +234,30 @@ SVCIPC_tError SVCIPC_closeConnection(SVCIPC_tConnection conn)
     return 0;
 }
 
+// Interim entry points: the API is fixed, the behaviour comes with the connection rework.
+SVCIPC_tError SVCIPC_setConnectionLostCallback(SVCIPC_tConnection conn,
+                                               SVCIPC_tConnectionLostCallback onLost,
+                                               const void* token)
+{
+    (void)onLost;
+    (void)token;
+    HandleEntry e;
+    if (!lookup(id(conn), HandleKind::Connection, e))
+        return SVCIPC_ERR_BAD_HANDLE;
+    return 0;
+}
+
+SVCIPC_tError SVCIPC_setInterfaceDescription(SVCIPC_tConnection conn, const char* objPath,
+                                             const char* xml)
+{
+    HandleEntry e;
+    if (!lookup(id(conn), HandleKind::Connection, e))
+        return SVCIPC_ERR_BAD_HANDLE;
+    if (!validPath(objPath) || !xml)
+        return SVCIPC_ERR_BAD_ARGUMENT;
+    return 0;
+}
+
 SVCIPC_tError SVCIPC_registerService(SVCIPC_tConnection conn, const char* busName,
                                      const char* objPath, SVCIPC_tUInt32 flags,
                                      SVCIPC_tRequestCallback onRequest, const void* token,
