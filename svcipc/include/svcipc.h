@@ -222,13 +222,14 @@ SVCIPC_tError SVCIPC_getConnection(SVCIPC_tUInt32 connType, SVCIPC_tBool openPri
  * long for a stuck callback (see "Stopping" above). Errors: SVCIPC_ERR_BAD_HANDLE. */
 SVCIPC_tError SVCIPC_closeConnection(SVCIPC_tConnection conn);
 
-/* Called when the bus connection behind `conn` is lost under the process (the bus daemon ended,
- * or closed the connection): once, on a library thread, after every outstanding call has failed.
- * Not called when the connection is ended with SVCIPC_closeConnection or SVCIPC_shutdown.
- * A later call replaces the callback; null removes it. The connection is set up before any call
- * of the process's own can see it lost, so a loss is never missed between getting the connection
- * and this call (a connection already lost calls back at once, on a library thread).
- * Errors: SVCIPC_ERR_BAD_HANDLE. */
+/* Asks for `onLost` to be called when the bus connection behind `conn` is lost under the process
+ * (the bus daemon ended, or closed the connection): once, on a library thread, after every
+ * blocking call on it has failed and every outstanding completion has run. Not called when the
+ * connection is ended with SVCIPC_closeConnection or SVCIPC_shutdown. A later call replaces the
+ * callback; null removes it. A library thread watches the connection from then on, so the loss
+ * is noticed at once even while the process makes no calls; a connection already lost calls back
+ * at once (on a library thread). The callback is shared by every handle of the same underlying
+ * connection. Errors: SVCIPC_ERR_BAD_HANDLE. */
 typedef void (*SVCIPC_tConnectionLostCallback)(SVCIPC_tUserToken token);
 SVCIPC_tError SVCIPC_setConnectionLostCallback(SVCIPC_tConnection conn,
                                                SVCIPC_tConnectionLostCallback onLost,
@@ -291,10 +292,14 @@ SVCIPC_tError SVCIPC_asyncEmit(SVCIPC_tConnection conn, const char* sigName, con
  * Signals and owners
  * ------------------------------------------------------------------------------------------- */
 
-/* Delivers every signal named `sigName` on object `objPath`, from any sender and interface, to
- * `onSignal`. Signals whose first argument is not a string are ignored. The bus has accepted the
- * match rule when this returns, so no signal emitted afterwards is missed. Errors:
- * SVCIPC_ERR_BAD_HANDLE, SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_ERR_TIMEOUT, SVCIPC_ERR_DISCONNECTED. */
+/* Delivers every signal named `sigName` on object `objPath`, any interface, sent by the current
+ * owner of the bus name that the path spells (the leading slash dropped, the other slashes read as
+ * dots: "/com/quorin/service/AudioManager" is heard from whoever owns
+ * "com.quorin.service.AudioManager"), to `onSignal`. Signals from anyone else, signals aimed at one
+ * connection instead of broadcast, and signals whose first argument is not a string are ignored.
+ * The bus has accepted the match rule when this returns, so no signal emitted afterwards is
+ * missed. Errors: SVCIPC_ERR_BAD_HANDLE, SVCIPC_ERR_BAD_ARGUMENT (also a path that spells no bus
+ * name, such as "/a"), SVCIPC_ERR_TIMEOUT, SVCIPC_ERR_DISCONNECTED. */
 SVCIPC_tError SVCIPC_subscribe(SVCIPC_tConnection conn, const char* objPath, const char* sigName,
                                SVCIPC_tSignalCallback onSignal, const void* token,
                                SVCIPC_tSigSubHnd* subHnd);

@@ -489,6 +489,10 @@ void Connection::sortIncoming(DBusMessage* msg)
         return;
     }
     case Kind::Signal: {
+        // The bus matches broadcasts against our rules, which name the sender; a signal aimed at
+        // us passes no rule, so only the bus daemon's own count.
+        if (dbus_message_get_destination(msg) && !in.ownerChange)
+            break;
         bool wanted = false;
         for (const auto& s : mSubs) {
             wanted = s->ownerWatch ? in.ownerChange && s->busName == in.ownerName
