@@ -249,8 +249,10 @@ SVCIPC_tError SVCIPC_setInterfaceDescription(SVCIPC_tConnection conn, const char
     HandleEntry e;
     if (!lookup(id(conn), HandleKind::Connection, e))
         return SVCIPC_ERR_BAD_HANDLE;
-    if (!validPath(objPath) || !xml)
+    auto description = std::make_shared<InterfaceDescription>();
+    if (!validPath(objPath) || !isValidText(xml) || !parseDescription(xml, *description))
         return SVCIPC_ERR_BAD_ARGUMENT;
+    e.conn->setDescription(objPath, std::move(description));
     return 0;
 }
 
@@ -301,6 +303,7 @@ SVCIPC_tError SVCIPC_asyncReturnResult(SVCIPC_tReqContext context, const char* r
         return SVCIPC_ERR_BAD_ARGUMENT;
     auto* ctx = static_cast<RequestContext*>(e.object.get());
     SVCIPC_tError status = 0;
+    ctx->replied = true;
     if (!ctx->noReply) {
         DBusMessage* reply = dbus_message_new_method_return(ctx->call);
         if (!reply)
@@ -317,8 +320,12 @@ SVCIPC_tError SVCIPC_asyncReturnResult(SVCIPC_tReqContext context, const char* r
 
 SVCIPC_tError SVCIPC_freeReqContext(SVCIPC_tReqContext context)
 {
-    if (id(context) == 0 || !Handles::remove(id(context), HandleKind::Request))
+    HandleEntry e;
+    if (id(context) == 0 || !Handles::remove(id(context), HandleKind::Request, &e))
         return SVCIPC_ERR_BAD_HANDLE;
+    auto* ctx = static_cast<RequestContext*>(e.object.get());
+    if (!ctx->noReply && !ctx->replied)
+        e.conn->answerUnanswered(ctx->call);  // nobody waits out a time-out
     return 0;
 }
 

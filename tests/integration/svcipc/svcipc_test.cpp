@@ -77,6 +77,23 @@ struct Service
     }
 };
 
+// Request contexts a service keeps without a result, freed when the test ends.
+struct Held
+{
+    std::mutex mutex;
+    std::vector<SVCIPC_tReqContext> contexts;
+    void add(SVCIPC_tReqContext ctx)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        contexts.push_back(ctx);
+    }
+    ~Held()
+    {
+        for (SVCIPC_tReqContext ctx : contexts)
+            SVCIPC_freeReqContext(ctx);
+    }
+};
+
 void onSignal(const char* name, const char* data, SVCIPC_tUserToken token)
 {
     static_cast<Log*>(token)->add(std::string(name) + "=" + data);
@@ -295,20 +312,65 @@ TEST_F(SvcIpc, WrongSignaturesAreRefusedBeforeTheCallback)
     EXPECT_TRUE(svc.log.snapshot().empty());
 }
 
-TEST_F(SvcIpc, IntrospectionAndPeerAreAnsweredByTheLibrary)
+TEST_F(SvcIpc, IntrospectionAndUnansweredCallsFollowTheDescription)
 {
+    const char* const description =
+        "<?xml version=\"1.0\"?>\n"
+        "<!DOCTYPE node PUBLIC \"-//freedesktop//DTD D-BUS Object Introspection 1.0//EN\"\n"
+        " \"http://www.freedesktop.org/standards/dbus/1.0/introspect.dtd\">\n"
+        "<node>\n"
+        "  <!-- the test service -->\n"
+        "  <interface name=\"com.quorin.service.Test\">\n"
+        "    <method name=\"described\">\n"
+        "      <annotation name=\"org.freedesktop.DBus.Description\" value=\"Says &quot;no&quot;.\"/>\n"
+        "      <arg name=\"parms\" type=\"s\" direction=\"in\"/>\n"
+        "      <arg name=\"result\" type=\"s\" direction=\"out\"/>\n"
+        "    </method>\n"
+        "    <signal name=\"changed\"><arg type=\"s\"/></signal>\n"
+        "  </interface>\n"
+        "  <node name=\"child\"/>\n"
+        "</node>\n";
+    for (const char* bad : {"", "<node>", "<interface name=\"a.b\"><method name=\"m\"></interface>",
+                            "<node><interface name=\"nodot\"/></node>",
+                            "<!DOCTYPE x [<!ENTITY e \"boom\">]><interface name=\"a.b\"/>",
+                            "<interface name=\"a.b\" doc=\"&bad\"/>"})
+        EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_setInterfaceDescription(conn, kPath, bad)) << bad;
+    ASSERT_EQ(0, SVCIPC_setInterfaceDescription(conn, kPath, description));
     Service svc;
+    svc.onRequest = [](SVCIPC_tReqContext ctx, const std::string&, const std::string&) {
+        SVCIPC_freeReqContext(ctx);  // never a result
+    };
     ASSERT_EQ(0, svc.registerOn(conn));
     RawPeer raw(bus.address());
-    std::string xml = raw.call(dbus_message_new_method_call(
-        kName, kPath, "org.freedesktop.DBus.Introspectable", "Introspect"));
-    EXPECT_NE(std::string::npos, xml.find("<interface name=\"com.quorin.service.Test\">"));
-    std::string root = raw.call(dbus_message_new_method_call(
-        kName, "/com", "org.freedesktop.DBus.Introspectable", "Introspect"));
-    EXPECT_NE(std::string::npos, root.find("<node name=\"quorin\"/>"));
+    auto introspect = [&](const char* path) {
+        return raw.call(dbus_message_new_method_call(kName, path,
+                                                     "org.freedesktop.DBus.Introspectable",
+                                                     "Introspect"));
+    };
+
+    std::string xml = introspect(kPath);
+    EXPECT_EQ(0u, xml.find("reply:<!DOCTYPE node"));
+    for (const char* part : {"<interface name=\"org.freedesktop.DBus.Introspectable\">",
+                             "<interface name=\"org.freedesktop.DBus.Peer\">",
+                             "<method name=\"described\">", "<signal name=\"changed\">",
+                             "value=\"Says &quot;no&quot;.\""})
+        EXPECT_NE(std::string::npos, xml.find(part)) << part;
+    EXPECT_EQ(std::string::npos, xml.find("child"));
+    // What the library serves is a valid description in turn.
+    EXPECT_EQ(0, SVCIPC_setInterfaceDescription(conn, "/elsewhere", xml.substr(6).c_str()));
+    EXPECT_NE(std::string::npos, introspect("/com").find("<node name=\"quorin\"/>"));
     EXPECT_EQ("reply:", raw.call(dbus_message_new_method_call(kName, kPath,
                                                               "org.freedesktop.DBus.Peer", "Ping")));
     EXPECT_TRUE(svc.log.snapshot().empty());
+
+    // A call freed without a result is answered at once, by whether its method is described.
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ("error:com.quorin.SvcIpc.Error.NoResult",
+              raw.call(dbus_message_new_method_call(kName, kPath, kName, "described")));
+    EXPECT_EQ("error:org.freedesktop.DBus.Error.UnknownMethod",
+              raw.call(dbus_message_new_method_call(kName, kPath, kName, "undescribed")));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+    EXPECT_EQ(2u, svc.log.snapshot().size());
 }
 
 TEST_F(SvcIpc, NameOwnedElsewhereOrTwiceIsRefused)
@@ -332,8 +394,9 @@ TEST_F(SvcIpc, NameOwnedElsewhereOrTwiceIsRefused)
 TEST_F(SvcIpc, TimeOutsAndMissingServices)
 {
     Service svc;
-    svc.onRequest = [](SVCIPC_tReqContext ctx, const std::string&, const std::string&) {
-        SVCIPC_freeReqContext(ctx);  // no result: the caller must run into its time-out
+    Held held;  // no result yet: the caller must run into its time-out
+    svc.onRequest = [&](SVCIPC_tReqContext ctx, const std::string&, const std::string&) {
+        held.add(ctx);
     };
     ASSERT_EQ(0, svc.registerOn(conn));
     SVCIPC_tConnection client = privateConnection();
@@ -625,9 +688,11 @@ TEST_F(SvcIpc, ManyThreadsInvokingAtOnce)
 TEST_F(SvcIpc, ABusThatDiesTurnsIntoFailures)
 {
     Service svc;
-    svc.onRequest = [](SVCIPC_tReqContext ctx, const std::string& method, const std::string&) {
-        if (method == "fast")
-            SVCIPC_asyncReturnResult(ctx, "ok", nullptr, nullptr);
+    Held held;
+    svc.onRequest = [&](SVCIPC_tReqContext ctx, const std::string& method, const std::string&) {
+        if (method != "fast")
+            return held.add(ctx);  // answered when the bus is gone
+        SVCIPC_asyncReturnResult(ctx, "ok", nullptr, nullptr);
         SVCIPC_freeReqContext(ctx);
     };
     ASSERT_EQ(0, svc.registerOn(conn));
