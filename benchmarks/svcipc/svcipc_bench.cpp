@@ -20,7 +20,7 @@ namespace
 using Clock = std::chrono::steady_clock;
 
 const char* const kLibName = "bench.svcipc.Lib";
-const char* const kPath = "/bench/svcipc";
+const char* const kPath = "/bench/svcipc/Lib";  // spells kLibName: subscriptions hear only its owner
 const char* const kPayload = "{\"channel\":12,\"squelch\":8}";
 const PlainDbus::Names kPlain = {"bench.svcipc.Plain", kPath, "/bench/plain"};
 

@@ -269,8 +269,12 @@ void Connection::needWorkerLocked()
 
 void Connection::pushWorkLocked(Work&& work)
 {
+    // Whoever was told about the first item in the queue takes the rest as well: one wake-up per
+    // batch, not per item.
+    const bool first = mWork.empty();
     mWork.push_back(std::move(work));
-    announceWorkLocked();
+    if (first)
+        announceWorkLocked();
 }
 
 void Connection::announceWorkLocked()
@@ -284,10 +288,9 @@ void Connection::announceWorkLocked()
     needWorkerLocked();
 }
 
-void Connection::offerReaderLocked()
+bool Connection::readerWantedLocked() const
 {
-    if (!mReading && (mIdle > 0 || mRoleWanted > 0))
-        mCond.notify_all();
+    return !mReading && (mIdle > 0 || mRoleWanted > 0);
 }
 
 void Connection::threadMain(const std::shared_ptr<Worker>& self)
@@ -308,8 +311,10 @@ void Connection::threadMain(const std::shared_ptr<Worker>& self)
             mWork.pop_front();
             mDispatching = true;
             tlsDispatching = true;
-            offerReaderLocked();
+            const bool offer = readerWantedLocked();
             lock.unlock();
+            if (offer)
+                mCond.notify_all();  // after unlocking, so that the woken do not block on it
             dispatch(work);
             lock.lock();
             if (tlsYielded) {
@@ -335,9 +340,12 @@ void Connection::threadMain(const std::shared_ptr<Worker>& self)
             lock.lock();
             mReading = false;
             mReaderIsWorker = false;
-            continue;  // reads again at once unless there is work: no need to offer the role yet
+            // Reads again at once unless there is work; blocked callers get their replies from
+            // it meanwhile (measured: cheaper than handing the role over to them and back).
+            continue;
         }
-        offerReaderLocked();
+        if (readerWantedLocked())
+            mCond.notify_all();
         ++mIdle;
         const int timeoutMs = msUntilAsyncDeadlineLocked();
         if (timeoutMs < 0)
@@ -472,6 +480,7 @@ void Connection::sortIncoming(DBusMessage* msg)
             waiter->second->status = status;
             waiter->second->reply = msg;  // the waiter takes our reference
             mWaiters.erase(waiter);
+            lock.unlock();
             mCond.notify_all();
             return;
         }
@@ -790,12 +799,14 @@ SVCIPC_tError Connection::call(DBusMessage* msg, int timeoutMs, DBusMessage** re
             --mRoleWanted;
         }
     }
-    offerReaderLocked();
-    if (!waiter.done) {
+    const bool offer = readerWantedLocked();
+    if (!waiter.done)
         mWaiters.erase(serial);
-        return SVCIPC_ERR_TIMEOUT;
-    }
     lock.unlock();
+    if (offer)
+        mCond.notify_all();
+    if (!waiter.done)
+        return SVCIPC_ERR_TIMEOUT;
     if (waiter.status != 0) {
         if (waiter.reply) {
             Incoming in = classify(waiter.reply);
@@ -845,13 +856,24 @@ void Connection::complete(SVCIPC_tStatusCallback onStatus, void* token)
         tlsAfter->push_back(Completion{onStatus, token});
         return;
     }
-    std::lock_guard<std::mutex> lock(mMutex);
-    if (mStopping && mWorkers.empty())
-        return;
     Work work;
     work.kind = WorkKind::Completion;
     work.completion = Completion{onStatus, token};
-    pushWorkLocked(std::move(work));
+    bool wakeReader = false;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (mStopping && mWorkers.empty())
+            return;
+        const bool first = mWork.empty();
+        mWork.push_back(std::move(work));
+        // The usual case, a worker waiting for input, is woken after unlocking: it would only
+        // block on the lock otherwise.
+        wakeReader = first && !mDispatching && mIdle == 0 && mReading && mReaderIsWorker;
+        if (first && !wakeReader)
+            announceWorkLocked();
+    }
+    if (wakeReader)
+        wake();
 }
 
 SVCIPC_tError Connection::addRegistration(const std::shared_ptr<Registration>& reg)

@@ -197,7 +197,7 @@ private:
     void needWorkerLocked();
     void pushWorkLocked(Work&& work);
     void announceWorkLocked();
-    void offerReaderLocked();
+    bool readerWantedLocked() const;  // someone would take the reader role now
     void afterSendLocked();
     void failWaitersLocked(SVCIPC_tError status);
     void failAsyncLocked(SVCIPC_tError status);

@@ -2,8 +2,9 @@
 //
 // A handle is a number, never a pointer: it is looked up here, so a handle that was never issued,
 // was removed already or names an object of another kind is simply not found (the caller turns
-// that into SVCIPC_ERR_BAD_HANDLE). Numbers are never reused. All functions are thread-safe and
-// never call out while holding the table's lock.
+// that into SVCIPC_ERR_BAD_HANDLE). Numbers are never reused. Request contexts, made and freed with
+// every call, are kept apart from the other handles, so serving calls takes no lock that the rest
+// of the library uses. All functions are thread-safe and never call out while holding a lock.
 #ifndef SVCIPC_HANDLES_H
 #define SVCIPC_HANDLES_H
 

@@ -89,7 +89,12 @@ struct Held
     }
     ~Held()
     {
-        for (SVCIPC_tReqContext ctx : contexts)
+        std::vector<SVCIPC_tReqContext> all;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            all.swap(contexts);
+        }
+        for (SVCIPC_tReqContext ctx : all)
             SVCIPC_freeReqContext(ctx);
     }
 };
