@@ -278,9 +278,10 @@ SVCIPC_tError SVCIPC_unregisterService(SVCIPC_tSvcRegHnd regHnd);
 /* Sends `result` (null: "") as the reply to the call behind `context`. The context stays valid
  * until SVCIPC_freeReqContext; a second result for the same call is sent too (the caller only
  * sees the first). Nothing is sent when the caller expects no reply (success all the same).
- * `onStatus` (may be null) is called afterwards on a dispatch thread, only when this function
- * returned success. Errors: SVCIPC_ERR_BAD_HANDLE, SVCIPC_ERR_BAD_ARGUMENT (not UTF-8),
- * SVCIPC_ERR_DISCONNECTED. */
+ * `onStatus` (may be null) is called afterwards on a library thread, only when this function
+ * returned success: asked for from a callback, right after that callback on the same thread;
+ * from another thread, soon, several sharing one wake-up. A null `onStatus` costs nothing.
+ * Errors: SVCIPC_ERR_BAD_HANDLE, SVCIPC_ERR_BAD_ARGUMENT (not UTF-8), SVCIPC_ERR_DISCONNECTED. */
 SVCIPC_tError SVCIPC_asyncReturnResult(SVCIPC_tReqContext context, const char* result,
                                        SVCIPC_tStatusCallback onStatus, const void* token);
 
@@ -345,7 +346,9 @@ SVCIPC_tError SVCIPC_nameHasOwner(SVCIPC_tConnection conn, const char* busName,
  * set to null). With `noReplyExpected` nonzero the call is only sent, `response` may be null and
  * nothing is returned in it. Errors: SVCIPC_ERR_BAD_HANDLE, SVCIPC_ERR_BAD_ARGUMENT,
  * SVCIPC_ERR_TIMEOUT, SVCIPC_ERR_NO_SERVICE, SVCIPC_ERR_REMOTE (error reply; the error name is
- * then in SVCIPC_getLastErrorName), SVCIPC_ERR_DISCONNECTED, SVCIPC_ERR_NO_CONNECTION. */
+ * then in SVCIPC_getLastErrorName), SVCIPC_ERR_DISCONNECTED. The call goes out on the
+ * connection itself, and the calling thread reads the reply itself while no library thread
+ * reads the connection (see "Threads" above). */
 SVCIPC_tError SVCIPC_invoke(SVCIPC_tConnection conn, const char* busName, const char* objPath,
                             const char* method, const char* parms, SVCIPC_tBool noReplyExpected,
                             SVCIPC_tUInt32 msecTimeout, SVCIPC_tResponse** response);
@@ -354,7 +357,8 @@ SVCIPC_tError SVCIPC_invoke(SVCIPC_tConnection conn, const char* busName, const 
  * null) is called once on a dispatch thread with the reply, or with SVCIPC_ERROR_TIMEOUT after
  * `msecTimeout` ms (0: SVCIPC_DEFAULT_TIMEOUT_MS), or with the error of an error reply; it is
  * called only when this function returned success. Errors: SVCIPC_ERR_BAD_HANDLE,
- * SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_ERR_DISCONNECTED. */
+ * SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_ERR_DISCONNECTED, SVCIPC_ERR_INTERNAL (no library thread could
+ * be started to complete it). */
 SVCIPC_tError SVCIPC_asyncInvoke(SVCIPC_tConnection conn, const char* busName,
                                  const char* objPath, const char* method, const char* parms,
                                  SVCIPC_tBool noReplyExpected, SVCIPC_tUInt32 msecTimeout,

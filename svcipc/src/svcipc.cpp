@@ -303,7 +303,6 @@ SVCIPC_tError SVCIPC_asyncReturnResult(SVCIPC_tReqContext context, const char* r
         return SVCIPC_ERR_BAD_ARGUMENT;
     auto* ctx = static_cast<RequestContext*>(e.object.get());
     SVCIPC_tError status = 0;
-    ctx->replied = true;
     if (!ctx->noReply) {
         DBusMessage* reply = dbus_message_new_method_return(ctx->call);
         if (!reply)
@@ -313,8 +312,10 @@ SVCIPC_tError SVCIPC_asyncReturnResult(SVCIPC_tReqContext context, const char* r
                      : SVCIPC_ERR_NO_MEMORY;
         dbus_message_unref(reply);
     }
-    if (status == 0)
+    if (status == 0) {
+        ctx->replied = true;
         e.conn->complete(onStatus, userToken(token));
+    }
     return status;
 }
 

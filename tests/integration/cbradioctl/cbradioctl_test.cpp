@@ -135,10 +135,12 @@ public:
             self->mCalls.push_back(m + " " + p + (noReply ? " (noreply)" : ""));
         }
         const char* reply = kSuccess;
-        if (m == "reqCBRClearPreset" || m == "slow") {
+        if (m == "reqCBRClearPreset") {
             SVCIPC_freeReqContext(ctx);  // no result, as the real service does for clear
             return;
         }
+        if (m == "slow")
+            return;  // never answered; the context goes with the connection
         if (m == "reqCBRChangeRxToTx" || m == "fail")
             reply = m == "fail" ? kFailure : "";
         if (m == "reqCBRHWVersion")
