@@ -45,7 +45,7 @@ namespace
 }
 
 CJTDeviceLink::CJTDeviceLink()
-    : mFd(-1), mWakeFd(-1), mIsSocket(false), mReconnect(false), mFlags(0), mPath(), mDown(false), mShutDown(false)
+    : mFd(-1), mWakeFd(-1), mIsSocket(false), mReconnect(false), mFlags(0), mPath(), mDown(false), mShutDown(false), mWritesCancelled(false)
 {
 }
 
@@ -81,6 +81,7 @@ int CJTDeviceLink::open(const char* platformPath, int flags, bool reconnect)
     mFlags = flags;
     mDown.store(false, std::memory_order_relaxed);
     mShutDown.store(false, std::memory_order_relaxed);
+    mWritesCancelled.store(false, std::memory_order_relaxed);
     return 0;
 }
 
@@ -98,8 +99,10 @@ void CJTDeviceLink::close()
     mDown.store(false, std::memory_order_relaxed);
 }
 
-void CJTDeviceLink::shutdown()
+void CJTDeviceLink::shutdown(bool cancelWrites)
 {
+    if (cancelWrites)
+        mWritesCancelled.store(true, std::memory_order_relaxed);
     mShutDown.store(true, std::memory_order_relaxed);
     if (mWakeFd >= 0) {
         const uint64_t one = 1;
@@ -108,11 +111,11 @@ void CJTDeviceLink::shutdown()
     }
 }
 
-int CJTDeviceLink::waitFor(int fd, short events, int64_t timeoutNs)
+int CJTDeviceLink::waitFor(int fd, short events, int64_t timeoutNs, bool wakeable)
 {
     const uint64_t start = JTOperatingSystem::getMonotonicTime();
     for (;;) {
-        pollfd pfd[2] = {{mWakeFd, POLLIN, 0}, {fd, events, 0}};
+        pollfd pfd[2] = {{wakeable ? mWakeFd : -1, POLLIN, 0}, {fd, events, 0}};
         timespec wait;
         timespec* waitPtr = nullptr;
         if (timeoutNs >= 0) {
@@ -125,7 +128,7 @@ int CJTDeviceLink::waitFor(int fd, short events, int64_t timeoutNs)
         int ready = ::ppoll(pfd, fd >= 0 ? 2 : 1, waitPtr, nullptr);
         if (ready < 0 && errno == EINTR)
             continue;
-        if (isShutDown() || (ready > 0 && pfd[0].revents != 0))
+        if (wakeable && (isShutDown() || (ready > 0 && pfd[0].revents != 0)))
             return -1;
         if (ready == 0)
             return 0;
@@ -215,7 +218,7 @@ ssize_t CJTDeviceLink::write(const void* buffer, size_t length, int timeoutMs)
     }
     const uint64_t deadline = JTOperatingSystem::getMonotonicTime() + static_cast<uint64_t>(timeoutMs > 0 ? timeoutMs : 0) * 1000000ull;
     for (;;) {
-        if (isShutDown()) {
+        if (areWritesCancelled()) {
             errno = ECANCELED;
             return -1;
         }
@@ -233,7 +236,9 @@ ssize_t CJTDeviceLink::write(const void* buffer, size_t length, int timeoutMs)
         if (timeoutMs <= 0)
             return -1;  // EAGAIN: not taken at once
         uint64_t now = JTOperatingSystem::getMonotonicTime();
-        if (now >= deadline || waitFor(mFd, POLLOUT, static_cast<int64_t>(deadline - now)) == 0) {
+        // Once reads are shut down the wake-up descriptor stays readable: a write whose own
+        // cancellation was not asked for then waits on the node alone.
+        if (now >= deadline || waitFor(mFd, POLLOUT, static_cast<int64_t>(deadline - now), !isShutDown()) == 0) {
             errno = ETIMEDOUT;
             return -1;
         }

@@ -27,10 +27,13 @@
 //   descriptor number stays the same across a reconnection (the new connection is dup3(2)-ed
 //   over the old one), so writers on other threads never see a closed descriptor.
 //
-// shutdown(): wakes every read and write waiting on the link and makes every later one return at
-//   once (read 0 / write -1, errno ECANCELED), until the next open(). It is how a reader blocked
-//   on the link is released for a stop: shutdown(), then join the reader, then close() or destroy.
-//   Only writes to an eventfd, so it may even be called from a signal handler.
+// shutdown(cancelWrites): wakes the read waiting on the link and makes every later read return
+//   at once (0, errno ECANCELED), until the next open(). With cancelWrites (the default) writes
+//   are cancelled the same way (waiting ones are woken, later ones fail with ECANCELED); without
+//   it they go on as before (a trace channel still sends its last records while its reader stops).
+//   It is how a reader blocked on the link is released for a stop: shutdown(), then join the
+//   reader, then close() or destroy. Only stores flags and writes to an eventfd, so it may even be
+//   called from a signal handler.
 //
 // Threads: one thread reads while any others write and one calls shutdown(); open() and close()
 // must not race with other calls on the same link (stop and join the reader first).
@@ -59,7 +62,7 @@ public:
 
     ssize_t read(void* buffer, size_t length, int64_t timeoutNs = -1);
     ssize_t write(const void* buffer, size_t length, int timeoutMs = WRITE_TIMEOUT_MS);
-    void shutdown();
+    void shutdown(bool cancelWrites = true);
 
     bool isOpen() const { return mFd >= 0; }
     bool isSocket() const { return mIsSocket; }
@@ -69,9 +72,10 @@ public:
 
 private:
     bool isShutDown() const { return mShutDown.load(std::memory_order_relaxed); }
-    // Waits until fd (if >= 0) has events or the link is woken; timeoutNs < 0 without bound.
-    // Returns 1 when fd is ready, 0 on time-out, -1 when woken by shutdown().
-    int waitFor(int fd, short events, int64_t timeoutNs);
+    bool areWritesCancelled() const { return mWritesCancelled.load(std::memory_order_relaxed); }
+    // Waits until fd (if >= 0) has events or, when wakeable, the link is woken; timeoutNs < 0
+    // without bound. Returns 1 when fd is ready, 0 on time-out, -1 when woken by shutdown().
+    int waitFor(int fd, short events, int64_t timeoutNs, bool wakeable = true);
     void goDown();
     bool tryReconnect();
 
@@ -83,6 +87,7 @@ private:
     char mPath[PATH_SIZE];  // the platform path, for reconnecting and for the log lines
     std::atomic<bool> mDown;
     std::atomic<bool> mShutDown;
+    std::atomic<bool> mWritesCancelled;
 };
 
 #endif

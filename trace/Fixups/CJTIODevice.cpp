@@ -200,7 +200,7 @@ int CJTIODevice::writeWithin(const void* buf, size_t len, int timeoutMs)
 
 void CJTIODevice::shutdown()
 {
-    mLink.shutdown();
+    mLink.shutdown(false);
 }
 
 int CJTIODevice::devctl(uint32_t code, void* data, size_t size)

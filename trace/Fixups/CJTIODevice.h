@@ -15,8 +15,8 @@
 // within one second fails (errno ETIMEDOUT, still ERR_OTHER). No SIGPIPE is raised.
 // writeNow: the same, but a frame the node cannot take at once fails with errno EAGAIN.
 // shutdown: wakes a read waiting on the node and makes later reads return at once, as after a
-// time-out (0, ERR_TIMEOUT), and writes fail (ECANCELED), until the next open. For stopping the
-// thread that reads; may be called from any thread while it reads.
+// time-out (0, ERR_TIMEOUT), until the next open; writes go on. For stopping the thread that
+// reads; may be called from any thread while it reads.
 // devctl: sends the control code (JTDeviceNode::control on a socket node, ioctl on a character
 // device) and copies up to size answer bytes to data; returns 0 or an errno value (ETIMEDOUT gives
 // ERR_TIMEOUT). EINTR is repeated everywhere. Calls on a closed handle fail with EBADF.
