@@ -210,6 +210,13 @@ ssize_t CJTDeviceLink::read(void* buffer, size_t length, int64_t timeoutNs)
     }
 }
 
+bool CJTDeviceLink::waitWritable(int timeoutMs)
+{
+    if (mFd < 0 || isShutDown() || isDown())
+        return false;
+    return waitFor(mFd, POLLOUT, static_cast<int64_t>(timeoutMs > 0 ? timeoutMs : 0) * 1000000ll) > 0;
+}
+
 ssize_t CJTDeviceLink::write(const void* buffer, size_t length, int timeoutMs)
 {
     if (mFd < 0) {

@@ -12,6 +12,9 @@
 //   once). Returns the count written, or -1 with errno set: EPIPE while the link is down (below),
 //   ECANCELED after shutdown(), EBADF when not open, or the system's error. No SIGPIPE is raised.
 //
+// waitWritable(timeoutMs): waits until a write could go (the node has room); true then, false on
+//   time-out, after shutdown() or when not open. Writes nothing.
+//
 // read(buffer, length, timeoutNs): waits for one frame; timeoutNs < 0 waits without bound (but see
 //   shutdown). Returns the byte count; 0 with errno 0 when the peer has gone (a node opened without
 //   reconnection), 0 with errno ETIMEDOUT when the time-out expired, 0 with errno ECANCELED after
@@ -62,6 +65,7 @@ public:
 
     ssize_t read(void* buffer, size_t length, int64_t timeoutNs = -1);
     ssize_t write(const void* buffer, size_t length, int timeoutMs = WRITE_TIMEOUT_MS);
+    bool waitWritable(int timeoutMs);
     void shutdown(bool cancelWrites = true);
 
     bool isOpen() const { return mFd >= 0; }

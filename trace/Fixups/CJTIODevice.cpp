@@ -198,6 +198,11 @@ int CJTIODevice::writeWithin(const void* buf, size_t len, int timeoutMs)
     return static_cast<int>(written);
 }
 
+bool CJTIODevice::waitWritable(int timeoutMs)
+{
+    return mServerHandle >= 0 || mLink.waitWritable(timeoutMs);
+}
+
 void CJTIODevice::shutdown()
 {
     mLink.shutdown(false);

@@ -14,6 +14,8 @@
 // write: one frame; returns the count written or -1 (ERR_OTHER). A frame the node does not take
 // within one second fails (errno ETIMEDOUT, still ERR_OTHER). No SIGPIPE is raised.
 // writeNow: the same, but a frame the node cannot take at once fails with errno EAGAIN.
+// waitWritable: waits at most timeoutMs until a write could go; true when it could (always for an
+// in-process server), false on time-out or after shutdown.
 // shutdown: wakes a read waiting on the node and makes later reads return at once, as after a
 // time-out (0, ERR_TIMEOUT), until the next open; writes go on. For stopping the thread that
 // reads; may be called from any thread while it reads.
@@ -82,6 +84,7 @@ public:
     int read(void* buf, size_t len);
     int write(const void* buf, size_t len);
     int writeNow(const void* buf, size_t len);
+    bool waitWritable(int timeoutMs);
     void shutdown();
     int devctl(uint32_t code, void* data, size_t size);
     void close();

@@ -41,12 +41,12 @@ namespace
 }
 
 CJTTraceChannel::CJTTraceChannel(const char* name)
-    : mConnected(0), mName(name), mpCallback(&sHelperCallback), mDropped(0)
+    : mConnected(0), mName(name), mpCallback(&sHelperCallback), mReaderTid(0), mDropped(0), mServerStalled(false)
 {
 }
 
 CJTTraceChannel::CJTTraceChannel(IJTCallback& callback, const char* name)
-    : mConnected(0), mName(name), mpCallback(&callback), mDropped(0)
+    : mConnected(0), mName(name), mpCallback(&callback), mReaderTid(0), mDropped(0), mServerStalled(false)
 {
 }
 
@@ -107,6 +107,7 @@ bool CJTTraceChannel::connect()
         if (mDevice.isOpened() || mDevice.open(path.c_str(), CJTIODevice::READWRITE))
         {
             mDropped = 0;
+            mServerStalled = false;
             mConnected.store(1, std::memory_order_relaxed);
             return true;
         }
@@ -123,6 +124,7 @@ bool CJTTraceChannel::connect()
             if (mDevice.open(path.c_str(), CJTIODevice::READWRITE))
             {
                 mDropped = 0;
+                mServerStalled = false;
                 mConnected.store(1, std::memory_order_relaxed);
                 return true;
             }
@@ -153,17 +155,43 @@ bool CJTTraceChannel::writeMessage(const CJTTraceMessageData& message)
         return false;
     CJTByteStream buffer(message.getSerializedSize());
     message.serialize(buffer);
-    // The lock is held only for sends that never wait, so a server that stops reading slows no
-    // traced thread and no closing of the channel.
-    std::lock_guard<std::mutex> guard(mWriteLock);
-    if (!mDevice.isOpened() || !isConnected())
-        return false;
-    if (mDropped != 0 && !sendDropWarning())
-        return false;
-    return sendNow(buffer.getData(), buffer.getSize());
+    // Only the thread serving the server's commands may wait for room, for the replies the server
+    // asked for; and never while holding the lock, which covers only sends that do not wait, so a
+    // server that stops reading slows no traced thread and no closing of the channel.
+    const bool isReply = mReaderTid.load(std::memory_order_relaxed) == JTOperatingSystem::getCurrentTID();
+    const uint64_t deadline = JTOperatingSystem::getMonotonicTime() + REPLY_WAIT_MS * 1000000ull;
+    for (;;)
+    {
+        {
+            std::lock_guard<std::mutex> guard(mWriteLock);
+            if (!mDevice.isOpened() || !isConnected())
+                return false;
+            int sent = mDropped != 0 ? sendDropWarning() : SENT;
+            if (sent == SENT)
+                sent = sendNow(buffer.getData(), buffer.getSize());
+            if (sent == SENT)
+            {
+                mServerStalled = false;
+                return true;
+            }
+            if (sent == BROKEN)
+                return false;
+            if (!isReply || mServerStalled || JTOperatingSystem::getMonotonicTime() >= deadline)
+            {
+                // Lost; the next record that goes says so. A reply that waited in vain marks the
+                // server as stalled: further replies do not wait until one goes through again.
+                ++mDropped;
+                mServerStalled = mServerStalled || isReply;
+                return false;
+            }
+        }
+        uint64_t now = JTOperatingSystem::getMonotonicTime();
+        if (now < deadline)
+            mDevice.waitWritable(static_cast<int>((deadline - now + 999999) / 1000000));
+    }
 }
 
-bool CJTTraceChannel::sendDropWarning()
+int CJTTraceChannel::sendDropWarning()
 {
     char text[MAX_DROP_TEXT];
     std::snprintf(text, sizeof text, "%u trace records dropped", mDropped);
@@ -172,28 +200,24 @@ bool CJTTraceChannel::sendDropWarning()
         static_cast<uint16_t>(mDropped > 0xFFFF ? 0xFFFF : mDropped), text);
     CJTByteStream buffer(warning.getSerializedSize());
     warning.serialize(buffer);
-    uint32_t dropped = mDropped;
-    if (!sendNow(buffer.getData(), buffer.getSize()))
-        return false;  // not taken either: its count stands for the record it preceded
-    mDropped -= dropped;
-    return true;
+    int sent = sendNow(buffer.getData(), buffer.getSize());
+    if (sent == SENT)
+        mDropped = 0;
+    return sent;
 }
 
-bool CJTTraceChannel::sendNow(const void* data, size_t size)
+int CJTTraceChannel::sendNow(const void* data, size_t size)
 {
     int written = mDevice.writeNow(data, size);
     if (written == static_cast<int>(size))
-        return true;
+        return SENT;
     if (written < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
-    {
-        ++mDropped;  // the server is behind: this record is lost, the next one that goes says so
-        return false;
-    }
+        return FULL;
     JTSyslog::logMsg(kSyslogModule, JTSyslog::SEV_ERROR, "Error during write(), closing trace device [%d]",
                      mDevice.getLastError());
     // The trace thread may be waiting on this node; it closes it when its read returns.
     mConnected.store(0, std::memory_order_relaxed);
-    return false;
+    return BROKEN;
 }
 
 uint32_t CJTTraceChannel::getDroppedCount()
@@ -209,6 +233,7 @@ void CJTTraceChannel::wakeReader()
 
 bool CJTTraceChannel::readMessage(uint32_t timeoutMs)
 {
+    mReaderTid.store(JTOperatingSystem::getCurrentTID(), std::memory_order_relaxed);
     if (!mDevice.isOpened())
         return false;
     if (!isConnected())

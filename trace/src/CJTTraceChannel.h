@@ -7,7 +7,11 @@
 // disconnect() closes the node and sends "rm:<name>\0". Paths go through CBRADIO_ROOT.
 //
 // Records go out with writeMessage, one write per record, from any thread, and never wait: a record
-// the node cannot take at once (the server is not reading) is dropped and counted. The next record
+// the node cannot take at once (the server is not reading) is dropped and counted. The one
+// exception is the thread that serves the server's commands (the one calling readMessage): its
+// records are the replies the server asked for (lists of scopes and callbacks), so it waits up
+// to one second for room before it drops one, and after such a drop no more until a record goes
+// through again; it waits without holding the channel lock, and wakeReader() ends the wait. The next record
 // that goes through is preceded by one warning, a class 38 record with sub-code 32 (warning),
 // value = the count (at most 65535) and the text "<count> trace records dropped". Commands come in
 // with readMessage, on the trace thread only, and are handed to the channel's callback (by default
@@ -54,7 +58,8 @@ public:
         REGISTRATION_ACK_TIMEOUT_MS = 1000,  // from "mk:" until the node must be there
         NODE_RETRY_MS = 50,                  // between attempts to open the node meanwhile
         DROP_WARNING_CODE = 32,              // sub-code of the dropped-records warning
-        MAX_DROP_TEXT = 40
+        MAX_DROP_TEXT = 40,
+        REPLY_WAIT_MS = 1000                 // the longest the serving thread waits for room
     };
 
     // name: the process name (not copied; must outlive the channel). The callback is not owned.
@@ -85,16 +90,20 @@ private:
 
     void closeDevice();
     bool sendRegistrationRequest(const char* prefix, bool waitForAck);
-    // Both under mWriteLock. sendNow counts a record the node cannot take at once as dropped.
-    bool sendNow(const void* data, size_t size);
-    bool sendDropWarning();
+    // Both under mWriteLock. FULL: the node cannot take it now; BROKEN: the channel is now
+    // unconnected (logged). A warning that went resets the count.
+    enum { SENT, FULL, BROKEN };
+    int sendNow(const void* data, size_t size);
+    int sendDropWarning();
 
     std::atomic<uint8_t> mConnected;
     CJTIODevice mDevice;
     const char* mName;
     IJTCallback* mpCallback;
     std::mutex mWriteLock;  // one record at a time; open and close never race a write
+    std::atomic<uint32_t> mReaderTid;  // the thread serving commands (last to call readMessage)
     uint32_t mDropped;      // under mWriteLock
+    bool mServerStalled;    // under mWriteLock: a reply waited in vain; replies do not wait
 };
 
 #endif
