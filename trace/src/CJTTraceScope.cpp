@@ -23,17 +23,6 @@ inline CJTTraceHelper* audibleHelper()
 }
 }
 
-CJTTraceScope::CJTTraceScope(const CJTTraceScopeDef& def) : mDef(def)
-{
-    sendEntryExit(KIND_ENTRY);
-}
-
-CJTTraceScope::~CJTTraceScope()
-{
-    // The entry bit switches both messages, so a scope's entries and exits always pair up.
-    sendEntryExit(KIND_EXIT);
-}
-
 void CJTTraceScope::sendEntryExit(uint8_t kind) const
 {
     if (!isTraceFlagSet(KIND_ENTRY))

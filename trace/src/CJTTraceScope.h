@@ -48,8 +48,18 @@ public:
         KIND_MESSAGE = 64
     };
 
-    explicit CJTTraceScope(const CJTTraceScopeDef& def);
-    ~CJTTraceScope();
+    // The entry bit is tested inline, so a scope whose entry/exit pair is off costs two loads.
+    explicit CJTTraceScope(const CJTTraceScopeDef& def) : mDef(def)
+    {
+        if ((def.getFilter() & KIND_ENTRY) != 0)
+            sendEntryExit(KIND_ENTRY);
+    }
+    // The entry bit switches both messages, so a scope's entries and exits always pair up.
+    ~CJTTraceScope()
+    {
+        if ((mDef.getFilter() & KIND_ENTRY) != 0)
+            sendEntryExit(KIND_EXIT);
+    }
 
     CJTTraceScope(const CJTTraceScope&) = delete;
     CJTTraceScope& operator=(const CJTTraceScope&) = delete;
