@@ -35,6 +35,8 @@ namespace
         int type = SOCK_SEQPACKET;
         if (flags & O_CLOEXEC)
             type |= SOCK_CLOEXEC;
+        if (flags & O_NONBLOCK)
+            type |= SOCK_NONBLOCK;  // a listener with a full backlog then fails with EAGAIN
         int fd = ::socket(AF_UNIX, type, 0);
         if (fd < 0)
             return -1;
@@ -140,7 +142,7 @@ int JTDeviceNode::makeParentDirs(const char* hostPath)
     for (size_t pos = 1; pos <= dir.size(); ++pos) {
         if (pos == dir.size() || dir[pos] == '/') {
             std::string part = dir.substr(0, pos);
-            if (::mkdir(part.c_str(), 0777) < 0 && errno != EEXIST)
+            if (::mkdir(part.c_str(), 0755) < 0 && errno != EEXIST)
                 return -1;
         }
     }

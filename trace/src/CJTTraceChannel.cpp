@@ -4,11 +4,12 @@
 #include "CJTTraceHelper.h"
 #include "CJTTraceMessageData.h"
 #include "CJTVersion.h"
-#include "JTAssert.h"
 #include "JTOperatingSystem.h"
 #include "JTSyslog.h"
 #include "TJTDeviceStream.h"
 
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <string>
 
@@ -39,10 +40,13 @@ namespace
     }
 }
 
-CJTTraceChannel::CJTTraceChannel(const char* name) : mConnected(0), mName(name), mpCallback(&sHelperCallback) {}
+CJTTraceChannel::CJTTraceChannel(const char* name)
+    : mConnected(0), mName(name), mpCallback(&sHelperCallback), mReaderTid(0), mDropped(0), mServerStalled(false)
+{
+}
 
 CJTTraceChannel::CJTTraceChannel(IJTCallback& callback, const char* name)
-    : mConnected(0), mName(name), mpCallback(&callback)
+    : mConnected(0), mName(name), mpCallback(&callback), mReaderTid(0), mDropped(0), mServerStalled(false)
 {
 }
 
@@ -102,21 +106,35 @@ bool CJTTraceChannel::connect()
         std::lock_guard<std::mutex> guard(mWriteLock);
         if (mDevice.isOpened() || mDevice.open(path.c_str(), CJTIODevice::READWRITE))
         {
+            mDropped = 0;
+            mServerStalled = false;
             mConnected.store(1, std::memory_order_relaxed);
             return true;
         }
     }
+    const uint64_t mkSentNs = JTOperatingSystem::getMonotonicTime();
     if (!sendRegistrationRequest("mk:", true))
         return false;
-    std::lock_guard<std::mutex> guard(mWriteLock);
-    if (!mDevice.open(path.c_str(), CJTIODevice::READWRITE))
+    // The server creates the node before it acknowledges; one that has not done so a second after
+    // "mk:" is taken as absent, like one that cannot be reached: the process runs on without it.
+    for (;;)
     {
-        doAssert(97, "src/CJTTraceChannelQNX", nullptr);
-        JTSyslog::logMsg(kSyslogModule, JTSyslog::SEV_CRITICAL, "Cannot open trace device: %d", mDevice.getLastError());
-        return false;
+        {
+            std::lock_guard<std::mutex> guard(mWriteLock);
+            if (mDevice.open(path.c_str(), CJTIODevice::READWRITE))
+            {
+                mDropped = 0;
+                mServerStalled = false;
+                mConnected.store(1, std::memory_order_relaxed);
+                return true;
+            }
+        }
+        if (JTOperatingSystem::getMonotonicTime() >= mkSentNs + REGISTRATION_ACK_TIMEOUT_MS * 1000000ull)
+            break;
+        JTOperatingSystem::sleepMs(NODE_RETRY_MS);
     }
-    mConnected.store(1, std::memory_order_relaxed);
-    return true;
+    JTSyslog::logMsg(kSyslogModule, JTSyslog::SEV_CRITICAL, "Cannot open trace device: %d", mDevice.getLastError());
+    return false;
 }
 
 void CJTTraceChannel::disconnect()
@@ -137,21 +155,85 @@ bool CJTTraceChannel::writeMessage(const CJTTraceMessageData& message)
         return false;
     CJTByteStream buffer(message.getSerializedSize());
     message.serialize(buffer);
-    std::lock_guard<std::mutex> guard(mWriteLock);
-    if (!mDevice.isOpened() || !isConnected())
-        return false;
-    int written = mDevice.write(buffer.getData(), buffer.getSize());
-    if (written == static_cast<int>(buffer.getSize()))
-        return true;
+    // Only the thread serving the server's commands may wait for room, for the replies the server
+    // asked for; and never while holding the lock, which covers only sends that do not wait, so a
+    // server that stops reading slows no traced thread and no closing of the channel.
+    const bool isReply = mReaderTid.load(std::memory_order_relaxed) == JTOperatingSystem::getCurrentTID();
+    const uint64_t deadline = JTOperatingSystem::getMonotonicTime() + REPLY_WAIT_MS * 1000000ull;
+    for (;;)
+    {
+        {
+            std::lock_guard<std::mutex> guard(mWriteLock);
+            if (!mDevice.isOpened() || !isConnected())
+                return false;
+            int sent = mDropped != 0 ? sendDropWarning() : SENT;
+            if (sent == SENT)
+                sent = sendNow(buffer.getData(), buffer.getSize());
+            if (sent == SENT)
+            {
+                mServerStalled = false;
+                return true;
+            }
+            if (sent == BROKEN)
+                return false;
+            if (!isReply || mServerStalled || JTOperatingSystem::getMonotonicTime() >= deadline)
+            {
+                // Lost; the next record that goes says so. A reply that waited in vain marks the
+                // server as stalled: further replies do not wait until one goes through again.
+                ++mDropped;
+                mServerStalled = mServerStalled || isReply;
+                return false;
+            }
+        }
+        uint64_t now = JTOperatingSystem::getMonotonicTime();
+        if (now < deadline)
+            mDevice.waitWritable(static_cast<int>((deadline - now + 999999) / 1000000));
+    }
+}
+
+int CJTTraceChannel::sendDropWarning()
+{
+    char text[MAX_DROP_TEXT];
+    std::snprintf(text, sizeof text, "%u trace records dropped", mDropped);
+    CJTTraceMessageData warning = CJTTraceMessageData::makeLogMessage(
+        DROP_WARNING_CODE, JTOperatingSystem::currentTimeMs(), static_cast<uint32_t>(JTOperatingSystem::getCurrentPID()),
+        static_cast<uint16_t>(mDropped > 0xFFFF ? 0xFFFF : mDropped), text);
+    CJTByteStream buffer(warning.getSerializedSize());
+    warning.serialize(buffer);
+    int sent = sendNow(buffer.getData(), buffer.getSize());
+    if (sent == SENT)
+        mDropped = 0;
+    return sent;
+}
+
+int CJTTraceChannel::sendNow(const void* data, size_t size)
+{
+    int written = mDevice.writeNow(data, size);
+    if (written == static_cast<int>(size))
+        return SENT;
+    if (written < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+        return FULL;
     JTSyslog::logMsg(kSyslogModule, JTSyslog::SEV_ERROR, "Error during write(), closing trace device [%d]",
                      mDevice.getLastError());
-    // The trace thread may be blocked reading this node; it closes it when its read returns.
+    // The trace thread may be waiting on this node; it closes it when its read returns.
     mConnected.store(0, std::memory_order_relaxed);
-    return false;
+    return BROKEN;
+}
+
+uint32_t CJTTraceChannel::getDroppedCount()
+{
+    std::lock_guard<std::mutex> guard(mWriteLock);
+    return mDropped;
+}
+
+void CJTTraceChannel::wakeReader()
+{
+    mDevice.shutdown();
 }
 
 bool CJTTraceChannel::readMessage(uint32_t timeoutMs)
 {
+    mReaderTid.store(JTOperatingSystem::getCurrentTID(), std::memory_order_relaxed);
     if (!mDevice.isOpened())
         return false;
     if (!isConnected())

@@ -23,17 +23,6 @@ inline CJTTraceHelper* audibleHelper()
 }
 }
 
-CJTTraceScope::CJTTraceScope(const CJTTraceScopeDef& def) : mDef(def)
-{
-    sendEntryExit(KIND_ENTRY);
-}
-
-CJTTraceScope::~CJTTraceScope()
-{
-    // The entry bit switches both messages, so a scope's entries and exits always pair up.
-    sendEntryExit(KIND_EXIT);
-}
-
 void CJTTraceScope::sendEntryExit(uint8_t kind) const
 {
     if (!isTraceFlagSet(KIND_ENTRY))
@@ -81,9 +70,13 @@ void CJTTraceScope::sendWarning(const char* text) const { JT_SEND_PLAIN(KIND_WAR
         CJTTraceHelper::getHelperPtr()->sendTraceMsg(kind, text, mDef);    \
     } while (0)
 
+void CJTTraceScope::sendFormatted(uint8_t kind, const char* format, ...) const { JT_SEND_FORMATTED(kind); }
+
+#if !JT_TRACE_INLINE_FILTER
 void CJTTraceScope::sendFormattedMessage(const char* format, ...) const { JT_SEND_FORMATTED(KIND_MESSAGE); }
 void CJTTraceScope::sendFormattedError(const char* format, ...) const { JT_SEND_FORMATTED(KIND_ERROR); }
 void CJTTraceScope::sendFormattedWarning(const char* format, ...) const { JT_SEND_FORMATTED(KIND_WARNING); }
+#endif
 
 #undef JT_SEND_FORMATTED
 
