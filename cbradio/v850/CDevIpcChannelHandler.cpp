@@ -5,7 +5,9 @@
 #include "CJTTraceScopeDef.h"
 #include "IMsgProcessor.h"
 
+#include <cerrno>
 #include <csignal>
+#include <poll.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -66,7 +68,13 @@ void CDevIpcChannelHandler::run()
     // reads left in it.
     unsigned char buffer[READ_SIZE] = {};
     while (!mStopFlag.load(std::memory_order_relaxed)) {
+        if (!waitReadable())
+            continue;
         const int result = mpChannel->readData(buffer, READ_SIZE);
+        // A frame that arrives once the stop was asked is not decoded: the service it would
+        // update is going away.
+        if (mStopFlag.load(std::memory_order_relaxed))
+            break;
         if (result != 0 && mpProcessor != nullptr)
             mpProcessor->processMsg(buffer, static_cast<unsigned int>(result));
         ::usleep(READ_PAUSE_US);
@@ -74,6 +82,24 @@ void CDevIpcChannelHandler::run()
     scope.sendFormattedMessage("\n[CBRadio] stopping thread...\n");
     mStopFlag.store(false, std::memory_order_relaxed);
     mReading.store(false, std::memory_order_release);
+}
+
+bool CDevIpcChannelHandler::waitReadable() const
+{
+    pollfd readable = {mpChannel->getDescriptor(), POLLIN, 0};
+    const int rc = ::poll(&readable, 1, STOP_CHECK_MS);
+    return rc > 0 || (rc < 0 && errno != EINTR);
+}
+
+bool CDevIpcChannelHandler::stopAndJoin(int timeoutMs)
+{
+    stop();
+    if (getThreadHandle() == 0)
+        return true;
+    if (!waitReaderEnded(timeoutMs))
+        return false;
+    waitStop();
+    return true;
 }
 
 bool CDevIpcChannelHandler::waitReaderEnded(int timeoutMs) const

@@ -4,12 +4,14 @@
 // "/dev/ipc/ch6"). The reader reads up to 128 bytes at a time and hands every non-zero result to
 // the IMsgProcessor on its own thread: a frame with its length, or -1 (0xFFFFFFFF) after a failed
 // read; a read of 0 (peer gone) is dropped. After every read it sleeps 1 ms, which bounds it to
-// about a thousand reads a second. stop() only sets a flag: the reader ends after its current
-// read returns, and nobody joins it. The termination signals and SIGUSR1 are blocked on the
-// reader so that no handler interrupts its reads.
+// about a thousand reads a second. Between reads it waits for data at most STOP_CHECK_MS at a
+// time, so that it sees a stop within that time even when the peer is silent. stop() only sets
+// the flag; stopAndJoin() also waits for the reader to leave and joins it. Once the flag is set no
+// further frame is handed to the processor. The termination signals and SIGUSR1 are blocked on
+// the reader so that no handler interrupts its reads.
 //
 // writeData() may be called from any thread; each frame is one write. The handler owns the
-// channel and the processor and deletes both.
+// channel and the processor and deletes both; delete it only when its reader has been joined.
 #ifndef CDEVIPCCHANNELHANDLER_H
 #define CDEVIPCCHANNELHANDLER_H
 
@@ -23,7 +25,7 @@ class IMsgProcessor;
 class CDevIpcChannelHandler : public IThreadInterface
 {
 public:
-    enum { READ_SIZE = 128, READ_PAUSE_US = 1000 };
+    enum { READ_SIZE = 128, READ_PAUSE_US = 1000, STOP_CHECK_MS = 100 };
 
     CDevIpcChannelHandler(IMsgProcessor* processor, const char* path);
     ~CDevIpcChannelHandler() override;
@@ -34,6 +36,10 @@ public:
     int writeData(unsigned char* buffer, unsigned int length);
     // Asks the reader to end after its current read.
     void stop();
+    // stop(), then waits up to timeoutMs for the reader to end and joins it. False when the reader
+    // is still busy (in the processor) after that time; it is then neither joined nor to be
+    // deleted, but it decodes nothing more.
+    bool stopAndJoin(int timeoutMs);
 
     void run() override;
 
@@ -44,6 +50,9 @@ public:
     CDevIpcChannel* getChannel() const { return mpChannel; }
 
 private:
+    // Waits up to STOP_CHECK_MS for something to read; false when there is nothing yet.
+    bool waitReadable() const;
+
     CDevIpcChannel* mpChannel;
     IMsgProcessor* mpProcessor;
     std::atomic<bool> mStopFlag;
