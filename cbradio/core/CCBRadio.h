@@ -85,6 +85,12 @@ public:
     // ---- bus registration -------------------------------------------------------------------
     int initializeDBUSService();
     int deInitializeDBUSService();
+    // The bus connection closed under the running service (the bus daemon ended or restarted):
+    // logs it once (system log and trace) and stops the service with exit status
+    // EXIT_BUS_LOST, so that a service manager starts it again against the new bus. Runs on a
+    // service-IPC thread.
+    static void onBusConnectionLost(SVCIPC_tUserToken token);
+    enum { EXIT_BUS_LOST = 1 };
 
     // ---- request queue and worker -----------------------------------------------------------
     // Appends a request and wakes the worker; callable from any thread (and from the termination

@@ -48,6 +48,7 @@ int CCBRadio::initializeDBUSService()
         scope.sendFormattedMessage("\n[CBR] Failed to get connection: 0x%0X\n", static_cast<unsigned int>(status));
         return 0;
     }
+    SVCIPC_setConnectionLostCallback(connection, &CCBRadio::onBusConnectionLost, nullptr);
 
     int result = 0;
     status = SVCIPC_registerService(mConnection, SERVICE_NAME, SERVICE_OBJECT, 0, &CCBRadio::handleCBRadioRequest,

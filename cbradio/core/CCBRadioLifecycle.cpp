@@ -26,6 +26,7 @@ std::atomic<bool> CCBRadio::mCBRDataInitialized(false);
 
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_startService("CBRadio_CCBRadio", "startService");
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_isDbusAvailable("CBRadio_CCBRadio", "isDbusAvailable");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_onBusConnectionLost("CBRadio_CCBRadio", "onBusConnectionLost");
 
 namespace
 {
@@ -136,6 +137,23 @@ int CCBRadio::stopService()
     subscribeHuInpectionModeState(false);
     deInitializeDBUSService();
     return deInitializeIPCService();
+}
+
+void CCBRadio::onBusConnectionLost(SVCIPC_tUserToken)
+{
+    static std::atomic<bool> reported(false);
+    if (reported.exchange(true))
+        return;
+    // Without a bus the service can neither be called nor hear its peers, and nothing brings the
+    // connection back: better a quick exit that its service manager answers with a restart.
+    JTSyslog::logMsg(0, JTSyslog::SEV_ERROR, "[CBR] ERROR: bus connection lost; exiting with status %d",
+                     static_cast<int>(EXIT_BUS_LOST));
+    CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_onBusConnectionLost);
+    scope.sendFormattedMessage("\n[CBR] ERROR: bus connection lost, exiting\n");
+    CTerminationSignals::requestStop(EXIT_BUS_LOST);
+    sig_exit.store(1, std::memory_order_relaxed);
+    if (mpCBRadio != nullptr)
+        mpCBRadio->postRequest(REQ_CBR_EXIT);
 }
 
 int CCBRadio::isDbusAvailable(const char* path)

@@ -9,8 +9,10 @@
 // Every thread but the main one blocks the termination signals, so handlers never cut into their
 // system calls. SIGPIPE is ignored so that a vanished peer only fails a write. The only
 // command-line arguments are the trace start-up options ("--tp=FILE", "--bp", "--nobreak",
-// "--memtrace=N").
+// "--memtrace=N"). Under systemd (Type=notify) it reports "READY=1" once up and running and
+// "STOPPING=1" when the stop begins.
 #include "CCBRadio.h"
+#include "CServiceManager.h"
 #include "CTerminationSignals.h"
 
 #include "CJTDefaultBinaryTracePersistence.h"
@@ -106,7 +108,10 @@ int main(int argc, char** argv)
         CTerminationSignals::startWatch(onTerminationSignal);
         radio.startService();
         scope.sendFormattedMessage("[CBRadio] Up and Running...");
+        if (!CTerminationSignals::stopping())
+            CServiceManager::notifyReady();
         radio.waitStop();
+        CServiceManager::notifyStopping();
         radio.stopService();
         // No signal is handled from here on: the handler's work posts to the service object,
         // which goes at the end of this block.
