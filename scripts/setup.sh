@@ -11,7 +11,7 @@ PACKAGES=(
   libjsoncpp-dev libdbus-1-dev libsystemd-dev dbus-daemon dbus-bin
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
-  procps
+  procps libtsan2
 )
 
 missing=()
