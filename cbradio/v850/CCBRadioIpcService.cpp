@@ -13,7 +13,7 @@ static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_initializeIPCServ
 namespace
 {
     const char* const CB_RADIO_DEVICE = "/dev/ipc/ch6";
-    // The reader sees its stop within a tenth of a second; a frame it is decoding may still need a
+    // The reader is woken at once; a frame it is decoding may still need a
     // bus call, which fails fast once the connection is closed.
     const int READER_JOIN_MS = 1000;
 

@@ -5,9 +5,7 @@
 #include "CJTTraceScopeDef.h"
 #include "IMsgProcessor.h"
 
-#include <cerrno>
 #include <csignal>
-#include <poll.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -49,6 +47,7 @@ void CDevIpcChannelHandler::stop()
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CDevIpcChannelHandler_stop);
     scope.sendFormattedMessage("\n[CBRadio] Recvd signal to stop IPC thread...\n");
     mStopFlag.store(true, std::memory_order_relaxed);
+    mpChannel->wake();
 }
 
 void CDevIpcChannelHandler::run()
@@ -68,8 +67,6 @@ void CDevIpcChannelHandler::run()
     // reads left in it.
     unsigned char buffer[READ_SIZE] = {};
     while (!mStopFlag.load(std::memory_order_relaxed)) {
-        if (!waitReadable())
-            continue;
         const int result = mpChannel->readData(buffer, READ_SIZE);
         // A frame that arrives once the stop was asked is not decoded: the service it would
         // update is going away.
@@ -82,13 +79,6 @@ void CDevIpcChannelHandler::run()
     scope.sendFormattedMessage("\n[CBRadio] stopping thread...\n");
     mStopFlag.store(false, std::memory_order_relaxed);
     mReading.store(false, std::memory_order_release);
-}
-
-bool CDevIpcChannelHandler::waitReadable() const
-{
-    pollfd readable = {mpChannel->getDescriptor(), POLLIN, 0};
-    const int rc = ::poll(&readable, 1, STOP_CHECK_MS);
-    return rc > 0 || (rc < 0 && errno != EINTR);
 }
 
 bool CDevIpcChannelHandler::stopAndJoin(int timeoutMs)

@@ -3,15 +3,16 @@
 // trigger() opens the channel read-write and starts the reader thread (named after the path,
 // "/dev/ipc/ch6"). The reader reads up to 128 bytes at a time and hands every non-zero result to
 // the IMsgProcessor on its own thread: a frame with its length, or -1 (0xFFFFFFFF) after a failed
-// read; a read of 0 (peer gone) is dropped. After every read it sleeps 1 ms, which bounds it to
-// about a thousand reads a second. Between reads it waits for data at most STOP_CHECK_MS at a
-// time, so that it sees a stop within that time even when the peer is silent. stop() only sets
-// the flag; stopAndJoin() also waits for the reader to leave and joins it. Once the flag is set no
-// further frame is handed to the processor. The termination signals and SIGUSR1 are blocked on
-// the reader so that no handler interrupts its reads.
+// read; a read of 0 is dropped. After every read it sleeps 1 ms, which bounds it to about a
+// thousand reads a second. A peer that hangs up is waited for inside the channel's read (see
+// CDevIpcChannel), not by spinning here. stop() sets the flag and wakes a read in progress, so
+// the reader leaves at once; stopAndJoin() also joins it. Once the flag is set no further frame is
+// handed to the processor. The termination signals and SIGUSR1 are blocked on the reader so that
+// no handler interrupts its reads.
 //
-// writeData() may be called from any thread; each frame is one write. The handler owns the
-// channel and the processor and deletes both; delete it only when its reader has been joined.
+// writeData() may be called from any thread; each frame is one write, given up after one second.
+// The handler owns the channel and the processor and deletes both; delete it only when its reader
+// has been joined and no writer can still be using it.
 #ifndef CDEVIPCCHANNELHANDLER_H
 #define CDEVIPCCHANNELHANDLER_H
 
@@ -25,7 +26,7 @@ class IMsgProcessor;
 class CDevIpcChannelHandler : public IThreadInterface
 {
 public:
-    enum { READ_SIZE = 128, READ_PAUSE_US = 1000, STOP_CHECK_MS = 100 };
+    enum { READ_SIZE = 128, READ_PAUSE_US = 1000 };
 
     CDevIpcChannelHandler(IMsgProcessor* processor, const char* path);
     ~CDevIpcChannelHandler() override;
@@ -34,7 +35,7 @@ public:
     int trigger();
     // The channel's result; any negative result as -1.
     int writeData(unsigned char* buffer, unsigned int length);
-    // Asks the reader to end after its current read.
+    // Asks the reader to end and wakes its read; writes fail from now on.
     void stop();
     // stop(), then waits up to timeoutMs for the reader to end and joins it. False when the reader
     // is still busy (in the processor) after that time; it is then neither joined nor to be
@@ -50,9 +51,6 @@ public:
     CDevIpcChannel* getChannel() const { return mpChannel; }
 
 private:
-    // Waits up to STOP_CHECK_MS for something to read; false when there is nothing yet.
-    bool waitReadable() const;
-
     CDevIpcChannel* mpChannel;
     IMsgProcessor* mpProcessor;
     std::atomic<bool> mStopFlag;
