@@ -70,7 +70,7 @@ TEST(Faults, RestartedDaemonOrSimulatorFollowsTheAnnouncedState)
 
 // Without a bus the daemon is of no use and nothing brings the connection back: it says so once
 // and exits with a failure, so that its service manager restarts it.
-TEST(Faults, DISABLED_BusKilledUnderTheDaemonEndsItWithAFailureWithinTwoSeconds)
+TEST(Faults, BusKilledUnderTheDaemonEndsItWithAFailureWithinTwoSeconds)
 {
     HeadUnit unit;
     HeadUnit::Options options;
