@@ -1,8 +1,10 @@
 # bash completion for cbradioctl: commands, their words, property, signal and method names.
 _cbradioctl()
 {
-    local cur prev words cword
-    _init_completion -n = || return
+    # Plain COMP_WORDS, so the completion works with or without the bash-completion package.
+    local cur=${COMP_WORDS[COMP_CWORD]} cword=$COMP_CWORD
+    local -a words=("${COMP_WORDS[@]}")
+    COMPREPLY=()
 
     local commands="on off seek scan squelch presets tx rx weather hw-version sw-version props call watch"
     local options="--timeout= --count= --name= --path= --help"
