@@ -49,6 +49,7 @@ int CCBRadio::initializeDBUSService()
         scope.sendFormattedMessage("\n[CBR] Failed to get connection: 0x%0X\n", static_cast<unsigned int>(status));
         return 0;
     }
+    SVCIPC_setConnectionLostCallback(connection, &CCBRadio::onBusConnectionLost, nullptr);
 
     // Described before the name is claimed, so that even the call that started the service
     // (bus activation) is introspectable and answered as the interface says.

@@ -1,7 +1,8 @@
 // v850sim: stands in for the vehicle microcontroller on the CB radio channel.
 //
 // Listens on the platform node /dev/ipc/ch6 (under CBRADIO_ROOT) as a SOCK_SEQPACKET socket,
-// accepts the head unit (one at a time; a new connection replaces the old one), answers its frames
+// accepts the head unit (one at a time; a new connection replaces the old one), announces the
+// module's state to it (radio on/off, hardware connection), answers its frames
 // through V850Model and logs every frame, one line each: seconds since start, RX (from the head
 // unit) or TX (to it), the bytes in hex. Lines starting with '#' are notes. Commands (see
 // V850Command) come from --cmd, --script and then the prompt on standard input. SIGINT/SIGTERM
@@ -217,6 +218,10 @@ namespace
             closeClient("replaced by a new connection");
             mClientFd = fd;
             writeLine("# head unit connected");
+            // A new connection is a service that knows nothing yet (restarted, or reconnected
+            // after a loss): tell it the state of the module.
+            for (const V850Frame& f : mModel.announcement())
+                sendLocked(f);
             mChanged.notify_all();
         }
 

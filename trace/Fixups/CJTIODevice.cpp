@@ -4,15 +4,10 @@
 #include "JTOperatingSystem.h"
 
 #include <cerrno>
-#include <ctime>
 #include <fcntl.h>
 #include <map>
 #include <mutex>
-#include <poll.h>
 #include <string>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace
 {
@@ -44,26 +39,6 @@ namespace
         if (error == 0)
             return CJTIODevice::ERR_NONE;
         return error == ETIMEDOUT ? CJTIODevice::ERR_TIMEOUT : CJTIODevice::ERR_OTHER;
-    }
-
-    // Waits until fd is readable or the time-out ends; true when readable (or in error, which the
-    // following read reports).
-    bool waitReadable(int fd, uint64_t timeoutNs)
-    {
-        const uint64_t deadline = JTOperatingSystem::getMonotonicTime() + timeoutNs;
-        for (;;) {
-            uint64_t now = JTOperatingSystem::getMonotonicTime();
-            uint64_t left = now < deadline ? deadline - now : 0;
-            timespec wait = {static_cast<time_t>(left / 1000000000ull), static_cast<long>(left % 1000000000ull)};
-            pollfd pfd = {fd, POLLIN, 0};
-            int ready = ::ppoll(&pfd, 1, &wait, nullptr);
-            if (ready > 0)
-                return true;
-            if (ready == 0)
-                return false;
-            if (errno != EINTR)
-                return true;
-        }
     }
 }
 
@@ -121,7 +96,7 @@ void JTIODeviceServerRegistry::detachHandle(int handle)
     reg.byHandle.erase(handle);
 }
 
-CJTIODevice::CJTIODevice() : mFd(-1), mServerHandle(-1), mIsSocket(false), mLastError(ERR_NONE)
+CJTIODevice::CJTIODevice() : mServerHandle(-1), mLastError(ERR_NONE)
 {
 }
 
@@ -159,14 +134,10 @@ bool CJTIODevice::open(const char* platformPath, int accessMode)
     }
 
     static const int kFlags[] = {O_RDONLY, O_WRONLY, O_RDWR};
-    int fd = JTDeviceNode::open(platformPath, kFlags[accessMode - 1] | O_CLOEXEC);
-    if (fd < 0) {
+    if (mLink.open(platformPath, kFlags[accessMode - 1] | O_CLOEXEC, false) < 0) {
         mLastError.store(errorKind(errno), std::memory_order_relaxed);
         return false;
     }
-    struct stat st;
-    mIsSocket = ::fstat(fd, &st) == 0 && S_ISSOCK(st.st_mode);
-    mFd = fd;
     mLastError.store(ERR_NONE, std::memory_order_relaxed);
     return true;
 }
@@ -185,31 +156,28 @@ int CJTIODevice::read(void* buf, size_t len)
         }
         return server->onRead(mServerHandle, buf, len, bounded ? static_cast<int64_t>(timeoutNs) : -1);
     }
-    if (mFd < 0) {
-        errno = EBADF;
-        mLastError.store(ERR_OTHER, std::memory_order_relaxed);
-        return -1;
-    }
-    if (bounded && !waitReadable(mFd, timeoutNs)) {
-        errno = ETIMEDOUT;
-        mLastError.store(ERR_TIMEOUT, std::memory_order_relaxed);
-        return 0;
-    }
-    ssize_t got;
-    do {
-        got = ::read(mFd, buf, len);
-    } while (got < 0 && errno == EINTR);
+    ssize_t got = mLink.read(buf, len, bounded ? static_cast<int64_t>(timeoutNs) : -1);
     if (got < 0) {
         mLastError.store(errorKind(errno), std::memory_order_relaxed);
         return -1;
     }
-    if (got == 0)
-        errno = 0;   // the peer has gone; not a time-out
-    mLastError.store(ERR_NONE, std::memory_order_relaxed);
+    if (got == 0 && errno == ECANCELED)
+        errno = ETIMEDOUT;  // woken by shutdown(): the reader looks at its stop flag as after a time-out
+    mLastError.store(got == 0 && errno == ETIMEDOUT ? ERR_TIMEOUT : ERR_NONE, std::memory_order_relaxed);
     return static_cast<int>(got);
 }
 
 int CJTIODevice::write(const void* buf, size_t len)
+{
+    return writeWithin(buf, len, CJTDeviceLink::WRITE_TIMEOUT_MS);
+}
+
+int CJTIODevice::writeNow(const void* buf, size_t len)
+{
+    return writeWithin(buf, len, 0);
+}
+
+int CJTIODevice::writeWithin(const void* buf, size_t len, int timeoutMs)
 {
     if (mServerHandle >= 0) {
         IJTIODeviceServer* server = JTIODeviceServerRegistry::serverOf(mServerHandle);
@@ -220,21 +188,19 @@ int CJTIODevice::write(const void* buf, size_t len)
         }
         return server->onWrite(mServerHandle, buf, len);
     }
-    if (mFd < 0) {
-        errno = EBADF;
-        mLastError.store(ERR_OTHER, std::memory_order_relaxed);
-        return -1;
-    }
-    ssize_t written;
-    do {
-        written = mIsSocket ? ::send(mFd, buf, len, MSG_NOSIGNAL) : ::write(mFd, buf, len);
-    } while (written < 0 && errno == EINTR);
+    ssize_t written = mLink.write(buf, len, timeoutMs);
     if (written < 0) {
-        mLastError.store(errorKind(errno), std::memory_order_relaxed);
+        // A frame not taken in time is a failed write, not a time-out of the kind reads report.
+        mLastError.store(ERR_OTHER, std::memory_order_relaxed);
         return -1;
     }
     mLastError.store(ERR_NONE, std::memory_order_relaxed);
     return static_cast<int>(written);
+}
+
+void CJTIODevice::shutdown()
+{
+    mLink.shutdown(false);
 }
 
 int CJTIODevice::devctl(uint32_t code, void* data, size_t size)
@@ -247,13 +213,13 @@ int CJTIODevice::devctl(uint32_t code, void* data, size_t size)
         }
         return server->onDevctl(mServerHandle, code, data, size);
     }
-    if (mFd < 0) {
+    if (!mLink.isOpen()) {
         mLastError.store(ERR_OTHER, std::memory_order_relaxed);
         return EBADF;
     }
     int rc;
     do {
-        rc = JTDeviceNode::control(mFd, code, data, size);
+        rc = JTDeviceNode::control(mLink.descriptor(), code, data, size);
     } while (rc == EINTR);
     mLastError.store(errorKind(rc), std::memory_order_relaxed);
     return rc;
@@ -268,11 +234,7 @@ void CJTIODevice::close()
         JTIODeviceServerRegistry::detachHandle(mServerHandle);
         mServerHandle = -1;
     }
-    if (mFd >= 0) {
-        ::close(mFd);   // not repeated on EINTR: the descriptor is gone either way on Linux
-        mFd = -1;
-        mIsSocket = false;
-    }
+    mLink.close();
 }
 
 bool CJTIODevice::isOpened() const
@@ -281,7 +243,7 @@ bool CJTIODevice::isOpened() const
         IJTIODeviceServer* server = JTIODeviceServerRegistry::serverOf(mServerHandle);
         return server != nullptr && server->onIsOpened(mServerHandle);
     }
-    return mFd >= 0;
+    return mLink.isOpen();
 }
 
 int CJTIODevice::getLastError() const

@@ -1,7 +1,8 @@
 // CJTIODevice: a handle on a platform device node, or on a device served inside the process.
 //
 // open(path, mode): mode READ (1), WRITE (2) or READWRITE (3); the node is opened close-on-exec
-// through JTDeviceNode (a SOCK_SEQPACKET socket node or a character device, under CBRADIO_ROOT).
+// through a CJTDeviceLink (a SOCK_SEQPACKET socket node or a character device, under CBRADIO_ROOT;
+// no reconnection: a peer that hangs up reads as 0 bytes).
 // An open device is closed first. If an in-process server is registered under the exact platform
 // path (JTIODeviceServerRegistry), the handle belongs to that server and every call below goes to
 // it instead of the operating system.
@@ -10,15 +11,22 @@
 // error ERR_NONE, errno 0) or when the calling thread's kernel time-out
 // (JTOperatingSystem::setKernelTimeout) expired (last error ERR_TIMEOUT, errno ETIMEDOUT), and -1
 // on any other failure (ERR_OTHER, errno kept). The time-out is consumed by the read.
-// write: one frame; returns the count written or -1 (ERR_OTHER). No SIGPIPE is raised.
+// write: one frame; returns the count written or -1 (ERR_OTHER). A frame the node does not take
+// within one second fails (errno ETIMEDOUT, still ERR_OTHER). No SIGPIPE is raised.
+// writeNow: the same, but a frame the node cannot take at once fails with errno EAGAIN.
+// shutdown: wakes a read waiting on the node and makes later reads return at once, as after a
+// time-out (0, ERR_TIMEOUT), until the next open; writes go on. For stopping the thread that
+// reads; may be called from any thread while it reads.
 // devctl: sends the control code (JTDeviceNode::control on a socket node, ioctl on a character
 // device) and copies up to size answer bytes to data; returns 0 or an errno value (ETIMEDOUT gives
 // ERR_TIMEOUT). EINTR is repeated everywhere. Calls on a closed handle fail with EBADF.
 //
-// Thread safety: one thread may read while another writes or calls devctl; open and close must not
-// race with other calls on the same handle.
+// Thread safety: one thread may read while others write, call devctl or shutdown; open and close
+// must not race with other calls on the same handle.
 #ifndef CJTIODEVICE_H
 #define CJTIODEVICE_H
+
+#include "CJTDeviceLink.h"
 
 #include <atomic>
 #include <cstddef>
@@ -73,15 +81,18 @@ public:
     bool open(const char* platformPath, int accessMode);
     int read(void* buf, size_t len);
     int write(const void* buf, size_t len);
+    int writeNow(const void* buf, size_t len);
+    void shutdown();
     int devctl(uint32_t code, void* data, size_t size);
     void close();
     bool isOpened() const;
     int getLastError() const;
 
 private:
-    int mFd;               // operating-system descriptor, -1 when none
+    int writeWithin(const void* buf, size_t len, int timeoutMs);
+
+    CJTDeviceLink mLink;   // the operating-system node, when not served in the process
     int mServerHandle;     // in-process server handle, -1 when none
-    bool mIsSocket;        // socket nodes are written with send(MSG_NOSIGNAL)
     std::atomic<int> mLastError;   // set by reader and writer threads alike
 };
 

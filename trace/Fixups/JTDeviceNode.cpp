@@ -35,6 +35,8 @@ namespace
         int type = SOCK_SEQPACKET;
         if (flags & O_CLOEXEC)
             type |= SOCK_CLOEXEC;
+        if (flags & O_NONBLOCK)
+            type |= SOCK_NONBLOCK;  // a listener with a full backlog then fails with EAGAIN
         int fd = ::socket(AF_UNIX, type, 0);
         if (fd < 0)
             return -1;

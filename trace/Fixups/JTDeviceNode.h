@@ -7,6 +7,9 @@
 // request code (little-endian), answered by one message: a 32-bit status (0 or an errno value)
 // followed by the output bytes; on a character device it is ioctl(2) with the same code.
 //
+// These functions only open and serve nodes; CJTDeviceLink reads and writes an open node with
+// bounded waits, a wake-up for stopping, and reconnection of socket nodes whose peer hung up.
+//
 // Every function takes a platform path and resolves it under CBRADIO_ROOT (JTRootPrefix) unless
 // its name says "Host". Errors are returned as -1 with errno set; nothing is printed here, callers
 // print their own texts. All functions may be called from any thread.
@@ -18,8 +21,9 @@
 
 namespace JTDeviceNode
 {
-    // Opens a platform node. accessMode is O_RDONLY, O_WRONLY or O_RDWR; further flags (O_CLOEXEC)
-    // may be or-ed in and apply to both kinds. Returns the descriptor, or -1 with errno set.
+    // Opens a platform node. accessMode is O_RDONLY, O_WRONLY or O_RDWR; further flags (O_CLOEXEC,
+    // O_NONBLOCK) may be or-ed in and apply to both kinds; a non-blocking socket connect fails with
+    // EAGAIN instead of waiting when the listener's backlog is full. Returns the descriptor, or -1 with errno set.
     int open(const char* platformPath, int flags);
     int openHost(const char* hostPath, int flags);
 

@@ -4,11 +4,12 @@
 #include "CJTTraceHelper.h"
 #include "CJTTraceMessageData.h"
 #include "CJTVersion.h"
-#include "JTAssert.h"
 #include "JTOperatingSystem.h"
 #include "JTSyslog.h"
 #include "TJTDeviceStream.h"
 
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <string>
 
@@ -39,10 +40,13 @@ namespace
     }
 }
 
-CJTTraceChannel::CJTTraceChannel(const char* name) : mConnected(0), mName(name), mpCallback(&sHelperCallback) {}
+CJTTraceChannel::CJTTraceChannel(const char* name)
+    : mConnected(0), mName(name), mpCallback(&sHelperCallback), mDropped(0)
+{
+}
 
 CJTTraceChannel::CJTTraceChannel(IJTCallback& callback, const char* name)
-    : mConnected(0), mName(name), mpCallback(&callback)
+    : mConnected(0), mName(name), mpCallback(&callback), mDropped(0)
 {
 }
 
@@ -102,21 +106,33 @@ bool CJTTraceChannel::connect()
         std::lock_guard<std::mutex> guard(mWriteLock);
         if (mDevice.isOpened() || mDevice.open(path.c_str(), CJTIODevice::READWRITE))
         {
+            mDropped = 0;
             mConnected.store(1, std::memory_order_relaxed);
             return true;
         }
     }
+    const uint64_t mkSentNs = JTOperatingSystem::getMonotonicTime();
     if (!sendRegistrationRequest("mk:", true))
         return false;
-    std::lock_guard<std::mutex> guard(mWriteLock);
-    if (!mDevice.open(path.c_str(), CJTIODevice::READWRITE))
+    // The server creates the node before it acknowledges; one that has not done so a second after
+    // "mk:" is taken as absent, like one that cannot be reached: the process runs on without it.
+    for (;;)
     {
-        doAssert(97, "src/CJTTraceChannelQNX", nullptr);
-        JTSyslog::logMsg(kSyslogModule, JTSyslog::SEV_CRITICAL, "Cannot open trace device: %d", mDevice.getLastError());
-        return false;
+        {
+            std::lock_guard<std::mutex> guard(mWriteLock);
+            if (mDevice.open(path.c_str(), CJTIODevice::READWRITE))
+            {
+                mDropped = 0;
+                mConnected.store(1, std::memory_order_relaxed);
+                return true;
+            }
+        }
+        if (JTOperatingSystem::getMonotonicTime() >= mkSentNs + REGISTRATION_ACK_TIMEOUT_MS * 1000000ull)
+            break;
+        JTOperatingSystem::sleepMs(NODE_RETRY_MS);
     }
-    mConnected.store(1, std::memory_order_relaxed);
-    return true;
+    JTSyslog::logMsg(kSyslogModule, JTSyslog::SEV_CRITICAL, "Cannot open trace device: %d", mDevice.getLastError());
+    return false;
 }
 
 void CJTTraceChannel::disconnect()
@@ -137,17 +153,58 @@ bool CJTTraceChannel::writeMessage(const CJTTraceMessageData& message)
         return false;
     CJTByteStream buffer(message.getSerializedSize());
     message.serialize(buffer);
+    // The lock is held only for sends that never wait, so a server that stops reading slows no
+    // traced thread and no closing of the channel.
     std::lock_guard<std::mutex> guard(mWriteLock);
     if (!mDevice.isOpened() || !isConnected())
         return false;
-    int written = mDevice.write(buffer.getData(), buffer.getSize());
-    if (written == static_cast<int>(buffer.getSize()))
+    if (mDropped != 0 && !sendDropWarning())
+        return false;
+    return sendNow(buffer.getData(), buffer.getSize());
+}
+
+bool CJTTraceChannel::sendDropWarning()
+{
+    char text[MAX_DROP_TEXT];
+    std::snprintf(text, sizeof text, "%u trace records dropped", mDropped);
+    CJTTraceMessageData warning = CJTTraceMessageData::makeLogMessage(
+        DROP_WARNING_CODE, JTOperatingSystem::currentTimeMs(), static_cast<uint32_t>(JTOperatingSystem::getCurrentPID()),
+        static_cast<uint16_t>(mDropped > 0xFFFF ? 0xFFFF : mDropped), text);
+    CJTByteStream buffer(warning.getSerializedSize());
+    warning.serialize(buffer);
+    uint32_t dropped = mDropped;
+    if (!sendNow(buffer.getData(), buffer.getSize()))
+        return false;  // not taken either: its count stands for the record it preceded
+    mDropped -= dropped;
+    return true;
+}
+
+bool CJTTraceChannel::sendNow(const void* data, size_t size)
+{
+    int written = mDevice.writeNow(data, size);
+    if (written == static_cast<int>(size))
         return true;
+    if (written < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+    {
+        ++mDropped;  // the server is behind: this record is lost, the next one that goes says so
+        return false;
+    }
     JTSyslog::logMsg(kSyslogModule, JTSyslog::SEV_ERROR, "Error during write(), closing trace device [%d]",
                      mDevice.getLastError());
-    // The trace thread may be blocked reading this node; it closes it when its read returns.
+    // The trace thread may be waiting on this node; it closes it when its read returns.
     mConnected.store(0, std::memory_order_relaxed);
     return false;
+}
+
+uint32_t CJTTraceChannel::getDroppedCount()
+{
+    std::lock_guard<std::mutex> guard(mWriteLock);
+    return mDropped;
+}
+
+void CJTTraceChannel::wakeReader()
+{
+    mDevice.shutdown();
 }
 
 bool CJTTraceChannel::readMessage(uint32_t timeoutMs)

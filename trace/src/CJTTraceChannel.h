@@ -6,14 +6,19 @@
 // acknowledgement; at most 1 s) and opens the node, which the server has created by then.
 // disconnect() closes the node and sends "rm:<name>\0". Paths go through CBRADIO_ROOT.
 //
-// Records go out with writeMessage, one write per record, from any thread. Commands come in with
-// readMessage, on the trace thread only, and are handed to the channel's callback (by default
-// CJTTraceHelper::execute).
+// Records go out with writeMessage, one write per record, from any thread, and never wait: a record
+// the node cannot take at once (the server is not reading) is dropped and counted. The next record
+// that goes through is preceded by one warning, a class 38 record with sub-code 32 (warning),
+// value = the count (at most 65535) and the text "<count> trace records dropped". Commands come in
+// with readMessage, on the trace thread only, and are handed to the channel's callback (by default
+// CJTTraceHelper::execute); wakeReader() releases a readMessage that is waiting, for the stop.
+//
+// Registration: a server that has not made the node one second after "mk:" was sent is taken as
+// absent (logged as below); the process runs on and traces to its other media.
 //
 // Failures are written to the system log and leave the channel unconnected:
 //   "Cannot connect to trace server: %d"          no registration node (severity 1)
-//   "Cannot open trace device: %d"                 registered but the node does not open (1; after
-//                                                  the assertion src/CJTTraceChannelQNX:97)
+//   "Cannot open trace device: %d"                 registered but no node within a second (1)
 //   "Cannot remove trace device: %s"               the "rm:" request was not sent, also when the
 //                                                  register node is gone (2)
 //   "Error during write(), closing trace device [%d]"   a record was not written whole (2)
@@ -43,7 +48,14 @@ public:
         virtual void operator()(const CJTTraceCommand& command) = 0;
     };
 
-    enum { DEVCTL_GET_SERVER_VERSION = 0x40060502, REGISTRATION_ACK_TIMEOUT_MS = 1000 };
+    enum
+    {
+        DEVCTL_GET_SERVER_VERSION = 0x40060502,
+        REGISTRATION_ACK_TIMEOUT_MS = 1000,  // from "mk:" until the node must be there
+        NODE_RETRY_MS = 50,                  // between attempts to open the node meanwhile
+        DROP_WARNING_CODE = 32,              // sub-code of the dropped-records warning
+        MAX_DROP_TEXT = 40
+    };
 
     // name: the process name (not copied; must outlive the channel). The callback is not owned.
     explicit CJTTraceChannel(const char* name);
@@ -57,8 +69,13 @@ public:
     bool isConnected() const override { return mConnected.load(std::memory_order_relaxed) != 0; }
 
     // Waits at most timeoutMs for one command and hands it to the callback. False when nothing
-    // was handed on (time-out, not connected, or the channel broke and is now closed).
+    // was handed on (time-out, not connected, woken, or the channel broke and is now closed).
     bool readMessage(uint32_t timeoutMs);
+    // Makes a waiting readMessage return at once, and every later one, until the next connect.
+    // Records still go out. Any thread.
+    void wakeReader();
+    // Records dropped since the last warning went out.
+    uint32_t getDroppedCount();
 
     const char* getName() const { return mName; }
 
@@ -68,12 +85,16 @@ private:
 
     void closeDevice();
     bool sendRegistrationRequest(const char* prefix, bool waitForAck);
+    // Both under mWriteLock. sendNow counts a record the node cannot take at once as dropped.
+    bool sendNow(const void* data, size_t size);
+    bool sendDropWarning();
 
     std::atomic<uint8_t> mConnected;
     CJTIODevice mDevice;
     const char* mName;
     IJTCallback* mpCallback;
     std::mutex mWriteLock;  // one record at a time; open and close never race a write
+    uint32_t mDropped;      // under mWriteLock
 };
 
 #endif

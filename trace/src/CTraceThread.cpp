@@ -50,4 +50,5 @@ CTraceThread::~CTraceThread()
 void CTraceThread::stop()
 {
     mRunning.store(0, std::memory_order_relaxed);
+    mpChannel->wakeReader();
 }

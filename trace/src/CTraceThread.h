@@ -19,6 +19,7 @@
 //
 // The configuration owns the channel and must outlive the thread object. Commands and trace
 // callbacks run on the trace thread; stop() may be called from any thread and returns at once.
+// No step of the stop (stop, join, delete) waits on a server that does not read.
 #ifndef CTRACETHREAD_H
 #define CTRACETHREAD_H
 
@@ -64,7 +65,8 @@ public:
     // Serves commands until stop() or a broken channel; returns at once when not registered.
     void run() override;
     ~CTraceThread() override;
-    // Clears the running flag; run() returns after its current wait, at most 2 s later.
+    // Clears the running flag and wakes the thread's wait for a command: run() returns at once,
+    // also when the server has stopped reading.
     virtual void stop();
 
     bool isRunning() const { return mRunning.load(std::memory_order_relaxed) != 0; }

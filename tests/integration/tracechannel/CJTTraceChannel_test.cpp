@@ -81,6 +81,10 @@ namespace
             std::lock_guard<std::mutex> g(mLock);
             return mRequests;
         }
+        // A paused server reads no records (its client's sends back up); registration goes on.
+        void pause(bool paused) { mPaused = paused; }
+        // Acknowledge "mk:" without making the node.
+        void makeNodes(bool make) { mMakeNodes = make; }
         bool hasClient()
         {
             std::lock_guard<std::mutex> g(mLock);
@@ -106,7 +110,7 @@ namespace
                 }
                 if (node >= 0)
                     fds.push_back({node, POLLIN, 0});
-                if (client >= 0)
+                if (client >= 0 && !mPaused)
                     fds.push_back({client, POLLIN, 0});
                 if (poll(fds.data(), fds.size(), 20) <= 0)
                     continue;
@@ -156,7 +160,7 @@ namespace
             else if (n > 3)
             {
                 std::string request(reinterpret_cast<char*>(buf), size_t(n));
-                if (request.compare(0, 3, "mk:") == 0)
+                if (request.compare(0, 3, "mk:") == 0 && mMakeNodes)
                 {
                     int node = JTDeviceNode::listen(("/dev/mv2trace/" + std::string(request.c_str() + 3)).c_str());
                     std::lock_guard<std::mutex> g(mLock);
@@ -173,6 +177,8 @@ namespace
         int mNode = -1;
         int mClient = -1;
         std::atomic<bool> mStop{false};
+        std::atomic<bool> mPaused{false};
+        std::atomic<bool> mMakeNodes{true};
         std::mutex mLock;
         std::vector<Bytes> mRecords;
         std::vector<std::string> mRequests;
@@ -449,27 +455,82 @@ TEST_F(TraceChannelTest, CallbackListAndCall)
     ASSERT_TRUE(server.waitFor([](const std::vector<Bytes>& r) { return countClass(r, 20, 5) == 1; }));
 }
 
-TEST_F(TraceChannelTest, BrokenConnectionEndsTheThreadAndStopIsPrompt)
+TEST_F(TraceChannelTest, ServerThatAcknowledgesWithoutANodeIsTakenAsAbsent)
 {
-    {
-        TestTraceServer server(1, 0, 0);
-        startThread();
-        ASSERT_TRUE(server.waitFor([&](const std::vector<Bytes>&) { return server.hasClient(); }));
-        server.dropClient();
-        EXPECT_TRUE(CJTThreadCtrl::join(mTid, 3000));
-        EXPECT_TRUE(logged("Error during read(), closing trace device"));
-        EXPECT_FALSE(mConfig->getChannel()->isConnected());
-        mThread.reset();
-        mConfig.reset();
-        CJTTraceHelper::destroy();
-    }
+    TestTraceServer server(1, 0, 0);
+    server.makeNodes(false);
+    startThread();
+    EXPECT_TRUE(CJTThreadCtrl::join(mTid, 1000)) << "nothing to serve: the thread ends at once";
+    mTid = 0;
+    EXPECT_FALSE(mConfig->getChannel()->isConnected());
+    EXPECT_TRUE(logged("Cannot open trace device"));
+    EXPECT_EQ(server.requests().at(0), std::string("mk:ITest", 9));
+    mThread.reset();
+    mConfig.reset();
+}
+
+TEST_F(TraceChannelTest, ServerThatStopsReadingCostsDroppedRecordsOnly)
+{
     TestTraceServer server(1, 0, 0);
     startThread();
     ASSERT_TRUE(server.waitFor([&](const std::vector<Bytes>&) { return server.hasClient(); }));
+    gsWatched.setMedia(1);
+    gsWatched.setFilter(64);
+    CJTTraceChannel& channel = *mConfig->getChannel();
+    auto flood = [&] {
+        CJTTraceScope scope(gsWatched);
+        for (int i = 0; i < 5000; ++i)
+            scope.sendFormattedMessage("record %d", i);
+    };
+
+    server.pause(true);
     auto start = std::chrono::steady_clock::now();
+    flood();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5)) << "no traced thread waits";
+    uint32_t dropped = channel.getDroppedCount();
+    EXPECT_GT(dropped, 0u);
+    EXPECT_TRUE(channel.isConnected()) << "a slow server is no broken channel";
+
+    server.pause(false);
+    server.waitFor([](const std::vector<Bytes>& r) { return countClass(r, 17) > 0; });
+    ASSERT_TRUE(server.waitFor([&](const std::vector<Bytes>&) {
+        size_t before = server.records().size();
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        return server.records().size() == before;
+    }));
+    server.clearRecords();
+    {
+        CJTTraceScope scope(gsWatched);
+        scope.sendFormattedMessage("after");
+    }
+    ASSERT_TRUE(server.waitFor([](const std::vector<Bytes>& r) { return countClass(r, 17) == 1; }));
+    std::vector<Bytes> r = server.records();
+    ASSERT_EQ(r.size(), 2u);
+    EXPECT_EQ(r[0][0], 38) << "one warning first";
+    EXPECT_EQ(r[0][1], 32);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(&r[0][20])), std::to_string(dropped) + " trace records dropped");
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(&r[1][24])), "after");
+
+    // Stopping the thread and destroying the channel while the server reads nothing.
+    server.pause(true);
+    flood();
+    start = std::chrono::steady_clock::now();
     mThread->stop();
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(50));
-    EXPECT_TRUE(CJTThreadCtrl::join(mTid, 2500));
+    EXPECT_TRUE(CJTThreadCtrl::join(mTid, 1000)) << "the stop wakes the thread's wait";
+    mThread.reset();
+    mConfig.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+}
+
+TEST_F(TraceChannelTest, BrokenConnectionEndsTheThread)
+{
+    TestTraceServer server(1, 0, 0);
+    startThread();
+    ASSERT_TRUE(server.waitFor([&](const std::vector<Bytes>&) { return server.hasClient(); }));
+    server.dropClient();
+    EXPECT_TRUE(CJTThreadCtrl::join(mTid, 3000));
+    EXPECT_TRUE(logged("Error during read(), closing trace device"));
+    EXPECT_FALSE(mConfig->getChannel()->isConnected());
     mThread.reset();
     mConfig.reset();
 }

@@ -1,0 +1,156 @@
+#include "CJTDeviceLink.h"
+#include "JTDeviceNode.h"
+#include "JTOperatingSystem.h"
+#include "JTSyslog.h"
+#include "TempRoot.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <mutex>
+#include <string>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace
+{
+    const char* const kNode = "/dev/ipc/ch6";
+
+    std::mutex gLogLock;
+    std::vector<std::pair<unsigned, std::string>> gLog;
+
+    void mirror(unsigned severity, const char* line)
+    {
+        std::lock_guard<std::mutex> guard(gLogLock);
+        gLog.emplace_back(severity, line);
+    }
+
+    uint64_t msSince(uint64_t startNs) { return (JTOperatingSystem::getMonotonicTime() - startNs) / 1000000; }
+
+    // Voluntary context switches of one thread of this process: each sleep that ends is one.
+    long wakeUps(pid_t tid)
+    {
+        std::ifstream status("/proc/self/task/" + std::to_string(tid) + "/status");
+        std::string line;
+        while (std::getline(status, line))
+            if (line.rfind("voluntary_ctxt_switches:", 0) == 0)
+                return std::stol(line.substr(line.find(':') + 1));
+        return -1;
+    }
+
+    struct DeviceLink : ::testing::Test
+    {
+        void SetUp() override
+        {
+            listener = JTDeviceNode::listen(kNode);
+            ASSERT_GE(listener, 0) << std::strerror(errno);
+            ASSERT_EQ(link.open(kNode, O_RDWR | O_CLOEXEC, true), 0) << std::strerror(errno);
+            peer = accept(listener, nullptr, nullptr);
+            ASSERT_GE(peer, 0);
+        }
+        void TearDown() override
+        {
+            JTSyslog::setMirror(nullptr);
+            if (peer >= 0)
+                close(peer);
+            if (listener >= 0)
+                close(listener);
+        }
+        TempRoot root;
+        int listener = -1;
+        int peer = -1;
+        CJTDeviceLink link;
+    };
+}
+
+TEST_F(DeviceLink, PeerHangUpIsWaitedOutQuietlyAndTheNextConnectionCarriesOn)
+{
+    gLog.clear();
+    JTSyslog::setMirror(mirror);
+    std::atomic<pid_t> readerTid{0};
+    std::atomic<ssize_t> got{-2};
+    unsigned char frame[128] = {};
+    std::thread reader([&] {
+        readerTid = static_cast<pid_t>(JTOperatingSystem::getCurrentTID());
+        got = link.read(frame, sizeof frame);
+    });
+
+    // The simulator goes away: its socket file stays behind, refusing connections.
+    close(peer);
+    close(listener);
+    peer = listener = -1;
+    uint64_t deadline = JTOperatingSystem::getMonotonicTime() + 2000000000ull;
+    while (!link.isDown() && JTOperatingSystem::getMonotonicTime() < deadline)
+        JTOperatingSystem::sleepMs(5);
+    ASSERT_TRUE(link.isDown());
+    uint64_t start = JTOperatingSystem::getMonotonicTime();
+    EXPECT_EQ(link.write("\x02\x01\x05", 3), -1);
+    EXPECT_EQ(errno, EPIPE);
+    EXPECT_LT(msSince(start), 100u) << "a write while the link is down fails at once";
+
+    long before = wakeUps(readerTid);
+    JTOperatingSystem::sleepMs(1000);
+    long during = wakeUps(readerTid) - before;
+    EXPECT_LE(during, 15) << "about ten reconnection attempts a second, no spinning";
+    EXPECT_GE(during, 5);
+    EXPECT_EQ(got.load(), -2) << "the read waits for the link to return";
+
+    listener = JTDeviceNode::listen(kNode);
+    ASSERT_GE(listener, 0);
+    peer = accept(listener, nullptr, nullptr);
+    ASSERT_GE(peer, 0);
+    ASSERT_EQ(write(peer, "\x01\x01\x01", 3), 3);
+    reader.join();
+    ASSERT_EQ(got.load(), 3) << "the first frame of the new connection";
+    EXPECT_EQ(std::memcmp(frame, "\x01\x01\x01", 3), 0);
+
+    ASSERT_EQ(link.write("\x02\x01\x05", 3), 3);
+    unsigned char buf[16];
+    EXPECT_EQ(read(peer, buf, sizeof buf), 3) << "writes go to the new connection";
+
+    JTSyslog::setMirror(nullptr);
+    std::lock_guard<std::mutex> guard(gLogLock);
+    ASSERT_EQ(gLog.size(), 2u) << "loss and return are logged once each";
+    EXPECT_EQ(gLog[0].first, 3u);
+    EXPECT_NE(gLog[0].second.find("/dev/ipc/ch6"), std::string::npos);
+    EXPECT_EQ(gLog[1].first, 5u);
+}
+
+TEST_F(DeviceLink, WritesToAPeerThatDoesNotReadFailWithinASecondAndShutdownReleasesEveryWait)
+{
+    char frame[100] = {};
+    int written = 0;
+    while (link.write(frame, sizeof frame, 0) == static_cast<ssize_t>(sizeof frame))
+        ASSERT_LT(++written, 100000);
+    EXPECT_EQ(errno, EAGAIN) << "a try that the node cannot take at once";
+
+    uint64_t start = JTOperatingSystem::getMonotonicTime();
+    EXPECT_EQ(link.write(frame, sizeof frame), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_GE(msSince(start), 900u);
+    EXPECT_LT(msSince(start), 3000u);
+
+    std::atomic<int> readErrno{0}, writeErrno{0};
+    std::thread reader([&] {
+        char buf[16];
+        EXPECT_EQ(link.read(buf, sizeof buf), 0);
+        readErrno = errno;
+    });
+    std::thread writer([&] {
+        EXPECT_EQ(link.write(frame, sizeof frame, 10000), -1);
+        writeErrno = errno;
+    });
+    JTOperatingSystem::sleepMs(50);
+    start = JTOperatingSystem::getMonotonicTime();
+    link.shutdown();
+    reader.join();
+    writer.join();
+    EXPECT_LT(msSince(start), 500u);
+    EXPECT_EQ(readErrno.load(), ECANCELED);
+    EXPECT_EQ(writeErrno.load(), ECANCELED);
+}
