@@ -117,10 +117,9 @@ case_activation()
 {
     install_prefix
     local root=$work/root bus=$work/bus
+    # The activated daemon takes its bus from the activation environment; an empty root prefix
+    # keeps it from any environment file of the machine.
     mkdir -p "$root/tmp"
-    # The activated daemon inherits the bus daemon's environment: CBRADIO_ROOT leads it to the
-    # environment file that names this bus.
-    printf "export DBUS_SESSION_BUS_ADDRESS='unix:path=%s';\n" "$bus" >"$root/tmp/envars.sh"
     cat >"$work/bus.conf" <<XML
 <!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
