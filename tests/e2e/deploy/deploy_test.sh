@@ -48,6 +48,31 @@ wait_for()
     done
 }
 
+# start_bus CONFIG SOCKET EXTRA_XML: a private session bus that lets everybody do everything, with
+# EXTRA_XML (service directories, included policies) after that default.
+start_bus()
+{
+    cat >"$1" <<XML
+<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>session</type>
+  <listen>unix:path=$2</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+    <allow user="*"/>
+  </policy>
+  $3
+</busconfig>
+XML
+    CBRADIO_ROOT=${root:-} dbus-daemon --config-file="$1" --nofork >>"$work/daemons.log" 2>&1 &
+    pids+=($!)
+    wait_for 10 test -S "$2" || { cat "$work/daemons.log" >&2; fail "dbus-daemon did not start"; }
+}
+
 case_layout()
 {
     install_prefix
@@ -116,29 +141,12 @@ C
 case_activation()
 {
     install_prefix
-    local root=$work/root bus=$work/bus
+    root=$work/root
+    local bus=$work/bus
     # The activated daemon takes its bus from the activation environment; an empty root prefix
     # keeps it from any environment file of the machine.
     mkdir -p "$root/tmp"
-    cat >"$work/bus.conf" <<XML
-<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>session</type>
-  <listen>unix:path=$bus</listen>
-  <auth>EXTERNAL</auth>
-  <servicedir>$prefix/share/dbus-1/services</servicedir>
-  <policy context="default">
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow eavesdrop="true"/>
-    <allow own="*"/>
-  </policy>
-</busconfig>
-XML
-    CBRADIO_ROOT=$root dbus-daemon --config-file="$work/bus.conf" --nofork \
-        >"$work/daemons.log" 2>&1 &
-    pids+=($!)
-    wait_for 10 test -S "$bus" || fail "dbus-daemon did not start"
+    start_bus "$work/bus.conf" "$bus" "<servicedir>$prefix/share/dbus-1/services</servicedir>"
     local address=unix:path=$bus
     bus_call() { dbus-send --bus="$address" --print-reply "$@"; }
     bus_call --dest=org.freedesktop.DBus / org.freedesktop.DBus.NameHasOwner string:$name \
@@ -157,6 +165,46 @@ XML
     [ -n "$pid" ] || fail "the service left the bus after its first reply"
     grep -q "$prefix/bin/cbradiod" "/proc/$pid/cmdline" 2>/dev/null \
         || fail "the name is owned by something else than the installed daemon"
+}
+
+# The installed system-bus policy on a bus that otherwise allows everything: as installed, nobody
+# but the user "cbradio" may own the name; with that user and the callers' group renamed to this
+# test's own, the daemon owns it and a member of the group calls it while any other user is refused.
+case_policy()
+{
+    command -v setpriv >/dev/null && [ "$(id -u)" = 0 ] || skip "needs root and setpriv"
+    install_prefix
+    chmod 755 "$work"  # the other user reaches the bus socket
+    local policy=$prefix/share/dbus-1/system.d/$name.conf
+    local ours=$work/policy-ours.conf
+    sed -e "s/user=\"cbradio\"/user=\"$(id -un)\"/" -e "s/group=\"cbradio-hmi\"/group=\"$(id -gn)\"/" \
+        "$policy" >"$ours"
+    ! cmp -s "$policy" "$ours" || fail "the policy names neither the user cbradio nor the group cbradio-hmi"
+
+    local bus
+    for bus in installed ours; do
+        local conf=$policy
+        [ $bus = ours ] && conf=$ours
+        start_bus "$work/$bus.conf" "$work/$bus" "<include>$conf</include>"
+        mkdir -p "$work/root-$bus/tmp"
+        printf "export DBUS_SESSION_BUS_ADDRESS='unix:path=%s';\n" "$work/$bus" >"$work/root-$bus/tmp/envars.sh"
+        CBRADIO_ROOT=$work/root-$bus CBRADIO_FOREGROUND=1 "$prefix/bin/cbradiod" >>"$work/daemons.log" 2>&1 &
+        pids=($! "${pids[@]}")
+    done
+    local installed=unix:path=$work/installed ours_bus=unix:path=$work/ours
+    local call=(--print-reply --reply-timeout=5000 --dest=$name $object $name.reqCBRGetPresetList string:)
+    wait_for 15 eval 'dbus-send --bus=$ours_bus "${call[@]}" >/dev/null 2>&1' \
+        || fail "the service's user could not serve on the bus (or its group could not call it)"
+    local denied
+    denied=$(setpriv --reuid=65534 --regid=65534 --clear-groups dbus-send --bus="$ours_bus" "${call[@]}" 2>&1)
+    echo "$denied" | grep -q AccessDenied || fail "a user outside the group was not refused: $denied"
+
+    dbus-send --bus="$installed" --print-reply --dest=org.freedesktop.DBus / \
+        org.freedesktop.DBus.NameHasOwner string:$name | grep -q "boolean false" \
+        || fail "a user other than cbradio owns the name"
+    denied=$(dbus-send --bus="$installed" --print-reply --dest=org.freedesktop.DBus / \
+             org.freedesktop.DBus.RequestName string:$name uint32:4 2>&1)
+    echo "$denied" | grep -q AccessDenied || fail "the name was not refused to another user: $denied"
 }
 
 case_package()
