@@ -91,12 +91,22 @@ case_layout()
     grep -qx "SystemdService=cbradiod.service" "$service" || fail "no SystemdService= in $service"
     grep -qx "ExecStart=$prefix/bin/cbradiod" "$prefix/lib/systemd/user/cbradiod.service" \
         || fail "the unit does not start the installed daemon"
-    # The completion offers the service's methods after 'call'.
-    local words
-    words=$(bash -c 'source "$1"; COMP_WORDS=(cbradioctl call reqCBRGetP); COMP_CWORD=2
-        COMP_LINE="cbradioctl call reqCBRGetP"; COMP_POINT=${#COMP_LINE}
-        _cbradioctl; echo "${COMPREPLY[*]}"' _ "$prefix/share/bash-completion/completions/cbradioctl")
-    [ "$words" = reqCBRGetPresetList ] || fail "completion of 'call reqCBRGetP' gave '$words'"
+    # The completion offers exactly the interface's methods after 'call' and its signals after
+    # 'watch'.
+    complete_words()
+    {
+        bash -c 'source "$1"; shift; COMP_WORDS=(cbradioctl "$@"); COMP_CWORD=$#
+            _cbradioctl; printf "%s\n" "${COMPREPLY[@]}" | sort' \
+            _ "$prefix/share/bash-completion/completions/cbradioctl" "$@"
+    }
+    local xml=$prefix/share/dbus-1/interfaces/$name.xml kind
+    for kind in call:method watch:signal; do
+        diff <(complete_words "${kind%%:*}" "") \
+             <(grep -o "<${kind#*:} name=\"[^\"]*\"" "$xml" | cut -d'"' -f2 | sort) \
+            || fail "completion after '${kind%%:*}' differs from the interface's ${kind#*:}s"
+    done
+    [ "$(complete_words presets s)" = "$(printf 'select\nstore')" ] \
+        || fail "completion after 'presets s': $(complete_words presets s)"
 }
 
 case_unit()
