@@ -114,9 +114,12 @@ case_unit()
     command -v systemd-analyze >/dev/null || skip "systemd-analyze is not installed"
     install_prefix
     mkdir -m 700 "$work/runtime"
-    # The unit's man: link must resolve, so the installed man pages are searched too.
+    # The unit's man: link must resolve, so the installed man pages are searched too (where man
+    # itself is installed).
+    local man=--man=yes
+    command -v man >/dev/null || man=--man=no
     MANPATH=$prefix/share/man: XDG_RUNTIME_DIR=$work/runtime \
-        systemd-analyze --user verify "$prefix/lib/systemd/user/cbradiod.service" \
+        systemd-analyze --user "$man" verify "$prefix/lib/systemd/user/cbradiod.service" \
         || fail "systemd-analyze verify refused the unit"
 }
 
