@@ -23,6 +23,7 @@ bus=$work/bus
 address=unix:path=$bus
 mkdir -p "$work/root/tmp"
 printf "export DBUS_SESSION_BUS_ADDRESS='%s';\n" "$address" >"$work/root/tmp/envars.sh"
+chmod 644 "$work/root/tmp/envars.sh"   # read only when others cannot write it
 dbus-daemon --session --nofork --address="$address" >/dev/null 2>&1 &
 pids+=($!)
 for _ in $(seq 100); do [ -S "$bus" ] && break; sleep 0.05; done

@@ -19,6 +19,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -70,7 +71,13 @@ namespace
                         timeoutMs = left.count() < 0 ? 0 : static_cast<int>(left.count());
                     }
                 }
-                pollfd fds[3] = {{gWakePipe[0], POLLIN, 0}, {mListenFd, POLLIN, 0}, {mClientFd, POLLIN, 0}};
+                short clientEvents = POLLIN;
+                {
+                    std::lock_guard<std::mutex> lock(mMutex);
+                    if (!mOutbox.empty())
+                        clientEvents |= POLLOUT;
+                }
+                pollfd fds[3] = {{gWakePipe[0], POLLIN, 0}, {mListenFd, POLLIN, 0}, {mClientFd, clientEvents, 0}};
                 int rc = ::poll(fds, mClientFd >= 0 ? 3 : 2, timeoutMs);
                 if (rc < 0 && errno != EINTR)
                     break;
@@ -82,7 +89,9 @@ namespace
                 }
                 if (rc > 0 && (fds[1].revents & POLLIN))
                     acceptClient();
-                if (rc > 0 && mClientFd >= 0 && fds[2].fd == mClientFd && fds[2].revents)
+                if (rc > 0 && mClientFd >= 0 && fds[2].fd == mClientFd && (fds[2].revents & POLLOUT))
+                    flushLocked();
+                if (rc > 0 && mClientFd >= 0 && fds[2].fd == mClientFd && (fds[2].revents & ~POLLOUT))
                     readClient(nextScan);
                 if (mModel.isScanning() && mClientFd >= 0 && Clock::now() >= nextScan) {
                     for (const V850Frame& f : mModel.onScanTick())
@@ -195,6 +204,9 @@ namespace
             }
         }
 
+        // Frames to the head unit are queued and sent without blocking, so that the simulator
+        // keeps reading while the head unit is slow to read: a microcontroller that stopped
+        // reading whenever its own reports backed up would stall every writer of the service.
         void sendLocked(const V850Frame& frame)
         {
             if (frame.empty())
@@ -203,11 +215,31 @@ namespace
                 writeLine("# not connected, not sent: " + V850Model::toHex(frame));
                 return;
             }
-            ssize_t n = ::send(mClientFd, frame.data(), frame.size(), MSG_NOSIGNAL);
-            if (n == static_cast<ssize_t>(frame.size()))
-                writeLine("TX " + V850Model::toHex(frame));
-            else
-                writeLine(std::string("# send failed: ") + std::strerror(errno) + ": " + V850Model::toHex(frame));
+            mOutbox.push_back(frame);
+            flushLocked();
+            if (!mOutbox.empty()) {
+                // Have the network side wait for the socket to take the rest.
+                char c = 'o';
+                ssize_t ignored = ::write(gWakePipe[1], &c, 1);
+                (void)ignored;
+            }
+        }
+
+        void flushLocked()
+        {
+            while (!mOutbox.empty() && mClientFd >= 0) {
+                const V850Frame& frame = mOutbox.front();
+                ssize_t n = ::send(mClientFd, frame.data(), frame.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+                if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+                    return;
+                if (n < 0 && errno == EINTR)
+                    continue;
+                if (n == static_cast<ssize_t>(frame.size()))
+                    writeLine("TX " + V850Model::toHex(frame));
+                else
+                    writeLine(std::string("# send failed: ") + std::strerror(errno) + ": " + V850Model::toHex(frame));
+                mOutbox.pop_front();
+            }
         }
 
         void acceptClient()
@@ -231,6 +263,7 @@ namespace
                 return;
             ::close(mClientFd);
             mClientFd = -1;
+            mOutbox.clear();
             writeLine(std::string("# head unit disconnected (") + why + ")");
             mChanged.notify_all();
         }
@@ -264,6 +297,7 @@ namespace
         Clock::time_point mStart;
         int mScanIntervalMs = 500;
         std::vector<V850Frame> mReceived;
+        std::deque<V850Frame> mOutbox;
     };
 
     void usage()

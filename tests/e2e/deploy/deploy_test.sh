@@ -221,6 +221,7 @@ case_policy()
         start_bus "$work/$bus.conf" "$work/$bus" "<include>$conf</include>"
         mkdir -p "$work/root-$bus/tmp"
         printf "export DBUS_SESSION_BUS_ADDRESS='unix:path=%s';\n" "$work/$bus" >"$work/root-$bus/tmp/envars.sh"
+        chmod 644 "$work/root-$bus/tmp/envars.sh"   # read only when others cannot write it
         CBRADIO_ROOT=$work/root-$bus CBRADIO_FOREGROUND=1 "$prefix/bin/cbradiod" >>"$work/daemons.log" 2>&1 &
         pids=($! "${pids[@]}")
     done
