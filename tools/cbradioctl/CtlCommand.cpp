@@ -24,7 +24,7 @@ const char* const kGeneralHelp =
     "  presets list                  list the six presets\n"
     "  presets store <preset> <ch>   store channel <ch> (1-40) as preset <preset> (1-6)\n"
     "  presets select <preset>       tune to a preset\n"
-    "  presets clear                 clear all presets (the service sends no reply)\n"
+    "  presets clear                 clear all presets (the service sends no result)\n"
     "  tx | rx                       switch to transmit or back to receive\n"
     "  weather on|off                switch weather alerts on or off\n"
     "  hw-version | sw-version       read the module's versions\n"
@@ -61,7 +61,7 @@ const std::map<std::string, std::string> kCommandHelp = {
                 "list prints {\"CBRadioPresetList\":[...]} (reqCBRGetPresetList); store keeps a "
                 "channel in a preset\n(reqCBRStorePreset {\"channelNumber\":c,\"presetNo\":p}); "
                 "select tunes to it (reqCBRSelectPreset\n{\"PresetNo\":p}); clear empties all six "
-                "(reqCBRClearPreset, sent without waiting: the service\nnever replies to it).\n"},
+                "(reqCBRClearPreset; the service\nanswers it with no result, which counts as done).\n"},
     {"tx", "usage: cbradioctl tx\nSwitches from receive to transmit (reqCBRChangeRxToTx). An "
            "empty reply (exit 1)\nmeans the radio is off.\n"},
     {"rx", "usage: cbradioctl rx\nSwitches from transmit back to receive (reqCBRChangeTxToRx). "
@@ -142,7 +142,7 @@ Command presets(const std::vector<std::string>& rest)
         return call("reqCBRGetPresetList");
     if (sub == "clear" && rest.size() == 1) {
         Command c = call("reqCBRClearPreset");
-        c.expectReply = false;
+        c.resultless = true;
         return c;
     }
     if (sub == "select" && rest.size() == 2) {

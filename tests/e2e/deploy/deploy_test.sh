@@ -114,9 +114,12 @@ case_unit()
     command -v systemd-analyze >/dev/null || skip "systemd-analyze is not installed"
     install_prefix
     mkdir -m 700 "$work/runtime"
-    # The unit's man: link must resolve, so the installed man pages are searched too.
+    # The unit's man: link must resolve, so the installed man pages are searched too (where man
+    # itself is installed).
+    local man=--man=yes
+    command -v man >/dev/null || man=--man=no
     MANPATH=$prefix/share/man: XDG_RUNTIME_DIR=$work/runtime \
-        systemd-analyze --user verify "$prefix/lib/systemd/user/cbradiod.service" \
+        systemd-analyze --user "$man" verify "$prefix/lib/systemd/user/cbradiod.service" \
         || fail "systemd-analyze verify refused the unit"
 }
 
@@ -163,11 +166,31 @@ case_activation()
         | grep -q "boolean false" || fail "the service runs before it is called"
 
     # The very first call starts the service and is answered: the service list, or failure
-    # while its settings are still being read. Without an answer dbus-send waits out 20 s.
+    # while its settings are still being read; not an error, and not a wait of 20 s.
     local reply
     reply=$(bus_call --reply-timeout=20000 --dest=$name $object $name.reqCBRGetPresetList string:"") \
-        || { cat "$work/daemons.log" >&2; fail "the activating call got no reply"; }
+        || { cat "$work/daemons.log" >&2; fail "the activating call was not served"; }
     echo "$reply" | grep -Eq 'CBRadioPresetList|"code":1' || fail "unexpected first reply: $reply"
+
+    # Once its settings are read, the service describes its interface and answers every call.
+    wait_for 10 eval 'bus_call --dest=$name $object $name.reqCBRGetPresetList string: 2>/dev/null \
+                      | grep -q CBRadioPresetList' || fail "the service never finished its start"
+    local xml
+    xml=$(bus_call --dest=$name $object org.freedesktop.DBus.Introspectable.Introspect) \
+        || fail "Introspect failed"
+    local methods signals
+    methods=$(echo "$xml" | sed -n '/<interface name="com.quorin.service.CBRadioService">/,/<\/interface>/p' \
+              | grep -c '<method name=')
+    signals=$(echo "$xml" | grep -c '<signal name=')
+    [ "$methods" = 15 ] && [ "$signals" = 7 ] \
+        || fail "Introspect lists $methods methods and $signals signals of the service"
+    local answer
+    answer=$(bus_call --dest=$name $object $name.noSuchMethod string: 2>&1)
+    echo "$answer" | grep -q org.freedesktop.DBus.Error.UnknownMethod \
+        || fail "an unknown method is not refused: $answer"
+    answer=$(bus_call --dest=$name $object $name.reqCBRClearPreset string: 2>&1)
+    echo "$answer" | grep -q com.quorin.SvcIpc.Error.NoResult \
+        || fail "reqCBRClearPreset is not answered NoResult: $answer"
 
     local pid
     pid=$(bus_call --dest=org.freedesktop.DBus / org.freedesktop.DBus.GetConnectionUnixProcessID \
