@@ -28,6 +28,7 @@
 #define CCBRADIO_H
 
 #include "CMutex.h"
+#include "CTimedMutex.h"
 #include "CTimer.h"
 #include "EChannel.h"
 #include "ECBRPTTStatus.h"
@@ -136,7 +137,7 @@ public:
     // Takes mTxMutex for building and writing one frame. The wait is bounded (a write takes at most
     // a second): when the lock is not owned on return, the caller drops its frame, as if its write
     // had failed, and leaves mTxBuf alone.
-    std::unique_lock<std::timed_mutex> lockTxBuf();
+    std::unique_lock<CTimedMutex> lockTxBuf();
 
     // ---- bus methods ------------------------------------------------------------------------
     static void handleCBRadioRequest(SVCIPC_tReqContext context, const char* method, const char* parms,
@@ -244,7 +245,7 @@ public:
     // leaves the payload byte alone re-sends the previous one). Filled and written under mTxMutex,
     // one frame at a time, so that frames built on different threads never mix their bytes.
     std::atomic<unsigned char> mTxBuf[3];
-    std::timed_mutex mTxMutex;
+    CTimedMutex mTxMutex;
     // Versions as the V850 sent them; first byte 0xFF = not received yet.
     std::atomic<unsigned char> mCBRHWVersion[2];
     std::atomic<unsigned char> mCBRSWVersion[15];

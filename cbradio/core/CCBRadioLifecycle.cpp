@@ -83,7 +83,7 @@ CCBRadio::~CCBRadio()
 // A query frame of the start sequence (07 00 or 08 00), built in mTxBuf like the commands.
 static void writeStartFrame(unsigned char id)
 {
-    const std::unique_lock<std::timed_mutex> frame = CCBRadio::mpCBRadio->lockTxBuf();
+    const std::unique_lock<CTimedMutex> frame = CCBRadio::mpCBRadio->lockTxBuf();
     if (!frame.owns_lock())
         return;
     CCBRadio::mpCBRadio->mTxBuf[0].store(id, std::memory_order_relaxed);

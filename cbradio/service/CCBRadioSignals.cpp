@@ -116,7 +116,7 @@ void CCBRadio::sendCBRHWConnectionStatus()
     const int connected = mCBRHWConnectionStatus.load(relaxed);
     if (connected == 1) {
         // A freshly connected module is asked for its software version, bus or no bus.
-        const std::unique_lock<std::timed_mutex> frame = lockTxBuf();
+        const std::unique_lock<CTimedMutex> frame = lockTxBuf();
         if (frame.owns_lock()) {
             mTxBuf[0].store(0x08, relaxed);
             mTxBuf[1].store(0x00, relaxed);

@@ -62,9 +62,9 @@ namespace
     }
 }
 
-std::unique_lock<std::timed_mutex> CCBRadio::lockTxBuf()
+std::unique_lock<CTimedMutex> CCBRadio::lockTxBuf()
 {
-    return std::unique_lock<std::timed_mutex>(mpCBRadio->mTxMutex, TX_LOCK_TIMEOUT);
+    return std::unique_lock<CTimedMutex>(mpCBRadio->mTxMutex, TX_LOCK_TIMEOUT);
 }
 
 int CCBRadio::writeTxBuf(unsigned int length)
@@ -93,7 +93,7 @@ void CCBRadio::req_CBR_PTT_STATUS_toV850(ECBRPTTStatus status)
 void CCBRadio::reqCBRStateChange(int state)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRStateChange);
-    const std::unique_lock<std::timed_mutex> frame = lockTxBuf();
+    const std::unique_lock<CTimedMutex> frame = lockTxBuf();
     if (!frame.owns_lock())
         return;
     setTxBuf(MSG_ON_OFF, 0x01);
@@ -105,7 +105,7 @@ void CCBRadio::reqCBRStateChange(int state)
 void CCBRadio::reqCBRWeatherAlertOnOffRequest(int onOff)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRWeatherAlertOnOffRequest);
-    const std::unique_lock<std::timed_mutex> frame = lockTxBuf();
+    const std::unique_lock<CTimedMutex> frame = lockTxBuf();
     if (!frame.owns_lock())
         return;
     setTxBuf(MSG_WEATHER_ALERT_ON_OFF, 0x01);
@@ -121,7 +121,7 @@ void CCBRadio::reqCBRSetChannel(int channel)
         scope.sendFormattedMessage("\n[CBR]reqCBRSetChannel invalid %x \n", static_cast<unsigned int>(channel));
         return;
     }
-    const std::unique_lock<std::timed_mutex> frame = lockTxBuf();
+    const std::unique_lock<CTimedMutex> frame = lockTxBuf();
     if (!frame.owns_lock())
         return;
     setTxBuf(MSG_CHANNEL_SELECT, 0x01);
@@ -133,7 +133,7 @@ void CCBRadio::reqCBRSetChannel(int channel)
 void CCBRadio::reqCBRSeek(int direction)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRSeek);
-    const std::unique_lock<std::timed_mutex> frame = lockTxBuf();
+    const std::unique_lock<CTimedMutex> frame = lockTxBuf();
     if (!frame.owns_lock())
         return;
     setTxBuf(MSG_CHANNEL_SELECT, 0x01);
@@ -151,7 +151,7 @@ void CCBRadio::reqCBRSeek(int direction)
 void CCBRadio::reqCBRSelectPreset(int channel)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRSelectPreset);
-    const std::unique_lock<std::timed_mutex> frame = lockTxBuf();
+    const std::unique_lock<CTimedMutex> frame = lockTxBuf();
     if (!frame.owns_lock())
         return;
     setTxBuf(MSG_CHANNEL_SELECT, 0x01);
@@ -163,7 +163,7 @@ void CCBRadio::reqCBRSelectPreset(int channel)
 void CCBRadio::reqCBRSetSquelchLevel(int level)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRSetSquelchLevel);
-    const std::unique_lock<std::timed_mutex> frame = lockTxBuf();
+    const std::unique_lock<CTimedMutex> frame = lockTxBuf();
     if (!frame.owns_lock())
         return;
     setTxBuf(MSG_SET_SQUELCH_LEVEL, 0x01);
@@ -177,7 +177,7 @@ void CCBRadio::reqCBRSetSquelchLevel(int level)
 void CCBRadio::reqCBRAdjustSquelchLevel(int direction)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRAdjustSquelchLevel);
-    const std::unique_lock<std::timed_mutex> frame = lockTxBuf();
+    const std::unique_lock<CTimedMutex> frame = lockTxBuf();
     if (!frame.owns_lock())
         return;
     setTxBuf(MSG_SET_SQUELCH_LEVEL, 0x01);
@@ -196,7 +196,7 @@ void CCBRadio::reqCBRAdjustSquelchLevel(int direction)
 void CCBRadio::reqCBRStartScan()
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRStartScan);
-    const std::unique_lock<std::timed_mutex> frame = lockTxBuf();
+    const std::unique_lock<CTimedMutex> frame = lockTxBuf();
     if (!frame.owns_lock())
         return;
     setTxBuf(MSG_START_SCAN, 0x01);
@@ -208,7 +208,7 @@ void CCBRadio::reqCBRStartScan()
 void CCBRadio::reqCBRStopScan()
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRStopScan);
-    const std::unique_lock<std::timed_mutex> frame = lockTxBuf();
+    const std::unique_lock<CTimedMutex> frame = lockTxBuf();
     if (!frame.owns_lock())
         return;
     setTxBuf(MSG_STOP_SCAN, 0x00);
