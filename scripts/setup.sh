@@ -8,10 +8,11 @@ cd "$(dirname "$0")/.."
 
 PACKAGES=(
   g++ cmake ninja-build pkg-config
-  libjsoncpp-dev libdbus-1-dev dbus-daemon dbus-bin
+  libjsoncpp-dev libdbus-1-dev libsystemd-dev dbus-daemon dbus-bin
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
-  procps
+  procps libtsan2
+  scdoc dpkg-dev systemd
 )
 
 missing=()

@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # The project's test command: installs what is missing, then builds and runs the whole suite
-# twice (a normal build and an AddressSanitizer + UndefinedBehaviorSanitizer build), and runs
-# every fuzz target for a short bounded time in a clang/libFuzzer build.
+# twice (a normal build and an AddressSanitizer + UndefinedBehaviorSanitizer build), runs the
+# integration and end-to-end groups once more in a ThreadSanitizer build, and runs every fuzz
+# target for a short bounded time in a clang/libFuzzer build.
 #   bash scripts/test.sh
-# FUZZ_SECONDS (default 15) bounds each fuzz target; SKIP_FUZZ=1 leaves fuzzing out.
+# FUZZ_SECONDS (default 15) bounds each fuzz target; SKIP_FUZZ=1 leaves fuzzing out;
+# SKIP_TSAN=1 leaves the ThreadSanitizer stage out.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -20,6 +22,24 @@ run_suite() {
 run_suite build
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_suite build-asan
+
+# Every process of the stage (tests, daemon, simulators) writes its reports to a file of its own,
+# so a race in a child process fails the stage as well as one in the test program.
+if [ "${SKIP_TSAN:-0}" != "1" ]; then
+  echo "== build-tsan: build"
+  CBRADIO_TARGETS="tests/integration/all tests/e2e/all" bash scripts/build.sh build-tsan
+  echo "== build-tsan: test (integration, e2e)"
+  reports="$PWD/build-tsan/tsan-reports"
+  rm -rf "$reports" && mkdir -p "$reports"
+  (cd build-tsan &&
+   TSAN_OPTIONS="suppressions=$PWD/../tests/tsan.supp log_path=$reports/tsan second_deadlock_stack=1" \
+     ctest --output-on-failure -j2 --timeout 300 -L 'integration|e2e')
+  if [ -n "$(ls -A "$reports")" ]; then
+    cat "$reports"/*
+    echo "== build-tsan: ThreadSanitizer reports above ($(ls "$reports" | wc -l) processes)"
+    exit 1
+  fi
+fi
 
 if [ "${SKIP_FUZZ:-0}" != "1" ]; then
   echo "== build-fuzz: build"

@@ -22,12 +22,13 @@
 // dispatch threads (methods, signal handlers, completions). The radio state and the gate and
 // request flags are static one-byte values shared by these threads without locks, held in relaxed
 // atomics; multi-byte values (versions, mTxBuf) are arrays of such bytes, so a concurrent reader may
-// see them half-updated, which the service accepts. The only locks are mReqMutex and the timer
-// master's.
+// see them half-updated, which the service accepts. The locks are mReqMutex, mTxMutex (one frame
+// of mTxBuf at a time) and the timer master's.
 #ifndef CCBRADIO_H
 #define CCBRADIO_H
 
 #include "CMutex.h"
+#include "CTimedMutex.h"
 #include "CTimer.h"
 #include "EChannel.h"
 #include "ECBRPTTStatus.h"
@@ -40,10 +41,12 @@
 #include <atomic>
 #include <list>
 #include <map>
+#include <mutex>
 
 class CDevIpcChannelHandler;
 
-// Set to 1 by the termination signal handler; the request worker ends when it sees it.
+// Set to 1 when a stop is asked (a termination signal, read on the thread "CBRadioSignals", or the
+// bus lost); the request worker ends when it sees it.
 extern std::atomic<int> sig_exit;
 
 // Request states of the interrupting audio sources "cbRX" and "cbTX".
@@ -84,10 +87,16 @@ public:
     // ---- bus registration -------------------------------------------------------------------
     int initializeDBUSService();
     int deInitializeDBUSService();
+    // The bus connection closed under the running service (the bus daemon ended or restarted):
+    // logs it once (system log and trace) and stops the service with exit status
+    // EXIT_BUS_LOST, so that a service manager starts it again against the new bus. Runs on a
+    // service-IPC thread.
+    static void onBusConnectionLost(SVCIPC_tUserToken token);
+    enum { EXIT_BUS_LOST = 1 };
 
     // ---- request queue and worker -----------------------------------------------------------
-    // Appends a request and wakes the worker; callable from any thread (and from the termination
-    // signal handler). Returns the result of the final unlock.
+    // Appends a request and wakes the worker; callable from any thread (not from a signal
+    // handler: it locks). Returns the result of the final unlock.
     int postRequest(ERequest req);
     void run() override;
     // Drains the queue in posting order; called by run() with mReqMutex held. Returns 1.
@@ -107,7 +116,7 @@ public:
     // Starts the request worker, opens "/dev/ipc/ch6" and its reader. 1 when open, else 0 (the
     // handler is then deleted and mpIpcHandler stays null).
     int initializeIPCService();
-    // Asks every reader to stop and forgets the handlers (they are not deleted or joined). 1.
+    // Stops and joins every reader (bounded) and forgets the handlers (they are not deleted). 1.
     int deInitializeIPCService();
 
     // ---- V850 command frames (all write through mpIpcHandler; results are not checked) -------
@@ -122,8 +131,13 @@ public:
     void reqCBRStartScan();
     void reqCBRStopScan();
     // Writes the first `length` bytes of mTxBuf as one frame. Returns the channel's result, -1
-    // when the device is not open (the write is then skipped rather than crashing).
+    // when the device is not open (the write is then skipped rather than crashing). The caller
+    // holds the lock from lockTxBuf() from before it fills mTxBuf until this returns.
     int writeTxBuf(unsigned int length);
+    // Takes mTxMutex for building and writing one frame. The wait is bounded (a write takes at most
+    // a second): when the lock is not owned on return, the caller drops its frame, as if its write
+    // had failed, and leaves mTxBuf alone.
+    std::unique_lock<CTimedMutex> lockTxBuf();
 
     // ---- bus methods ------------------------------------------------------------------------
     static void handleCBRadioRequest(SVCIPC_tReqContext context, const char* method, const char* parms,
@@ -228,8 +242,10 @@ public:
     SVCIPC_tSigSubHnd mrearControllerStateSub;
     SVCIPC_tSigSubHnd mHuInspectionModeStateSub;
     // Frame being written to the V850; deliberately not cleared between commands (a builder that
-    // leaves the payload byte alone re-sends the previous one).
+    // leaves the payload byte alone re-sends the previous one). Filled and written under mTxMutex,
+    // one frame at a time, so that frames built on different threads never mix their bytes.
     std::atomic<unsigned char> mTxBuf[3];
+    CTimedMutex mTxMutex;
     // Versions as the V850 sent them; first byte 0xFF = not received yet.
     std::atomic<unsigned char> mCBRHWVersion[2];
     std::atomic<unsigned char> mCBRSWVersion[15];

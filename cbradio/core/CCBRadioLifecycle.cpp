@@ -1,10 +1,13 @@
 // CCBRadio: construction, the start and stop sequences, and the bus environment file.
 #include "CCBRadio.h"
+#include "CBRadioEnvars.h"
 
 #include "CDevIpcChannelHandler.h"
 #include "CJTTraceScope.h"
 #include "CJTTraceScopeDef.h"
 #include "JTRootPrefix.h"
+#include "JTSyslog.h"
+#include "CTerminationSignals.h"
 
 #include <csignal>
 #include <cstdio>
@@ -23,13 +26,35 @@ std::atomic<bool> CCBRadio::mCBRDataInitialized(false);
 
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_startService("CBRadio_CCBRadio", "startService");
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_isDbusAvailable("CBRadio_CCBRadio", "isDbusAvailable");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_onBusConnectionLost("CBRadio_CCBRadio", "onBusConnectionLost");
 
 namespace
 {
     const char* const ENVARS_FILE = "/tmp/envars.sh";
-    const char* const ENVARS_KEYS[] = {"DBUS_SESSION_BUS_ADDRESS=", "DBUS_SESSION_BUS_PID=",
-                                       "SVCIPC_DISPATCH_PRIORITY="};
-    const unsigned int START_FRAME_PAUSE_S = 1;   // the V850 needs this pacing between start frames
+    // The V850 needs this pacing between start frames; a stop asked meanwhile ends a pause early.
+    const unsigned int START_FRAME_PAUSE_MS = 1000;
+
+    // D-Bus activation (DBUS_STARTER_ADDRESS) and systemd (INVOCATION_ID, NOTIFY_SOCKET) hand the
+    // process the bus it is to serve in its environment; on the head unit nothing does, and the
+    // environment file is the only source.
+    bool startedByServiceManager()
+    {
+        for (const char* name : {"DBUS_STARTER_ADDRESS", "INVOCATION_ID", "NOTIFY_SOCKET"})
+            if (std::getenv(name) != nullptr)
+                return true;
+        return false;
+    }
+
+    // A session bus that activated the process names itself in DBUS_STARTER_ADDRESS; it normally
+    // sets DBUS_SESSION_BUS_ADDRESS too, but the starter's word is enough.
+    void takeStarterBusAddress()
+    {
+        const char* type = std::getenv("DBUS_STARTER_BUS_TYPE");
+        const char* starter = std::getenv("DBUS_STARTER_ADDRESS");
+        if (std::getenv("DBUS_SESSION_BUS_ADDRESS") == nullptr && starter != nullptr && type != nullptr &&
+            std::strcmp(type, "session") == 0)
+            ::setenv("DBUS_SESSION_BUS_ADDRESS", starter, 1);
+    }
 }
 
 CCBRadio::CCBRadio()
@@ -55,28 +80,39 @@ CCBRadio::~CCBRadio()
     // deliberately left pointing here; the process ends right after.
 }
 
+// A query frame of the start sequence (07 00 or 08 00), built in mTxBuf like the commands.
+static void writeStartFrame(unsigned char id)
+{
+    const std::unique_lock<CTimedMutex> frame = CCBRadio::mpCBRadio->lockTxBuf();
+    if (!frame.owns_lock())
+        return;
+    CCBRadio::mpCBRadio->mTxBuf[0].store(id, std::memory_order_relaxed);
+    CCBRadio::mpCBRadio->mTxBuf[1].store(0x00, std::memory_order_relaxed);
+    CCBRadio::mpCBRadio->writeTxBuf(2);
+}
+
 int CCBRadio::startService()
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_startService);
     const int result = initializeIPCService();
     if (mpCBRadio->mpIpcHandler.load() != nullptr) {
-        mTxBuf[0].store(0x07, std::memory_order_relaxed);
-        mTxBuf[1].store(0x00, std::memory_order_relaxed);
-        writeTxBuf(2);
-        ::sleep(START_FRAME_PAUSE_S);
-        mTxBuf[0].store(0x08, std::memory_order_relaxed);
-        mTxBuf[1].store(0x00, std::memory_order_relaxed);
-        writeTxBuf(2);
-        ::sleep(START_FRAME_PAUSE_S);
+        writeStartFrame(0x07);
+        CTerminationSignals::pause(START_FRAME_PAUSE_MS);
+        writeStartFrame(0x08);
+        CTerminationSignals::pause(START_FRAME_PAUSE_MS);
         mpCBRadio->reqCBRWeatherAlertOnOffRequest(1);
         mWAttsReadonoff.store(true, std::memory_order_relaxed);
-        ::sleep(START_FRAME_PAUSE_S);
+        CTerminationSignals::pause(START_FRAME_PAUSE_MS);
     }
+    // A stop asked during the start frames ends the start here: the bus part and the queries of
+    // the other services could hold the stop up for their time-outs.
+    if (CTerminationSignals::stopping())
+        return result;
     scope.sendFormattedMessage("\n[CBR] initializing State machine...\n");
     {
         // The bus library's dispatch threads, created here, inherit the blocked termination
-        // signals: the handler traces and must not interrupt a callback in the middle of a trace.
-        // A signal that comes meanwhile is handled once the bus is up.
+        // signals, so that no handler cuts into their system calls. A signal that comes meanwhile
+        // is recorded once the bus is up.
         sigset_t termination, previous;
         sigemptyset(&termination);
         sigaddset(&termination, SIGINT);
@@ -114,6 +150,23 @@ int CCBRadio::stopService()
     return deInitializeIPCService();
 }
 
+void CCBRadio::onBusConnectionLost(SVCIPC_tUserToken)
+{
+    static std::atomic<bool> reported(false);
+    if (reported.exchange(true))
+        return;
+    // Without a bus the service can neither be called nor hear its peers, and nothing brings the
+    // connection back: better a quick exit that its service manager answers with a restart.
+    JTSyslog::logMsg(0, JTSyslog::SEV_ERROR, "[CBR] ERROR: bus connection lost; exiting with status %d",
+                     static_cast<int>(EXIT_BUS_LOST));
+    CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_onBusConnectionLost);
+    scope.sendFormattedMessage("\n[CBR] ERROR: bus connection lost, exiting\n");
+    CTerminationSignals::requestStop(EXIT_BUS_LOST);
+    sig_exit.store(1, std::memory_order_relaxed);
+    if (mpCBRadio != nullptr)
+        mpCBRadio->postRequest(REQ_CBR_EXIT);
+}
+
 int CCBRadio::isDbusAvailable(const char* path)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_isDbusAvailable);
@@ -122,41 +175,42 @@ int CCBRadio::isDbusAvailable(const char* path)
         path = ENVARS_FILE;
     const std::string hostPath = JTRootPrefix::resolve(path);
 
-    struct stat st;
-    if (::stat(hostPath.c_str(), &st) != 0 || st.st_size == 0)
+    CBRadioEnvars::File envars = CBRadioEnvars::open(hostPath.c_str(), ::geteuid());
+    switch (envars.verdict) {
+    case CBRadioEnvars::READABLE:
+        break;
+    case CBRadioEnvars::MISSING:
+        // Started by the bus or by a service manager, the process was handed its bus instead.
+        if (!startedByServiceManager())
+            return 0;
+        takeStarterBusAddress();
+        if (std::getenv("DBUS_SESSION_BUS_ADDRESS") == nullptr)
+            return 0;
+        scope.sendFormattedMessage("\n[CBR] INFO: DBUS_SESSION_BUS_ADDRESS now available (%s)\n",
+                                   std::getenv("DBUS_SESSION_BUS_ADDRESS"));
+        return 1;
+    case CBRadioEnvars::UNTRUSTED:
+        // Anyone who can write this file can point the service at a bus of their own.
+        JTSyslog::logMsg(0, JTSyslog::SEV_ERROR, "[CBR] ERROR: not reading %s: it %s; running without a bus",
+                         hostPath.c_str(), envars.why.c_str());
+        scope.sendFormattedMessage("\n[CBR] ERROR: not reading %s: it %s\n", path, envars.why.c_str());
         return 0;
-    FILE* file = std::fopen(hostPath.c_str(), "r");
+    case CBRadioEnvars::UNOPENABLE:
+        scope.sendFormattedMessage("\n[CBR] ERROR: Unable to open: %s\n", path);
+        return 0;
+    }
+    FILE* file = ::fdopen(envars.fd, "r");
     if (file == nullptr) {
+        ::close(envars.fd);
         scope.sendFormattedMessage("\n[CBR] ERROR: Unable to open: %s\n", path);
         return 0;
     }
     char line[512];
     while (std::fgets(line, sizeof(line), file) != nullptr) {
         char* name = nullptr;
-        for (const char* key : ENVARS_KEYS) {
-            name = std::strstr(line, key);
-            if (name != nullptr)
-                break;
-        }
-        if (name == nullptr)
+        char* value = nullptr;
+        if (!CBRadioEnvars::parseLine(line, &name, &value))
             continue;
-        char* semicolon = std::strchr(name, ';');
-        if (semicolon != nullptr)
-            *semicolon = '\0';
-        char* equals = std::strchr(name, '=');
-        if (equals == nullptr)
-            continue;
-        *equals = '\0';
-        char* value = equals + 1;
-        // Quotes go only at the very ends: a value not cut by ';' keeps its newline, and with it
-        // the closing quote before that newline.
-        while (*value == '\'')
-            ++value;
-        size_t length = std::strlen(value);
-        if (length > 0 && value[length - 1] == '\'') {
-            while (length > 0 && value[length - 1] == '\'')
-                value[--length] = '\0';
-        }
         if (::setenv(name, value, 1) != 0)
             scope.sendFormattedMessage("\n[CBR] ERROR: Unable to setenv( %s )\n", name);
     }

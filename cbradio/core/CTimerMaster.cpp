@@ -8,6 +8,8 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
+#include <fcntl.h>
+#include <mutex>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
@@ -26,6 +28,41 @@ namespace
     uint64_t timerKey(int fd, short code)
     {
         return (static_cast<uint64_t>(fd) << 8) | static_cast<uint8_t>(code);
+    }
+
+    // SIGUSR1 only records the request in this pipe; the thread "TimerRelease" reads it and does
+    // the deletion (which joins the master thread) outside any signal handler. Both are made once
+    // per process and live to its end, so the handler never writes to a reused descriptor.
+    int gReleasePipe[2] = {-1, -1};
+    std::once_flag gReleaseOnce;
+
+    void* releaseLoop(void*)
+    {
+        for (;;) {
+            char request;
+            const ssize_t n = ::read(gReleasePipe[0], &request, 1);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0)
+                return nullptr;
+            CTimerMaster::releaseTimerMaster();
+        }
+    }
+
+    void startReleaseThread()
+    {
+        if (::pipe2(gReleasePipe, O_CLOEXEC) != 0)
+            return;
+        ::fcntl(gReleasePipe[1], F_SETFL, O_NONBLOCK);
+        sigset_t all, previous;
+        sigfillset(&all);
+        pthread_sigmask(SIG_BLOCK, &all, &previous);
+        pthread_t thread;
+        if (::pthread_create(&thread, nullptr, &releaseLoop, nullptr) == 0) {
+            ::pthread_setname_np(thread, "TimerRelease");
+            ::pthread_detach(thread);
+        }
+        pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     }
 
     class SigUsr1Blocker
@@ -47,14 +84,20 @@ namespace
 
 void timer_master_signal_handler(int sig)
 {
-    if (sig == SIGUSR1)
-        CTimerMaster::releaseTimerMaster();
+    if (sig != SIGUSR1 || gReleasePipe[1] < 0)
+        return;
+    const int savedErrno = errno;
+    const char request = 'r';
+    ssize_t ignored = ::write(gReleasePipe[1], &request, 1);
+    (void)ignored;
+    errno = savedErrno;
 }
 
 CTimerMaster::CTimerMaster()
     : IThreadInterface("TimerMaster"), mChannelId(0), mWakeId(-1), mPulseCode(0), mCodeCounter(0),
       mThreadStarted(false)
 {
+    std::call_once(gReleaseOnce, startReleaseThread);
     ::signal(SIGUSR1, timer_master_signal_handler);
 }
 

@@ -10,8 +10,9 @@
 // Lifetime: the singleton is created by the first getTimerMaster() and reference-counted by
 // running timers. When the last timer stops, the master is deleted (its thread joined) by the
 // stopping thread; if that is the master thread itself (a handler stopping its own timer), SIGUSR1
-// is sent to the process and the signal handler deletes it, on another thread, after the dispatch.
-// The master thread therefore runs with SIGUSR1 blocked.
+// is sent to the process. Its handler only records the request; the thread "TimerRelease" (made
+// with the first master, for the life of the process) then deletes the master after the dispatch.
+// The master thread runs with SIGUSR1 blocked.
 //
 // Locks: gMutex guards the singleton pointer and each whole addTimer; the code map has a lock of
 // its own so that dispatch, which never holds gMutex, cannot deadlock with a deletion. Timers are
@@ -63,7 +64,8 @@ private:
     std::atomic<bool> mThreadStarted;
 };
 
-// Installed for SIGUSR1: releases the master when no timer runs any more.
+// Installed for SIGUSR1: asks the thread "TimerRelease" to release the master when no timer runs
+// any more. Async-signal-safe.
 void timer_master_signal_handler(int sig);
 
 // Guards the singleton and timer insertion.

@@ -1,12 +1,19 @@
 // cbradiod: the CB radio service daemon.
 //
-// Runs in the background (fork, new session, working directory "/", umask 0, standard streams
+// Runs in the background (fork, new session, working directory "/", umask 022, standard streams
 // kept; the parent exits 0). CBRADIO_FOREGROUND=1 skips the fork and the new session, for service
-// managers and tests. SIGINT, SIGHUP and SIGTERM end it cleanly; every other thread of the service
-// blocks them, so their handler runs on the main thread (one that arrives while the bus comes up is
-// handled right after; one that arrives after the "Exiting" trace is ignored). SIGPIPE is ignored so that a vanished peer only fails a write. The only command-line arguments are the trace start-up
-// options ("--tp=FILE", "--bp", "--nobreak", "--memtrace=N").
+// managers and tests. SIGINT, SIGHUP and SIGTERM end it with exit status 0: their handler only
+// records the signal (CTerminationSignals), and the thread "CBRadioSignals" traces it and asks the
+// request worker to end; the start sequence's pauses end early once a stop is asked. A lost bus
+// connection ends it the same way with exit status 1, so that a service manager restarts it.
+// Every thread but the main one blocks the termination signals, so handlers never cut into their
+// system calls. SIGPIPE is ignored so that a vanished peer only fails a write. The only
+// command-line arguments are the trace start-up options ("--tp=FILE", "--bp", "--nobreak",
+// "--memtrace=N"). Under systemd (Type=notify) it reports "READY=1" once up and running and
+// "STOPPING=1" when the stop begins.
 #include "CCBRadio.h"
+#include "CServiceManager.h"
+#include "CTerminationSignals.h"
 
 #include "CJTDefaultBinaryTracePersistence.h"
 #include "CJTThreadCtrl.h"
@@ -15,6 +22,7 @@
 #include "CTraceThread.h"
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <pthread.h>
@@ -27,28 +35,14 @@ static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_signal_handler_signal_hand
 namespace
 {
     const int MAIN_PRIORITY = 50;
-    // The trace thread ends at most one read time-out after stop(); wait a little longer.
-    const int TRACE_THREAD_JOIN_MS = 3000;
+    // stop() wakes the trace thread's read, so it ends at once; the bound only keeps a stuck one
+    // from holding up the exit.
+    const int TRACE_THREAD_JOIN_MS = 500;
 
     bool runInForeground()
     {
         const char* value = std::getenv("CBRADIO_FOREGROUND");
         return value != nullptr && std::strcmp(value, "1") == 0;
-    }
-
-    // The termination handler traces and takes the request queue's lock, so it must not interrupt
-    // a thread in the middle of a trace. The trace thread is therefore started with the
-    // termination signals blocked (it inherits the mask); they reach the main thread, which spends
-    // the run blocked in a join. Returns the mask to restore.
-    sigset_t blockTerminationSignals()
-    {
-        sigset_t termination, previous;
-        sigemptyset(&termination);
-        sigaddset(&termination, SIGINT);
-        sigaddset(&termination, SIGHUP);
-        sigaddset(&termination, SIGTERM);
-        pthread_sigmask(SIG_BLOCK, &termination, &previous);
-        return previous;
     }
 
     void becomeDaemon()
@@ -65,17 +59,24 @@ namespace
         if (::chdir("/") != 0) {
             // Staying in the start directory is harmless.
         }
-        ::umask(0);
+        ::umask(022);
+    }
+
+    // Runs on the signal watch thread, once per signal received.
+    void onTerminationSignal(int sig)
+    {
+        CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_signal_handler_signal_handler);
+        scope.sendFormattedMessage("[CBRadio] CAUTION!!! - CBRadio Service rcvd signal to exit (%d)\n", sig);
+        sig_exit.store(1, std::memory_order_relaxed);
+        if (CCBRadio::mpCBRadio != nullptr)
+            CCBRadio::mpCBRadio->postRequest(REQ_CBR_EXIT);
     }
 }
 
+// Installed for SIGINT, SIGHUP and SIGTERM. Only records the signal: see CTerminationSignals.
 void signal_handler(int sig)
 {
-    CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_signal_handler_signal_handler);
-    scope.sendFormattedMessage("[CBRadio] CAUTION!!! - CBRadio Service rcvd signal to exit (%d)\n", sig);
-    sig_exit.store(1, std::memory_order_relaxed);
-    if (CCBRadio::mpCBRadio != nullptr)
-        CCBRadio::mpCBRadio->postRequest(REQ_CBR_EXIT);
+    CTerminationSignals::record(sig);
 }
 
 int main(int argc, char** argv)
@@ -83,14 +84,20 @@ int main(int argc, char** argv)
     pthread_setschedprio(pthread_self(), MAIN_PRIORITY);
     pthread_setname_np(pthread_self(), "CBRadioMain");
     becomeDaemon();
-    ::signal(SIGINT, signal_handler);
-    ::signal(SIGHUP, signal_handler);
-    ::signal(SIGTERM, signal_handler);
+    CTerminationSignals::install();
+    struct sigaction action = {};
+    action.sa_handler = signal_handler;
+    action.sa_flags = SA_RESTART;
+    sigemptyset(&action.sa_mask);
+    for (int sig : {SIGINT, SIGHUP, SIGTERM})
+        ::sigaction(sig, &action, nullptr);
     ::signal(SIGPIPE, SIG_IGN);
 
     CTraceThread::CJTConfig config(argc, argv, "CBRadio", CJTDefaultBinaryTracePersistence::getInstance());
     CTraceThread* traceThread = new CTraceThread(config);
-    sigset_t unblocked = blockTerminationSignals();
+    sigset_t unblocked;
+    pthread_sigmask(SIG_SETMASK, nullptr, &unblocked);
+    CTerminationSignals::blockOnThisThread();
     pthread_t traceThreadId = CJTThreadCtrl::startThread(traceThread, false, CJTThreadCtrl::DEFAULTPRIORITY,
                                                          CJTThreadCtrl::DEFAULTSTACKSIZE);
     pthread_sigmask(SIG_SETMASK, &unblocked, nullptr);
@@ -99,19 +106,27 @@ int main(int argc, char** argv)
     {
         CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_main_main);
         CCBRadio radio;
+        // Started once the service object exists; a signal that came earlier waits in the pipe.
+        CTerminationSignals::startWatch(onTerminationSignal);
         radio.startService();
         scope.sendFormattedMessage("[CBRadio] Up and Running...");
+        if (!CTerminationSignals::stopping())
+            CServiceManager::notifyReady();
         radio.waitStop();
+        CServiceManager::notifyStopping();
         radio.stopService();
+        // No signal is handled from here on: the handler's work posts to the service object,
+        // which goes at the end of this block.
+        CTerminationSignals::stopWatch();
         scope.sendFormattedMessage("\n@ ----- Exiting CBRadio Service ----- @\n");
-        // The handler posts to the service object, which goes now; a signal from here on is left
-        // pending until the process has ended.
-        blockTerminationSignals();
     }
     traceThread->stop();
-    // A trace thread that does not end in time is left to the process exit rather than deleted
-    // under its feet.
-    if (traceThreadId == 0 || CJTThreadCtrl::join(traceThreadId, TRACE_THREAD_JOIN_MS))
-        delete traceThread;
-    return 0;
+    if (traceThreadId != 0 && !CJTThreadCtrl::join(traceThreadId, TRACE_THREAD_JOIN_MS)) {
+        // A trace thread that does not end in time must not outlive the statics it uses: end the
+        // process here, without running their destructors.
+        std::fflush(nullptr);
+        ::_exit(CTerminationSignals::exitStatus());
+    }
+    delete traceThread;
+    return CTerminationSignals::exitStatus();
 }

@@ -116,9 +116,12 @@ void CCBRadio::sendCBRHWConnectionStatus()
     const int connected = mCBRHWConnectionStatus.load(relaxed);
     if (connected == 1) {
         // A freshly connected module is asked for its software version, bus or no bus.
-        mTxBuf[0].store(0x08, relaxed);
-        mTxBuf[1].store(0x00, relaxed);
-        writeTxBuf(2);
+        const std::unique_lock<CTimedMutex> frame = lockTxBuf();
+        if (frame.owns_lock()) {
+            mTxBuf[0].store(0x08, relaxed);
+            mTxBuf[1].store(0x00, relaxed);
+            writeTxBuf(2);
+        }
     }
     if (!mServiceRegistered.load(relaxed)) {
         scope.sendFormattedMessage("\n[CBR] sendCBRHWConnectionStatus: Service Not initialized\n");

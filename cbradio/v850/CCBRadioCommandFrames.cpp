@@ -2,13 +2,17 @@
 //
 // A frame is message id, payload length (0 or 1) and the payload byte. The reqCBR... builders and
 // the start sequence share mTxBuf and never clear it: a builder that leaves the payload byte alone
-// carries the previous frame's byte over, which the squelch step at its limits relies on. The PTT
-// builder and the status queries use frames of their own.
+// carries the previous frame's byte over, which the squelch step at its limits relies on. Each
+// builder fills, traces and writes its frame under lockTxBuf(), so two builders never mix their
+// bytes; one that cannot get the lock in time drops its frame. The PTT builder and the status
+// queries use frames of their own and need no lock.
 #include "CCBRadio.h"
 
 #include "CDevIpcChannelHandler.h"
 #include "CJTTraceScope.h"
 #include "CJTTraceScopeDef.h"
+
+#include <chrono>
 
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_req_CBR_PTT_STATUS_toV850("CBRadio_CCBRadio", "req_CBR_PTT_STATUS_toV850");
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRStateChange("CBRadio_CCBRadio", "reqCBRStateChange");
@@ -33,6 +37,8 @@ namespace
     const int MIN_CHANNEL = 1;
     const int MAX_CHANNEL = 40;
     const unsigned int MAX_SQUELCH_LEVEL = 14;
+    // Longer than one bounded device write, so a frame waits out one stalled writer ahead of it.
+    const std::chrono::milliseconds TX_LOCK_TIMEOUT(1500);
 
     void setTxBuf(unsigned char id, unsigned char length)
     {
@@ -54,6 +60,11 @@ namespace
     {
         scope.sendFormattedMessage(format, txByte(0), txByte(1), txByte(2));
     }
+}
+
+std::unique_lock<CTimedMutex> CCBRadio::lockTxBuf()
+{
+    return std::unique_lock<CTimedMutex>(mpCBRadio->mTxMutex, TX_LOCK_TIMEOUT);
 }
 
 int CCBRadio::writeTxBuf(unsigned int length)
@@ -82,6 +93,9 @@ void CCBRadio::req_CBR_PTT_STATUS_toV850(ECBRPTTStatus status)
 void CCBRadio::reqCBRStateChange(int state)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRStateChange);
+    const std::unique_lock<CTimedMutex> frame = lockTxBuf();
+    if (!frame.owns_lock())
+        return;
     setTxBuf(MSG_ON_OFF, 0x01);
     setPayload(state);
     traceWriteOut(scope, "\n[CBR]reqCBRStateChange WriteOut %x %x %x \n");
@@ -91,6 +105,9 @@ void CCBRadio::reqCBRStateChange(int state)
 void CCBRadio::reqCBRWeatherAlertOnOffRequest(int onOff)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRWeatherAlertOnOffRequest);
+    const std::unique_lock<CTimedMutex> frame = lockTxBuf();
+    if (!frame.owns_lock())
+        return;
     setTxBuf(MSG_WEATHER_ALERT_ON_OFF, 0x01);
     setPayload(onOff);
     traceWriteOut(scope, "\n[CBR]reqCBR_WA_OnOffRequest WriteOut %x %x %x \n");
@@ -104,6 +121,9 @@ void CCBRadio::reqCBRSetChannel(int channel)
         scope.sendFormattedMessage("\n[CBR]reqCBRSetChannel invalid %x \n", static_cast<unsigned int>(channel));
         return;
     }
+    const std::unique_lock<CTimedMutex> frame = lockTxBuf();
+    if (!frame.owns_lock())
+        return;
     setTxBuf(MSG_CHANNEL_SELECT, 0x01);
     setPayload(channel);
     traceWriteOut(scope, "\n[CBR]reqCBRSetChannel WriteOut %x %x %x \n");
@@ -113,6 +133,9 @@ void CCBRadio::reqCBRSetChannel(int channel)
 void CCBRadio::reqCBRSeek(int direction)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRSeek);
+    const std::unique_lock<CTimedMutex> frame = lockTxBuf();
+    if (!frame.owns_lock())
+        return;
     setTxBuf(MSG_CHANNEL_SELECT, 0x01);
     const int current = mCBRCurrentChannel.load(std::memory_order_relaxed);
     if (direction != 0)
@@ -128,6 +151,9 @@ void CCBRadio::reqCBRSeek(int direction)
 void CCBRadio::reqCBRSelectPreset(int channel)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRSelectPreset);
+    const std::unique_lock<CTimedMutex> frame = lockTxBuf();
+    if (!frame.owns_lock())
+        return;
     setTxBuf(MSG_CHANNEL_SELECT, 0x01);
     setPayload(channel);
     traceWriteOut(scope, "\n[CBR]reqCBRSelectPreset WriteOut %x %x %x \n");
@@ -137,6 +163,9 @@ void CCBRadio::reqCBRSelectPreset(int channel)
 void CCBRadio::reqCBRSetSquelchLevel(int level)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRSetSquelchLevel);
+    const std::unique_lock<CTimedMutex> frame = lockTxBuf();
+    if (!frame.owns_lock())
+        return;
     setTxBuf(MSG_SET_SQUELCH_LEVEL, 0x01);
     setPayload(level);
     traceWriteOut(scope, "\n[CBR]reqCBRSetSquelchLevel WriteOut %x %x %x \n");
@@ -148,6 +177,9 @@ void CCBRadio::reqCBRSetSquelchLevel(int level)
 void CCBRadio::reqCBRAdjustSquelchLevel(int direction)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRAdjustSquelchLevel);
+    const std::unique_lock<CTimedMutex> frame = lockTxBuf();
+    if (!frame.owns_lock())
+        return;
     setTxBuf(MSG_SET_SQUELCH_LEVEL, 0x01);
     const unsigned char level = static_cast<unsigned char>(mCBRSquelchLevel.load(std::memory_order_relaxed));
     if (direction != 0) {
@@ -164,6 +196,9 @@ void CCBRadio::reqCBRAdjustSquelchLevel(int direction)
 void CCBRadio::reqCBRStartScan()
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRStartScan);
+    const std::unique_lock<CTimedMutex> frame = lockTxBuf();
+    if (!frame.owns_lock())
+        return;
     setTxBuf(MSG_START_SCAN, 0x01);
     setPayload(mCBRCurrentChannel.load(std::memory_order_relaxed));
     traceWriteOut(scope, "\n[CBR]reqCBRStartScan WriteOut %x %x %x \n");
@@ -173,6 +208,9 @@ void CCBRadio::reqCBRStartScan()
 void CCBRadio::reqCBRStopScan()
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRStopScan);
+    const std::unique_lock<CTimedMutex> frame = lockTxBuf();
+    if (!frame.owns_lock())
+        return;
     setTxBuf(MSG_STOP_SCAN, 0x00);
     // The stop builder reuses the start-scan wording on purpose.
     scope.sendFormattedMessage("\n[CBR]reqCBRStartScan WriteOut %x %x \n", txByte(0), txByte(1));

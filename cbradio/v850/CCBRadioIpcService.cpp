@@ -13,12 +13,13 @@ static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_initializeIPCServ
 namespace
 {
     const char* const CB_RADIO_DEVICE = "/dev/ipc/ch6";
-    // A reader whose peer has gone sees its stop flag within a read or two; let it finish its
-    // last trace before the process tears down the trace framework's statics.
-    const int READER_GRACE_MS = 50;
+    // The reader is woken at once; a frame it is decoding may still need a
+    // bus call, which fails fast once the connection is closed.
+    const int READER_JOIN_MS = 1000;
 
-    // Handlers stopped at shutdown are never deleted (a reader may still sit in read()); they are
-    // kept here, in a list that is never destroyed either, so they stay reachable to the end.
+    // Stopped handlers are never deleted: a bus callback that took mpIpcHandler just before the
+    // stop may still be writing through it. They are kept here, in a list that is never destroyed
+    // either, so they stay reachable to the end of the process.
     std::vector<CDevIpcChannelHandler*>& stoppedHandlers()
     {
         static std::vector<CDevIpcChannelHandler*>* handlers = new std::vector<CDevIpcChannelHandler*>;
@@ -46,11 +47,10 @@ int CCBRadio::initializeIPCService()
 
 int CCBRadio::deInitializeIPCService()
 {
-    // The handlers stay allocated and their readers unjoined: the process ends right after, and a
-    // reader blocked in read() could not be joined anyway.
+    // Each reader is woken and joined, so that no frame is decoded against a service that is being
+    // taken down. One still busy in the decoder after READER_JOIN_MS decodes nothing more.
     for (auto it = mChannelHandlers.begin(); it != mChannelHandlers.end();) {
-        it->second->stop();
-        it->second->waitReaderEnded(READER_GRACE_MS);
+        it->second->stopAndJoin(READER_JOIN_MS);
         stoppedHandlers().push_back(it->second);
         it = mChannelHandlers.erase(it);
     }

@@ -47,6 +47,7 @@ void CDevIpcChannelHandler::stop()
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CDevIpcChannelHandler_stop);
     scope.sendFormattedMessage("\n[CBRadio] Recvd signal to stop IPC thread...\n");
     mStopFlag.store(true, std::memory_order_relaxed);
+    mpChannel->wake();
 }
 
 void CDevIpcChannelHandler::run()
@@ -67,6 +68,10 @@ void CDevIpcChannelHandler::run()
     unsigned char buffer[READ_SIZE] = {};
     while (!mStopFlag.load(std::memory_order_relaxed)) {
         const int result = mpChannel->readData(buffer, READ_SIZE);
+        // A frame that arrives once the stop was asked is not decoded: the service it would
+        // update is going away.
+        if (mStopFlag.load(std::memory_order_relaxed))
+            break;
         if (result != 0 && mpProcessor != nullptr)
             mpProcessor->processMsg(buffer, static_cast<unsigned int>(result));
         ::usleep(READ_PAUSE_US);
@@ -74,6 +79,17 @@ void CDevIpcChannelHandler::run()
     scope.sendFormattedMessage("\n[CBRadio] stopping thread...\n");
     mStopFlag.store(false, std::memory_order_relaxed);
     mReading.store(false, std::memory_order_release);
+}
+
+bool CDevIpcChannelHandler::stopAndJoin(int timeoutMs)
+{
+    stop();
+    if (getThreadHandle() == 0)
+        return true;
+    if (!waitReaderEnded(timeoutMs))
+        return false;
+    waitStop();
+    return true;
 }
 
 bool CDevIpcChannelHandler::waitReaderEnded(int timeoutMs) const

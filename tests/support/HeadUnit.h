@@ -83,6 +83,9 @@ public:
     void stop();
     // Ends the daemon alone (SIGTERM, repeated; SIGKILL after 3 s). True when it ended by itself.
     bool stopDaemon();
+    // Waits for the daemon to end after a signal the caller sent: its exit status (128 + signal
+    // when a signal ended it), or -1 when it is still running after timeoutMs.
+    int waitDaemon(int timeoutMs) { return mDaemon.wait(timeoutMs); }
     const std::string& error() const { return mError; }
 
     // ---- places and processes -------------------------------------------------------------

@@ -1,6 +1,5 @@
 #include "CtlCommand.h"
-
-#include <json/json.h>
+#include "CtlJson.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -25,7 +24,7 @@ const char* const kGeneralHelp =
     "  presets list                  list the six presets\n"
     "  presets store <preset> <ch>   store channel <ch> (1-40) as preset <preset> (1-6)\n"
     "  presets select <preset>       tune to a preset\n"
-    "  presets clear                 clear all presets (the service sends no reply)\n"
+    "  presets clear                 clear all presets (the service sends no result)\n"
     "  tx | rx                       switch to transmit or back to receive\n"
     "  weather on|off                switch weather alerts on or off\n"
     "  hw-version | sw-version       read the module's versions\n"
@@ -62,7 +61,7 @@ const std::map<std::string, std::string> kCommandHelp = {
                 "list prints {\"CBRadioPresetList\":[...]} (reqCBRGetPresetList); store keeps a "
                 "channel in a preset\n(reqCBRStorePreset {\"channelNumber\":c,\"presetNo\":p}); "
                 "select tunes to it (reqCBRSelectPreset\n{\"PresetNo\":p}); clear empties all six "
-                "(reqCBRClearPreset, sent without waiting: the service\nnever replies to it).\n"},
+                "(reqCBRClearPreset; the service\nanswers it with no result, which counts as done).\n"},
     {"tx", "usage: cbradioctl tx\nSwitches from receive to transmit (reqCBRChangeRxToTx). An "
            "empty reply (exit 1)\nmeans the radio is off.\n"},
     {"rx", "usage: cbradioctl rx\nSwitches from transmit back to receive (reqCBRChangeTxToRx). "
@@ -116,18 +115,9 @@ bool parseLong(const std::string& text, long low, long high, long& out)
     return true;
 }
 
-std::string compact(const Json::Value& v)
-{
-    Json::StreamWriterBuilder b;
-    b["indentation"] = "";
-    return Json::writeString(b, v);
-}
-
 std::string intArg(const char* key, long value)
 {
-    Json::Value v(Json::objectValue);
-    v[key] = static_cast<Json::Int>(value);
-    return compact(v);
+    return jsonIntObject({{key, value}});
 }
 
 // "up"/"down", "on"/"off", "start"/"stop" as 1/0.
@@ -152,7 +142,7 @@ Command presets(const std::vector<std::string>& rest)
         return call("reqCBRGetPresetList");
     if (sub == "clear" && rest.size() == 1) {
         Command c = call("reqCBRClearPreset");
-        c.expectReply = false;
+        c.resultless = true;
         return c;
     }
     if (sub == "select" && rest.size() == 2) {
@@ -165,10 +155,7 @@ Command presets(const std::vector<std::string>& rest)
             return usage("presets store: the preset is a number from 1 to 6");
         if (!parseLong(rest[2], 1, 40, channel))
             return usage("presets store: the channel is a number from 1 to 40");
-        Json::Value v(Json::objectValue);
-        v["channelNumber"] = static_cast<Json::Int>(channel);
-        v["presetNo"] = static_cast<Json::Int>(preset);
-        return call("reqCBRStorePreset", compact(v));
+        return call("reqCBRStorePreset", jsonIntObject({{"channelNumber", channel}, {"presetNo", preset}}));
     }
     return usage("presets: expected list, store <preset> <channel>, select <preset> or clear");
 }
@@ -211,9 +198,7 @@ Command byName(const std::string& name, const std::vector<std::string>& rest)
     if (name == "props") {
         if (rest.size() != 1 || rest[0].empty())
             return usage("props: expected one property name");
-        Json::Value arg(Json::objectValue);
-        arg["props"] = rest[0];
-        Command c = call("getProperties", compact(arg));
+        Command c = call("getProperties", jsonStringObject("props", rest[0]));
         c.kind = Command::Kind::Props;
         // The query name and the signal name differ for this one property.
         c.signals.push_back(rest[0] == "CBRReceptionSensitivityStatus" ? "CBRReceptionSensitivity"
@@ -333,14 +318,7 @@ int exitCodeForReply(const std::string& reply)
 {
     if (reply.find_first_not_of(" \t\r\n") == std::string::npos)
         return EXIT_FAILURE_REPLY;
-    Json::Value v;
-    Json::CharReaderBuilder b;
-    std::string errs;
-    std::istringstream in(reply);
-    if (!Json::parseFromStream(b, in, &v, &errs) || !v.isObject() || !v.isMember("code"))
-        return EXIT_OK;
-    const Json::Value& code = v["code"];
-    return code.isIntegral() && code.asInt64() == 0 ? EXIT_OK : EXIT_FAILURE_REPLY;
+    return replyCode(reply) == ReplyCode::Other ? EXIT_FAILURE_REPLY : EXIT_OK;
 }
 
 }  // namespace cbradioctl

@@ -41,7 +41,8 @@ struct Command
     Kind kind = Kind::Usage;
     std::string method;
     std::string params;         // JSON text; "" for a call without arguments
-    bool expectReply = true;    // false: the service never answers this method
+    bool resultless = false;    // the service gives this method no result: the bus's NoResult
+                                // error then means done
     std::vector<std::string> signals;
     double timeoutS = -1;       // -1: not given (calls use kDefaultCallTimeoutS, watch waits on)
     long count = 0;             // watch: stop after this many signals (0: no limit)

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <deque>
 #include <mutex>
@@ -20,6 +21,9 @@ using namespace cbradioctl;
 namespace
 {
 using Clock = std::chrono::steady_clock;
+
+// The error the library answers a call with when the service gave it no result.
+const char* const kNoResultError = "com.quorin.SvcIpc.Error.NoResult";
 
 // Signals as they arrive on the library's thread, for the main thread to print.
 struct SignalQueue
@@ -111,22 +115,16 @@ bool serviceOnBus(SVCIPC_tConnection conn, const Command& cmd, int& exitCode)
 
 int runCall(SVCIPC_tConnection conn, const Command& cmd, double timeoutS)
 {
-    int exitCode = EXIT_OK;
-    if (!cmd.expectReply) {
-        if (!serviceOnBus(conn, cmd, exitCode))
-            return exitCode;
-        SVCIPC_tError status = SVCIPC_invoke(conn, cmd.busName.c_str(), cmd.objPath.c_str(),
-                                             cmd.method.c_str(), cmd.params.c_str(), 1, 0, nullptr);
-        if (status != 0)
-            return reportFailure(cmd, status, timeoutS);
-        fprintf(stderr, "cbradioctl: %s sent (the service does not reply to it)\n",
-                cmd.method.c_str());
-        return EXIT_OK;
-    }
     SVCIPC_tResponse* resp = nullptr;
     SVCIPC_tError status = SVCIPC_invoke(conn, cmd.busName.c_str(), cmd.objPath.c_str(),
                                          cmd.method.c_str(), cmd.params.c_str(), 0,
                                          timeoutMs(timeoutS), &resp);
+    if (status == SVCIPC_ERR_REMOTE && cmd.resultless
+        && strcmp(SVCIPC_getLastErrorName(), kNoResultError) == 0) {
+        fprintf(stderr, "cbradioctl: %s done (the service gives it no result)\n",
+                cmd.method.c_str());
+        return EXIT_OK;
+    }
     if (status != 0)
         return reportFailure(cmd, status, timeoutS);
     std::string reply = resp->result;

@@ -154,9 +154,9 @@ V850Command V850Command::parse(const std::string& line, V850Model& model)
         return toNumber(arg, 0, 255, n) ? send({V850Model::receptionSensitivity(static_cast<uint8_t>(n))})
                                         : error("sens needs 0..255");
     if (cmd == "hw") {
-        if (arg == "lost") return send({V850Model::hardwareConnection(0)});
-        if (arg == "back") return send({V850Model::hardwareConnection(1)});
-        return toNumber(arg, 0, 255, n) ? send({V850Model::hardwareConnection(static_cast<uint8_t>(n))})
+        if (arg == "lost") return send({model.hardwareConnection(0)});
+        if (arg == "back") return send({model.hardwareConnection(1)});
+        return toNumber(arg, 0, 255, n) ? send({model.hardwareConnection(static_cast<uint8_t>(n))})
                                         : error("hw lost|back|N");
     }
     if (cmd == "wa") {

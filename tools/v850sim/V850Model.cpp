@@ -18,7 +18,7 @@ namespace
 }
 
 V850Model::V850Model()
-    : mRadioOn(false), mChannel(1), mSquelch(8), mWeatherAlert(0), mScanning(false),
+    : mRadioOn(false), mHwConnection(0), mChannel(1), mSquelch(8), mWeatherAlert(0), mScanning(false),
       mScanChannel(1), mRefusePending(false), mRefuseCode(REFUSED)
 {
     setHardwareVersion('1', '0');
@@ -172,7 +172,14 @@ V850Frame V850Model::receptionSensitivity(uint8_t raw)
 
 V850Frame V850Model::hardwareConnection(uint8_t connected)
 {
+    if (connected <= 1)
+        mHwConnection = connected;
     return makeFrame(0x0F, {connected});
+}
+
+std::vector<V850Frame> V850Model::announcement() const
+{
+    return {makeFrame(0x01, {static_cast<uint8_t>(mRadioOn ? 1 : 0)}), makeFrame(0x0F, {mHwConnection})};
 }
 
 V850Frame V850Model::weatherAlert(uint8_t status, uint8_t weatherChannel)
@@ -184,8 +191,8 @@ std::string V850Model::describe() const
 {
     char line[160];
     std::snprintf(line, sizeof(line),
-                  "radio=%s channel=%u squelch=%u weatherAlert=%u scan=%s hw=%02X %02X sw=%.10s",
-                  mRadioOn ? "on" : "off", mChannel, mSquelch, mWeatherAlert, mScanning ? "on" : "off",
+                  "radio=%s connected=%u channel=%u squelch=%u weatherAlert=%u scan=%s hw=%02X %02X sw=%.10s",
+                  mRadioOn ? "on" : "off", mHwConnection, mChannel, mSquelch, mWeatherAlert, mScanning ? "on" : "off",
                   mHwVersion[0], mHwVersion[1], mSwVersion);
     return line;
 }

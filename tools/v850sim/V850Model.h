@@ -19,6 +19,11 @@
 // the state is kept. refuseNext(code) makes the next answer of 01, 02 or 03 carry that code instead
 // of 0xA0 (and leaves the state unchanged). Frames with a wrong length byte, unknown ids and
 // truncated frames get no answer. Not thread-safe: the simulator serialises calls.
+//
+// announcement() is what the microcontroller says to every new connection (a reconnect, or a
+// restarted service): its radio state as 01 01 s and its hardware connection as 0F 01 h, so that
+// the service follows what the module really does. The model starts with the radio off and the
+// module not connected.
 #ifndef V850MODEL_H
 #define V850MODEL_H
 
@@ -57,7 +62,8 @@ public:
     V850Frame weatherAlertOnOff(uint8_t onOff);
     V850Frame txRxStatus(uint8_t tx, uint8_t rx);
     static V850Frame receptionSensitivity(uint8_t raw);
-    static V850Frame hardwareConnection(uint8_t connected);
+    V850Frame hardwareConnection(uint8_t connected);
+    std::vector<V850Frame> announcement() const;
     static V850Frame weatherAlert(uint8_t status, uint8_t weatherChannel);
 
     // One line describing the state, for the simulator's "status" command.
@@ -70,6 +76,7 @@ private:
     uint8_t resultCode(bool valid);
 
     bool mRadioOn;
+    uint8_t mHwConnection;
     uint8_t mChannel;
     uint8_t mSquelch;
     uint8_t mWeatherAlert;

@@ -1,7 +1,8 @@
 // v850sim: stands in for the vehicle microcontroller on the CB radio channel.
 //
 // Listens on the platform node /dev/ipc/ch6 (under CBRADIO_ROOT) as a SOCK_SEQPACKET socket,
-// accepts the head unit (one at a time; a new connection replaces the old one), answers its frames
+// accepts the head unit (one at a time; a new connection replaces the old one), announces the
+// module's state to it (radio on/off, hardware connection), answers its frames
 // through V850Model and logs every frame, one line each: seconds since start, RX (from the head
 // unit) or TX (to it), the bytes in hex. Lines starting with '#' are notes. Commands (see
 // V850Command) come from --cmd, --script and then the prompt on standard input. SIGINT/SIGTERM
@@ -18,6 +19,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -69,7 +71,13 @@ namespace
                         timeoutMs = left.count() < 0 ? 0 : static_cast<int>(left.count());
                     }
                 }
-                pollfd fds[3] = {{gWakePipe[0], POLLIN, 0}, {mListenFd, POLLIN, 0}, {mClientFd, POLLIN, 0}};
+                short clientEvents = POLLIN;
+                {
+                    std::lock_guard<std::mutex> lock(mMutex);
+                    if (!mOutbox.empty())
+                        clientEvents |= POLLOUT;
+                }
+                pollfd fds[3] = {{gWakePipe[0], POLLIN, 0}, {mListenFd, POLLIN, 0}, {mClientFd, clientEvents, 0}};
                 int rc = ::poll(fds, mClientFd >= 0 ? 3 : 2, timeoutMs);
                 if (rc < 0 && errno != EINTR)
                     break;
@@ -81,7 +89,9 @@ namespace
                 }
                 if (rc > 0 && (fds[1].revents & POLLIN))
                     acceptClient();
-                if (rc > 0 && mClientFd >= 0 && fds[2].fd == mClientFd && fds[2].revents)
+                if (rc > 0 && mClientFd >= 0 && fds[2].fd == mClientFd && (fds[2].revents & POLLOUT))
+                    flushLocked();
+                if (rc > 0 && mClientFd >= 0 && fds[2].fd == mClientFd && (fds[2].revents & ~POLLOUT))
                     readClient(nextScan);
                 if (mModel.isScanning() && mClientFd >= 0 && Clock::now() >= nextScan) {
                     for (const V850Frame& f : mModel.onScanTick())
@@ -194,6 +204,9 @@ namespace
             }
         }
 
+        // Frames to the head unit are queued and sent without blocking, so that the simulator
+        // keeps reading while the head unit is slow to read: a microcontroller that stopped
+        // reading whenever its own reports backed up would stall every writer of the service.
         void sendLocked(const V850Frame& frame)
         {
             if (frame.empty())
@@ -202,11 +215,31 @@ namespace
                 writeLine("# not connected, not sent: " + V850Model::toHex(frame));
                 return;
             }
-            ssize_t n = ::send(mClientFd, frame.data(), frame.size(), MSG_NOSIGNAL);
-            if (n == static_cast<ssize_t>(frame.size()))
-                writeLine("TX " + V850Model::toHex(frame));
-            else
-                writeLine(std::string("# send failed: ") + std::strerror(errno) + ": " + V850Model::toHex(frame));
+            mOutbox.push_back(frame);
+            flushLocked();
+            if (!mOutbox.empty()) {
+                // Have the network side wait for the socket to take the rest.
+                char c = 'o';
+                ssize_t ignored = ::write(gWakePipe[1], &c, 1);
+                (void)ignored;
+            }
+        }
+
+        void flushLocked()
+        {
+            while (!mOutbox.empty() && mClientFd >= 0) {
+                const V850Frame& frame = mOutbox.front();
+                ssize_t n = ::send(mClientFd, frame.data(), frame.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+                if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+                    return;
+                if (n < 0 && errno == EINTR)
+                    continue;
+                if (n == static_cast<ssize_t>(frame.size()))
+                    writeLine("TX " + V850Model::toHex(frame));
+                else
+                    writeLine(std::string("# send failed: ") + std::strerror(errno) + ": " + V850Model::toHex(frame));
+                mOutbox.pop_front();
+            }
         }
 
         void acceptClient()
@@ -217,6 +250,10 @@ namespace
             closeClient("replaced by a new connection");
             mClientFd = fd;
             writeLine("# head unit connected");
+            // A new connection is a service that knows nothing yet (restarted, or reconnected
+            // after a loss): tell it the state of the module.
+            for (const V850Frame& f : mModel.announcement())
+                sendLocked(f);
             mChanged.notify_all();
         }
 
@@ -226,6 +263,7 @@ namespace
                 return;
             ::close(mClientFd);
             mClientFd = -1;
+            mOutbox.clear();
             writeLine(std::string("# head unit disconnected (") + why + ")");
             mChanged.notify_all();
         }
@@ -259,6 +297,7 @@ namespace
         Clock::time_point mStart;
         int mScanIntervalMs = 500;
         std::vector<V850Frame> mReceived;
+        std::deque<V850Frame> mOutbox;
     };
 
     void usage()

@@ -241,9 +241,10 @@ TEST_F(Radio, PresetsAreStoredInMemorySelectedByFrameAndCleared)
         "{\"CBRadioPresetList\":[{\"Channel_number\":0,\"PresetNo\":1},{\"Channel_number\":0,\"PresetNo\":2},"
         "{\"Channel_number\":0,\"PresetNo\":3},{\"Channel_number\":0,\"PresetNo\":4},"
         "{\"Channel_number\":0,\"PresetNo\":5},{\"Channel_number\":0,\"PresetNo\":6}]}\n";
-    // Clearing gives no result: the caller gets an error reply at once instead of waiting.
+    // Clearing gives no result: the caller gets the library's NoResult error at once.
     size_t mark = unit->traceMark();
-    EXPECT_EQ(SVCIPC_ERR_REMOTE, unit->call("reqCBRClearPreset", "", 3000).status);
+    EXPECT_EQ(SVCIPC_ERR_REMOTE, unit->call("reqCBRClearPreset", "", 300).status);
+    EXPECT_STREQ("com.quorin.SvcIpc.Error.NoResult", SVCIPC_getLastErrorName());
     EXPECT_TRUE(unit->waitForTrace("\n[CBR] reqCBRClearPreset Requested\n", mark));
     EXPECT_EQ(empty, unit->call("reqCBRGetPresetList").text);
 
@@ -317,10 +318,10 @@ TEST_F(Radio, VersionsComeFromTheV850AndFallThroughToTheRadioMethods)
     EXPECT_EQ("{\"CBRadioHWVersion\":\"9\",\"code\":0,\"description\":\"success\"}\n",
               unit->call("reqCBRHWVersion").text);
 
-    // Unknown names get no result, only the trace (and at once an error reply from the bus
-    // library); the no-reply flag is traced.
+    // Unknown names get the trace and, from the library, UnknownMethod; the no-reply flag is traced.
     mark = unit->traceMark();
-    EXPECT_EQ(SVCIPC_ERR_REMOTE, unit->call("reqCBRFlyToTheMoon", "{}", 3000).status);
+    EXPECT_EQ(SVCIPC_ERR_REMOTE, unit->call("reqCBRFlyToTheMoon", "{}", 300).status);
+    EXPECT_STREQ("org.freedesktop.DBus.Error.UnknownMethod", SVCIPC_getLastErrorName());
     EXPECT_TRUE(unit->traced("\n[CBR handleCBRadioRequest] : method[reqCBRFlyToTheMoon] nReply[0]!!!\n", mark));
     EXPECT_TRUE(unit->traced("\n[CBR] Method [reqCBRFlyToTheMoon] Not Implemented\n", mark));
     SVCIPC_invoke(unit->client(), HeadUnit::kServiceName, HeadUnit::kServicePath, "reqCBRStopScan", "", 1, 0, nullptr);

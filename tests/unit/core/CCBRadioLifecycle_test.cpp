@@ -14,14 +14,17 @@ namespace
     protected:
         void SetUp() override
         {
-            for (const char* name : {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SESSION_BUS_PID", "SVCIPC_DISPATCH_PRIORITY"})
+            for (const char* name : {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SESSION_BUS_PID", "SVCIPC_DISPATCH_PRIORITY",
+                                     "INVOCATION_ID", "NOTIFY_SOCKET", "DBUS_STARTER_ADDRESS", "DBUS_STARTER_BUS_TYPE"})
                 ::unsetenv(name);
             ::mkdir((mPeer.root() + "/tmp").c_str(), 0755);
         }
 
         void write(const std::string& text)
         {
-            std::ofstream(mPeer.root() + "/tmp/envars.sh") << text;
+            const std::string path = mPeer.root() + "/tmp/envars.sh";
+            std::ofstream(path) << text;
+            ::chmod(path.c_str(), 0644);
         }
 
         static std::string env(const char* name)
@@ -35,12 +38,29 @@ namespace
     };
 }
 
-TEST_F(EnvarsFile, MissingOrEmptyFileMeansNoBus)
+TEST_F(EnvarsFile, MissingOrEmptyFileMeansNoBusUnlessAServiceManagerHandedOneOver)
 {
     EXPECT_EQ(0, mRadio.isDbusAvailable(nullptr));
     write("");
     EXPECT_EQ(0, mRadio.isDbusAvailable("/tmp/envars.sh"));
     EXPECT_EQ("<unset>", env("DBUS_SESSION_BUS_ADDRESS"));
+
+    // An address in the environment counts only when systemd or the bus started the process.
+    ::setenv("DBUS_STARTER_ADDRESS", "unix:path=/run/user/starter", 1);
+    ::setenv("DBUS_STARTER_BUS_TYPE", "session", 1);
+    EXPECT_EQ(1, mRadio.isDbusAvailable(nullptr));
+    EXPECT_EQ("unix:path=/run/user/starter", env("DBUS_SESSION_BUS_ADDRESS"));
+    ::unsetenv("DBUS_STARTER_ADDRESS");
+    ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/run/user/bus", 1);
+    EXPECT_EQ(0, mRadio.isDbusAvailable(nullptr));
+    ::setenv("INVOCATION_ID", "0123", 1);
+    EXPECT_EQ(1, mRadio.isDbusAvailable(nullptr));
+    // A file that is there, but may not be trusted, means no bus even then.
+    write("DBUS_SESSION_BUS_ADDRESS=unix:path=/elsewhere;\n");
+    ::chmod((mPeer.root() + "/tmp/envars.sh").c_str(), 0666);
+    EXPECT_EQ(0, mRadio.isDbusAvailable(nullptr));
+    ::unsetenv("INVOCATION_ID");
+    EXPECT_EQ("unix:path=/run/user/bus", env("DBUS_SESSION_BUS_ADDRESS"));
 }
 
 TEST_F(EnvarsFile, ExportedQuotedValueCutAtSemicolonLosesItsQuotes)

@@ -50,7 +50,7 @@ namespace
     };
 }
 
-TEST(CDevIpcChannelHandler, EachReadReachesTheProcessorAsOneFrameAndPeerLossIsNotAFrame)
+TEST(CDevIpcChannelHandler, EachReadReachesTheProcessorAsOneFrameAndAStopJoinsASilentReader)
 {
     V850Peer peer;
     ASSERT_TRUE(peer.listen());
@@ -73,11 +73,17 @@ TEST(CDevIpcChannelHandler, EachReadReachesTheProcessorAsOneFrameAndPeerLossIsNo
     EXPECT_EQ(3, handler.writeData(frame, 3));
     EXPECT_EQ((V850Peer::Frame{0x0E, 0x01, 0x01}), peer.read());
 
-    // The peer going away gives reads of 0, which are not handed on; stop ends the reader.
-    handler.stop();
-    peer.closeConnection();
-    EXPECT_EQ(0, handler.waitStop());
+    // A stop wakes a reader whose peer is silent and joins it; a frame that comes afterwards is
+    // never decoded.
+    const auto asked = std::chrono::steady_clock::now();
+    EXPECT_TRUE(handler.stopAndJoin(2000));
+    EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::milliseconds(500));
+    EXPECT_EQ(0u, handler.getThreadHandle());
+    ASSERT_TRUE(peer.write({0x09, 0x01, 0x40}));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_EQ(2u, processor->lengths().size());
+
+    peer.closeConnection();
     EXPECT_EQ(-1, handler.writeData(frame, 3));   // EPIPE, not SIGPIPE
 }
 

@@ -29,9 +29,10 @@ TEST(V850Model, AnswersTheStartFramesLikeTheMicrocontroller)
     EXPECT_TRUE(answer(m, {0x00, 0x01}).empty());   // status queries have no answer
 }
 
-TEST(V850Model, ConfirmsValidCommandsAndRefusesOthersWithoutChangingState)
+TEST(V850Model, ConfirmsValidCommandsRefusesOthersAndAnnouncesTheStateToNewConnections)
 {
     V850Model m;
+    EXPECT_EQ((std::vector<V850Frame>{{0x01, 0x01, 0x00}, {0x0F, 0x01, 0x00}}), m.announcement());
     EXPECT_EQ((V850Frame{0x01, 0x02, 0x01, 0xA0}), only(answer(m, {0x01, 0x01, 0x01})));
     EXPECT_EQ((V850Frame{0x02, 0x02, 0x28, 0xA0}), only(answer(m, {0x02, 0x01, 0x28})));
     EXPECT_EQ((V850Frame{0x02, 0x02, 0x29, 0xA1}), only(answer(m, {0x02, 0x01, 0x29})));
@@ -45,6 +46,9 @@ TEST(V850Model, ConfirmsValidCommandsAndRefusesOthersWithoutChangingState)
     EXPECT_EQ((V850Frame{0x02, 0x02, 0x05, 0xA0}), only(answer(m, {0x02, 0x01, 0x05})));   // one answer only
     m.refuseNext(0x00);
     EXPECT_EQ((V850Frame{0x01, 0x02, 0x01, 0x00}), only(answer(m, {0x01, 0x01, 0x00})));   // still on
+    m.hardwareConnection(1);
+    m.hardwareConnection(2);   // not a state; reported as given, remembered not
+    EXPECT_EQ((std::vector<V850Frame>{{0x01, 0x01, 0x01}, {0x0F, 0x01, 0x01}}), m.announcement());
 }
 
 TEST(V850Model, PttAnswersWithTxRxStatus)

@@ -1,0 +1,50 @@
+// CBRadioEnvars: the bus environment file ("/tmp/envars.sh", under CBRADIO_ROOT) of the head unit:
+// whether it may be trusted, and its shell assignments.
+//
+// The file names the bus the process will serve and be called on, so it is read only when nobody
+// but root or the process's own user can have written it: a regular file (a symbolic link is not
+// followed), owned by root or by `user`, not writable by group or others. open() checks this on the
+// descriptor it opens (no race between the check and the read) and never blocks: a FIFO counts as
+// missing, like an absent or empty file, which is not worth a message.
+//
+// parseLine() takes one line as fgets() gives it (at most 511 characters and the newline) and
+// finds, anywhere in it, the first of DBUS_SESSION_BUS_ADDRESS=, DBUS_SESSION_BUS_PID= and
+// SVCIPC_DISPATCH_PRIORITY= (tried in that order; so "export NAME=..." works). The line is cut at
+// the first ';' after the name; the value follows the '='. Leading single quotes go, and trailing
+// ones when the value ends in one; a newline left in the value (no ';' cut it) stays, and so do the
+// quotes before it. That is how the head unit's files have always been read; it is kept.
+//
+// No globals, no threads, no heap beyond the returned texts; every function may be called from any
+// thread. The caller reports problems: open() returns why the file was refused, in words.
+#ifndef CBRADIOENVARS_H
+#define CBRADIOENVARS_H
+
+#include <string>
+#include <sys/types.h>
+
+namespace CBRadioEnvars
+{
+    enum Verdict
+    {
+        READABLE,     // fd is open for reading
+        MISSING,      // absent, empty or a FIFO: no file to speak of
+        UNTRUSTED,    // refused; why says so
+        UNOPENABLE    // there, but open(2) failed (errno kept in why)
+    };
+
+    struct File
+    {
+        Verdict verdict = MISSING;
+        int fd = -1;          // only for READABLE; the caller closes it
+        std::string why;      // for UNTRUSTED and UNOPENABLE
+    };
+
+    // Checks and opens the file at a host path for a process running as `user`.
+    File open(const char* hostPath, uid_t user);
+
+    // Splits one line in place. True with name and value pointing into the line when it assigns
+    // one of the three variables; false (line untouched or partly cut) otherwise.
+    bool parseLine(char* line, char** name, char** value);
+}
+
+#endif

@@ -1,0 +1,121 @@
+// The daemon is never wedged: calls from several clients at once are all answered, a trace server
+// that stops reading holds up neither the calls nor the stop, and a termination signal ends the
+// process with exit 0 within two seconds at any moment (during the start frames, under load).
+// Bounds are there to catch a hang; no figure here is about speed.
+#include "HeadUnit.h"
+#include "LoadClients.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <string>
+#include <thread>
+
+namespace
+{
+    typedef std::chrono::steady_clock Clock;
+
+    const int kStopLimitMs = 2000;
+
+    // Sends `signal` once and waits; the exit status, and in `ms` how long it took.
+    int stopDaemonWith(HeadUnit& unit, int signal, double& ms)
+    {
+        const Clock::time_point t0 = Clock::now();
+        ::kill(unit.daemonPid(), signal);
+        const int status = unit.waitDaemon(kStopLimitMs);
+        ms = std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
+        return status;
+    }
+
+    // Four clients call the whole mix for three seconds: every call is answered; then SIGTERM,
+    // with the clients still calling, ends the daemon cleanly in time.
+    void expectAnsweredUnderLoadAndStopped(HeadUnit& unit)
+    {
+        LoadClients::Options options;
+        options.clients = 4;
+        options.timeoutMs = 3000;
+        LoadClients clients(options);
+        ASSERT_TRUE(clients.start()) << clients.error();
+        std::this_thread::sleep_for(std::chrono::seconds(3));
+        clients.endCount();
+        const LoadFigures f = clients.figures();
+
+        double ms = 0;
+        const int status = stopDaemonWith(unit, SIGTERM, ms);
+        clients.stop();
+
+        EXPECT_GT(f.calls, 0u);
+        EXPECT_EQ(0u, f.timeouts) << f.calls << " calls, p99 " << f.p99Us << " us";
+        EXPECT_EQ(0u, f.errors) << (f.errorKinds.empty() ? "" : f.errorKinds.begin()->first);
+        EXPECT_EQ(0u, f.failureResults);
+        EXPECT_GT(f.signals, 0u);
+        EXPECT_EQ(0, clients.stuckClients());
+        EXPECT_EQ(0, status) << "SIGTERM under load: not ended within " << kStopLimitMs << " ms\n"
+                             << unit.daemonErrors();
+    }
+}
+
+TEST(Robustness, LoadMixIsAnsweredThroughoutAndSigtermEndsItCleanly)
+{
+    HeadUnit unit;
+    HeadUnit::Options options;
+    options.recordSignals = false;
+    ASSERT_TRUE(unit.start(options)) << unit.error();
+    expectAnsweredUnderLoadAndStopped(unit);
+}
+
+// tracesrv is stopped (SIGSTOP) once the daemon has connected to it, so every record the daemon
+// sends from then on stays unread; the console keeps tracing too.
+TEST(Robustness, TraceServerThatStopsReadingHoldsUpNeitherCallsNorTheStop)
+{
+    HeadUnit unit;
+    HeadUnit::Options options;
+    options.recordSignals = false;
+    options.traceSettings = "JTTracePersistence 1.1.0\n* 7f 9\n";
+    pid_t server = -1;
+    options.beforeDaemon = [&](HeadUnit& u) {
+        server = u.spawn({HeadUnit::buildDir() + "/tools/tracesrv/tracesrv", "--no-stdin"}, "tracesrv");
+        return server > 0 && HeadUnit::waitUntil([&] { return ::access(u.path("dev/mv2trace/register").c_str(), F_OK) == 0; }, 5000);
+    };
+    ASSERT_TRUE(unit.start(options)) << unit.error();
+    ASSERT_TRUE(HeadUnit::waitUntil([&] {
+        return HeadUnit::readFile(unit.path("tracesrv.out")).find("CBRadio connected") != std::string::npos;
+    }, 5000));
+    ASSERT_EQ(0, ::kill(server, SIGSTOP));
+    expectAnsweredUnderLoadAndStopped(unit);
+    ::kill(server, SIGCONT);
+}
+
+// The start sequence writes three frames one second apart; each of the three termination signals
+// comes at another point of it.
+class SignalDuringStartFrames : public testing::TestWithParam<std::pair<int, size_t>> {};
+
+TEST_P(SignalDuringStartFrames, EndsTheDaemonWithExit0InTime)
+{
+    const int signal = GetParam().first;
+    const size_t framesSeen = GetParam().second;
+    HeadUnit unit;
+    HeadUnit::Options options;
+    options.recordSignals = false;
+    options.readyTrace = "";
+    ASSERT_TRUE(unit.start(options)) << unit.error();
+    // The daemon's answers to the simulator's announcement on connecting (0E 01 00) do not count.
+    auto startFrames = [&] {
+        size_t n = 0;
+        for (const std::string& f : unit.framesFromHeadUnit())
+            n += f == "07 00" || f == "08 00" || f == "0C 01 01";
+        return n;
+    };
+    ASSERT_TRUE(HeadUnit::waitUntil([&] { return startFrames() >= framesSeen; }, 8000));
+    ASSERT_FALSE(unit.traced("[CBRadio] Up and Running..."));
+
+    double ms = 0;
+    EXPECT_EQ(0, stopDaemonWith(unit, signal, ms)) << "not ended within " << kStopLimitMs << " ms\n"
+                                                   << unit.daemonErrors();
+    EXPECT_TRUE(unit.traced("rcvd signal to exit (" + std::to_string(signal) + ")\n"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Robustness, SignalDuringStartFrames,
+                         testing::Values(std::make_pair(SIGTERM, size_t{1}), std::make_pair(SIGINT, size_t{2}),
+                                         std::make_pair(SIGHUP, size_t{3})));
