@@ -2,6 +2,7 @@
 
 #include "JTOperatingSystem.h"
 #include "JTRootPrefix.h"
+#include "JTSafeFile.h"
 
 #include <atomic>
 #include <cerrno>
@@ -48,24 +49,6 @@ namespace
             length -= static_cast<size_t>(written);
         }
     }
-
-    // mkdir -p on a stack copy: the heap may be what has run out.
-    void makeDirectories(const char* path)
-    {
-        char buffer[512];
-        size_t length = std::strlen(path);
-        if (length >= sizeof(buffer))
-            return;
-        std::memcpy(buffer, path, length + 1);
-        for (size_t pos = 1; pos <= length; ++pos) {
-            if (buffer[pos] == '/' || buffer[pos] == '\0') {
-                char saved = buffer[pos];
-                buffer[pos] = '\0';
-                (void)::mkdir(buffer, 0777);
-                buffer[pos] = saved;
-            }
-        }
-    }
 }
 
 void JTBacktrace::setInfos(tInfoProvider provider)
@@ -101,16 +84,29 @@ bool JTBacktrace::doBacktrace(const char* message, const char* directory, const 
         return false;
     }
     std::snprintf(path, sizeof(path), "%s/%s.%s", folder, name, extension != nullptr ? extension : "");
-    makeDirectories(folder);
 
-    int fd;
-    do {
-        fd = ::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    } while (fd < 0 && errno == EINTR);
+    // The notes are written to a new file of our own beside the target, after what earlier notes
+    // of this process left there, and renamed over the target: a link planted at either name is
+    // never followed, and no file is made in a folder where others could swap it.
+    char temporary[540];
+    std::snprintf(temporary, sizeof(temporary), "%s.%d.tmp", path, static_cast<int>(JTOperatingSystem::getCurrentTID()));
+    int fd = JTSafeFile::makeFolder(folder) ? JTSafeFile::createExclusive(temporary, 0644) : -1;
     if (fd < 0) {
         std::fprintf(stderr, "Cannot open %s\n", path);
         errno = savedErrno;
         return false;
+    }
+    int earlier;
+    do {
+        earlier = ::open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    } while (earlier < 0 && errno == EINTR);
+    if (earlier >= 0) {
+        char block[1024];
+        ssize_t got;
+        while ((got = ::read(earlier, block, sizeof(block))) > 0 || (got < 0 && errno == EINTR))
+            if (got > 0)
+                writeAll(fd, block, static_cast<size_t>(got));
+        ::close(earlier);
     }
 
     char text[1024];
@@ -122,7 +118,11 @@ bool JTBacktrace::doBacktrace(const char* message, const char* directory, const 
     void* frames[kMaxFrames];
     int count = backtrace(frames, kMaxFrames);
     backtrace_symbols_fd(frames, count, fd);
-    ::close(fd);
+    bool done = ::close(fd) == 0 && ::rename(temporary, path) == 0;
+    if (!done) {
+        ::unlink(temporary);
+        std::fprintf(stderr, "Cannot open %s\n", path);
+    }
     errno = savedErrno;
-    return true;
+    return done;
 }

@@ -5,9 +5,12 @@
 // the calling thread (backtrace(3)). The information and the name part come from the installed
 // provider; the default one gives "TID: <tid> PID: <pid>" and "PID<pid>".
 // directory is a platform path resolved under CBRADIO_ROOT; the platform's shared-memory folder
-// "/dev/shmem" (DEFAULT_DIRECTORY) is "/dev/shm" here. Missing folders are created.
+// "/dev/shmem" (DEFAULT_DIRECTORY) is "/dev/shm" here. Missing folders are created (mode 0755).
+// The file is made safely (JTSafeFile): the notes go to a new file opened O_EXCL | O_NOFOLLOW
+// after a copy of the earlier notes, and that file is renamed over the old one; a folder that
+// others may write to without the sticky bit is refused.
 //
-// Errors: when the file cannot be opened, "Cannot open <host path>\n" goes to standard error and
+// Errors: when the folder is refused or the file cannot be made, "Cannot open <host path>\n" goes to standard error and
 // false is returned.
 //
 // Usable when the heap is exhausted: no allocation happens here after the first call (the call

@@ -142,7 +142,7 @@ int JTDeviceNode::makeParentDirs(const char* hostPath)
     for (size_t pos = 1; pos <= dir.size(); ++pos) {
         if (pos == dir.size() || dir[pos] == '/') {
             std::string part = dir.substr(0, pos);
-            if (::mkdir(part.c_str(), 0777) < 0 && errno != EEXIST)
+            if (::mkdir(part.c_str(), 0755) < 0 && errno != EEXIST)
                 return -1;
         }
     }

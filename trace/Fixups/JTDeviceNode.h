@@ -40,7 +40,7 @@ namespace JTDeviceNode
     int listenHost(const char* hostPath, int backlog = 8);
     int listen(const char* platformPath, int backlog = 8);
 
-    // Creates every missing folder of the path's parent (like mkdir -p of its dirname). Returns 0
+    // Creates every missing folder of the path's parent (like mkdir -p of its dirname, mode 0755). Returns 0
     // or -1 with errno set.
     int makeParentDirs(const char* hostPath);
 }

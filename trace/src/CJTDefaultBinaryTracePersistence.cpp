@@ -9,6 +9,7 @@
 
 #include "CJTByteStream.h"
 #include "JTRootPrefix.h"
+#include "JTSafeFile.h"
 #include "JTSyslog.h"
 
 const char* const CJTDefaultBinaryTracePersistence::sFolder = "/var/lib/cbradio/trace";
@@ -21,22 +22,6 @@ void reportFailure(const char* action, const std::string& path)
 {
     JTSyslog::logMsg(kSyslogModule, JTSyslog::SEV_WARNING, "Trace persistence: cannot %s '%s': %s", action,
                      path.c_str(), strerror(errno));
-}
-
-// mkdir -p of an absolute host path.
-bool makeFolders(const std::string& folder)
-{
-    std::string partial;
-    size_t pos = 0;
-    while (pos != std::string::npos) {
-        pos = folder.find('/', pos + 1);
-        partial = folder.substr(0, pos);
-        if (partial.empty())
-            continue;
-        if (mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST)
-            return false;
-    }
-    return true;
 }
 
 bool writeAll(int fd, const uint8_t* data, size_t size)
@@ -102,13 +87,14 @@ void CJTDefaultBinaryTracePersistence::store(const char* name, CJTByteStream& da
     std::string path = getPath(name);
     if (path.empty())
         return;
-    if (!makeFolders(path.substr(0, path.rfind('/')))) {
+    if (!JTSafeFile::makeFolder(path.substr(0, path.rfind('/')).c_str())) {
         reportFailure("create the folder of", path);
         return;
     }
-    // Written beside the target and renamed over it, so readers see the old or the new block.
+    // Written to a new file beside the target and renamed over it, so readers see the old or the
+    // new block, and a link planted at the temporary name is never followed.
     std::string temporary = path + ".tmp." + std::to_string(getpid());
-    int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    int fd = JTSafeFile::createExclusive(temporary.c_str(), 0644);
     if (fd < 0) {
         reportFailure("write", temporary);
         return;

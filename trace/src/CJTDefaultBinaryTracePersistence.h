@@ -2,8 +2,9 @@
 //
 // The block for process name N lives in the platform path "/var/lib/cbradio/trace/N.bin", taken
 // under CBRADIO_ROOT like every platform path (so "$CBRADIO_ROOT/var/lib/cbradio/trace/N.bin").
-// store creates the missing folders and replaces the file atomically (a temporary file renamed
-// over it), so a crash never leaves half a block behind. kill removes the file. A name that is
+// store creates the missing folders (0755) and replaces the file atomically (a new temporary file,
+// opened O_EXCL | O_NOFOLLOW, renamed over it), so a crash never leaves half a block behind; a
+// folder that others may write to without the sticky bit is refused (JTSafeFile). kill removes the file. A name that is
 // empty or contains '/' is refused (nothing loaded, stored or removed).
 //
 // Errors: a file that cannot be read, written or removed is logged to the system log at severity 3

@@ -84,6 +84,9 @@ public:
     // True if the file was opened and read to its end.
     bool loadTextPersistence(const char* file);
     // A descriptor positioned after the header line, or -1 (reported through the persistence scope).
+    // A file that exists but cannot be opened, or is not a regular file (a FIFO, socket, folder),
+    // raises the assertion "Unable to load text trace persistence: <file> could not be opened" at
+    // once; nothing ever waits for a writer.
     int openTextPersistenceFile(const char* file);
 
     // The text file format this framework writes and reads: 1.1.0.

@@ -109,10 +109,16 @@ int CJTTraceScopeManager::openTextPersistenceFile(const char* file)
         return -1;
     }
 
+    // Opened without waiting (a FIFO would block until a writer came), and taken only when it is
+    // a regular file: a FIFO, socket, folder or device is refused like an unreadable file.
     int fd;
     do {
-        fd = open(file, O_RDONLY | O_CLOEXEC);
+        fd = open(file, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     } while (fd < 0 && errno == EINTR);
+    if (fd >= 0 && (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode))) {
+        close(fd);
+        fd = -1;
+    }
     if (fd < 0) {
         TJTFormatString<400> text("Unable to load text trace persistence: %s could not be opened", file);
         JT_ASSERT_MSG(false, text.c_str());
@@ -142,7 +148,10 @@ int CJTTraceScopeManager::openTextPersistenceFile(const char* file)
     }
     while (consumed < n && isspace(static_cast<unsigned char>(head[consumed])))
         ++consumed;
-    lseek(fd, consumed, SEEK_SET);
+    if (lseek(fd, consumed, SEEK_SET) != static_cast<off_t>(consumed)) {
+        close(fd);
+        return -1;
+    }
     return fd;
 }
 
@@ -174,7 +183,8 @@ bool CJTTraceScopeManager::loadTextPersistence(const char* file)
             const char* last = static_cast<const char*>(memrchr(chunk, '\n', used));
             if (last && last != chunk + used - 1) {
                 size_t keep = static_cast<size_t>(last - chunk) + 1;
-                lseek(fd, -static_cast<off_t>(used - keep), SEEK_CUR);
+                if (lseek(fd, -static_cast<off_t>(used - keep), SEEK_CUR) < 0)
+                    break;  // cannot step back to the cut line: stop, not at the end
                 used = keep;
             }
         }

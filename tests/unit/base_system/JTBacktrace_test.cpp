@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace
@@ -42,7 +43,7 @@ TEST(JTBacktrace, ProviderNamesTheFileAndOtherFoldersStayUnderTheRoot)
     EXPECT_EQ(readFile(root.path() + "/var/log/notes/radio.txt").rfind("\n[backtrace] INFO - m\n\nbuild 12\n", 0), 0u);
 }
 
-TEST(JTBacktrace, UnopenableFileIsReported)
+TEST(JTBacktrace, UnsafePlacesAreRefusedAndPlantedLinksNeverFollowed)
 {
     TempRoot root;
     std::FILE* blocker = std::fopen((root.path() + "/blocked").c_str(), "w");
@@ -52,4 +53,25 @@ TEST(JTBacktrace, UnopenableFileIsReported)
     EXPECT_FALSE(JTBacktrace::doBacktrace("m", "/blocked/sub", "ass"));
     EXPECT_EQ(::testing::internal::GetCapturedStderr(),
               "Cannot open " + root.path() + "/blocked/sub/PID" + std::to_string(getpid()) + ".ass\n");
+
+    // A folder anyone may write to is used only with the sticky bit.
+    const std::string open = root.path() + "/dev/shm";
+    ASSERT_EQ(::mkdir((root.path() + "/dev").c_str(), 0755), 0);
+    ASSERT_EQ(::mkdir(open.c_str(), 0755), 0);
+    ASSERT_EQ(::chmod(open.c_str(), 0777), 0);
+    ::testing::internal::CaptureStderr();
+    EXPECT_FALSE(JTBacktrace::doBacktrace("m", JTBacktrace::DEFAULT_DIRECTORY, "ass"));
+    ::testing::internal::GetCapturedStderr();
+    ASSERT_EQ(::chmod(open.c_str(), 01777), 0);
+
+    // A link planted at the file's name is replaced, not written through.
+    const std::string victim = root.path() + "/victim";
+    blocker = std::fopen(victim.c_str(), "w");
+    ASSERT_NE(blocker, nullptr);
+    std::fclose(blocker);
+    const std::string file = open + "/PID" + std::to_string(getpid()) + ".ass";
+    ASSERT_EQ(::symlink(victim.c_str(), file.c_str()), 0);
+    EXPECT_TRUE(JTBacktrace::doBacktrace("m", JTBacktrace::DEFAULT_DIRECTORY, "ass"));
+    EXPECT_EQ(readFile(victim), "");
+    EXPECT_EQ(readFile(file).rfind("\n[backtrace] INFO - m\n", 0), 0u);
 }

@@ -2,7 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <mutex>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 #include <string>
 #include <vector>
 
@@ -10,6 +15,7 @@
 #include "CJTTraceHelper.h"
 #include "CJTTraceScope.h"
 #include "CJTTraceScopeDef.h"
+#include "JTAssert.h"
 #include "JTSyslog.h"
 #include "TraceTestSupport.h"
 
@@ -167,6 +173,28 @@ TEST_F(PersistenceFixture, TextFileVersionsAreCheckedOnTheHeader)
     ASSERT_EQ(1u, d.size());
     EXPECT_EQ(32, d[0].kind);
     EXPECT_EQ("Unable to load text trace persistence: '/nonexistent/unit_trace.tp' does not exist", d[0].text);
+
+    // A FIFO (which would wait for a writer) and a socket are refused at once, like an unreadable
+    // file: with the assertion announced, it is only counted.
+    TempFile folder("");
+    std::string fifo = std::string(folder.path()) + ".fifo";
+    std::string socketPath = std::string(folder.path()) + ".sock";
+    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+    int sock = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", socketPath.c_str());
+    ASSERT_EQ(0, bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
+    unsigned int occurred = CJTAsserter::getOccuredAssertions();
+    CJTAsserter::setExpectedAssertions(occurred + 2);
+    EXPECT_FALSE(manager().loadTextPersistence(fifo.c_str()));
+    EXPECT_FALSE(manager().loadTextPersistence(socketPath.c_str()));
+    EXPECT_EQ(occurred + 2, CJTAsserter::getOccuredAssertions());
+    CJTAsserter::setExpectedAssertions(0);
+    CJTAsserter::setOccuredAssertions(0);
+    close(sock);
+    unlink(fifo.c_str());
+    unlink(socketPath.c_str());
 }
 
 TEST_F(PersistenceFixture, TextFileSectionsPrefixesAndOverrides)
