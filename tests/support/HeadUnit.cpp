@@ -74,6 +74,8 @@ bool HeadUnit::start(const Options& options)
     if (options.writeEnvars) {
         std::ofstream(path("tmp/envars.sh")) << "export DBUS_SESSION_BUS_ADDRESS='" << mBus.address() << "';\n"
                                              << "export DBUS_SESSION_BUS_PID=" << mBus.pid() << ";\n";
+        // The daemon reads it only when group and others cannot write it, whatever our umask.
+        ::chmod(path("tmp/envars.sh").c_str(), 0644);
     }
     if (!startClient())
         return false;

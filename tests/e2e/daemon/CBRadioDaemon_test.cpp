@@ -7,6 +7,10 @@
 #include <chrono>
 #include <csignal>
 #include <dirent.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -57,9 +61,11 @@ namespace
 
         // Starts a program with the root prefix set and no bus in its environment; its standard
         // output and error go to files under the root.
-        ChildProcess& start(const std::vector<std::string>& args, const std::string& name, bool foreground)
+        ChildProcess& start(const std::vector<std::string>& args, const std::string& name, bool foreground,
+                            const std::map<std::string, std::string>& env = {})
         {
-            std::map<std::string, std::string> set = {{"CBRADIO_ROOT", mRoot.path()}};
+            std::map<std::string, std::string> set = env;
+            set.emplace("CBRADIO_ROOT", mRoot.path());
             std::vector<std::string> unset = {"DBUS_SESSION_BUS_ADDRESS"};
             if (foreground)
                 set.emplace("CBRADIO_FOREGROUND", "1");
@@ -88,9 +94,9 @@ namespace
                                   3000));
         }
 
-        ChildProcess& startDaemon(bool foreground)
+        ChildProcess& startDaemon(bool foreground, const std::map<std::string, std::string>& env = {})
         {
-            return start({buildDir() + "/cbradio/cbradiod", "--tp=" + mRoot.path("tp.txt")}, "daemon", foreground);
+            return start({buildDir() + "/cbradio/cbradiod", "--tp=" + mRoot.path("tp.txt")}, "daemon", foreground, env);
         }
 
         std::string out(const std::string& name) { return readFile(mRoot.path(name + ".out")); }
@@ -227,16 +233,45 @@ TEST_F(HeadUnit, DaemonDetachesIntoItsOwnSessionAtTheRootDirectory)
     EXPECT_NE(std::string::npos, out("daemon").find("rcvd signal to exit (2)\n"));
 }
 
-// Each termination signal is taken during the start frames in the robustness tests.
-TEST_F(HeadUnit, RunsWithoutRadioOrBusAndStopsCleanlyOnSigterm)
+// Each termination signal is taken during the start frames in the robustness tests. Here the
+// daemon runs as a service manager would start it: its readiness and its stop are announced on
+// NOTIFY_SOCKET, and an envars.sh that others may write is refused in the system log, even though
+// the environment names a bus.
+TEST_F(HeadUnit, UnderAServiceManagerRefusesAnEnvarsFileOthersCanWriteAndReportsReadinessAndStop)
 {
-    ChildProcess& daemon = startDaemon(true);
+    ::mkdir(mRoot.path("tmp").c_str(), 0755);
+    std::ofstream(mRoot.path("tmp/envars.sh")) << "export DBUS_SESSION_BUS_ADDRESS='unix:path=/nowhere';\n";
+    ::chmod(mRoot.path("tmp/envars.sh").c_str(), 0666);
+    const int notify = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path, sizeof(address.sun_path), "%s", mRoot.path("notify").c_str());
+    ASSERT_EQ(0, ::bind(notify, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
+    auto nextNotice = [&] {
+        pollfd readable = {notify, POLLIN, 0};
+        char text[256] = {};
+        if (::poll(&readable, 1, 5000) != 1 || ::recv(notify, text, sizeof(text) - 1, 0) <= 0)
+            return std::string("<none>");
+        return std::string(text);
+    };
+
+    ChildProcess& daemon = startDaemon(true, {{"NOTIFY_SOCKET", mRoot.path("notify")},
+                                              {"DBUS_SESSION_BUS_ADDRESS", "unix:path=/nowhere/either"},
+                                              {"CBRADIO_SYSLOG_STDERR", "1"}});
+    EXPECT_EQ("READY=1", nextNotice());
     ASSERT_TRUE(waitForOutput("daemon", "[CBRadio] Up and Running...", 3000));
     EXPECT_NE(std::string::npos, err("daemon").find("\n[CBRadio] Error opening /dev/ipc/ch6!\n"));
     EXPECT_NE(std::string::npos, out("daemon").find("\n[CBR] Error Opening /dev/ipc/ch6\n"));
+    EXPECT_NE(std::string::npos, err("daemon").find("[CBR] ERROR: not reading " + mRoot.path("tmp/envars.sh") +
+                                                    ": it is writable by group or others (mode 666); running "
+                                                    "without a bus"));
+    EXPECT_NE(std::string::npos, out("daemon").find("\n[CBR] DBUS not started on the target\n"));
+    EXPECT_EQ(std::string::npos, out("daemon").find("DBUS_SESSION_BUS_ADDRESS now available"));
 
     stopWith(daemon.pid(), SIGTERM);
+    EXPECT_EQ("STOPPING=1", nextNotice());
     EXPECT_EQ(0, daemon.wait(5000)) << err("daemon");
+    ::close(notify);
     const std::string text = out("daemon");
     EXPECT_NE(std::string::npos, text.find("rcvd signal to exit (" + std::to_string(SIGTERM) + ")\n"));
     EXPECT_NE(std::string::npos, text.find("\n[CBR run] exiting Req processing thread...\n"));
