@@ -154,11 +154,12 @@ void LoadClients::clientLoop(std::shared_ptr<Shared> shared, std::shared_ptr<Cli
         if (status == 0) {
             ++f.answered;
             f.failureResults += failure ? 1 : 0;
-        } else if (SVCIPC_GET_CODE(status) == SVCIPC_ERROR_TIMEOUT) {
-            ++f.timeouts;
         } else {
-            ++f.errors;
-            ++f.errorKinds[std::string(call.method) + ": " + SVCIPC_errorText(status)];
+            if (SVCIPC_GET_CODE(status) == SVCIPC_ERROR_TIMEOUT)
+                ++f.timeouts;
+            else
+                ++f.errors;
+            ++f.errorKinds[call.method + " " + call.params + ": " + SVCIPC_errorText(status)];
         }
         lock.unlock();
         shared->countedInFlight.fetch_sub(1);

@@ -154,6 +154,8 @@ namespace
                     static_cast<unsigned long long>(f.failureResults));
         std::printf("time-outs    %llu\n", static_cast<unsigned long long>(f.timeouts));
         std::printf("errors       %llu\n", static_cast<unsigned long long>(f.errors));
+        if (!f.errorKinds.empty())
+            std::printf("time-outs and errors by call:\n");
         for (const auto& kind : f.errorKinds)
             std::printf("  %llu x %s\n", static_cast<unsigned long long>(kind.second), kind.first.c_str());
         std::printf("latency      p50 %.3f ms  p99 %.3f ms  max %.3f ms\n", f.p50Us / 1000.0, f.p99Us / 1000.0,

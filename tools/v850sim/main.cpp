@@ -21,6 +21,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <deque>
 #include <fcntl.h>
 #include <mutex>
 #include <poll.h>
@@ -70,7 +71,13 @@ namespace
                         timeoutMs = left.count() < 0 ? 0 : static_cast<int>(left.count());
                     }
                 }
-                pollfd fds[3] = {{gWakePipe[0], POLLIN, 0}, {mListenFd, POLLIN, 0}, {mClientFd, POLLIN, 0}};
+                short clientEvents = POLLIN;
+                {
+                    std::lock_guard<std::mutex> lock(mMutex);
+                    if (!mOutbox.empty())
+                        clientEvents |= POLLOUT;
+                }
+                pollfd fds[3] = {{gWakePipe[0], POLLIN, 0}, {mListenFd, POLLIN, 0}, {mClientFd, clientEvents, 0}};
                 int rc = ::poll(fds, mClientFd >= 0 ? 3 : 2, timeoutMs);
                 if (rc < 0 && errno != EINTR)
                     break;
@@ -82,7 +89,9 @@ namespace
                 }
                 if (rc > 0 && (fds[1].revents & POLLIN))
                     acceptClient();
-                if (rc > 0 && mClientFd >= 0 && fds[2].fd == mClientFd && fds[2].revents)
+                if (rc > 0 && mClientFd >= 0 && fds[2].fd == mClientFd && (fds[2].revents & POLLOUT))
+                    flushOutbox();
+                if (rc > 0 && mClientFd >= 0 && fds[2].fd == mClientFd && (fds[2].revents & ~POLLOUT))
                     readClient(nextScan);
                 if (mModel.isScanning() && mClientFd >= 0 && Clock::now() >= nextScan) {
                     for (const V850Frame& f : mModel.onScanTick())
@@ -203,11 +212,36 @@ namespace
                 writeLine("# not connected, not sent: " + V850Model::toHex(frame));
                 return;
             }
-            ssize_t n = ::send(mClientFd, frame.data(), frame.size(), MSG_NOSIGNAL);
-            if (n == static_cast<ssize_t>(frame.size()))
-                writeLine("TX " + V850Model::toHex(frame));
-            else
-                writeLine(std::string("# send failed: ") + std::strerror(errno) + ": " + V850Model::toHex(frame));
+            // The module keeps taking commands while the head unit is slow to read its answers:
+            // a frame the channel cannot take at once waits in the outbox, sent in order once the
+            // channel has room, instead of holding up the reading of the commands.
+            if (mOutbox.size() >= kOutboxLimit) {
+                writeLine("# outbox full, dropped: " + V850Model::toHex(frame));
+                return;
+            }
+            mOutbox.push_back(frame);
+            if (mOutbox.size() == 1)
+                flushOutbox();
+            if (!mOutbox.empty()) {
+                char c = 0;
+                ssize_t ignored = ::write(gWakePipe[1], &c, 1);  // the poll then waits for room
+                (void)ignored;
+            }
+        }
+
+        void flushOutbox()
+        {
+            while (!mOutbox.empty() && mClientFd >= 0) {
+                const V850Frame& frame = mOutbox.front();
+                ssize_t n = ::send(mClientFd, frame.data(), frame.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+                if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
+                    return;
+                if (n == static_cast<ssize_t>(frame.size()))
+                    writeLine("TX " + V850Model::toHex(frame));
+                else
+                    writeLine(std::string("# send failed: ") + std::strerror(errno) + ": " + V850Model::toHex(frame));
+                mOutbox.pop_front();
+            }
         }
 
         void acceptClient()
@@ -231,6 +265,7 @@ namespace
                 return;
             ::close(mClientFd);
             mClientFd = -1;
+            mOutbox.clear();
             writeLine(std::string("# head unit disconnected (") + why + ")");
             mChanged.notify_all();
         }
@@ -264,6 +299,8 @@ namespace
         Clock::time_point mStart;
         int mScanIntervalMs = 500;
         std::vector<V850Frame> mReceived;
+        static const size_t kOutboxLimit = 4096;
+        std::deque<V850Frame> mOutbox;   // frames waiting for room in the channel, oldest first
     };
 
     void usage()

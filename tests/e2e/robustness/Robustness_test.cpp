@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <ostream>
 #include <string>
 #include <thread>
 
@@ -89,12 +90,24 @@ TEST(Robustness, TraceServerThatStopsReadingHoldsUpNeitherCallsNorTheStop)
 
 // The start sequence writes three frames one second apart (hardware version, software version,
 // weather alert on); each of the three termination signals comes right after another of them.
-class SignalDuringStartFrames : public testing::TestWithParam<std::pair<int, const char*>> {};
+struct StopMoment
+{
+    int signal;
+    const char* frame;
+    const char* name;
+};
+
+void PrintTo(const StopMoment& moment, std::ostream* out)
+{
+    *out << moment.name;
+}
+
+class SignalDuringStartFrames : public testing::TestWithParam<StopMoment> {};
 
 TEST_P(SignalDuringStartFrames, EndsTheDaemonWithExit0InTime)
 {
-    const int signal = GetParam().first;
-    const std::string frame = GetParam().second;
+    const int signal = GetParam().signal;
+    const std::string frame = GetParam().frame;
     HeadUnit unit;
     HeadUnit::Options options;
     options.recordSignals = false;
@@ -110,5 +123,7 @@ TEST_P(SignalDuringStartFrames, EndsTheDaemonWithExit0InTime)
 }
 
 INSTANTIATE_TEST_SUITE_P(Robustness, SignalDuringStartFrames,
-                         testing::Values(std::make_pair(SIGTERM, "07 00"), std::make_pair(SIGINT, "08 00"),
-                                         std::make_pair(SIGHUP, "0C 01 01")));
+                         testing::Values(StopMoment{SIGTERM, "07 00", "SigtermAfterHardwareVersionQuery"},
+                                         StopMoment{SIGINT, "08 00", "SigintAfterSoftwareVersionQuery"},
+                                         StopMoment{SIGHUP, "0C 01 01", "SighupAfterWeatherAlertOn"}),
+                         [](const testing::TestParamInfo<StopMoment>& info) { return std::string(info.param.name); });
