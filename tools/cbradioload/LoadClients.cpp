@@ -210,7 +210,7 @@ void LoadClients::stop()
 {
     endCount();
     mShared->running.store(false, std::memory_order_relaxed);
-    {
+    if (!mThreads.empty()) {
         std::unique_lock<std::mutex> lock(mShared->doneMutex);
         const auto deadline = Clock::now() + std::chrono::milliseconds(mOptions.timeoutMs + 2000);
         mShared->doneChanged.wait_until(lock, deadline, [&] { return mShared->done == static_cast<int>(mThreads.size()); });
