@@ -6,7 +6,11 @@
 //   ConsoleDevNull   the same message to the console, standard output redirected to /dev/null
 //                    (formatting, the line head and one writev).
 // ScopeFilteredOut adds the entry/exit pair of a CJTTraceScope whose entry bit is off.
+// Each reports "allocs", the malloc calls per iteration (counted by the wrapper below).
+// Quote the CPU-time median of repetitions: the machine is shared, wall time swings.
 #include <benchmark/benchmark.h>
+
+#include <atomic>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -21,8 +25,24 @@ static CJTTraceScopeDef gsTraceServerScopeDef_Bench_CBench_filtered("Bench_CBenc
 static CJTTraceScopeDef gsTraceServerScopeDef_Bench_CBench_noOutput("Bench_CBench", "noOutput", 0x40, 0x01);
 static CJTTraceScopeDef gsTraceServerScopeDef_Bench_CBench_console("Bench_CBench", "console", 0x40, 0x08);
 
+// Every malloc of the process passes here (the C library's own entry does the work).
+extern "C" void* __libc_malloc(size_t size);
+static std::atomic<unsigned long> sMallocs{0};
+extern "C" void* malloc(size_t size)
+{
+    sMallocs.fetch_add(1, std::memory_order_relaxed);
+    return __libc_malloc(size);
+}
+
 namespace
 {
+// Sets the "allocs" counter to the malloc calls per iteration since start.
+void reportAllocations(benchmark::State& state, unsigned long start)
+{
+    state.counters["allocs"] = benchmark::Counter(static_cast<double>(sMallocs.load() - start),
+                                                  benchmark::Counter::kAvgIterations);
+}
+
 void sendThree(const CJTTraceScope& scope, int i)
 {
     scope.sendFormattedMessage("\n[CBR bench] channel %d squelch %s level %u\n", i, "open", 7u);
@@ -57,8 +77,10 @@ static void FilteredOut(benchmark::State& state)
     CJTTraceHelper::getInstancePtr();
     CJTTraceScope scope(gsTraceServerScopeDef_Bench_CBench_filtered);
     int i = 0;
+    unsigned long start = sMallocs.load();
     for (auto _ : state)
         sendThree(scope, ++i);
+    reportAllocations(state, start);
 }
 BENCHMARK(FilteredOut);
 
@@ -66,10 +88,12 @@ static void ScopeFilteredOut(benchmark::State& state)
 {
     CJTTraceHelper::getInstancePtr();
     int i = 0;
+    unsigned long start = sMallocs.load();
     for (auto _ : state) {
         CJTTraceScope scope(gsTraceServerScopeDef_Bench_CBench_filtered);
         sendThree(scope, ++i);
     }
+    reportAllocations(state, start);
 }
 BENCHMARK(ScopeFilteredOut);
 
@@ -78,8 +102,10 @@ static void EnabledNoOutput(benchmark::State& state)
     CJTTraceHelper::getInstancePtr();
     CJTTraceScope scope(gsTraceServerScopeDef_Bench_CBench_noOutput);
     int i = 0;
+    unsigned long start = sMallocs.load();
     for (auto _ : state)
         sendThree(scope, ++i);
+    reportAllocations(state, start);
 }
 BENCHMARK(EnabledNoOutput);
 

@@ -81,9 +81,13 @@ void CJTTraceScope::sendWarning(const char* text) const { JT_SEND_PLAIN(KIND_WAR
         CJTTraceHelper::getHelperPtr()->sendTraceMsg(kind, text, mDef);    \
     } while (0)
 
+void CJTTraceScope::sendFormatted(uint8_t kind, const char* format, ...) const { JT_SEND_FORMATTED(kind); }
+
+#if !JT_TRACE_INLINE_FILTER
 void CJTTraceScope::sendFormattedMessage(const char* format, ...) const { JT_SEND_FORMATTED(KIND_MESSAGE); }
 void CJTTraceScope::sendFormattedError(const char* format, ...) const { JT_SEND_FORMATTED(KIND_ERROR); }
 void CJTTraceScope::sendFormattedWarning(const char* format, ...) const { JT_SEND_FORMATTED(KIND_WARNING); }
+#endif
 
 #undef JT_SEND_FORMATTED
 

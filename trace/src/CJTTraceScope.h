@@ -8,7 +8,8 @@
 // Construction sends the full scope name as an entry message ("-->", kind 4) and destruction as an
 // exit message ("<--", kind 8), both only when kind 4 is wanted: one filter bit switches the pair.
 // Every send first asks isTraceFlagSet, a few byte reads, before any formatting: a message that
-// is not wanted costs neither formatting nor allocation. Formatted texts go through a 400-byte
+// is not wanted costs neither formatting nor allocation. sendFormattedMessage, -Error and -Warning
+// test the filter byte inline first, so a filtered-out call is one load and one branch. Formatted texts go through a 400-byte
 // stack buffer and are cut there.
 //
 // The *Unconditionally forms skip the wanted-test (filter and silent mode) but still go only to
@@ -24,6 +25,15 @@
 #include <cstdint>
 
 #include "CJTTraceScopeDef.h"
+
+// GCC can forward the arguments of an always-inlined variadic function (__builtin_va_arg_pack), so
+// the filter test of the sendFormatted* forms is made inline there; other compilers (the fuzzing
+// build) call the out-of-line form, which behaves the same, only slower when filtered out.
+#if defined(__GNUC__) && !defined(__clang__)
+#define JT_TRACE_INLINE_FILTER 1
+#else
+#define JT_TRACE_INLINE_FILTER 0
+#endif
 
 class CJTTraceScope
 {
@@ -52,9 +62,28 @@ public:
     void sendError(const char* text) const;
     void sendWarning(const char* text) const;
 
+#if JT_TRACE_INLINE_FILTER
+    // The filter byte is tested at the call site; only a wanted message pays for the call.
+    __attribute__((always_inline, format(printf, 2, 3))) void sendFormattedMessage(const char* format, ...) const
+    {
+        if ((mDef.getFilter() & KIND_MESSAGE) != 0)
+            sendFormatted(KIND_MESSAGE, format, __builtin_va_arg_pack());
+    }
+    __attribute__((always_inline, format(printf, 2, 3))) void sendFormattedError(const char* format, ...) const
+    {
+        if ((mDef.getFilter() & KIND_ERROR) != 0)
+            sendFormatted(KIND_ERROR, format, __builtin_va_arg_pack());
+    }
+    __attribute__((always_inline, format(printf, 2, 3))) void sendFormattedWarning(const char* format, ...) const
+    {
+        if ((mDef.getFilter() & KIND_WARNING) != 0)
+            sendFormatted(KIND_WARNING, format, __builtin_va_arg_pack());
+    }
+#else
     void sendFormattedMessage(const char* format, ...) const __attribute__((format(printf, 2, 3)));
     void sendFormattedError(const char* format, ...) const __attribute__((format(printf, 2, 3)));
     void sendFormattedWarning(const char* format, ...) const __attribute__((format(printf, 2, 3)));
+#endif
 
     void sendMessageUnconditionally(const char* format, ...) const __attribute__((format(printf, 2, 3)));
     void sendErrorUnconditionally(const char* format, ...) const __attribute__((format(printf, 2, 3)));
@@ -78,6 +107,8 @@ public:
 
 private:
     void sendEntryExit(uint8_t kind) const;
+    // The out-of-line rest of the sendFormatted* forms: the whole wanted-test, formatting, sending.
+    void sendFormatted(uint8_t kind, const char* format, ...) const __attribute__((format(printf, 3, 4)));
 
     const CJTTraceScopeDef& mDef;
 };
