@@ -106,6 +106,7 @@ cat >"$root/tmp/envars.sh" <<EOF
 export DBUS_SESSION_BUS_ADDRESS='$address';
 export DBUS_SESSION_BUS_PID=$bus_pid;
 EOF
+chmod 644 "$root/tmp/envars.sh"   # the daemon ignores it when group or others may write it
 export CBRADIO_ROOT=$root
 export DBUS_SESSION_BUS_ADDRESS=$address
 

@@ -12,6 +12,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   procps libtsan2
+  scdoc dpkg-dev systemd
 )
 
 missing=()

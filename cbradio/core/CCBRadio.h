@@ -44,7 +44,8 @@
 
 class CDevIpcChannelHandler;
 
-// Set to 1 by the termination signal handler; the request worker ends when it sees it.
+// Set to 1 when a stop is asked (a termination signal, read on the thread "CBRadioSignals", or the
+// bus lost); the request worker ends when it sees it.
 extern std::atomic<int> sig_exit;
 
 // Request states of the interrupting audio sources "cbRX" and "cbTX".
@@ -93,8 +94,8 @@ public:
     enum { EXIT_BUS_LOST = 1 };
 
     // ---- request queue and worker -----------------------------------------------------------
-    // Appends a request and wakes the worker; callable from any thread (and from the termination
-    // signal handler). Returns the result of the final unlock.
+    // Appends a request and wakes the worker; callable from any thread (not from a signal
+    // handler: it locks). Returns the result of the final unlock.
     int postRequest(ERequest req);
     void run() override;
     // Drains the queue in posting order; called by run() with mReqMutex held. Returns 1.

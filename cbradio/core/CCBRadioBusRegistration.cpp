@@ -8,6 +8,7 @@
 // those early callbacks settle before the start sequence asks the other services for their state.
 #include "CCBRadio.h"
 #include "CBRadioBusNames.h"
+#include "CBRadioInterfaceXml.h"
 
 #include "CJTTraceScope.h"
 #include "CJTTraceScopeDef.h"
@@ -50,13 +51,20 @@ int CCBRadio::initializeDBUSService()
     }
     SVCIPC_setConnectionLostCallback(connection, &CCBRadio::onBusConnectionLost, nullptr);
 
+    // Described before the name is claimed, so that even the call that started the service
+    // (bus activation) is introspectable and answered as the interface says.
+    SVCIPC_setInterfaceDescription(mConnection, SERVICE_OBJECT, CBRADIO_INTERFACE_XML);
     int result = 0;
+    // Marked registered before the name is claimed: the bus hands over a call queued for the name
+    // (the one that activated the service) as soon as the name is ours, and that call is served,
+    // not turned away as too early.
+    mServiceRegistered.store(true, std::memory_order_relaxed);
     status = SVCIPC_registerService(mConnection, SERVICE_NAME, SERVICE_OBJECT, 0, &CCBRadio::handleCBRadioRequest,
                                     CLIENT_TOKEN, &mRegistration);
     if (status < 0) {
+        mServiceRegistered.store(false, std::memory_order_relaxed);
         scope.sendFormattedMessage("\n[CBR] Failed to register service: 0x%0X\n", static_cast<unsigned int>(status));
     } else {
-        mServiceRegistered.store(true, std::memory_order_relaxed);
         subscribeRiderPTT(true);
         subscribePassengerPTT(true);
         subscribePowerMode(true);

@@ -44,6 +44,17 @@ namespace
                 return true;
         return false;
     }
+
+    // A session bus that activated the process names itself in DBUS_STARTER_ADDRESS; it normally
+    // sets DBUS_SESSION_BUS_ADDRESS too, but the starter's word is enough.
+    void takeStarterBusAddress()
+    {
+        const char* type = std::getenv("DBUS_STARTER_BUS_TYPE");
+        const char* starter = std::getenv("DBUS_STARTER_ADDRESS");
+        if (std::getenv("DBUS_SESSION_BUS_ADDRESS") == nullptr && starter != nullptr && type != nullptr &&
+            std::strcmp(type, "session") == 0)
+            ::setenv("DBUS_SESSION_BUS_ADDRESS", starter, 1);
+    }
 }
 
 CCBRadio::CCBRadio()
@@ -170,7 +181,10 @@ int CCBRadio::isDbusAvailable(const char* path)
         break;
     case CBRadioEnvars::MISSING:
         // Started by the bus or by a service manager, the process was handed its bus instead.
-        if (!startedByServiceManager() || std::getenv("DBUS_SESSION_BUS_ADDRESS") == nullptr)
+        if (!startedByServiceManager())
+            return 0;
+        takeStarterBusAddress();
+        if (std::getenv("DBUS_SESSION_BUS_ADDRESS") == nullptr)
             return 0;
         scope.sendFormattedMessage("\n[CBR] INFO: DBUS_SESSION_BUS_ADDRESS now available (%s)\n",
                                    std::getenv("DBUS_SESSION_BUS_ADDRESS"));

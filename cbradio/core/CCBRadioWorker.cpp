@@ -4,8 +4,8 @@
 #include "CDevIpcChannelHandler.h"
 #include "CJTTraceScope.h"
 #include "CJTTraceScopeDef.h"
+#include "CTerminationSignals.h"
 
-#include <csignal>
 
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_run("CBRadio_CCBRadio", "run");
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_handleTimerEvent("CBRadio_CCBRadio", "handleTimerEvent");
@@ -42,22 +42,16 @@ int CCBRadio::postRequest(ERequest req)
 
 void CCBRadio::run()
 {
-    // The termination handler takes mReqMutex; it must never interrupt this thread while it holds
-    // it, so the termination signals are left to the other threads.
-    sigset_t termination;
-    sigemptyset(&termination);
-    sigaddset(&termination, SIGINT);
-    sigaddset(&termination, SIGHUP);
-    sigaddset(&termination, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &termination, nullptr);
+    // Termination signals go to the main thread only, so no handler cuts into this thread's waits.
+    CTerminationSignals::blockOnThisThread();
 
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_run);
     scope.sendFormattedMessage("\n[CBR run] Req processing thread running...\n");
     while (sig_exit.load(std::memory_order_relaxed) == 0) {
         mReqMutex.lock();
         // No predicate on the queue on purpose: a wake-up is a request to drain whatever is
-        // queued. The exit flag alone is looked at once more under the lock: the signal handler
-        // sets it before it takes the lock to post, so an exit requested between the loop test
+        // queued. The exit flag alone is looked at once more under the lock: the stop (signal
+        // or lost bus) sets it before it takes the lock to post, so an exit requested between the loop test
         // and this point is not lost with its wake-up.
         if (sig_exit.load(std::memory_order_relaxed) == 0)
             mReqMutex.condWait();

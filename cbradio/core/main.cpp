@@ -22,6 +22,7 @@
 #include "CTraceThread.h"
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <pthread.h>
@@ -34,8 +35,9 @@ static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_signal_handler_signal_hand
 namespace
 {
     const int MAIN_PRIORITY = 50;
-    // The trace thread ends at most one read time-out after stop(); wait a little longer.
-    const int TRACE_THREAD_JOIN_MS = 3000;
+    // stop() wakes the trace thread's read, so it ends at once; the bound only keeps a stuck one
+    // from holding up the exit.
+    const int TRACE_THREAD_JOIN_MS = 500;
 
     bool runInForeground()
     {
@@ -119,9 +121,12 @@ int main(int argc, char** argv)
         scope.sendFormattedMessage("\n@ ----- Exiting CBRadio Service ----- @\n");
     }
     traceThread->stop();
-    // A trace thread that does not end in time is left to the process exit rather than deleted
-    // under its feet.
-    if (traceThreadId == 0 || CJTThreadCtrl::join(traceThreadId, TRACE_THREAD_JOIN_MS))
-        delete traceThread;
+    if (traceThreadId != 0 && !CJTThreadCtrl::join(traceThreadId, TRACE_THREAD_JOIN_MS)) {
+        // A trace thread that does not end in time must not outlive the statics it uses: end the
+        // process here, without running their destructors.
+        std::fflush(nullptr);
+        ::_exit(CTerminationSignals::exitStatus());
+    }
+    delete traceThread;
     return CTerminationSignals::exitStatus();
 }

@@ -1,6 +1,5 @@
 #include "CtlCommand.h"
-
-#include <json/json.h>
+#include "CtlJson.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -116,18 +115,9 @@ bool parseLong(const std::string& text, long low, long high, long& out)
     return true;
 }
 
-std::string compact(const Json::Value& v)
-{
-    Json::StreamWriterBuilder b;
-    b["indentation"] = "";
-    return Json::writeString(b, v);
-}
-
 std::string intArg(const char* key, long value)
 {
-    Json::Value v(Json::objectValue);
-    v[key] = static_cast<Json::Int>(value);
-    return compact(v);
+    return jsonIntObject({{key, value}});
 }
 
 // "up"/"down", "on"/"off", "start"/"stop" as 1/0.
@@ -165,10 +155,7 @@ Command presets(const std::vector<std::string>& rest)
             return usage("presets store: the preset is a number from 1 to 6");
         if (!parseLong(rest[2], 1, 40, channel))
             return usage("presets store: the channel is a number from 1 to 40");
-        Json::Value v(Json::objectValue);
-        v["channelNumber"] = static_cast<Json::Int>(channel);
-        v["presetNo"] = static_cast<Json::Int>(preset);
-        return call("reqCBRStorePreset", compact(v));
+        return call("reqCBRStorePreset", jsonIntObject({{"channelNumber", channel}, {"presetNo", preset}}));
     }
     return usage("presets: expected list, store <preset> <channel>, select <preset> or clear");
 }
@@ -211,9 +198,7 @@ Command byName(const std::string& name, const std::vector<std::string>& rest)
     if (name == "props") {
         if (rest.size() != 1 || rest[0].empty())
             return usage("props: expected one property name");
-        Json::Value arg(Json::objectValue);
-        arg["props"] = rest[0];
-        Command c = call("getProperties", compact(arg));
+        Command c = call("getProperties", jsonStringObject("props", rest[0]));
         c.kind = Command::Kind::Props;
         // The query name and the signal name differ for this one property.
         c.signals.push_back(rest[0] == "CBRReceptionSensitivityStatus" ? "CBRReceptionSensitivity"
@@ -333,14 +318,7 @@ int exitCodeForReply(const std::string& reply)
 {
     if (reply.find_first_not_of(" \t\r\n") == std::string::npos)
         return EXIT_FAILURE_REPLY;
-    Json::Value v;
-    Json::CharReaderBuilder b;
-    std::string errs;
-    std::istringstream in(reply);
-    if (!Json::parseFromStream(b, in, &v, &errs) || !v.isObject() || !v.isMember("code"))
-        return EXIT_OK;
-    const Json::Value& code = v["code"];
-    return code.isIntegral() && code.asInt64() == 0 ? EXIT_OK : EXIT_FAILURE_REPLY;
+    return replyCode(reply) == ReplyCode::Other ? EXIT_FAILURE_REPLY : EXIT_OK;
 }
 
 }  // namespace cbradioctl

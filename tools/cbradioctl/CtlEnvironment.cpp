@@ -1,7 +1,5 @@
 #include "CtlEnvironment.h"
 
-#include "JTRootPrefix.h"
-
 #include <cstdlib>
 #include <fstream>
 
@@ -33,7 +31,10 @@ std::string resolveBusAddress()
     const char* env = getenv("DBUS_SESSION_BUS_ADDRESS");
     if (env && *env)
         return env;
-    std::string address = addressFromEnvFile(JTRootPrefix::resolve("/tmp/envars.sh"));
+    // The root prefix as every program of the system applies it; this tool never changes its
+    // working directory, so a relative prefix needs no resolving.
+    const char* root = getenv("CBRADIO_ROOT");
+    std::string address = addressFromEnvFile(std::string(root ? root : "") + "/tmp/envars.sh");
     if (!address.empty())
         setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
     return address;

@@ -19,9 +19,9 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <cstdio>
 #include <cstring>
-#include <deque>
 #include <fcntl.h>
 #include <mutex>
 #include <poll.h>
@@ -90,7 +90,7 @@ namespace
                 if (rc > 0 && (fds[1].revents & POLLIN))
                     acceptClient();
                 if (rc > 0 && mClientFd >= 0 && fds[2].fd == mClientFd && (fds[2].revents & POLLOUT))
-                    flushOutbox();
+                    flushLocked();
                 if (rc > 0 && mClientFd >= 0 && fds[2].fd == mClientFd && (fds[2].revents & ~POLLOUT))
                     readClient(nextScan);
                 if (mModel.isScanning() && mClientFd >= 0 && Clock::now() >= nextScan) {
@@ -204,6 +204,9 @@ namespace
             }
         }
 
+        // Frames to the head unit are queued and sent without blocking, so that the simulator
+        // keeps reading while the head unit is slow to read: a microcontroller that stopped
+        // reading whenever its own reports backed up would stall every writer of the service.
         void sendLocked(const V850Frame& frame)
         {
             if (frame.empty())
@@ -212,30 +215,25 @@ namespace
                 writeLine("# not connected, not sent: " + V850Model::toHex(frame));
                 return;
             }
-            // The module keeps taking commands while the head unit is slow to read its answers:
-            // a frame the channel cannot take at once waits in the outbox, sent in order once the
-            // channel has room, instead of holding up the reading of the commands.
-            if (mOutbox.size() >= kOutboxLimit) {
-                writeLine("# outbox full, dropped: " + V850Model::toHex(frame));
-                return;
-            }
             mOutbox.push_back(frame);
-            if (mOutbox.size() == 1)
-                flushOutbox();
+            flushLocked();
             if (!mOutbox.empty()) {
-                char c = 0;
-                ssize_t ignored = ::write(gWakePipe[1], &c, 1);  // the poll then waits for room
+                // Have the network side wait for the socket to take the rest.
+                char c = 'o';
+                ssize_t ignored = ::write(gWakePipe[1], &c, 1);
                 (void)ignored;
             }
         }
 
-        void flushOutbox()
+        void flushLocked()
         {
             while (!mOutbox.empty() && mClientFd >= 0) {
                 const V850Frame& frame = mOutbox.front();
                 ssize_t n = ::send(mClientFd, frame.data(), frame.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-                if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
+                if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
                     return;
+                if (n < 0 && errno == EINTR)
+                    continue;
                 if (n == static_cast<ssize_t>(frame.size()))
                     writeLine("TX " + V850Model::toHex(frame));
                 else
@@ -299,8 +297,7 @@ namespace
         Clock::time_point mStart;
         int mScanIntervalMs = 500;
         std::vector<V850Frame> mReceived;
-        static const size_t kOutboxLimit = 4096;
-        std::deque<V850Frame> mOutbox;   // frames waiting for room in the channel, oldest first
+        std::deque<V850Frame> mOutbox;
     };
 
     void usage()

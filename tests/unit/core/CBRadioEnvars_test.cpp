@@ -68,20 +68,3 @@ TEST(CBRadioEnvars, ReadsOnlyWhatNobodyButRootOrTheUserCanHaveWritten)
             ::close(file.fd);
     }
 }
-
-TEST(CBRadioEnvars, LinesWithoutAKnownAssignmentAreSkipped)
-{
-    for (const char* text : {"", "\n", "PATH=/bin;\n", "DBUS_SESSION_BUS_ADDRESS\n", "dbus_session_bus_address=x;\n"}) {
-        std::string line = text;
-        char* name = nullptr;
-        char* value = nullptr;
-        EXPECT_FALSE(CBRadioEnvars::parseLine(&line[0], &name, &value)) << text;
-    }
-    char line[] = "x=1; export SVCIPC_DISPATCH_PRIORITY=''; DBUS_SESSION_BUS_PID=7;\n";
-    char* name = nullptr;
-    char* value = nullptr;
-    ASSERT_TRUE(CBRadioEnvars::parseLine(line, &name, &value));
-    // The first key of the list wins over an earlier one on the line.
-    EXPECT_STREQ("DBUS_SESSION_BUS_PID", name);
-    EXPECT_STREQ("7", value);
-}

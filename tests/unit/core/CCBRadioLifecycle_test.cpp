@@ -15,7 +15,7 @@ namespace
         void SetUp() override
         {
             for (const char* name : {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SESSION_BUS_PID", "SVCIPC_DISPATCH_PRIORITY",
-                                     "INVOCATION_ID", "NOTIFY_SOCKET", "DBUS_STARTER_ADDRESS"})
+                                     "INVOCATION_ID", "NOTIFY_SOCKET", "DBUS_STARTER_ADDRESS", "DBUS_STARTER_BUS_TYPE"})
                 ::unsetenv(name);
             ::mkdir((mPeer.root() + "/tmp").c_str(), 0755);
         }
@@ -46,6 +46,11 @@ TEST_F(EnvarsFile, MissingOrEmptyFileMeansNoBusUnlessAServiceManagerHandedOneOve
     EXPECT_EQ("<unset>", env("DBUS_SESSION_BUS_ADDRESS"));
 
     // An address in the environment counts only when systemd or the bus started the process.
+    ::setenv("DBUS_STARTER_ADDRESS", "unix:path=/run/user/starter", 1);
+    ::setenv("DBUS_STARTER_BUS_TYPE", "session", 1);
+    EXPECT_EQ(1, mRadio.isDbusAvailable(nullptr));
+    EXPECT_EQ("unix:path=/run/user/starter", env("DBUS_SESSION_BUS_ADDRESS"));
+    ::unsetenv("DBUS_STARTER_ADDRESS");
     ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/run/user/bus", 1);
     EXPECT_EQ(0, mRadio.isDbusAvailable(nullptr));
     ::setenv("INVOCATION_ID", "0123", 1);
