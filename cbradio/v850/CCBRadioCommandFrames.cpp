@@ -64,7 +64,10 @@ namespace
 
 std::unique_lock<std::timed_mutex> CCBRadio::lockTxBuf()
 {
-    return std::unique_lock<std::timed_mutex>(mpCBRadio->mTxMutex, TX_LOCK_TIMEOUT);
+    // A real-time deadline makes the wait a pthread_mutex_timedlock, the platform's bounded lock;
+    // a relative time-out goes through pthread_mutex_clocklock, which ThreadSanitizer does not
+    // follow, so every unlock looked like one of a mutex that was never locked.
+    return std::unique_lock<std::timed_mutex>(mpCBRadio->mTxMutex, std::chrono::system_clock::now() + TX_LOCK_TIMEOUT);
 }
 
 int CCBRadio::writeTxBuf(unsigned int length)
