@@ -89,6 +89,7 @@ struct Held
     }
     ~Held()
     {
+        std::lock_guard<std::mutex> lock(mutex);  // a dispatch thread may still be adding one
         for (SVCIPC_tReqContext ctx : contexts)
             SVCIPC_freeReqContext(ctx);
     }
