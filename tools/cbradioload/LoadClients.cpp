@@ -154,11 +154,12 @@ void LoadClients::clientLoop(std::shared_ptr<Shared> shared, std::shared_ptr<Cli
         if (status == 0) {
             ++f.answered;
             f.failureResults += failure ? 1 : 0;
-        } else if (SVCIPC_GET_CODE(status) == SVCIPC_ERROR_TIMEOUT) {
-            ++f.timeouts;
         } else {
-            ++f.errors;
-            ++f.errorKinds[std::string(call.method) + ": " + SVCIPC_errorText(status)];
+            if (SVCIPC_GET_CODE(status) == SVCIPC_ERROR_TIMEOUT)
+                ++f.timeouts;
+            else
+                ++f.errors;
+            ++f.errorKinds[call.method + " " + call.params + ": " + SVCIPC_errorText(status)];
         }
         lock.unlock();
         shared->countedInFlight.fetch_sub(1);
@@ -209,7 +210,7 @@ void LoadClients::stop()
 {
     endCount();
     mShared->running.store(false, std::memory_order_relaxed);
-    {
+    if (!mThreads.empty()) {
         std::unique_lock<std::mutex> lock(mShared->doneMutex);
         const auto deadline = Clock::now() + std::chrono::milliseconds(mOptions.timeoutMs + 2000);
         mShared->doneChanged.wait_until(lock, deadline, [&] { return mShared->done == static_cast<int>(mThreads.size()); });

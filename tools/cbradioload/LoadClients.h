@@ -6,7 +6,8 @@
 // (client k starts at entry k, so the clients do not move in step) with a blocking invoke of
 // Options::timeoutMs, until stop(). Every call begun while counting is on (from start() until
 // endCount()) is counted when it ends: answered (a result text; "failure" results are counted
-// apart), timed out, or another error (grouped by method and error text), with its latency.
+// apart), timed out, or another error (both also grouped by call and error text), with its
+// latency.
 //
 // stop() waits for every client to finish its current call, at most the call time-out plus two
 // seconds; a client still stuck after that is left behind (its state stays alive) and reported
@@ -43,7 +44,7 @@ struct LoadFigures
     uint64_t failureResults = 0;    // of those, {"code":1,...}
     uint64_t timeouts = 0;
     uint64_t errors = 0;            // neither an answer nor a time-out
-    std::map<std::string, uint64_t> errorKinds;
+    std::map<std::string, uint64_t> errorKinds;   // time-outs and errors by call and error text
     uint64_t signals = 0;
     double seconds = 0;             // length of the counting period
     uint32_t p50Us = 0, p99Us = 0, maxUs = 0;

@@ -52,6 +52,9 @@ CJTDeviceLink::CJTDeviceLink()
 CJTDeviceLink::~CJTDeviceLink()
 {
     close();
+    const int wake = mWakeFd.exchange(-1, std::memory_order_relaxed);
+    if (wake >= 0)
+        ::close(wake);
 }
 
 int CJTDeviceLink::open(const char* platformPath, int flags, bool reconnect)
@@ -62,20 +65,29 @@ int CJTDeviceLink::open(const char* platformPath, int flags, bool reconnect)
         errno = platformPath == nullptr ? EINVAL : ENAMETOOLONG;
         return -1;
     }
-    int wake = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (wake < 0)
-        return -1;
+    // The wake-up descriptor lives as long as the link: a shutdown() from another thread may come
+    // while the reader closes the link after an error, and must never write to a closed (or
+    // meanwhile reused) descriptor number. A wake-up left from before is drained.
+    int wake = mWakeFd.load(std::memory_order_relaxed);
+    if (wake < 0) {
+        wake = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        if (wake < 0)
+            return -1;
+        mWakeFd.store(wake, std::memory_order_relaxed);
+    } else {
+        uint64_t raised;
+        ssize_t rc = ::read(wake, &raised, sizeof raised);
+        (void)rc;  // EAGAIN: nothing was raised
+    }
     // Non-blocking from the start: a socket node whose listener is swamped fails the connect
     // instead of holding the caller.
     int fd = JTDeviceNode::open(platformPath, flags | O_NONBLOCK);
     if (fd < 0 || !setNonBlocking(fd)) {
         if (fd >= 0)
             closeKeepingErrno(fd);
-        closeKeepingErrno(wake);
         return -1;
     }
     mFd = fd;
-    mWakeFd = wake;
     mIsSocket = isSocketFd(fd);
     mReconnect = reconnect && mIsSocket;
     mFlags = flags;
@@ -90,10 +102,7 @@ void CJTDeviceLink::close()
     // Not repeated on EINTR: on Linux the descriptor is gone either way.
     if (mFd >= 0)
         ::close(mFd);
-    if (mWakeFd >= 0)
-        ::close(mWakeFd);
     mFd = -1;
-    mWakeFd = -1;
     mIsSocket = false;
     mReconnect = false;
     mDown.store(false, std::memory_order_relaxed);
@@ -104,9 +113,10 @@ void CJTDeviceLink::shutdown(bool cancelWrites)
     if (cancelWrites)
         mWritesCancelled.store(true, std::memory_order_relaxed);
     mShutDown.store(true, std::memory_order_relaxed);
-    if (mWakeFd >= 0) {
+    const int wake = mWakeFd.load(std::memory_order_relaxed);
+    if (wake >= 0) {
         const uint64_t one = 1;
-        ssize_t rc = ::write(mWakeFd, &one, sizeof one);
+        ssize_t rc = ::write(wake, &one, sizeof one);
         (void)rc;  // only fails when the counter is already raised, which wakes just as well
     }
 }
@@ -115,7 +125,7 @@ int CJTDeviceLink::waitFor(int fd, short events, int64_t timeoutNs, bool wakeabl
 {
     const uint64_t start = JTOperatingSystem::getMonotonicTime();
     for (;;) {
-        pollfd pfd[2] = {{wakeable ? mWakeFd : -1, POLLIN, 0}, {fd, events, 0}};
+        pollfd pfd[2] = {{wakeable ? mWakeFd.load(std::memory_order_relaxed) : -1, POLLIN, 0}, {fd, events, 0}};
         timespec wait;
         timespec* waitPtr = nullptr;
         if (timeoutNs >= 0) {

@@ -39,7 +39,8 @@
 //   called from a signal handler.
 //
 // Threads: one thread reads while any others write and one calls shutdown(); open() and close()
-// must not race with other calls on the same link (stop and join the reader first).
+// must not race with reads or writes on the same link (stop and join the reader first), but
+// shutdown() may come at any time, even while the reader closes the link after an error.
 #ifndef CJTDEVICELINK_H
 #define CJTDEVICELINK_H
 
@@ -84,7 +85,8 @@ private:
     bool tryReconnect();
 
     int mFd;
-    int mWakeFd;  // eventfd; readable from shutdown() until the next open()
+    std::atomic<int> mWakeFd;  // eventfd, made by the first open(), kept until destruction; readable
+                               // from shutdown() until the next open()
     bool mIsSocket;
     bool mReconnect;
     int mFlags;
