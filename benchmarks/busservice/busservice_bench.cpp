@@ -7,7 +7,7 @@
 //     on the daemon's packet-socket channel and waits until a plain subscriber has
 //     "CBRReceptionSensitivity", against a plain relay process that reads a frame from a packet
 //     socket of its own and emits a signal to the same subscriber;
-//   - four clients: four client threads call as fast as replies come, in rounds of a second, on
+//   - four clients: four client threads call as fast as replies come, in rounds of half a second, on
 //     the service and on the plain echo server in turns; calls per second and the server's CPU
 //     time per call (user + system, /proc/<pid>/stat) of each round.
 // Samples of the service and of its baseline are taken in turns (the order alternates), so both
@@ -44,7 +44,7 @@ const std::string kRelayPath = "/bench/busservice/PlainRelay";
 const char* const kSignal = "CBRReceptionSensitivity";
 const char* const kMethod = "reqCBRGetPresetList";
 const int kClients = 4;
-const std::chrono::milliseconds kRound(1000);
+const std::chrono::milliseconds kRound(500);
 
 const BenchStats::Subject kService = {"service", "service"};
 const BenchStats::Subject kEcho = {"plain", "plain echo process"};
@@ -108,7 +108,7 @@ struct Setup
         if (!up)
             return fail("the service did not answer:\n" + unit.daemonOutput() + unit.daemonErrors());
 
-        const std::string peer = HeadUnit::buildDir() + "/benchmarks/support/bench_plainpeer";
+        const std::string peer = BENCH_PLAINPEER;
         echoPid = unit.spawn({peer, "echo", kEchoName, kEchoPath, reply}, "plainecho");
         if (!HeadUnit::waitUntil([&] { return PlainDbus::call(client, kEchoName, kEchoPath, kMethod, ""); }, 5000))
             return fail("the plain echo server did not answer: " + HeadUnit::readFile(unit.path("plainecho.err")));
@@ -263,7 +263,7 @@ void BM_FourClients(benchmark::State& state)
 
 BENCHMARK(BM_MethodCallToReply)->Iterations(2000)->UseManualTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_V850FrameToSignal)->Iterations(1000)->UseManualTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_FourClients)->Iterations(10)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FourClients)->Iterations(20)->Unit(benchmark::kMillisecond);
 }
 
 int main(int argc, char** argv)
