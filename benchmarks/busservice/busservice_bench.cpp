@@ -10,6 +10,8 @@
 //   - four clients: four client threads call as fast as replies come, in rounds of half a second, on
 //     the service and on the plain echo server in turns; calls per second and the server's CPU
 //     time per call (user + system, /proc/<pid>/stat) of each round.
+// The noise floor: a second plain echo server, identical to the first, measured against it the same
+// way; on a busy machine its ratio strays from 1 as far as any figure can stray for nothing.
 // Samples of the service and of its baseline are taken in turns (the order alternates), so both
 // see the same machine. Every figure is printed as the ratio service / baseline of the medians and
 // of the 99th percentiles, with both sides' values.
@@ -39,6 +41,7 @@ using Clock = std::chrono::steady_clock;
 
 const std::string kEchoName = "bench.busservice.PlainEcho";
 const std::string kEchoPath = "/bench/busservice/PlainEcho";
+const std::string kTwinName = "bench.busservice.PlainEchoTwin";
 const std::string kRelayName = "bench.busservice.PlainRelay";
 const std::string kRelayPath = "/bench/busservice/PlainRelay";
 const char* const kSignal = "CBRReceptionSensitivity";
@@ -48,6 +51,7 @@ const std::chrono::milliseconds kRound(500);
 
 const BenchStats::Subject kService = {"service", "service"};
 const BenchStats::Subject kEcho = {"plain", "plain echo process"};
+const BenchStats::Subject kTwin = {"twin", "identical plain echo process"};
 const BenchStats::Subject kRelay = {"plain", "plain relay process"};
 const int kWarmUps = 30;
 
@@ -110,8 +114,12 @@ struct Setup
 
         const std::string peer = BENCH_PLAINPEER;
         echoPid = unit.spawn({peer, "echo", kEchoName, kEchoPath, reply}, "plainecho");
-        if (!HeadUnit::waitUntil([&] { return PlainDbus::call(client, kEchoName, kEchoPath, kMethod, ""); }, 5000))
-            return fail("the plain echo server did not answer: " + HeadUnit::readFile(unit.path("plainecho.err")));
+        unit.spawn({peer, "echo", kTwinName, kEchoPath, reply}, "plaintwin");
+        for (const std::string& name : {kEchoName, kTwinName}) {
+            if (!HeadUnit::waitUntil([&] { return PlainDbus::call(client, name, kEchoPath, kMethod, ""); }, 5000))
+                return fail("a plain echo server did not answer: " + HeadUnit::readFile(unit.path("plainecho.err"))
+                            + HeadUnit::readFile(unit.path("plaintwin.err")));
+        }
         const std::string relaySocket = unit.path("relay");
         relayListen = JTDeviceNode::listenHost(relaySocket.c_str());
         unit.spawn({peer, "relay", relaySocket, kRelayPath, kRelayName, kSignal}, "plainrelay");
@@ -156,6 +164,11 @@ Clock::duration serviceCall()
 Clock::duration plainCall()
 {
     return timedCall(kEchoName, kEchoPath);
+}
+
+Clock::duration twinCall()
+{
+    return timedCall(kTwinName, kEchoPath);
 }
 
 // Writes a sensitivity frame (a new value each time) and waits for the signal it causes.
@@ -220,6 +233,13 @@ void BM_MethodCallToReply(benchmark::State& state)
                                 plainCall, kWarmUps);
 }
 
+void BM_NoiseFloor(benchmark::State& state)
+{
+    if (ready(state))
+        BenchStats::interleaved(state, "noise floor: plain echo against an identical one", kTwin, kEcho, twinCall,
+                                plainCall, kWarmUps);
+}
+
 void BM_V850FrameToSignal(benchmark::State& state)
 {
     if (ready(state))
@@ -262,6 +282,7 @@ void BM_FourClients(benchmark::State& state)
 }
 
 BENCHMARK(BM_MethodCallToReply)->Iterations(2000)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_NoiseFloor)->Iterations(2000)->UseManualTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_V850FrameToSignal)->Iterations(1000)->UseManualTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_FourClients)->Iterations(20)->Unit(benchmark::kMillisecond);
 }
