@@ -29,7 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             served = served || p == in.path;
         svcipc::CallDecision d =
             svcipc::routeCall(in, served ? &service : nullptr, [&] { return paths; });
-        if (d.route == svcipc::Route::ToService && !svcipc::isValidText(in.text.c_str()))
+        if (d.route == svcipc::Route::ToService && !svcipc::isValidText(in.text))
             __builtin_trap();  // the request callback must only ever see valid text
         DBusMessage* reply = svcipc::buildReply(msg, in, d);
         if (reply) {

@@ -18,16 +18,30 @@
  *   - org.freedesktop.DBus.Introspectable and org.freedesktop.DBus.Peer are answered by the
  *     library on every registered path.
  *
- * Threads. The library runs its own dispatch threads per connection; every callback (requests,
- * signals, owner changes, completions) runs on one of them, never on the thread that made the call
- * which led to it, and never while the library holds a lock that a callback could need. Callbacks
- * of one connection run one at a time, in the order their messages arrived; only while a callback
- * waits in a blocking library call (SVCIPC_invoke, SVCIPC_subscribe, ...) does the next message
- * get dispatched on another library thread, so a blocking call made from a callback, even one that
- * calls a service of the same process, does not deadlock. Every function may be called from any
- * thread, callbacks included. When the environment variable SVCIPC_DISPATCH_PRIORITY holds a
- * number, the dispatch threads ask for that scheduling priority; where the scheduling policy
- * refuses it the request is ignored.
+ * One sender. Everything sent through a connection (calls, replies, signals, name requests) goes
+ * out on one bus connection, the one that owns the registered names, so peers see one sender.
+ *
+ * Threads. Every callback (requests, signals, owner changes, completions, connection lost) runs on
+ * a thread owned by the library, never on the thread that made the call which led to it, and never
+ * while the library holds a lock that a callback could need. Callbacks of one connection run one at
+ * a time, in the order their messages arrived; only while a callback waits in a blocking library
+ * call (SVCIPC_invoke, SVCIPC_subscribe, ...) does the next message get dispatched on another
+ * library thread, so a blocking call made from a callback, even one that calls a service of the
+ * same process, does not deadlock. A blocking call from any thread completes even while every
+ * library thread of its connection is busy in a callback: the waiting thread reads the connection
+ * itself while nobody else does. Every function may be called from any thread, callbacks included.
+ * The library starts its threads only when there is something to call back (a registration, a
+ * subscription or owner watch, an asynchronous invoke, a completion callback, a connection-lost
+ * callback): a client that only opens a connection, makes blocking calls and closes it runs no
+ * thread of the library. When the environment variable SVCIPC_DISPATCH_PRIORITY holds a number,
+ * the library's threads ask for that scheduling priority; where the scheduling policy refuses it
+ * the request is ignored.
+ *
+ * Stopping. Ending a registration, a subscription or a connection waits for a callback of it that
+ * is running at most a short, fixed time (well under a second), then goes on: a callback stuck
+ * beyond that (in a device, say) runs to its end on its own thread later; what it then does with
+ * handles that have been ended meanwhile fails with SVCIPC_ERR_BAD_HANDLE, and nothing else of the
+ * ended object is called back.
  *
  * Handles are opaque values, never pointers to be followed. A handle that was never issued, or
  * whose object has been closed, unregistered or freed, gives SVCIPC_ERR_BAD_HANDLE; so does a
@@ -200,10 +214,12 @@ SVCIPC_tError SVCIPC_getConnection(SVCIPC_tUInt32 connType, SVCIPC_tBool openPri
                                    SVCIPC_tConnection* conn);
 
 /* Closes a handle from SVCIPC_getConnection. When it was the last handle of its underlying
- * connection, that connection's services are unregistered, its subscriptions end, outstanding
- * asynchronous invokes complete with SVCIPC_ERROR_DISCONNECTED and its threads stop (a callback
- * of that connection may call this; its own thread then ends after the callback returns).
- * Errors: SVCIPC_ERR_BAD_HANDLE. */
+ * connection, that connection's services are unregistered, its subscriptions end, blocking calls
+ * waiting on it return SVCIPC_ERR_DISCONNECTED, outstanding asynchronous invokes complete with
+ * SVCIPC_ERROR_DISCONNECTED (on a library thread, possibly after this returns), what is still
+ * queued for the bus is flushed for a short while, and its threads stop (a callback of that
+ * connection may call this; its own thread then ends after the callback returns). Never waits
+ * long for a stuck callback (see "Stopping" above). Errors: SVCIPC_ERR_BAD_HANDLE. */
 SVCIPC_tError SVCIPC_closeConnection(SVCIPC_tConnection conn);
 
 /* Called when the bus connection behind `conn` is lost under the process (the bus daemon ended,
@@ -247,6 +263,7 @@ SVCIPC_tError SVCIPC_setInterfaceDescription(SVCIPC_tConnection conn, const char
 
 /* Releases the bus name and the object path; later calls are answered
  * "org.freedesktop.DBus.Error.UnknownObject". Request contexts already handed out stay usable.
+ * A request callback still running is waited for only briefly (see "Stopping" above).
  * Errors: SVCIPC_ERR_BAD_HANDLE, SVCIPC_ERR_DISCONNECTED (the registration is gone anyway). */
 SVCIPC_tError SVCIPC_unregisterService(SVCIPC_tSvcRegHnd regHnd);
 
@@ -282,8 +299,8 @@ SVCIPC_tError SVCIPC_subscribe(SVCIPC_tConnection conn, const char* objPath, con
                                SVCIPC_tSignalCallback onSignal, const void* token,
                                SVCIPC_tSigSubHnd* subHnd);
 
-/* Ends a subscription or an owner watch; no callback for it starts after this returns.
- * Errors: SVCIPC_ERR_BAD_HANDLE. */
+/* Ends a subscription or an owner watch; no callback for it starts after this returns (one that
+ * is running is waited for only briefly, see "Stopping" above). Errors: SVCIPC_ERR_BAD_HANDLE. */
 SVCIPC_tError SVCIPC_unsubscribe(SVCIPC_tSigSubHnd subHnd);
 
 /* Calls `onOwnerChanged` whenever the owner of `busName` changes (it is not called for the owner

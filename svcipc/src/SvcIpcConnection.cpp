@@ -1,35 +1,39 @@
 #include "SvcIpcConnection.h"
 
 #include "SvcIpcHandles.h"
-#include "SvcIpcIncoming.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <unordered_map>
 
 namespace svcipc
 {
 
 namespace
 {
-thread_local Connection* tlsOwner = nullptr;  // the connection this dispatch thread serves
-thread_local bool tlsLeading = false;         // ... and whether it is its leader right now
+// The role this thread plays for a connection (a worker serves one connection all its life).
+thread_local Connection* tlsOwner = nullptr;  // the connection this worker serves
+thread_local bool tlsDispatching = false;     // ... holds its dispatcher role right now
+thread_local bool tlsYielded = false;         // ... gave the role up inside the current callback
+thread_local bool tlsReading = false;         // this thread holds some connection's reader role
+// Completions asked for by the callback that is running on this dispatcher; they run right after
+// it, on this thread, without waking anybody.
+thread_local std::vector<Completion>* tlsAfter = nullptr;
 
-std::atomic<uint64_t> gNextId{1};
-
-// Only reached when callbacks nest blocking calls this deep; beyond it a blocking call from a
-// callback waits without a stand-in and may run into its time-out.
-const size_t kMaxThreads = 32;
+// Only reached when callbacks nest blocking calls this deep; beyond it queued work waits until one
+// of the callbacks returns.
+const int kMaxWorkers = 32;
 const int kBusCallTimeoutMs = 25000;
+// How long close() keeps flushing what is still queued for the bus.
+const std::chrono::milliseconds kFlushBound{100};
 const char* const kSystemBusAddress = "unix:path=/var/run/dbus/system_bus_socket";
-
-using Clock = std::chrono::steady_clock;
 
 int requestedPriority()
 {
@@ -43,16 +47,17 @@ int requestedPriority()
     return static_cast<int>(prio);
 }
 
-DBusConnection* openBus(const std::string& address)
+DBusConnection* openBus(const char* address)
 {
     DBusError err;
     dbus_error_init(&err);
-    DBusConnection* dc = dbus_connection_open_private(address.c_str(), &err);
+    DBusConnection* dc = dbus_connection_open_private(address, &err);
     if (!dc) {
         dbus_error_free(&err);
         return nullptr;
     }
     dbus_connection_set_exit_on_disconnect(dc, FALSE);
+    // Blocks in libdbus, but on a connection no other thread knows yet.
     if (!dbus_bus_register(dc, &err)) {
         dbus_error_free(&err);
         dbus_connection_close(dc);
@@ -74,9 +79,12 @@ bool appendString(DBusMessage* msg, const std::string& text)
     return dbus_message_append_args(msg, DBUS_TYPE_STRING, &s, DBUS_TYPE_INVALID);
 }
 
-SVCIPC_tError statusForErrorName(const std::string& name)
+int msUntil(std::chrono::steady_clock::time_point deadline)
 {
-    return SVCIPC_ERR(errorCodeForName(name));
+    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+                  deadline - std::chrono::steady_clock::now())
+                  .count();
+    return ms <= 0 ? 0 : static_cast<int>(std::min<long long>(ms + 1, 1 << 30));
 }
 }  // namespace
 
@@ -101,12 +109,12 @@ void CallbackGate::leave()
     mCond.notify_all();
 }
 
-void CallbackGate::close()
+bool CallbackGate::close(std::chrono::milliseconds bound)
 {
     std::unique_lock<std::mutex> lock(mMutex);
     mOpen = false;
     const std::thread::id self = std::this_thread::get_id();
-    mCond.wait(lock, [&] {
+    return mCond.wait_for(lock, bound, [&] {
         return std::all_of(mInside.begin(), mInside.end(),
                            [&](const std::thread::id& id) { return id == self; });
     });
@@ -116,85 +124,6 @@ RequestContext::~RequestContext()
 {
     if (call)
         dbus_message_unref(call);
-}
-
-// ------------------------------------------------------------------------------------------------
-// The calling thread's private connections for blocking calls, one per library connection.
-
-struct SideCache
-{
-    struct Entry
-    {
-        std::weak_ptr<Connection> owner;
-        DBusConnection* conn = nullptr;
-    };
-    std::unordered_map<uint64_t, Entry> entries;
-
-    static void release(Entry& e)
-    {
-        if (auto owner = e.owner.lock())
-            owner->forgetSide(e.conn);
-        dbus_connection_close(e.conn);
-        dbus_connection_unref(e.conn);
-    }
-    void purgeExpired()
-    {
-        for (auto it = entries.begin(); it != entries.end();) {
-            if (it->second.owner.expired()) {
-                release(it->second);
-                it = entries.erase(it);
-            } else {
-                ++it;
-            }
-        }
-    }
-    ~SideCache()
-    {
-        for (auto& e : entries)
-            release(e.second);
-    }
-};
-
-namespace
-{
-thread_local SideCache tlsSides;
-}
-
-DBusConnection* Connection::sideConnection()
-{
-    auto it = tlsSides.entries.find(mId);
-    if (it != tlsSides.entries.end()) {
-        if (dbus_connection_get_is_connected(it->second.conn))
-            return it->second.conn;
-        SideCache::release(it->second);
-        tlsSides.entries.erase(it);
-    }
-    tlsSides.purgeExpired();
-    DBusConnection* side = openBus(mAddress);
-    if (!side)
-        return nullptr;
-    {
-        std::lock_guard<std::mutex> lock(mSideMutex);
-        if (mStopping) {
-            dbus_connection_close(side);
-            dbus_connection_unref(side);
-            return nullptr;
-        }
-        mSides.push_back(dbus_connection_ref(side));
-    }
-    tlsSides.entries[mId] = SideCache::Entry{weak_from_this(), side};
-    return side;
-}
-
-void Connection::forgetSide(DBusConnection* side)
-{
-    std::lock_guard<std::mutex> lock(mSideMutex);
-    auto it = std::find(mSides.begin(), mSides.end(), side);
-    if (it == mSides.end())
-        return;
-    mSides.erase(it);
-    dbus_connection_close(side);
-    dbus_connection_unref(side);
 }
 
 // ------------------------------------------------------------------------------------------------
@@ -219,8 +148,13 @@ SVCIPC_tError Connection::open(uint32_t busType, std::shared_ptr<Connection>& ou
     if (!dc)
         return SVCIPC_ERR_NO_CONNECTION;
     int busFd = -1;
+    int pollFd = -1;
     int wakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (!dbus_connection_get_unix_fd(dc, &busFd) || wakeFd < 0) {
+    if (dbus_connection_get_unix_fd(dc, &busFd))
+        pollFd = fcntl(busFd, F_DUPFD_CLOEXEC, 0);
+    if (pollFd < 0 || wakeFd < 0) {
+        if (pollFd >= 0)
+            ::close(pollFd);
         if (wakeFd >= 0)
             ::close(wakeFd);
         dbus_connection_close(dc);
@@ -229,160 +163,262 @@ SVCIPC_tError Connection::open(uint32_t busType, std::shared_ptr<Connection>& ou
     }
 
     std::shared_ptr<Connection> c(new Connection());
-    c->mId = gNextId.fetch_add(1);
     c->mBusType = busType;
-    c->mAddress = address;
     c->mConn = dc;
-    c->mBusFd = busFd;
+    c->mPollFd = pollFd;
     c->mWakeFd = wakeFd;
     c->mConnected = true;
-    dbus_connection_set_wakeup_main_function(dc, &Connection::onWakeupMain, c.get(), nullptr);
-    {
-        std::lock_guard<std::mutex> lock(c->mThreadMutex);
-        try {
-            c->mThreads.emplace_back([self = c] { self->threadMain(); });
-        } catch (const std::system_error&) {
-            c->mStopping = true;
-            return SVCIPC_ERR_INTERNAL;
-        }
-    }
     out = std::move(c);
     return 0;
 }
 
 Connection::~Connection()
 {
-    for (std::thread& t : mThreads) {
-        if (!t.joinable())
-            continue;
-        if (t.get_id() == std::this_thread::get_id())
-            t.detach();
-        else
-            t.join();
-    }
-    for (DBusConnection* side : mSides) {
-        dbus_connection_close(side);
-        dbus_connection_unref(side);
-    }
+    for (const auto& w : mWorkers)
+        if (w->thread.joinable())
+            w->thread.detach();
     if (mConn) {
-        dbus_connection_set_wakeup_main_function(mConn, nullptr, nullptr, nullptr);
         dbus_connection_close(mConn);
         dbus_connection_unref(mConn);
     }
+    if (mPollFd >= 0)
+        ::close(mPollFd);
     if (mWakeFd >= 0)
         ::close(mWakeFd);
 }
 
 void Connection::close()
 {
-    std::vector<std::thread> threads;
-    {
-        std::lock_guard<std::mutex> lock(mThreadMutex);
-        if (mStopping.exchange(true))
-            return;
-        threads.swap(mThreads);
-        mThreadCond.notify_all();
-    }
+    std::unique_lock<std::mutex> lock(mMutex);
+    if (mStopping.exchange(true))
+        return;
+    failWaitersLocked(SVCIPC_ERR_DISCONNECTED);
+    mCond.notify_all();
     wake();
-    // Unblock whoever waits: calls on this connection, then calls on the private connections.
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        for (auto it = mPending.begin(); it != mPending.end();) {
-            if (it->second.waiter) {
-                it->second.waiter->done = true;
-                it->second.waiter->status = SVCIPC_ERR_DISCONNECTED;
-                it = mPending.erase(it);
-            } else {
-                ++it;
-            }
-        }
-        mWaitCond.notify_all();
-    }
-    {
-        std::lock_guard<std::mutex> lock(mSideMutex);
-        for (DBusConnection* side : mSides) {
-            dbus_connection_close(side);
-            dbus_connection_unref(side);
-        }
-        mSides.clear();
-    }
-    for (std::thread& t : threads) {
-        if (t.get_id() == std::this_thread::get_id())
-            t.detach();  // ends on its own once the callback that closed us returns
+
+    // Workers leave as soon as their callback (if any) returns; a stuck one is left behind.
+    const std::thread::id self = std::this_thread::get_id();
+    mCond.wait_for(lock, kCallbackGrace, [&] {
+        if (mReading)
+            return false;
+        return std::all_of(mWorkers.begin(), mWorkers.end(), [&](const auto& w) {
+            return w->exited || w->thread.get_id() == self;
+        });
+    });
+    std::vector<std::shared_ptr<Worker>> workers;
+    workers.swap(mWorkers);
+    std::vector<bool> finished;
+    for (const auto& w : workers)
+        finished.push_back(w->exited && w->thread.get_id() != self);
+    const bool readerGone = !mReading;
+    mReading = true;  // for good: nobody polls the connection after this
+    lock.unlock();
+
+    for (size_t i = 0; i < workers.size(); ++i) {
+        if (finished[i])
+            workers[i]->thread.join();
         else
-            t.join();
+            workers[i]->thread.detach();  // ends by itself when its callback returns
     }
-    dbus_connection_set_wakeup_main_function(mConn, nullptr, nullptr, nullptr);
+    if (readerGone)
+        flushForClose();
     dbus_connection_close(mConn);
+    shutdown(mPollFd, SHUT_RDWR);
     mConnected = false;
 }
 
-// ------------------------------------------------------------------------------------------------
-// Dispatch threads
+void Connection::flushForClose()
+{
+    const auto deadline = Clock::now() + kFlushBound;
+    while (dbus_connection_get_is_connected(mConn) && dbus_connection_has_messages_to_send(mConn)) {
+        int ms = msUntil(deadline);
+        pollfd fd = {mPollFd, POLLOUT, 0};
+        if (Clock::now() >= deadline || poll(&fd, 1, ms) <= 0)
+            return;
+        dbus_connection_read_write(mConn, 0);
+    }
+}
 
-void Connection::threadMain()
+// ------------------------------------------------------------------------------------------------
+// Workers
+
+bool Connection::startWorkerLocked()
+{
+    auto worker = std::make_shared<Worker>();
+    try {
+        worker->thread = std::thread([self = shared_from_this(), worker] {
+            self->threadMain(worker);
+        });
+    } catch (const std::system_error&) {
+        return false;
+    }
+    mWorkers.push_back(std::move(worker));
+    return true;
+}
+
+void Connection::needWorkerLocked()
+{
+    if (mStopping)
+        return;
+    int live = 0;
+    for (const auto& w : mWorkers)
+        live += w->exited ? 0 : 1;
+    if (live - mYielded <= 0 && live < kMaxWorkers)
+        startWorkerLocked();
+}
+
+void Connection::pushWorkLocked(Work&& work)
+{
+    mWork.push_back(std::move(work));
+    announceWorkLocked();
+}
+
+void Connection::announceWorkLocked()
+{
+    if (mDispatching)
+        return;  // the dispatcher takes it after its callback
+    if (mIdle > 0)
+        mCond.notify_all();
+    else if (mReading && mReaderIsWorker && !tlsReading)
+        wake();
+    needWorkerLocked();
+}
+
+void Connection::offerReaderLocked()
+{
+    if (!mReading && (mIdle > 0 || mRoleWanted > 0))
+        mCond.notify_all();
+}
+
+void Connection::threadMain(const std::shared_ptr<Worker>& self)
 {
     pthread_setname_np(pthread_self(), "svcipc-dispatch");
     int prio = requestedPriority();
     if (prio >= 0)
         pthread_setschedprio(pthread_self(), prio);  // refused under a policy without priorities
     tlsOwner = this;
+    std::vector<Completion> after;
+    tlsAfter = &after;
 
-    std::unique_lock<std::mutex> lock(mThreadMutex);
-    for (;;) {
-        while (!mStopping && mLeaderTaken) {
-            ++mIdle;
-            mThreadCond.wait(lock);
-            --mIdle;
+    std::unique_lock<std::mutex> lock(mMutex);
+    while (!mStopping) {
+        expireLocked();
+        if (!mDispatching && !mWork.empty()) {
+            Work work = std::move(mWork.front());
+            mWork.pop_front();
+            mDispatching = true;
+            tlsDispatching = true;
+            offerReaderLocked();
+            lock.unlock();
+            dispatch(work);
+            lock.lock();
+            if (tlsYielded) {
+                tlsYielded = false;
+                --mYielded;
+            }
+            if (tlsDispatching) {
+                tlsDispatching = false;
+                mDispatching = false;
+                if (!mWork.empty())
+                    mCond.notify_all();
+            }
+            continue;
         }
-        if (mStopping)
-            break;
-        mLeaderTaken = true;
-        tlsLeading = true;
-        lock.unlock();
-        lead();
-        lock.lock();
-        if (tlsLeading) {
-            tlsLeading = false;
-            mLeaderTaken = false;
-            mThreadCond.notify_one();
+        if (!mReading && isConnected()) {
+            mReading = true;
+            mReaderIsWorker = true;
+            const int timeoutMs = msUntilAsyncDeadlineLocked();
+            mReaderDeadline = timeoutMs < 0 ? Clock::time_point::max()
+                                            : Clock::now() + std::chrono::milliseconds(timeoutMs);
+            lock.unlock();
+            readOnce(timeoutMs);
+            lock.lock();
+            mReading = false;
+            mReaderIsWorker = false;
+            continue;  // reads again at once unless there is work: no need to offer the role yet
         }
+        offerReaderLocked();
+        ++mIdle;
+        const int timeoutMs = msUntilAsyncDeadlineLocked();
+        if (timeoutMs < 0)
+            mCond.wait(lock);
+        else
+            mCond.wait_for(lock, std::chrono::milliseconds(timeoutMs));
+        --mIdle;
     }
-    lock.unlock();
-    // Completions still owed run here, on a dispatch thread, whichever thread leaves first.
-    failPending(SVCIPC_ERR_DISCONNECTED);
-    runDeferred(false);
-    tlsOwner = nullptr;
-}
 
-bool Connection::stillLeading() const
-{
-    return tlsLeading && !mStopping.load(std::memory_order_relaxed);
+    // Stopping: completions still owed run here, on a worker, whichever leaves first. Calls and
+    // signals that were not dispatched are dropped (the bus answers the callers for us).
+    failAsyncLocked(SVCIPC_ERR_DISCONNECTED);
+    while (!mWork.empty()) {
+        Work work = std::move(mWork.front());
+        mWork.pop_front();
+        lock.unlock();
+        if (work.kind == WorkKind::Result || work.kind == WorkKind::Completion)
+            dispatch(work);
+        else if (work.msg)
+            dbus_message_unref(work.msg);
+        lock.lock();
+    }
+    self->exited = true;
+    mCond.notify_all();
+    lock.unlock();
+    tlsAfter = nullptr;
+    tlsOwner = nullptr;
 }
 
 void Connection::yieldDispatch()
 {
-    if (tlsOwner && tlsLeading)
-        tlsOwner->handOver();
+    Connection* owner = tlsOwner;
+    if (!owner || !tlsDispatching)
+        return;
+    std::lock_guard<std::mutex> lock(owner->mMutex);
+    tlsDispatching = false;
+    tlsYielded = true;
+    owner->mDispatching = false;
+    ++owner->mYielded;
+    if (!owner->mWork.empty())
+        owner->announceWorkLocked();
 }
 
-void Connection::handOver()
+void Connection::dispatch(Work& work)
 {
-    std::lock_guard<std::mutex> lock(mThreadMutex);
-    tlsLeading = false;
-    mLeaderTaken = false;
-    if (mStopping)
-        return;
-    if (mIdle > 0) {
-        mThreadCond.notify_one();
-    } else if (mThreads.size() < kMaxThreads) {
-        try {
-            mThreads.emplace_back([self = shared_from_this()] { self->threadMain(); });
-        } catch (const std::system_error&) {
-            // No stand-in: the next thread to finish its callback leads again.
+    switch (work.kind) {
+    case WorkKind::Message:
+        if (work.in.kind == Kind::MethodCall)
+            handleCall(work.msg, work.in);
+        else
+            deliverSignal(work.in);
+        break;
+    case WorkKind::Result:
+        runResult(work.pending, work.status, work.msg ? &work.in : nullptr);
+        break;
+    case WorkKind::Completion: {
+        SVCIPC_tCallbackStatus st = {0, "", 0, "", ""};
+        work.completion.onStatus(&st, work.completion.token);
+        break;
+    }
+    case WorkKind::Lost:
+        runLost();
+        break;
+    }
+    if (work.msg) {
+        dbus_message_unref(work.msg);
+        work.msg = nullptr;
+    }
+    // What the callback asked to be told afterwards; more may be added meanwhile.
+    while (tlsAfter && !tlsAfter->empty()) {
+        std::vector<Completion> now;
+        now.swap(*tlsAfter);
+        for (const Completion& c : now) {
+            SVCIPC_tCallbackStatus st = {0, "", 0, "", ""};
+            c.onStatus(&st, c.token);
         }
     }
 }
+
+// ------------------------------------------------------------------------------------------------
+// Reading
 
 void Connection::wake()
 {
@@ -391,145 +427,163 @@ void Connection::wake()
     (void)n;  // a full counter already means "wake up"
 }
 
-void Connection::onWakeupMain(void* data)
+void Connection::readOnce(int timeoutMs)
 {
-    Connection* self = static_cast<Connection*>(data);
-    if (!(tlsOwner == self && tlsLeading))
-        self->wake();
-}
-
-void Connection::lead()
-{
-    while (stillLeading()) {
-        runDeferred(true);
-        if (!stillLeading())
-            return;
-        dispatchQueued();
-        if (!stillLeading())
-            return;
-        expireTimeouts();
-        if (!stillLeading())
-            return;
-
-        pollfd fds[2] = {{mWakeFd, POLLIN, 0}, {mBusFd, POLLIN, 0}};
-        nfds_t count = 1;
-        const bool connected = isConnected();
-        if (connected) {
-            if (dbus_connection_has_messages_to_send(mConn))
-                fds[1].events |= POLLOUT;
-            count = 2;
-        }
-        int ready = poll(fds, count, msUntilNextDeadline());
-        if (ready < 0 && errno != EINTR)
-            return;  // cannot happen with valid descriptors; let another round decide
-        if (fds[0].revents & POLLIN) {
-            uint64_t value;
-            ssize_t n = read(mWakeFd, &value, sizeof value);
-            (void)n;
-        }
-        if (connected && count == 2 && fds[1].revents != 0 && stillLeading()) {
-            dbus_connection_read_write(mConn, 0);
-            if (!dbus_connection_get_is_connected(mConn)) {
-                dispatchQueued();
-                onDisconnected();
+    tlsReading = true;
+    // What libdbus has read already comes first; the descriptor does not show it.
+    bool any = false;
+    while (DBusMessage* msg = dbus_connection_pop_message(mConn)) {
+        sortIncoming(msg);
+        any = true;
+    }
+    if (!any) {
+        pollfd fds[2] = {{mWakeFd, POLLIN, 0}, {mPollFd, POLLIN, 0}};
+        const nfds_t count = isConnected() ? 2 : 1;
+        if (count == 2 && dbus_connection_has_messages_to_send(mConn))
+            fds[1].events |= POLLOUT;
+        if (poll(fds, count, timeoutMs) > 0) {
+            if (fds[0].revents & POLLIN) {
+                uint64_t value;
+                ssize_t n = read(mWakeFd, &value, sizeof value);
+                (void)n;
+            }
+            if (count == 2 && fds[1].revents != 0) {
+                dbus_connection_read_write(mConn, 0);
+                while (DBusMessage* msg = dbus_connection_pop_message(mConn))
+                    sortIncoming(msg);
             }
         }
     }
+    tlsReading = false;
 }
 
-void Connection::runDeferred(bool whileLeading)
-{
-    for (;;) {
-        if (whileLeading && !stillLeading())
-            return;
-        std::function<void()> fn;
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            if (mDeferred.empty())
-                return;
-            fn = std::move(mDeferred.front());
-            mDeferred.pop_front();
-        }
-        fn();
-    }
-}
-
-void Connection::defer(std::function<void()> fn)
-{
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mDeferred.push_back(std::move(fn));
-    }
-    if (!(tlsOwner == this && tlsLeading))
-        wake();
-}
-
-void Connection::dispatchQueued()
-{
-    while (stillLeading()) {
-        DBusMessage* msg = dbus_connection_pop_message(mConn);
-        if (!msg)
-            return;
-        handle(msg);
-        dbus_message_unref(msg);
-    }
-}
-
-void Connection::handle(DBusMessage* msg)
+void Connection::sortIncoming(DBusMessage* msg)
 {
     Incoming in = classify(msg);
+    std::unique_lock<std::mutex> lock(mMutex);
     switch (in.kind) {
-    case Kind::MethodCall:
-        handleCall(msg, in);
-        break;
-    case Kind::Signal:
-        deliverSignal(in);
-        break;
     case Kind::Reply:
-    case Kind::ErrorReply:
-        completeCall(msg, in);
-        break;
+    case Kind::ErrorReply: {
+        const SVCIPC_tError status =
+            in.kind == Kind::Reply ? 0 : SVCIPC_ERR(errorCodeForName(in.errName));
+        auto waiter = mWaiters.find(in.replySerial);
+        if (waiter != mWaiters.end()) {
+            waiter->second->done = true;
+            waiter->second->status = status;
+            waiter->second->reply = msg;  // the waiter takes our reference
+            mWaiters.erase(waiter);
+            mCond.notify_all();
+            return;
+        }
+        auto async = mAsync.find(in.replySerial);
+        if (async == mAsync.end())
+            break;  // late, or nobody asked
+        Work work;
+        work.kind = WorkKind::Result;
+        work.msg = msg;
+        work.in = in;
+        work.pending = async->second;
+        work.status = status;
+        mAsync.erase(async);
+        pushWorkLocked(std::move(work));
+        return;
+    }
+    case Kind::Signal: {
+        bool wanted = false;
+        for (const auto& s : mSubs) {
+            wanted = s->ownerWatch ? in.ownerChange && s->busName == in.ownerName
+                                   : in.hasText && s->path == in.path && s->member == in.member;
+            if (wanted)
+                break;
+        }
+        if (!wanted)
+            break;
+        Work work;
+        work.msg = msg;
+        work.in = in;
+        pushWorkLocked(std::move(work));
+        return;
+    }
+    case Kind::MethodCall: {
+        const std::string* service = nullptr;
+        for (const auto& r : mRegs)
+            if (r->objPath == in.path)
+                service = &r->busName;
+        CallDecision decision = routeCall(in, service, [this] {
+            std::vector<std::string> all;
+            for (const auto& r : mRegs)
+                all.push_back(r->objPath);
+            return all;
+        });
+        if (decision.route == Route::ToService) {
+            Work work;
+            work.msg = msg;
+            work.in = in;
+            pushWorkLocked(std::move(work));
+            return;
+        }
+        lock.unlock();
+        DBusMessage* reply = buildReply(msg, in, decision);
+        if (reply) {
+            sendMessage(reply);
+            dbus_message_unref(reply);
+        }
+        dbus_message_unref(msg);
+        return;
+    }
     case Kind::Disconnected:
-        onDisconnected();
+        if (mConnected.exchange(false)) {
+            shutdown(mPollFd, SHUT_RDWR);
+            failWaitersLocked(SVCIPC_ERR_DISCONNECTED);
+            failAsyncLocked(SVCIPC_ERR_DISCONNECTED);
+            if (!mStopping) {
+                mLostOwed = true;
+                if (mOnLost) {
+                    Work work;
+                    work.kind = WorkKind::Lost;
+                    pushWorkLocked(std::move(work));
+                }
+            }
+            mCond.notify_all();
+        }
         break;
     case Kind::Ignore:
         break;
     }
+    lock.unlock();
+    dbus_message_unref(msg);
 }
+
+// ------------------------------------------------------------------------------------------------
+// Dispatching
 
 void Connection::handleCall(DBusMessage* msg, const Incoming& in)
 {
     std::shared_ptr<Registration> reg;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        for (const auto& r : mRegs) {
-            if (r->objPath == in.path) {
+        for (const auto& r : mRegs)
+            if (r->objPath == in.path)
                 reg = r;
-                break;
-            }
-        }
     }
-    auto paths = [this] {
+    if (reg && reg->gate.enter()) {
+        auto ctx = std::make_shared<RequestContext>();
+        ctx->call = dbus_message_ref(msg);
+        ctx->noReply = in.noReply;
+        uintptr_t handle = Handles::add(HandleKind::Request, shared_from_this(), ctx);
+        reg->onRequest(reinterpret_cast<SVCIPC_tReqContext>(handle), in.member, in.text,
+                       in.noReply ? 1 : 0, reg->token);
+        reg->gate.leave();
+        return;
+    }
+    // Unregistered since the call was read.
+    CallDecision decision = routeCall(in, nullptr, [this] {
         std::vector<std::string> all;
         std::lock_guard<std::mutex> lock(mMutex);
         for (const auto& r : mRegs)
             all.push_back(r->objPath);
         return all;
-    };
-    CallDecision decision = routeCall(in, reg ? &reg->busName : nullptr, paths);
-    if (decision.route == Route::ToService) {
-        if (reg->gate.enter()) {
-            auto ctx = std::make_shared<RequestContext>();
-            ctx->call = dbus_message_ref(msg);
-            ctx->noReply = in.noReply;
-            uintptr_t handle = Handles::add(HandleKind::Request, shared_from_this(), ctx);
-            reg->onRequest(reinterpret_cast<SVCIPC_tReqContext>(handle), in.member.c_str(),
-                           in.text.c_str(), in.noReply ? 1 : 0, reg->token);
-            reg->gate.leave();
-            return;
-        }
-        decision = routeCall(in, nullptr, paths);  // unregistered meanwhile
-    }
+    });
     DBusMessage* reply = buildReply(msg, in, decision);
     if (reply) {
         sendMessage(reply);
@@ -544,7 +598,7 @@ void Connection::deliverSignal(const Incoming& in)
         std::lock_guard<std::mutex> lock(mMutex);
         for (const auto& s : mSubs) {
             bool match = s->ownerWatch
-                             ? in.ownerChange && in.ownerName == s->busName
+                             ? in.ownerChange && s->busName == in.ownerName
                              : in.hasText && s->path == in.path && s->member == in.member;
             if (match)
                 targets.push_back(s);
@@ -554,117 +608,115 @@ void Connection::deliverSignal(const Incoming& in)
         if (!s->gate.enter())
             continue;
         if (s->ownerWatch)
-            s->onOwnerChanged(in.ownerName.c_str(), in.oldOwner.c_str(), in.newOwner.c_str(),
-                              s->token);
+            s->onOwnerChanged(in.ownerName, in.oldOwner, in.newOwner, s->token);
         else
-            s->onSignal(in.member.c_str(), in.text.c_str(), s->token);
+            s->onSignal(in.member, in.text, s->token);
         s->gate.leave();
     }
 }
 
-void Connection::callResult(const Pending& p, SVCIPC_tError status, const Incoming* in)
+void Connection::runResult(const Pending& p, SVCIPC_tError status, const Incoming* in)
 {
     if (!p.onResult)
         return;
     SVCIPC_tCallbackStatus st;
     st.errCode = status == 0 ? 0 : static_cast<SVCIPC_tInt32>(SVCIPC_GET_CODE(status));
     st.status = status;
-    st.result = in && status == 0 ? in->text.c_str() : "";
-    st.errName = in ? in->errName.c_str() : "";
-    st.errMsg = in ? in->errMsg.c_str() : "";
+    st.result = in && status == 0 ? in->text : "";
+    st.errName = in ? in->errName : "";
+    st.errMsg = in ? in->errMsg : "";
     p.onResult(&st, st.result, p.token);
 }
 
-void Connection::completeCall(DBusMessage* msg, const Incoming& in)
+void Connection::runLost()
 {
-    const SVCIPC_tError status = in.kind == Kind::Reply ? 0 : statusForErrorName(in.errName);
-    Pending p;
+    SVCIPC_tConnectionLostCallback onLost = nullptr;
+    void* token = nullptr;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        auto it = mPending.find(in.replySerial);
-        if (it == mPending.end())
-            return;  // late, or a reply nobody waits for
-        p = it->second;
-        mPending.erase(it);
-        if (p.waiter) {
-            p.waiter->done = true;
-            p.waiter->status = status;
-            p.waiter->reply = dbus_message_ref(msg);
-            mWaitCond.notify_all();
+        if (!mLostOwed || !mOnLost || mStopping)
             return;
-        }
+        mLostOwed = false;
+        onLost = mOnLost;
+        token = mLostToken;
     }
-    callResult(p, status, &in);
+    onLost(token);
 }
 
-void Connection::onDisconnected()
+void Connection::failWaitersLocked(SVCIPC_tError status)
 {
-    if (!mConnected.exchange(false))
+    for (auto& w : mWaiters) {
+        w.second->done = true;
+        w.second->status = status;
+    }
+    mWaiters.clear();
+    mCond.notify_all();
+}
+
+void Connection::failAsyncLocked(SVCIPC_tError status)
+{
+    for (const auto& p : mAsync) {
+        Work work;
+        work.kind = WorkKind::Result;
+        work.pending = p.second;
+        work.status = status;
+        mWork.push_back(std::move(work));
+    }
+    if (!mAsync.empty())
+        announceWorkLocked();
+    mAsync.clear();
+}
+
+void Connection::expireLocked()
+{
+    if (mAsync.empty())
         return;
-    failPending(SVCIPC_ERR_DISCONNECTED);
-}
-
-void Connection::failPending(SVCIPC_tError status)
-{
-    std::vector<Pending> completions;
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        for (auto& p : mPending) {
-            if (p.second.waiter) {
-                p.second.waiter->done = true;
-                p.second.waiter->status = status;
-            } else {
-                completions.push_back(p.second);
-            }
-        }
-        mPending.clear();
-        mWaitCond.notify_all();
-    }
-    for (const Pending& p : completions)
-        callResult(p, status, nullptr);
-}
-
-void Connection::expireTimeouts()
-{
-    std::vector<Pending> expired;
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        const auto now = Clock::now();
-        for (auto it = mPending.begin(); it != mPending.end();) {
-            if (!it->second.waiter && it->second.deadline <= now) {
-                expired.push_back(it->second);
-                it = mPending.erase(it);
-            } else {
-                ++it;
-            }
+    const auto now = Clock::now();
+    for (auto it = mAsync.begin(); it != mAsync.end();) {
+        if (it->second.deadline <= now) {
+            Work work;
+            work.kind = WorkKind::Result;
+            work.pending = it->second;
+            work.status = SVCIPC_ERR_TIMEOUT;
+            mWork.push_back(std::move(work));
+            it = mAsync.erase(it);
+        } else {
+            ++it;
         }
     }
-    for (const Pending& p : expired)
-        callResult(p, SVCIPC_ERR_TIMEOUT, nullptr);
 }
 
-int Connection::msUntilNextDeadline()
+int Connection::msUntilAsyncDeadlineLocked() const
 {
-    std::lock_guard<std::mutex> lock(mMutex);
-    if (!mDeferred.empty())
-        return 0;
-    bool any = false;
-    Clock::time_point next;
-    for (const auto& p : mPending) {
-        if (p.second.waiter)
-            continue;  // blocking callers time themselves
-        if (!any || p.second.deadline < next)
-            next = p.second.deadline;
-        any = true;
-    }
-    if (!any)
+    if (mAsync.empty())
         return -1;
-    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(next - Clock::now()).count();
-    return ms <= 0 ? 0 : static_cast<int>(std::min<long long>(ms + 1, 1 << 30));
+    Clock::time_point next = Clock::time_point::max();
+    for (const auto& p : mAsync)
+        next = std::min(next, p.second.deadline);
+    return msUntil(next);
 }
 
 // ------------------------------------------------------------------------------------------------
 // Operations
+
+void Connection::afterSendLocked()
+{
+    if (!dbus_connection_get_is_connected(mConn)) {
+        wake();  // the reader collects libdbus's note of the loss
+        return;
+    }
+    if (!dbus_connection_has_messages_to_send(mConn))
+        return;
+    // The socket did not take it all: the reader flushes the rest when the socket drains.
+    if (mReading) {
+        if (!tlsReading)
+            wake();
+    } else if (mIdle > 0) {
+        mCond.notify_all();
+    } else {
+        needWorkerLocked();
+    }
+}
 
 SVCIPC_tError Connection::sendMessage(DBusMessage* msg)
 {
@@ -672,8 +724,10 @@ SVCIPC_tError Connection::sendMessage(DBusMessage* msg)
         return SVCIPC_ERR_DISCONNECTED;
     if (!dbus_connection_send(mConn, msg, nullptr))
         return SVCIPC_ERR_NO_MEMORY;
-    if (!(tlsOwner == this && tlsLeading) && dbus_connection_has_messages_to_send(mConn))
-        wake();
+    if (dbus_connection_has_messages_to_send(mConn) || !dbus_connection_get_is_connected(mConn)) {
+        std::lock_guard<std::mutex> lock(mMutex);
+        afterSendLocked();
+    }
     return 0;
 }
 
@@ -690,13 +744,16 @@ SVCIPC_tError Connection::emit(const char* sigName, const char* data)
         dbus_message_new_signal(reg->objPath.c_str(), reg->busName.c_str(), sigName);
     if (!msg)
         return SVCIPC_ERR_NO_MEMORY;
-    SVCIPC_tError status = appendString(msg, data) ? sendMessage(msg) : SVCIPC_ERR_NO_MEMORY;
+    SVCIPC_tError status = dbus_message_append_args(msg, DBUS_TYPE_STRING, &data,
+                                                    DBUS_TYPE_INVALID)
+                               ? sendMessage(msg)
+                               : SVCIPC_ERR_NO_MEMORY;
     dbus_message_unref(msg);
     return status;
 }
 
-SVCIPC_tError Connection::callAndWait(DBusMessage* msg, int timeoutMs, DBusMessage** reply,
-                                      CallResult& result)
+SVCIPC_tError Connection::call(DBusMessage* msg, int timeoutMs, DBusMessage** reply,
+                               CallResult& result)
 {
     yieldDispatch();
     Waiter waiter;
@@ -706,14 +763,26 @@ SVCIPC_tError Connection::callAndWait(DBusMessage* msg, int timeoutMs, DBusMessa
     dbus_uint32_t serial = 0;
     if (!dbus_connection_send(mConn, msg, &serial))
         return SVCIPC_ERR_NO_MEMORY;
+    mWaiters[serial] = &waiter;
+    afterSendLocked();
     const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    Pending& p = mPending[serial];
-    p.deadline = deadline;
-    p.waiter = &waiter;
-    if (!(tlsOwner == this && tlsLeading))
-        wake();
-    if (!mWaitCond.wait_until(lock, deadline, [&] { return waiter.done; })) {
-        mPending.erase(serial);
+    // Read for ourselves whenever nobody else does; else the reader hands the reply over.
+    while (!waiter.done && Clock::now() < deadline) {
+        if (!mReading && isConnected() && !mStopping) {
+            mReading = true;
+            lock.unlock();
+            readOnce(msUntil(deadline));
+            lock.lock();
+            mReading = false;
+        } else {
+            ++mRoleWanted;
+            mCond.wait_until(lock, deadline);
+            --mRoleWanted;
+        }
+    }
+    offerReaderLocked();
+    if (!waiter.done) {
+        mWaiters.erase(serial);
         return SVCIPC_ERR_TIMEOUT;
     }
     lock.unlock();
@@ -739,44 +808,40 @@ SVCIPC_tError Connection::callAsync(DBusMessage* msg, int timeoutMs,
     std::lock_guard<std::mutex> lock(mMutex);
     if (!isConnected() || mStopping)
         return SVCIPC_ERR_DISCONNECTED;
+    needWorkerLocked();
+    if (mWorkers.empty())
+        return SVCIPC_ERR_INTERNAL;  // no thread to complete it on
     dbus_uint32_t serial = 0;
     if (!dbus_connection_send(mConn, msg, &serial))
         return SVCIPC_ERR_NO_MEMORY;
-    Pending& p = mPending[serial];
+    Pending& p = mAsync[serial];
     p.deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
     p.onResult = onResult;
     p.token = token;
-    if (!(tlsOwner == this && tlsLeading))
-        wake();  // flush, and let the leader know the new deadline
+    afterSendLocked();
+    // Whoever keeps the time-outs must learn an earlier deadline.
+    if (mIdle > 0)
+        mCond.notify_all();
+    if (mReading && mReaderIsWorker && !tlsReading && p.deadline < mReaderDeadline)
+        wake();
     return 0;
 }
 
-SVCIPC_tError Connection::callBlocking(DBusMessage* msg, int timeoutMs, CallResult& result)
+void Connection::complete(SVCIPC_tStatusCallback onStatus, void* token)
 {
-    if (!isConnected() || mStopping)
-        return SVCIPC_ERR_DISCONNECTED;
-    DBusConnection* side = sideConnection();
-    if (!side)
-        return isConnected() ? SVCIPC_ERR_NO_CONNECTION : SVCIPC_ERR_DISCONNECTED;
-    yieldDispatch();
-    DBusError err;
-    dbus_error_init(&err);
-    DBusMessage* reply = dbus_connection_send_with_reply_and_block(side, msg, timeoutMs, &err);
-    if (!reply) {
-        SVCIPC_tError status = SVCIPC_ERR_DISCONNECTED;
-        if (dbus_error_is_set(&err)) {
-            result.errName = err.name ? err.name : "";
-            result.errMsg = err.message ? err.message : "";
-            if (dbus_connection_get_is_connected(side))
-                status = statusForErrorName(result.errName);
-        }
-        dbus_error_free(&err);
-        return status;
+    if (!onStatus)
+        return;
+    if (tlsOwner == this && tlsDispatching && tlsAfter) {
+        tlsAfter->push_back(Completion{onStatus, token});
+        return;
     }
-    Incoming in = classify(reply);
-    result.text = in.text;
-    dbus_message_unref(reply);
-    return 0;
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (mStopping && mWorkers.empty())
+        return;
+    Work work;
+    work.kind = WorkKind::Completion;
+    work.completion = Completion{onStatus, token};
+    pushWorkLocked(std::move(work));
 }
 
 SVCIPC_tError Connection::addRegistration(const std::shared_ptr<Registration>& reg)
@@ -787,6 +852,7 @@ SVCIPC_tError Connection::addRegistration(const std::shared_ptr<Registration>& r
             if (r->objPath == reg->objPath || r->busName == reg->busName)
                 return SVCIPC_ERR_ALREADY_REGISTERED;
         mRegs.push_back(reg);  // before the name is ours, so no early call is turned away
+        needWorkerLocked();
     }
     SVCIPC_tError status = SVCIPC_ERR_NO_MEMORY;
     DBusMessage* msg = busCall("RequestName");
@@ -797,7 +863,7 @@ SVCIPC_tError Connection::addRegistration(const std::shared_ptr<Registration>& r
         CallResult result;
         if (dbus_message_append_args(msg, DBUS_TYPE_STRING, &name, DBUS_TYPE_UINT32, &flags,
                                      DBUS_TYPE_INVALID))
-            status = callAndWait(msg, kBusCallTimeoutMs, &reply, result);
+            status = call(msg, kBusCallTimeoutMs, &reply, result);
         dbus_message_unref(msg);
         if (status != 0) {
             setLastError(result.errName, result.errMsg);
@@ -825,7 +891,7 @@ SVCIPC_tError Connection::removeRegistration(const std::shared_ptr<Registration>
         std::lock_guard<std::mutex> lock(mMutex);
         mRegs.erase(std::remove(mRegs.begin(), mRegs.end(), reg), mRegs.end());
     }
-    reg->gate.close();
+    reg->gate.close(kCallbackGrace);
     if (!isConnected())
         return SVCIPC_ERR_DISCONNECTED;
     DBusMessage* msg = busCall("ReleaseName");
@@ -833,7 +899,7 @@ SVCIPC_tError Connection::removeRegistration(const std::shared_ptr<Registration>
         return SVCIPC_ERR_NO_MEMORY;
     CallResult result;
     SVCIPC_tError status = appendString(msg, reg->busName)
-                               ? callAndWait(msg, kBusCallTimeoutMs, nullptr, result)
+                               ? call(msg, kBusCallTimeoutMs, nullptr, result)
                                : SVCIPC_ERR_NO_MEMORY;
     dbus_message_unref(msg);
     return status;
@@ -844,12 +910,13 @@ SVCIPC_tError Connection::addSubscription(const std::shared_ptr<Subscription>& s
     {
         std::lock_guard<std::mutex> lock(mMutex);
         mSubs.push_back(sub);  // before the rule, so nothing the bus sends afterwards is missed
+        needWorkerLocked();
     }
     DBusMessage* msg = busCall("AddMatch");
     SVCIPC_tError status = SVCIPC_ERR_NO_MEMORY;
     CallResult result;
     if (msg && appendString(msg, sub->rule))
-        status = callAndWait(msg, kBusCallTimeoutMs, nullptr, result);
+        status = call(msg, kBusCallTimeoutMs, nullptr, result);
     if (msg)
         dbus_message_unref(msg);
     if (status != 0) {
@@ -866,7 +933,7 @@ void Connection::removeSubscription(const std::shared_ptr<Subscription>& sub)
         std::lock_guard<std::mutex> lock(mMutex);
         mSubs.erase(std::remove(mSubs.begin(), mSubs.end(), sub), mSubs.end());
     }
-    sub->gate.close();
+    sub->gate.close(kCallbackGrace);
     DBusMessage* msg = busCall("RemoveMatch");
     if (!msg)
         return;
@@ -874,6 +941,22 @@ void Connection::removeSubscription(const std::shared_ptr<Subscription>& sub)
     if (appendString(msg, sub->rule))
         sendMessage(msg);
     dbus_message_unref(msg);
+}
+
+void Connection::setLostCallback(SVCIPC_tConnectionLostCallback onLost, void* token)
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    mOnLost = onLost;
+    mLostToken = token;
+    if (!onLost)
+        return;
+    if (mLostOwed) {
+        Work work;
+        work.kind = WorkKind::Lost;
+        pushWorkLocked(std::move(work));
+    } else {
+        needWorkerLocked();  // somebody must be reading to notice the loss
+    }
 }
 
 }  // namespace svcipc

@@ -1,23 +1,36 @@
 // SvcIpcConnection: one bus connection and the threads that serve it.
 //
-// libdbus is only ever asked to block by threads that own the connection they block on: the
-// dispatch threads wait in their own poll(2) on the connection's descriptor and a wake-up
-// descriptor, and read, write and pop messages without blocking. Messages are taken off the
-// connection one by one and handled outside libdbus's dispatch lock, so a callback may do anything
-// with the library, including blocking.
+// Everything the process sends through a connection handle (calls, replies, signals, name
+// requests) goes out on one libdbus connection, so peers see one sender. libdbus is never asked to
+// block: whoever reads the connection waits in its own poll(2) on the bus descriptor and a wake-up
+// descriptor and then reads, writes and pops messages without blocking. Sends never block either
+// (libdbus writes what the socket takes and queues the rest for the reader to flush).
 //
-// Dispatch threads follow a leader/follower scheme: one thread at a time (the leader) waits for
-// and handles messages, calling the application's callbacks inline. When a callback makes a
-// blocking library call, its thread hands the leadership to an idle thread (starting one when
-// none is idle) before it blocks, so the connection keeps being served. Blocking method calls
-// (SVCIPC_invoke) go over a private connection of the calling thread, opened on first use, and
-// wait in libdbus itself: a round trip costs what a plain libdbus client pays.
+// Two roles, each held by at most one thread at a time:
+//  - the reader polls the connection and sorts what arrives: a reply goes to the thread that waits
+//    for it, a method call the library answers itself (introspection, peer, errors) is answered at
+//    once, anything for a callback is queued in arrival order, the rest is dropped. Whoever needs
+//    input and finds the role free takes it: an idle dispatch thread, or a thread waiting for its
+//    own reply. So a blocking call completes even while every dispatch thread is busy in a
+//    callback (the waiting thread reads for itself).
+//  - the dispatcher runs the queue's callbacks one at a time, in order. A dispatch thread whose
+//    callback makes a blocking library call gives the role up first (starting a stand-in when no
+//    dispatch thread is free), so queued work keeps moving while it waits.
+// Dispatch threads start only when there is something to dispatch (a registration, a
+// subscription, an asynchronous call, a completion, a connection-lost callback): a client that
+// only makes blocking calls runs on its own thread alone.
+//
+// Stopping never waits without bound on a callback: a registration or subscription being ended,
+// or a connection being closed, waits at most kCallbackGrace for callbacks that are running, then
+// goes on and leaves them to finish on their own (their thread keeps the objects it uses alive).
 //
 // Errors are statuses from svcipc.h; nothing throws.
 #ifndef SVCIPC_CONNECTION_H
 #define SVCIPC_CONNECTION_H
 
 #include "svcipc.h"
+
+#include "SvcIpcIncoming.h"
 
 #include <dbus/dbus.h>
 
@@ -26,25 +39,30 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 namespace svcipc
 {
 
+// How long ending a registration, a subscription or a connection waits for a running callback.
+constexpr std::chrono::milliseconds kCallbackGrace{300};
+
 // Lets a callback that is running finish before the subscription or registration it belongs to
-// ends, without deadlocking when it is ended from inside that very callback.
+// ends, without deadlocking when it is ended from inside that very callback, and without waiting
+// more than kCallbackGrace for one that is stuck.
 class CallbackGate
 {
 public:
     bool enter();
     void leave();
-    void close();
+    // Refuses later entries; true when no other thread is inside any more.
+    bool close(std::chrono::milliseconds bound);
 
 private:
     std::mutex mMutex;
@@ -83,12 +101,18 @@ struct RequestContext
     bool noReply = false;
 };
 
-// The outcome of a call that waits for its reply.
+// The error details of a failed call that waited for its reply.
 struct CallResult
 {
-    std::string text;
     std::string errName;
     std::string errMsg;
+};
+
+// Work for a completion callback: runs on a dispatch thread, in order with the messages.
+struct Completion
+{
+    SVCIPC_tStatusCallback onStatus = nullptr;
+    void* token = nullptr;
 };
 
 class Connection : public std::enable_shared_from_this<Connection>
@@ -99,36 +123,34 @@ public:
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    // Stops the threads (a calling dispatch thread of this connection ends after its callback),
-    // fails outstanding calls and closes the bus connection. Idempotent.
+    // Fails waiting calls, stops the dispatch threads (waiting at most kCallbackGrace for running
+    // callbacks; a calling dispatch thread ends after its callback), flushes what is queued for a
+    // short while and closes the bus connection. Owed completions still run on a dispatch thread.
+    // Idempotent.
     void close();
     bool isConnected() const { return mConnected.load(std::memory_order_relaxed); }
-    uint32_t busType() const { return mBusType; }
 
     SVCIPC_tError addRegistration(const std::shared_ptr<Registration>& reg);
     SVCIPC_tError removeRegistration(const std::shared_ptr<Registration>& reg);
     SVCIPC_tError addSubscription(const std::shared_ptr<Subscription>& sub);
     void removeSubscription(const std::shared_ptr<Subscription>& sub);
+    void setLostCallback(SVCIPC_tConnectionLostCallback onLost, void* token);
 
     SVCIPC_tError emit(const char* sigName, const char* data);
     SVCIPC_tError sendMessage(DBusMessage* msg);  // the caller keeps its reference
-    // A call on this connection that waits for its reply (bus daemon methods).
-    SVCIPC_tError callAndWait(DBusMessage* msg, int timeoutMs, DBusMessage** reply,
-                              CallResult& result);
+    // Sends a call and waits for its reply (any thread, callbacks included). On success `*reply`
+    // holds a reference to the method return (when `reply` is not null).
+    SVCIPC_tError call(DBusMessage* msg, int timeoutMs, DBusMessage** reply, CallResult& result);
     // A call whose completion runs on a dispatch thread.
     SVCIPC_tError callAsync(DBusMessage* msg, int timeoutMs, SVCIPC_tResultCallback onResult,
                             void* token);
-    // A call over the calling thread's private connection to the same bus.
-    SVCIPC_tError callBlocking(DBusMessage* msg, int timeoutMs, CallResult& result);
-
-    // Runs `fn` on a dispatch thread, soon.
-    void defer(std::function<void()> fn);
-
-    // Called before any blocking library call: when the calling thread is leading a connection's
-    // dispatch, another thread takes over.
-    static void yieldDispatch();
+    // Calls `onStatus` with success on a dispatch thread, after the current callback when the
+    // caller is the thread dispatching this connection.
+    void complete(SVCIPC_tStatusCallback onStatus, void* token);
 
 private:
+    using Clock = std::chrono::steady_clock;
+
     struct Waiter
     {
         bool done = false;
@@ -137,64 +159,87 @@ private:
     };
     struct Pending
     {
-        std::chrono::steady_clock::time_point deadline;
-        Waiter* waiter = nullptr;
+        Clock::time_point deadline;
         SVCIPC_tResultCallback onResult = nullptr;
         void* token = nullptr;
     };
+    enum class WorkKind
+    {
+        Message,     // a call for a service or a subscribed signal
+        Result,      // a reply to an asynchronous call (msg null: failed with `status`)
+        Completion,  // a fire-and-forget operation was handed to the bus
+        Lost         // the connection-lost callback is owed
+    };
+    struct Work
+    {
+        WorkKind kind = WorkKind::Message;
+        DBusMessage* msg = nullptr;  // owned reference
+        Incoming in;                 // points into msg
+        Pending pending;
+        SVCIPC_tError status = 0;
+        Completion completion;
+    };
+    struct Worker
+    {
+        std::thread thread;
+        bool exited = false;  // under mMutex
+    };
 
     Connection() = default;
-    void startThread();
-    void threadMain();
-    void lead();
-    bool stillLeading() const;
-    void handOver();
+
+    // All of these with mMutex held.
+    bool startWorkerLocked();
+    void needWorkerLocked();
+    void pushWorkLocked(Work&& work);
+    void announceWorkLocked();
+    void offerReaderLocked();
+    void afterSendLocked();
+    void failWaitersLocked(SVCIPC_tError status);
+    void failAsyncLocked(SVCIPC_tError status);
+    void expireLocked();
+    int msUntilAsyncDeadlineLocked() const;
+
+    void threadMain(const std::shared_ptr<Worker>& self);
+    void dispatch(Work& work);
+    void readOnce(int timeoutMs);
+    void sortIncoming(DBusMessage* msg);
+    void answerLocally(DBusMessage* msg, const Incoming& in);
+    void handleCall(DBusMessage* msg, const Incoming& in);
+    void deliverSignal(const Incoming& in);
+    void runLost();
+    void flushForClose();
     void wake();
-    static void onWakeupMain(void* data);
+    // Called before every blocking library call: a worker holding the dispatcher role gives it up.
+    static void yieldDispatch();
+    static void runResult(const Pending& p, SVCIPC_tError status, const Incoming* in);
 
-    void runDeferred(bool whileLeading);
-    void dispatchQueued();
-    void handle(DBusMessage* msg);
-    void handleCall(DBusMessage* msg, const struct Incoming& in);
-    void deliverSignal(const struct Incoming& in);
-    void completeCall(DBusMessage* msg, const struct Incoming& in);
-    void onDisconnected();
-    void failPending(SVCIPC_tError status);
-    void expireTimeouts();
-    int msUntilNextDeadline();
-    static void callResult(const Pending& p, SVCIPC_tError status, const struct Incoming* in);
-
-    DBusConnection* sideConnection();
-    void forgetSide(DBusConnection* side);
-    friend struct SideCache;
-
-    uint64_t mId = 0;
     uint32_t mBusType = 0;
-    std::string mAddress;
     DBusConnection* mConn = nullptr;
-    int mBusFd = -1;
+    int mPollFd = -1;  // our own duplicate of the bus descriptor: never closed under a poll
     int mWakeFd = -1;
     std::atomic<bool> mConnected{false};
     std::atomic<bool> mStopping{false};
 
-    // Registrations, subscriptions, outstanding calls and deferred work.
+    // Everything below, under mMutex. mCond announces any change a thread may wait for: a reply,
+    // work, the reader or dispatcher role becoming free, a worker ending, stopping.
     std::mutex mMutex;
-    std::condition_variable mWaitCond;
+    std::condition_variable mCond;
     std::vector<std::shared_ptr<Registration>> mRegs;
     std::vector<std::shared_ptr<Subscription>> mSubs;
-    std::map<uint32_t, Pending> mPending;
-    std::deque<std::function<void()>> mDeferred;
-
-    // Dispatch threads.
-    std::mutex mThreadMutex;
-    std::condition_variable mThreadCond;
-    std::vector<std::thread> mThreads;
-    bool mLeaderTaken = false;
-    int mIdle = 0;
-
-    // The per-thread private connections used by callBlocking.
-    std::mutex mSideMutex;
-    std::vector<DBusConnection*> mSides;
+    std::unordered_map<uint32_t, Waiter*> mWaiters;  // by serial
+    std::map<uint32_t, Pending> mAsync;               // by serial
+    std::deque<Work> mWork;
+    SVCIPC_tConnectionLostCallback mOnLost = nullptr;
+    void* mLostToken = nullptr;
+    bool mLostOwed = false;       // the connection was lost and the callback has not run yet
+    bool mReading = false;        // someone holds the reader role
+    bool mReaderIsWorker = false;
+    Clock::time_point mReaderDeadline;  // when a reading worker's poll ends by itself
+    int mRoleWanted = 0;          // blocked callers waiting for the reader role or their reply
+    bool mDispatching = false;    // a worker holds the dispatcher role
+    int mIdle = 0;                // workers waiting for something to do
+    int mYielded = 0;             // workers inside a callback that gave the dispatcher role up
+    std::vector<std::shared_ptr<Worker>> mWorkers;
 };
 
 // Per-thread details of the last failed call (see SVCIPC_getLastErrorName).

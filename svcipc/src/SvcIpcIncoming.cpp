@@ -14,13 +14,18 @@ const char* const kBusName = "org.freedesktop.DBus";
 const char* const kIntrospectable = "org.freedesktop.DBus.Introspectable";
 const char* const kPeer = "org.freedesktop.DBus.Peer";
 
-std::string str(const char* s)
+const char* str(const char* s)
 {
-    return s ? std::string(s) : std::string();
+    return s ? s : "";
+}
+
+bool same(const char* a, const char* b)
+{
+    return std::strcmp(a, b) == 0;
 }
 
 // The first argument when it is a string; with scanAll, the first string argument anywhere.
-bool firstString(DBusMessage* msg, bool scanAll, std::string& out)
+bool firstString(DBusMessage* msg, bool scanAll, const char*& out)
 {
     DBusMessageIter it;
     if (!dbus_message_iter_init(msg, &it))
@@ -40,11 +45,11 @@ bool firstString(DBusMessage* msg, bool scanAll, std::string& out)
 
 void readOwnerChange(DBusMessage* msg, Incoming& in)
 {
-    if (in.sender != kBusName || in.interface != kBusName || in.member != "NameOwnerChanged"
-        || in.signature != "sss")
+    if (!same(in.sender, kBusName) || !same(in.interface, kBusName)
+        || !same(in.member, "NameOwnerChanged") || !same(in.signature, "sss"))
         return;
     DBusMessageIter it;
-    std::string* fields[3] = {&in.ownerName, &in.oldOwner, &in.newOwner};
+    const char** fields[3] = {&in.ownerName, &in.oldOwner, &in.newOwner};
     if (!dbus_message_iter_init(msg, &it))
         return;
     for (int i = 0; i < 3; ++i) {
@@ -117,12 +122,12 @@ Incoming classify(DBusMessage* msg)
     switch (dbus_message_get_type(msg)) {
     case DBUS_MESSAGE_TYPE_METHOD_CALL:
         in.kind = Kind::MethodCall;
-        if (in.signature == "s")
+        if (same(in.signature, "s"))
             in.hasText = firstString(msg, false, in.text);
         break;
     case DBUS_MESSAGE_TYPE_SIGNAL:
         if (dbus_message_is_signal(msg, DBUS_INTERFACE_LOCAL, "Disconnected")
-            && in.path == DBUS_PATH_LOCAL) {
+            && same(in.path, DBUS_PATH_LOCAL)) {
             in.kind = Kind::Disconnected;
             break;
         }
@@ -148,27 +153,29 @@ Incoming classify(DBusMessage* msg)
 CallDecision routeCall(const Incoming& call, const std::string* serviceName,
                        const std::function<std::vector<std::string>()>& registeredPaths)
 {
-    if (call.interface == kPeer) {
+    const char* path = call.path;
+    if (same(call.interface, kPeer)) {
         CallDecision d;
-        if (call.member == "Ping" && call.signature.empty()) {
+        if (same(call.member, "Ping") && !*call.signature) {
             d.route = Route::PeerPing;
             return d;
         }
-        if (call.member == "GetMachineId" && call.signature.empty()) {
+        if (same(call.member, "GetMachineId") && !*call.signature) {
             d.route = Route::PeerMachineId;
             return d;
         }
         return error(DBUS_ERROR_UNKNOWN_METHOD,
-                     "Unknown method '" + call.member + "' of interface " + kPeer);
+                     "Unknown method '" + std::string(call.member) + "' of interface " + kPeer);
     }
 
-    if (call.interface == kIntrospectable) {
-        if (call.member != "Introspect" || !call.signature.empty())
+    if (same(call.interface, kIntrospectable)) {
+        if (!same(call.member, "Introspect") || *call.signature)
             return error(DBUS_ERROR_UNKNOWN_METHOD,
-                         "Unknown method '" + call.member + "' of interface " + kIntrospectable);
-        std::vector<std::string> children = childNodes(call.path, registeredPaths());
+                         "Unknown method '" + std::string(call.member) + "' of interface "
+                             + kIntrospectable);
+        std::vector<std::string> children = childNodes(path, registeredPaths());
         if (!serviceName && children.empty())
-            return error(DBUS_ERROR_UNKNOWN_OBJECT, "No such object path '" + call.path + "'");
+            return error(DBUS_ERROR_UNKNOWN_OBJECT, std::string("No such object path '") + path + "'");
         CallDecision d;
         d.route = Route::Introspect;
         d.body = kIntrospectHeader;
@@ -182,13 +189,13 @@ CallDecision routeCall(const Incoming& call, const std::string* serviceName,
     }
 
     if (!serviceName)
-        return error(DBUS_ERROR_UNKNOWN_OBJECT, "No such object path '" + call.path + "'");
-    if (!call.interface.empty() && call.interface != *serviceName)
+        return error(DBUS_ERROR_UNKNOWN_OBJECT, std::string("No such object path '") + path + "'");
+    if (*call.interface && *serviceName != call.interface)
         return error(DBUS_ERROR_UNKNOWN_INTERFACE,
-                     "No such interface '" + call.interface + "' at object path '" + call.path
-                         + "'");
-    if (!call.signature.empty() && !(call.signature == "s" && call.hasText))
-        return error(DBUS_ERROR_INVALID_ARGS, "Call to '" + call.member
+                     "No such interface '" + std::string(call.interface) + "' at object path '"
+                         + path + "'");
+    if (*call.signature && !(same(call.signature, "s") && call.hasText))
+        return error(DBUS_ERROR_INVALID_ARGS, "Call to '" + std::string(call.member)
                                                   + "' has wrong args (expected \"s\", got \""
                                                   + call.signature + "\")");
     CallDecision d;
@@ -234,16 +241,18 @@ DBusMessage* buildReply(DBusMessage* call, const Incoming& in, const CallDecisio
     return nullptr;
 }
 
-uint32_t errorCodeForName(const std::string& errName)
+uint32_t errorCodeForName(const char* errName)
 {
-    if (errName == DBUS_ERROR_SERVICE_UNKNOWN || errName == DBUS_ERROR_NAME_HAS_NO_OWNER)
+    if (!errName)
+        return SVCIPC_ERROR_REMOTE;
+    if (same(errName, DBUS_ERROR_SERVICE_UNKNOWN) || same(errName, DBUS_ERROR_NAME_HAS_NO_OWNER))
         return SVCIPC_ERROR_NO_SERVICE;
-    if (errName == DBUS_ERROR_NO_REPLY || errName == DBUS_ERROR_TIMEOUT
-        || errName == DBUS_ERROR_TIMED_OUT)
+    if (same(errName, DBUS_ERROR_NO_REPLY) || same(errName, DBUS_ERROR_TIMEOUT)
+        || same(errName, DBUS_ERROR_TIMED_OUT))
         return SVCIPC_ERROR_TIMEOUT;
-    if (errName == DBUS_ERROR_DISCONNECTED)
+    if (same(errName, DBUS_ERROR_DISCONNECTED))
         return SVCIPC_ERROR_DISCONNECTED;
-    if (errName == DBUS_ERROR_NO_MEMORY)
+    if (same(errName, DBUS_ERROR_NO_MEMORY))
         return SVCIPC_ERROR_NO_MEMORY;
     return SVCIPC_ERROR_REMOTE;
 }

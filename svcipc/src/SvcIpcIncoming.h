@@ -2,7 +2,9 @@
 //
 // Everything here works on one libdbus message and plain values, with no connection and no locks,
 // so the part of the library that takes outside bytes can be tested and fuzzed on its own.
-// classify() never fails: a message the library has no use for becomes Kind::Ignore.
+// classify() never fails: a message the library has no use for becomes Kind::Ignore. The texts of
+// an Incoming point into its message (never null, "" where absent): they are valid as long as the
+// caller holds a reference to the message, and nothing is copied per message.
 // routeCall() decides how a method call is answered; buildReply() makes the bus reply for the
 // answers the library gives itself (errors, introspection, peer).
 #ifndef SVCIPC_INCOMING_H
@@ -31,22 +33,22 @@ enum class Kind
 struct Incoming
 {
     Kind kind = Kind::Ignore;
-    std::string path;
-    std::string interface;
-    std::string member;
-    std::string sender;
-    std::string signature;
-    std::string text;          // call: the argument ("" without one); signal/reply: first string
-    bool hasText = false;      // signal: the first argument is a string
+    const char* path = "";
+    const char* interface = "";
+    const char* member = "";
+    const char* sender = "";
+    const char* signature = "";
+    const char* text = "";        // call: the argument ("" without one); signal/reply: first string
+    bool hasText = false;         // signal: the first argument is a string
     bool noReply = false;
     uint32_t serial = 0;
     uint32_t replySerial = 0;
-    std::string errName;       // error replies
-    std::string errMsg;
-    bool ownerChange = false;  // NameOwnerChanged from the bus daemon
-    std::string ownerName;
-    std::string oldOwner;
-    std::string newOwner;
+    const char* errName = "";     // error replies
+    const char* errMsg = "";
+    bool ownerChange = false;     // NameOwnerChanged from the bus daemon
+    const char* ownerName = "";
+    const char* oldOwner = "";
+    const char* newOwner = "";
 };
 
 Incoming classify(DBusMessage* msg);
@@ -78,7 +80,7 @@ CallDecision routeCall(const Incoming& call, const std::string* serviceName,
 DBusMessage* buildReply(DBusMessage* call, const Incoming& in, const CallDecision& decision);
 
 // The error code (low 28 bits of a status) that a bus error name stands for.
-uint32_t errorCodeForName(const std::string& errName);
+uint32_t errorCodeForName(const char* errName);
 
 // Whether a text can travel as a bus string (valid UTF-8, no NUL inside by construction).
 bool isValidText(const char* text);

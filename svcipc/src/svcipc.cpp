@@ -93,18 +93,6 @@ void* userToken(const void* token)
     return const_cast<void*>(token);
 }
 
-// The completion of a fire-and-forget operation, run later on a dispatch thread.
-void deferStatus(Connection& conn, SVCIPC_tStatusCallback onStatus, const void* token)
-{
-    if (!onStatus)
-        return;
-    void* user = userToken(token);
-    conn.defer([onStatus, user] {
-        SVCIPC_tCallbackStatus st = {0, "", 0, "", ""};
-        onStatus(&st, user);
-    });
-}
-
 // A method call in the library's bus form; null when an argument is not acceptable.
 DBusMessage* newMethodCall(const char* busName, const char* objPath, const char* method,
                            const char* parms)
@@ -234,16 +222,14 @@ SVCIPC_tError SVCIPC_closeConnection(SVCIPC_tConnection conn)
     return 0;
 }
 
-// Interim entry points: the API is fixed, the behaviour comes with the connection rework.
 SVCIPC_tError SVCIPC_setConnectionLostCallback(SVCIPC_tConnection conn,
                                                SVCIPC_tConnectionLostCallback onLost,
                                                const void* token)
 {
-    (void)onLost;
-    (void)token;
     HandleEntry e;
     if (!lookup(id(conn), HandleKind::Connection, e))
         return SVCIPC_ERR_BAD_HANDLE;
+    e.conn->setLostCallback(onLost, userToken(token));
     return 0;
 }
 
@@ -315,7 +301,7 @@ SVCIPC_tError SVCIPC_asyncReturnResult(SVCIPC_tReqContext context, const char* r
         dbus_message_unref(reply);
     }
     if (status == 0)
-        deferStatus(*e.conn, onStatus, token);
+        e.conn->complete(onStatus, userToken(token));
     return status;
 }
 
@@ -336,7 +322,7 @@ SVCIPC_tError SVCIPC_asyncEmit(SVCIPC_tConnection conn, const char* sigName, con
         return SVCIPC_ERR_BAD_ARGUMENT;
     SVCIPC_tError status = e.conn->emit(sigName, orEmpty(data));
     if (status == 0)
-        deferStatus(*e.conn, onStatus, token);
+        e.conn->complete(onStatus, userToken(token));
     return status;
 }
 
@@ -414,7 +400,7 @@ SVCIPC_tError SVCIPC_nameHasOwner(SVCIPC_tConnection conn, const char* busName,
     DBusMessage* reply = nullptr;
     CallResult result;
     if (dbus_message_append_args(msg, DBUS_TYPE_STRING, &busName, DBUS_TYPE_INVALID))
-        status = e.conn->callAndWait(msg, timeoutMs(msecTimeout), &reply, result);
+        status = e.conn->call(msg, timeoutMs(msecTimeout), &reply, result);
     dbus_message_unref(msg);
     if (status != 0) {
         setLastError(result.errName, result.errMsg);
@@ -445,11 +431,12 @@ SVCIPC_tError SVCIPC_invoke(SVCIPC_tConnection conn, const char* busName, const 
         return SVCIPC_ERR_BAD_ARGUMENT;
     SVCIPC_tError status;
     CallResult result;
+    DBusMessage* reply = nullptr;
     if (noReplyExpected) {
         dbus_message_set_no_reply(msg, TRUE);
         status = e.conn->sendMessage(msg);
     } else {
-        status = e.conn->callBlocking(msg, timeoutMs(msecTimeout), result);
+        status = e.conn->call(msg, timeoutMs(msecTimeout), &reply, result);
     }
     dbus_message_unref(msg);
     if (status != 0) {
@@ -458,7 +445,8 @@ SVCIPC_tError SVCIPC_invoke(SVCIPC_tConnection conn, const char* busName, const 
     }
     if (!noReplyExpected) {
         auto* box = new ResponseBox;
-        box->text = std::move(result.text);
+        box->text = classify(reply).text;
+        dbus_message_unref(reply);
         box->pub.result = box->text.c_str();
         std::lock_guard<std::mutex> lock(lib().mutex);
         lib().responses[&box->pub] = box;

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <filesystem>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -97,6 +98,10 @@ void onResult(const SVCIPC_tCallbackStatus* st, const char* result, SVCIPC_tUser
 struct RawPeer
 {
     DBusConnection* conn = nullptr;
+    std::thread server;
+    std::atomic<bool> stopServing{false};
+    Log seen;  // "<member> <sender>" of every call and signal received while serving
+
     explicit RawPeer(const std::string& address)
     {
         conn = dbus_connection_open_private(address.c_str(), nullptr);
@@ -108,6 +113,9 @@ struct RawPeer
     }
     ~RawPeer()
     {
+        stopServing = true;
+        if (server.joinable())
+            server.join();
         if (conn) {
             dbus_connection_close(conn);
             dbus_connection_unref(conn);
@@ -132,6 +140,31 @@ struct RawPeer
         std::string out = std::string("reply:") + s;
         dbus_message_unref(reply);
         return out;
+    }
+    // From now on a thread of its own owns the connection: it answers every call with "raw" and
+    // notes who sent what. Names and match rules must be in place before.
+    void serve()
+    {
+        server = std::thread([this] {
+            while (!stopServing) {
+                dbus_connection_read_write(conn, 50);
+                while (DBusMessage* m = dbus_connection_pop_message(conn)) {
+                    const char* iface = dbus_message_get_interface(m);
+                    if (!iface || std::string(iface) != DBUS_INTERFACE_DBUS)
+                        seen.add(std::string(dbus_message_get_member(m) ? dbus_message_get_member(m) : "")
+                                 + " " + dbus_message_get_sender(m));
+                    if (dbus_message_get_type(m) == DBUS_MESSAGE_TYPE_METHOD_CALL
+                        && !dbus_message_get_no_reply(m)) {
+                        DBusMessage* r = dbus_message_new_method_return(m);
+                        const char* text = "raw";
+                        dbus_message_append_args(r, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
+                        dbus_connection_send(conn, r, nullptr);
+                        dbus_message_unref(r);
+                    }
+                    dbus_message_unref(m);
+                }
+            }
+        });
     }
 };
 
@@ -176,10 +209,18 @@ TEST_F(SvcIpc, MethodCallsReachTheServiceAndResultsComeBack)
 {
     Service svc;
     ASSERT_EQ(0, svc.registerOn(conn));
+    auto threads = [] {
+        size_t n = 0;
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task"))
+            n += entry.is_directory() ? 1 : 0;
+        return n;
+    };
     SVCIPC_tConnection client = privateConnection();
+    const size_t before = threads();
 
     EXPECT_EQ("echo:{\"a\":1}", invoke(client, "doIt", "{\"a\":1}"));
     EXPECT_EQ("echo:", invoke(client, "doIt", nullptr));
+    EXPECT_EQ(before, threads());  // blocking calls alone start no library thread
 
     // Asynchronous form: completion on a library thread, not on the caller's.
     Log log;
@@ -432,6 +473,92 @@ TEST_F(SvcIpc, BlockingCallsFromCallbacksDoNotDeadlock)
     EXPECT_EQ("0 0 1", steps.snapshot()[0]);
     ASSERT_EQ(0, SVCIPC_asyncEmit(conn, "second", "ok", nullptr, nullptr));
     EXPECT_TRUE(nested.waitFor(1));
+}
+
+TEST_F(SvcIpc, PeersSeeOneSenderForCallsSignalsAndTheName)
+{
+    const char* const rawName = "com.quorin.test.Raw";
+    Service svc;
+    svc.onRequest = [&](SVCIPC_tReqContext ctx, const std::string&, const std::string&) {
+        std::string text = invoke(conn, "fromCallback", "", nullptr, 3000, rawName, "/raw");
+        SVCIPC_asyncReturnResult(ctx, text.c_str(), nullptr, nullptr);
+        SVCIPC_freeReqContext(ctx);
+    };
+    ASSERT_EQ(0, svc.registerOn(conn));
+    RawPeer raw(bus.address());
+    ASSERT_NE(nullptr, raw.conn);
+    ASSERT_EQ(DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER,
+              dbus_bus_request_name(raw.conn, rawName, 0, nullptr));
+    dbus_bus_add_match(raw.conn, "type='signal',path='/com/quorin/service/Test'", nullptr);
+    DBusMessage* ask = dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
+                                                    DBUS_INTERFACE_DBUS, "GetNameOwner");
+    dbus_message_append_args(ask, DBUS_TYPE_STRING, &kName, DBUS_TYPE_INVALID);
+    const std::string owner = raw.call(ask).substr(6);
+    ASSERT_EQ(':', owner[0]);
+    raw.serve();
+
+    EXPECT_EQ("raw", invoke(conn, "fromTest", "", nullptr, 3000, rawName, "/raw"));
+    std::thread([&] { invoke(conn, "fromThread", "", nullptr, 3000, rawName, "/raw"); }).join();
+    ASSERT_EQ(0, SVCIPC_asyncInvoke(conn, rawName, "/raw", "async", "", 0, 3000, nullptr, nullptr));
+    ASSERT_EQ(0, SVCIPC_asyncEmit(conn, "signal", "", nullptr, nullptr));
+    EXPECT_EQ("raw", invoke(privateConnection(), "m", ""));
+    ASSERT_TRUE(raw.seen.waitFor(5));
+    for (const std::string& line : raw.seen.snapshot())
+        EXPECT_EQ(owner, line.substr(line.find(' ') + 1)) << line;
+}
+
+TEST_F(SvcIpc, AStuckCallbackBlocksNeitherCallsNorTheStop)
+{
+    // The only dispatch thread of `conn` hangs in a request callback, as in a device write.
+    std::mutex mutex;
+    std::condition_variable cond;
+    bool release = false;
+    std::atomic<int> finished{0};
+    Service svc;
+    svc.onRequest = [&](SVCIPC_tReqContext ctx, const std::string&, const std::string&) {
+        {
+            std::unique_lock<std::mutex> lock(mutex);
+            cond.wait_for(lock, 10s, [&] { return release; });
+        }
+        SVCIPC_asyncReturnResult(ctx, "late", nullptr, nullptr);  // the handle may be stale
+        SVCIPC_freeReqContext(ctx);
+        ++finished;
+    };
+    ASSERT_EQ(0, svc.registerOn(conn));
+    Service other;
+    ASSERT_EQ(0, other.registerOn(privateConnection(), "com.quorin.service.Other", "/other"));
+    SVCIPC_tConnection client = privateConnection();
+    ASSERT_EQ(0, SVCIPC_asyncInvoke(client, kName, kPath, "hang", "", 0, 20000, nullptr, nullptr));
+    ASSERT_TRUE(svc.log.waitFor(1));
+
+    // The stuck connection still completes blocking calls, from any thread.
+    EXPECT_EQ("echo:a", invoke(conn, "m", "a", nullptr, 3000, "com.quorin.service.Other", "/other"));
+    SVCIPC_tBool owned = 0;
+    std::thread([&] {
+        EXPECT_EQ(0, SVCIPC_nameHasOwner(conn, "com.quorin.service.Other", &owned, 3000));
+    }).join();
+    EXPECT_EQ(1, owned);
+
+    // Ending the service and then the connection waits for the stuck callback only briefly.
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(0, SVCIPC_unregisterService(svc.reg));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+    ASSERT_EQ(0, SVCIPC_nameHasOwner(client, kName, &owned, 3000));
+    EXPECT_EQ(0, owned);
+    start = std::chrono::steady_clock::now();
+    EXPECT_EQ(0, SVCIPC_closeConnection(conn));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+
+    // Once let go, the late callback runs to its end without harm.
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        release = true;
+    }
+    cond.notify_all();
+    auto limit = std::chrono::steady_clock::now() + 5s;
+    while (finished == 0 && std::chrono::steady_clock::now() < limit)
+        std::this_thread::sleep_for(5ms);
+    EXPECT_EQ(1, finished.load());
 }
 
 TEST_F(SvcIpc, ManyThreadsInvokingAtOnce)
