@@ -4,6 +4,8 @@
 # take a minute or two.
 #   bash benchmarks/run.sh [busservice] [svcipc] [trace] [-- <benchmark options>]
 # Without names all three run. The folder is build-release unless BENCH_BUILD_DIR names another.
+# BENCH_CPUS (a taskset CPU list, e.g. 1) runs every process of a benchmark on those CPUs: medians
+# then hold still on a busy machine, at the price of the wake-ups across cores a real system pays.
 # Every figure is printed on standard error as a ratio to its baseline with medians and 99th
 # percentiles; the benchmark tables follow on standard output.
 set -euo pipefail
@@ -35,11 +37,16 @@ for name in "${names[@]}"; do
 done
 cmake --build "$dir" --target "${targets[@]}" -- -j"$(nproc)"
 
+pin=()
+if [ -n "${BENCH_CPUS:-}" ]; then
+  pin=(taskset -c "$BENCH_CPUS")
+fi
 for name in "${names[@]}"; do
-  echo "== $name"
+  echo "== $name${BENCH_CPUS:+ (on CPUs $BENCH_CPUS)}"
   case "$name" in
-    busservice) "$dir/benchmarks/busservice/busservice_bench" "$@" ;;
-    svcipc) "$dir/benchmarks/svcipc/svcipc_bench" "$@" ;;
-    trace) "$dir/benchmarks/trace/bench_trace" --benchmark_repetitions=10 --benchmark_report_aggregates_only=true "$@" ;;
+    busservice) "${pin[@]}" "$dir/benchmarks/busservice/busservice_bench" "$@" ;;
+    svcipc) "${pin[@]}" "$dir/benchmarks/svcipc/svcipc_bench" "$@" ;;
+    trace) "${pin[@]}" "$dir/benchmarks/trace/bench_trace" --benchmark_repetitions=10 \
+             --benchmark_report_aggregates_only=true "$@" ;;
   esac
 done
