@@ -74,4 +74,10 @@ void interleaved(benchmark::State& state, const char* what, const Subject& subje
     }
     report(state, {"", what, "us"}, subject, baseline, measuredUs, baseUs);
 }
+
+void interleaved(benchmark::State& state, const char* what, const Subject& subject, const Sample& measured,
+                 const Sample& plain, int warmUps)
+{
+    interleaved(state, what, subject, {"plain", "plain libdbus"}, measured, plain, warmUps);
+}
 }

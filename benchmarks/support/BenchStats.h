@@ -49,6 +49,9 @@ void report(benchmark::State& state, const Figure& figure, const Subject& subjec
 // loop, one pair per iteration.
 void interleaved(benchmark::State& state, const char* what, const Subject& subject, const Subject& baseline,
                  const Sample& measured, const Sample& base, int warmUps);
+// The same against plain libdbus ("plain").
+void interleaved(benchmark::State& state, const char* what, const Subject& subject, const Sample& measured,
+                 const Sample& plain, int warmUps);
 }
 
 #endif
