@@ -199,7 +199,8 @@ void CCBRadio::handleCBRadioRequest(SVCIPC_tReqContext context, const char* meth
     // ---- methods that need only the registration; the version methods fall through ------------
     if (is(method, "reqCBRHWVersion")) {
         if (radio->mCBRHWVersion[0].load(relaxed) != 0xFF) {
-            reply(scope, context, CBRadioJsonText::successWith("CBRadioHWVersion", versionText(radio->mCBRHWVersion, 2)).c_str());
+            const std::string version = versionText(radio->mCBRHWVersion, 2);
+            reply(scope, context, CBRadioJsonText::successWith("CBRadioHWVersion", version).c_str());
         } else {
             result.set(failure);
             reply(scope, context, result.text);
@@ -207,7 +208,8 @@ void CCBRadio::handleCBRadioRequest(SVCIPC_tReqContext context, const char* meth
     }
     if (is(method, "reqCBRSWVersion")) {
         if (radio->mCBRSWVersion[0].load(relaxed) != 0xFF) {
-            reply(scope, context, CBRadioJsonText::successWith("CBRadioSWVersion", versionText(radio->mCBRSWVersion, 14)).c_str());
+            const std::string version = versionText(radio->mCBRSWVersion, 14);
+            reply(scope, context, CBRadioJsonText::successWith("CBRadioSWVersion", version).c_str());
         } else {
             result.set(failure);
             reply(scope, context, result.text);
