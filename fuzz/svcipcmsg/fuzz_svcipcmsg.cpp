@@ -20,6 +20,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (!msg)
         return 0;
     const std::string service = "com.quorin.service.CBRadioService";
+    const std::string interfaces = "  <interface name=\"com.quorin.service.CBRadioService\">\n"
+                                   "    <method name=\"reqCBRState\"/>\n  </interface>\n";
     const std::vector<std::string> paths = {"/com/quorin/service/CBRadioService", "/a/b/c"};
 
     svcipc::Incoming in = svcipc::classify(msg);
@@ -28,7 +30,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         for (const std::string& p : paths)
             served = served || p == in.path;
         svcipc::CallDecision d =
-            svcipc::routeCall(in, served ? &service : nullptr, [&] { return paths; });
+            svcipc::routeCall(in, served ? &service : nullptr, served ? &interfaces : nullptr,
+                              [&] { return paths; });
         if (d.route == svcipc::Route::ToService && !svcipc::isValidText(in.text))
             __builtin_trap();  // the request callback must only ever see valid text
         DBusMessage* reply = svcipc::buildReply(msg, in, d);
@@ -38,6 +41,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             if (dbus_message_marshal(reply, &bytes, &length))
                 dbus_free(bytes);
             dbus_message_unref(reply);
+        }
+    }
+    if (in.kind == svcipc::Kind::MethodCall) {
+        for (bool described : {false, true}) {
+            if (DBusMessage* reply = svcipc::buildNoResultReply(msg, described))
+                dbus_message_unref(reply);
         }
     }
     svcipc::errorCodeForName(in.errName);

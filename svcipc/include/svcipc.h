@@ -167,7 +167,8 @@ typedef struct SVCIPC_sResponse
 /* A method call arrived for a registered service. `method` is the member name, `parms` the
  * argument text ("" for a call without arguments), `noReplyExpected` nonzero when the caller asked
  * for no reply. The context stays valid until SVCIPC_freeReqContext, which the service must call
- * exactly once, with or without a result; the result may be returned later from any thread. */
+ * exactly once, with or without a result (without one the library answers with an error); the
+ * result may be returned later from any thread. The texts are valid during the callback only. */
 typedef void (*SVCIPC_tRequestCallback)(SVCIPC_tReqContext context, const char* method,
                                         const char* parms, SVCIPC_tBool noReplyExpected,
                                         SVCIPC_tUserToken token);
@@ -222,13 +223,14 @@ SVCIPC_tError SVCIPC_getConnection(SVCIPC_tUInt32 connType, SVCIPC_tBool openPri
  * long for a stuck callback (see "Stopping" above). Errors: SVCIPC_ERR_BAD_HANDLE. */
 SVCIPC_tError SVCIPC_closeConnection(SVCIPC_tConnection conn);
 
-/* Called when the bus connection behind `conn` is lost under the process (the bus daemon ended,
- * or closed the connection): once, on a library thread, after every outstanding call has failed.
- * Not called when the connection is ended with SVCIPC_closeConnection or SVCIPC_shutdown.
- * A later call replaces the callback; null removes it. The connection is set up before any call
- * of the process's own can see it lost, so a loss is never missed between getting the connection
- * and this call (a connection already lost calls back at once, on a library thread).
- * Errors: SVCIPC_ERR_BAD_HANDLE. */
+/* Asks for `onLost` to be called when the bus connection behind `conn` is lost under the process
+ * (the bus daemon ended, or closed the connection): once, on a library thread, after every
+ * blocking call on it has failed and every outstanding completion has run. Not called when the
+ * connection is ended with SVCIPC_closeConnection or SVCIPC_shutdown. A later call replaces the
+ * callback; null removes it. A library thread watches the connection from then on, so the loss
+ * is noticed at once even while the process makes no calls; a connection already lost calls back
+ * at once (on a library thread). The callback is shared by every handle of the same underlying
+ * connection. Errors: SVCIPC_ERR_BAD_HANDLE. */
 typedef void (*SVCIPC_tConnectionLostCallback)(SVCIPC_tUserToken token);
 SVCIPC_tError SVCIPC_setConnectionLostCallback(SVCIPC_tConnection conn,
                                                SVCIPC_tConnectionLostCallback onLost,
@@ -250,14 +252,20 @@ SVCIPC_tError SVCIPC_registerService(SVCIPC_tConnection conn, const char* busNam
                                      SVCIPC_tRequestCallback onRequest, const void* token,
                                      SVCIPC_tSvcRegHnd* regHnd);
 
-/* Hands the library the interface description served on `objPath`: D-Bus introspection XML
- * holding one or more <interface> elements (a whole <node> document is accepted too). From then
- * on org.freedesktop.DBus.Introspectable.Introspect on that path lists those interfaces besides
- * the standard ones, and a request freed without a result is answered with
- * "org.freedesktop.DBus.Error.UnknownMethod" when its member is not a method of the description,
- * else with "com.quorin.SvcIpc.Error.NoResult". Call it before SVCIPC_registerService so that
- * even the first call is described; a later call replaces the description. The text is copied.
- * Errors: SVCIPC_ERR_BAD_HANDLE, SVCIPC_ERR_BAD_ARGUMENT (bad path, null or malformed text). */
+/* Hands the library the interface description of the object `objPath`: D-Bus introspection XML
+ * holding one or more <interface> elements, on their own or inside one <node> document (an XML
+ * declaration, a DOCTYPE and comments may precede it; child <node> elements and copies of the
+ * standard org.freedesktop.DBus.* interfaces are left out). From then on
+ * org.freedesktop.DBus.Introspectable.Introspect on that path, once a service is registered there,
+ * lists those interfaces verbatim besides the standard ones, and a request freed without a result
+ * is answered "org.freedesktop.DBus.Error.UnknownMethod" unless its member is a method of the
+ * description (see SVCIPC_freeReqContext). Call it before SVCIPC_registerService so that even the
+ * first call is described; a later call replaces the description; it stays with the connection
+ * across unregistering. The text is checked and copied: it must be well-formed (balanced tags,
+ * quoted attributes, only predefined and character references, no DOCTYPE internal subset, at most
+ * 32 levels deep) and every interface and method must have a valid name.
+ * Errors: SVCIPC_ERR_BAD_HANDLE, SVCIPC_ERR_BAD_ARGUMENT (bad path; null, malformed or non-UTF-8
+ * text; no interface in it). */
 SVCIPC_tError SVCIPC_setInterfaceDescription(SVCIPC_tConnection conn, const char* objPath,
                                              const char* xml);
 
@@ -276,8 +284,12 @@ SVCIPC_tError SVCIPC_unregisterService(SVCIPC_tSvcRegHnd regHnd);
 SVCIPC_tError SVCIPC_asyncReturnResult(SVCIPC_tReqContext context, const char* result,
                                        SVCIPC_tStatusCallback onStatus, const void* token);
 
-/* Frees a request context. A call whose context is freed without a result gets no reply: its
- * caller runs into its time-out. Errors: SVCIPC_ERR_BAD_HANDLE. */
+/* Frees a request context. A call whose context is freed without a result (SVCIPC_asyncReturnResult
+ * never succeeded for it) is answered at once with an error, so that its caller never waits out
+ * a time-out: "com.quorin.SvcIpc.Error.NoResult" when the member is a method of the interface
+ * description of the call's path (SVCIPC_setInterfaceDescription), else
+ * "org.freedesktop.DBus.Error.UnknownMethod" (also when the path has no description). A call
+ * flagged no-reply-expected gets nothing. Errors: SVCIPC_ERR_BAD_HANDLE. */
 SVCIPC_tError SVCIPC_freeReqContext(SVCIPC_tReqContext context);
 
 /* Emits the signal `sigName` with the text `data` (null: "") from the service registered on
@@ -291,10 +303,14 @@ SVCIPC_tError SVCIPC_asyncEmit(SVCIPC_tConnection conn, const char* sigName, con
  * Signals and owners
  * ------------------------------------------------------------------------------------------- */
 
-/* Delivers every signal named `sigName` on object `objPath`, from any sender and interface, to
- * `onSignal`. Signals whose first argument is not a string are ignored. The bus has accepted the
- * match rule when this returns, so no signal emitted afterwards is missed. Errors:
- * SVCIPC_ERR_BAD_HANDLE, SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_ERR_TIMEOUT, SVCIPC_ERR_DISCONNECTED. */
+/* Delivers every signal named `sigName` on object `objPath`, any interface, sent by the current
+ * owner of the bus name that the path spells (the leading slash dropped, the other slashes read as
+ * dots: "/com/quorin/service/AudioManager" is heard from whoever owns
+ * "com.quorin.service.AudioManager"), to `onSignal`. Signals from anyone else, signals aimed at one
+ * connection instead of broadcast, and signals whose first argument is not a string are ignored.
+ * The bus has accepted the match rule when this returns, so no signal emitted afterwards is
+ * missed. Errors: SVCIPC_ERR_BAD_HANDLE, SVCIPC_ERR_BAD_ARGUMENT (also a path that spells no bus
+ * name, such as "/a"), SVCIPC_ERR_TIMEOUT, SVCIPC_ERR_DISCONNECTED. */
 SVCIPC_tError SVCIPC_subscribe(SVCIPC_tConnection conn, const char* objPath, const char* sigName,
                                SVCIPC_tSignalCallback onSignal, const void* token,
                                SVCIPC_tSigSubHnd* subHnd);

@@ -489,6 +489,10 @@ void Connection::sortIncoming(DBusMessage* msg)
         return;
     }
     case Kind::Signal: {
+        // The bus matches broadcasts against our rules, which name the sender; a signal aimed at
+        // us passes no rule, so only the bus daemon's own count.
+        if (dbus_message_get_destination(msg) && !in.ownerChange)
+            break;
         bool wanted = false;
         for (const auto& s : mSubs) {
             wanted = s->ownerWatch ? in.ownerChange && s->busName == in.ownerName
@@ -509,7 +513,13 @@ void Connection::sortIncoming(DBusMessage* msg)
         for (const auto& r : mRegs)
             if (r->objPath == in.path)
                 service = &r->busName;
-        CallDecision decision = routeCall(in, service, [this] {
+        const std::string* interfaces = nullptr;
+        if (service && !mDescriptions.empty()) {
+            auto d = mDescriptions.find(in.path);
+            if (d != mDescriptions.end())
+                interfaces = &d->second->xml;
+        }
+        CallDecision decision = routeCall(in, service, interfaces, [this] {
             std::vector<std::string> all;
             for (const auto& r : mRegs)
                 all.push_back(r->objPath);
@@ -577,7 +587,7 @@ void Connection::handleCall(DBusMessage* msg, const Incoming& in)
         return;
     }
     // Unregistered since the call was read.
-    CallDecision decision = routeCall(in, nullptr, [this] {
+    CallDecision decision = routeCall(in, nullptr, nullptr, [this] {
         std::vector<std::string> all;
         std::lock_guard<std::mutex> lock(mMutex);
         for (const auto& r : mRegs)
@@ -941,6 +951,29 @@ void Connection::removeSubscription(const std::shared_ptr<Subscription>& sub)
     if (appendString(msg, sub->rule))
         sendMessage(msg);
     dbus_message_unref(msg);
+}
+
+void Connection::setDescription(const char* objPath,
+                                std::shared_ptr<const InterfaceDescription> d)
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    mDescriptions[objPath] = std::move(d);
+}
+
+void Connection::answerUnanswered(DBusMessage* call)
+{
+    std::shared_ptr<const InterfaceDescription> d;
+    if (const char* path = dbus_message_get_path(call)) {
+        std::lock_guard<std::mutex> lock(mMutex);
+        auto it = mDescriptions.find(path);
+        if (it != mDescriptions.end())
+            d = it->second;
+    }
+    DBusMessage* reply = buildNoResultReply(call, d && d->hasMethod(dbus_message_get_member(call)));
+    if (reply) {
+        sendMessage(reply);
+        dbus_message_unref(reply);
+    }
 }
 
 void Connection::setLostCallback(SVCIPC_tConnectionLostCallback onLost, void* token)

@@ -30,6 +30,7 @@
 
 #include "svcipc.h"
 
+#include "SvcIpcDescription.h"
 #include "SvcIpcIncoming.h"
 
 #include <dbus/dbus.h>
@@ -99,6 +100,7 @@ struct RequestContext
     ~RequestContext();
     DBusMessage* call = nullptr;
     bool noReply = false;
+    std::atomic<bool> replied{false};  // a result was sent (from any thread)
 };
 
 // The error details of a failed call that waited for its reply.
@@ -135,6 +137,9 @@ public:
     SVCIPC_tError addSubscription(const std::shared_ptr<Subscription>& sub);
     void removeSubscription(const std::shared_ptr<Subscription>& sub);
     void setLostCallback(SVCIPC_tConnectionLostCallback onLost, void* token);
+    void setDescription(const char* objPath, std::shared_ptr<const InterfaceDescription> d);
+    // Answers a call whose context was freed without a result, at once (see buildNoResultReply).
+    void answerUnanswered(DBusMessage* call);
 
     SVCIPC_tError emit(const char* sigName, const char* data);
     SVCIPC_tError sendMessage(DBusMessage* msg);  // the caller keeps its reference
@@ -226,6 +231,7 @@ private:
     std::condition_variable mCond;
     std::vector<std::shared_ptr<Registration>> mRegs;
     std::vector<std::shared_ptr<Subscription>> mSubs;
+    std::map<std::string, std::shared_ptr<const InterfaceDescription>, std::less<>> mDescriptions;
     std::unordered_map<uint32_t, Waiter*> mWaiters;  // by serial
     std::map<uint32_t, Pending> mAsync;               // by serial
     std::deque<Work> mWork;

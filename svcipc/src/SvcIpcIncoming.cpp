@@ -151,6 +151,7 @@ Incoming classify(DBusMessage* msg)
 }
 
 CallDecision routeCall(const Incoming& call, const std::string* serviceName,
+                       const std::string* interfacesXml,
                        const std::function<std::vector<std::string>()>& registeredPaths)
 {
     const char* path = call.path;
@@ -180,7 +181,9 @@ CallDecision routeCall(const Incoming& call, const std::string* serviceName,
         d.route = Route::Introspect;
         d.body = kIntrospectHeader;
         d.body += kStandardInterfaces;
-        if (serviceName)
+        if (serviceName && interfacesXml)
+            d.body += *interfacesXml;
+        else if (serviceName)
             d.body += "  <interface name=\"" + *serviceName + "\">\n  </interface>\n";
         for (const std::string& child : children)
             d.body += "  <node name=\"" + child + "\"/>\n";
@@ -239,6 +242,20 @@ DBusMessage* buildReply(DBusMessage* call, const Incoming& in, const CallDecisio
         break;
     }
     return nullptr;
+}
+
+const char* const kNoResultError = "com.quorin.SvcIpc.Error.NoResult";
+
+DBusMessage* buildNoResultReply(DBusMessage* call, bool memberDescribed)
+{
+    if (dbus_message_get_no_reply(call))
+        return nullptr;
+    const std::string member = str(dbus_message_get_member(call));
+    if (memberDescribed)
+        return dbus_message_new_error(call, kNoResultError,
+                                      ("Method '" + member + "' gave no result").c_str());
+    return dbus_message_new_error(call, DBUS_ERROR_UNKNOWN_METHOD,
+                                  ("No such method '" + member + "'").c_str());
 }
 
 uint32_t errorCodeForName(const char* errName)

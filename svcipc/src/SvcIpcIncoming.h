@@ -71,13 +71,21 @@ struct CallDecision
 };
 
 // serviceName: the bus name registered at the call's path, or null when nothing is registered
-// there. registeredPaths: every path served on the connection (only asked for introspection).
+// there. interfacesXml: the <interface> elements of the path's description, or null when it has
+// none (Introspect then shows an empty interface named after the service). registeredPaths:
+// every path served on the connection (only asked for introspection).
 CallDecision routeCall(const Incoming& call, const std::string* serviceName,
+                       const std::string* interfacesXml,
                        const std::function<std::vector<std::string>()>& registeredPaths);
 
 // The reply the library sends itself for a decision other than ToService; null when the caller
 // asked for no reply or memory ran out.
 DBusMessage* buildReply(DBusMessage* call, const Incoming& in, const CallDecision& decision);
+
+// The error a call freed without a result is answered with: "UnknownMethod" unless the member is
+// a method of the description (then the library's own "NoResult").
+extern const char* const kNoResultError;
+DBusMessage* buildNoResultReply(DBusMessage* call, bool memberDescribed);
 
 // The error code (low 28 bits of a status) that a bus error name stands for.
 uint32_t errorCodeForName(const char* errName);

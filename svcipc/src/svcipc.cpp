@@ -7,6 +7,7 @@
 
 #include <dbus/dbus.h>
 
+#include <algorithm>
 #include <climits>
 #include <mutex>
 #include <unordered_map>
@@ -73,6 +74,15 @@ bool validPath(const char* path)
 bool validMember(const char* member)
 {
     return member && dbus_validate_member(member, nullptr);
+}
+
+// The bus name an object path spells: "/com/quorin/service/X" -> "com.quorin.service.X"; "" when
+// that is no well-known name.
+std::string nameSpelledBy(const char* path)
+{
+    std::string name(path + 1);
+    std::replace(name.begin(), name.end(), '/', '.');
+    return validWellKnownName(name.c_str()) ? name : std::string();
 }
 
 const char* orEmpty(const char* text)
@@ -239,8 +249,10 @@ SVCIPC_tError SVCIPC_setInterfaceDescription(SVCIPC_tConnection conn, const char
     HandleEntry e;
     if (!lookup(id(conn), HandleKind::Connection, e))
         return SVCIPC_ERR_BAD_HANDLE;
-    if (!validPath(objPath) || !xml)
+    auto description = std::make_shared<InterfaceDescription>();
+    if (!validPath(objPath) || !isValidText(xml) || !parseDescription(xml, *description))
         return SVCIPC_ERR_BAD_ARGUMENT;
+    e.conn->setDescription(objPath, std::move(description));
     return 0;
 }
 
@@ -291,6 +303,7 @@ SVCIPC_tError SVCIPC_asyncReturnResult(SVCIPC_tReqContext context, const char* r
         return SVCIPC_ERR_BAD_ARGUMENT;
     auto* ctx = static_cast<RequestContext*>(e.object.get());
     SVCIPC_tError status = 0;
+    ctx->replied = true;
     if (!ctx->noReply) {
         DBusMessage* reply = dbus_message_new_method_return(ctx->call);
         if (!reply)
@@ -307,8 +320,12 @@ SVCIPC_tError SVCIPC_asyncReturnResult(SVCIPC_tReqContext context, const char* r
 
 SVCIPC_tError SVCIPC_freeReqContext(SVCIPC_tReqContext context)
 {
-    if (id(context) == 0 || !Handles::remove(id(context), HandleKind::Request))
+    HandleEntry e;
+    if (id(context) == 0 || !Handles::remove(id(context), HandleKind::Request, &e))
         return SVCIPC_ERR_BAD_HANDLE;
+    auto* ctx = static_cast<RequestContext*>(e.object.get());
+    if (!ctx->noReply && !ctx->replied)
+        e.conn->answerUnanswered(ctx->call);  // nobody waits out a time-out
     return 0;
 }
 
@@ -334,7 +351,8 @@ SVCIPC_tError SVCIPC_subscribe(SVCIPC_tConnection conn, const char* objPath, con
         return SVCIPC_ERR_BAD_ARGUMENT;
     *subHnd = nullptr;
     setLastError("", "");
-    if (!validPath(objPath) || !validMember(sigName) || !onSignal) {
+    const std::string owner = validPath(objPath) ? nameSpelledBy(objPath) : std::string();
+    if (owner.empty() || !validMember(sigName) || !onSignal) {
         HandleEntry e;
         return lookup(id(conn), HandleKind::Connection, e) ? SVCIPC_ERR_BAD_ARGUMENT
                                                             : SVCIPC_ERR_BAD_HANDLE;
@@ -342,7 +360,9 @@ SVCIPC_tError SVCIPC_subscribe(SVCIPC_tConnection conn, const char* objPath, con
     auto sub = std::make_shared<Subscription>();
     sub->path = objPath;
     sub->member = sigName;
-    sub->rule = std::string("type='signal',path='") + objPath + "',member='" + sigName + "'";
+    // Only the name's current owner is heard: nobody else can pose as the peer.
+    sub->rule = "type='signal',sender='" + owner + "',path='" + objPath + "',member='" + sigName
+                + "'";
     sub->onSignal = onSignal;
     sub->token = userToken(token);
     return addSubscription(conn, std::move(sub), subHnd);

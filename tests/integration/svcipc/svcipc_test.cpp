@@ -77,6 +77,23 @@ struct Service
     }
 };
 
+// Request contexts a service keeps without a result, freed when the test ends.
+struct Held
+{
+    std::mutex mutex;
+    std::vector<SVCIPC_tReqContext> contexts;
+    void add(SVCIPC_tReqContext ctx)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        contexts.push_back(ctx);
+    }
+    ~Held()
+    {
+        for (SVCIPC_tReqContext ctx : contexts)
+            SVCIPC_freeReqContext(ctx);
+    }
+};
+
 void onSignal(const char* name, const char* data, SVCIPC_tUserToken token)
 {
     static_cast<Log*>(token)->add(std::string(name) + "=" + data);
@@ -140,6 +157,31 @@ struct RawPeer
         std::string out = std::string("reply:") + s;
         dbus_message_unref(reply);
         return out;
+    }
+    std::string ownerOf(const char* name)
+    {
+        DBusMessage* ask = dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
+                                                        DBUS_INTERFACE_DBUS, "GetNameOwner");
+        dbus_message_append_args(ask, DBUS_TYPE_STRING, &name, DBUS_TYPE_INVALID);
+        std::string answer = call(ask);
+        return answer.compare(0, 6, "reply:") == 0 ? answer.substr(6) : answer;
+    }
+    // Sends a broadcast signal, or one aimed at `destination`, whose argument is `text` (or an
+    // integer when `text` is null).
+    void signal(const char* path, const char* member, const char* text,
+                const char* destination = nullptr)
+    {
+        DBusMessage* sig = dbus_message_new_signal(path, "com.quorin.test.Any", member);
+        dbus_int32_t number = 3;
+        if (text)
+            dbus_message_append_args(sig, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
+        else
+            dbus_message_append_args(sig, DBUS_TYPE_INT32, &number, DBUS_TYPE_INVALID);
+        if (destination)
+            dbus_message_set_destination(sig, destination);
+        dbus_connection_send(conn, sig, nullptr);
+        dbus_message_unref(sig);
+        dbus_connection_flush(conn);
     }
     // From now on a thread of its own owns the connection: it answers every call with "raw" and
     // notes who sent what. Names and match rules must be in place before.
@@ -270,20 +312,65 @@ TEST_F(SvcIpc, WrongSignaturesAreRefusedBeforeTheCallback)
     EXPECT_TRUE(svc.log.snapshot().empty());
 }
 
-TEST_F(SvcIpc, IntrospectionAndPeerAreAnsweredByTheLibrary)
+TEST_F(SvcIpc, IntrospectionAndUnansweredCallsFollowTheDescription)
 {
+    const char* const description =
+        "<?xml version=\"1.0\"?>\n"
+        "<!DOCTYPE node PUBLIC \"-//freedesktop//DTD D-BUS Object Introspection 1.0//EN\"\n"
+        " \"http://www.freedesktop.org/standards/dbus/1.0/introspect.dtd\">\n"
+        "<node>\n"
+        "  <!-- the test service -->\n"
+        "  <interface name=\"com.quorin.service.Test\">\n"
+        "    <method name=\"described\">\n"
+        "      <annotation name=\"org.freedesktop.DBus.Description\" value=\"Says &quot;no&quot;.\"/>\n"
+        "      <arg name=\"parms\" type=\"s\" direction=\"in\"/>\n"
+        "      <arg name=\"result\" type=\"s\" direction=\"out\"/>\n"
+        "    </method>\n"
+        "    <signal name=\"changed\"><arg type=\"s\"/></signal>\n"
+        "  </interface>\n"
+        "  <node name=\"child\"/>\n"
+        "</node>\n";
+    for (const char* bad : {"", "<node>", "<interface name=\"a.b\"><method name=\"m\"></interface>",
+                            "<node><interface name=\"nodot\"/></node>",
+                            "<!DOCTYPE x [<!ENTITY e \"boom\">]><interface name=\"a.b\"/>",
+                            "<interface name=\"a.b\" doc=\"&bad\"/>"})
+        EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_setInterfaceDescription(conn, kPath, bad)) << bad;
+    ASSERT_EQ(0, SVCIPC_setInterfaceDescription(conn, kPath, description));
     Service svc;
+    svc.onRequest = [](SVCIPC_tReqContext ctx, const std::string&, const std::string&) {
+        SVCIPC_freeReqContext(ctx);  // never a result
+    };
     ASSERT_EQ(0, svc.registerOn(conn));
     RawPeer raw(bus.address());
-    std::string xml = raw.call(dbus_message_new_method_call(
-        kName, kPath, "org.freedesktop.DBus.Introspectable", "Introspect"));
-    EXPECT_NE(std::string::npos, xml.find("<interface name=\"com.quorin.service.Test\">"));
-    std::string root = raw.call(dbus_message_new_method_call(
-        kName, "/com", "org.freedesktop.DBus.Introspectable", "Introspect"));
-    EXPECT_NE(std::string::npos, root.find("<node name=\"quorin\"/>"));
+    auto introspect = [&](const char* path) {
+        return raw.call(dbus_message_new_method_call(kName, path,
+                                                     "org.freedesktop.DBus.Introspectable",
+                                                     "Introspect"));
+    };
+
+    std::string xml = introspect(kPath);
+    EXPECT_EQ(0u, xml.find("reply:<!DOCTYPE node"));
+    for (const char* part : {"<interface name=\"org.freedesktop.DBus.Introspectable\">",
+                             "<interface name=\"org.freedesktop.DBus.Peer\">",
+                             "<method name=\"described\">", "<signal name=\"changed\">",
+                             "value=\"Says &quot;no&quot;.\""})
+        EXPECT_NE(std::string::npos, xml.find(part)) << part;
+    EXPECT_EQ(std::string::npos, xml.find("child"));
+    // What the library serves is a valid description in turn.
+    EXPECT_EQ(0, SVCIPC_setInterfaceDescription(conn, "/elsewhere", xml.substr(6).c_str()));
+    EXPECT_NE(std::string::npos, introspect("/com").find("<node name=\"quorin\"/>"));
     EXPECT_EQ("reply:", raw.call(dbus_message_new_method_call(kName, kPath,
                                                               "org.freedesktop.DBus.Peer", "Ping")));
     EXPECT_TRUE(svc.log.snapshot().empty());
+
+    // A call freed without a result is answered at once, by whether its method is described.
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ("error:com.quorin.SvcIpc.Error.NoResult",
+              raw.call(dbus_message_new_method_call(kName, kPath, kName, "described")));
+    EXPECT_EQ("error:org.freedesktop.DBus.Error.UnknownMethod",
+              raw.call(dbus_message_new_method_call(kName, kPath, kName, "undescribed")));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+    EXPECT_EQ(2u, svc.log.snapshot().size());
 }
 
 TEST_F(SvcIpc, NameOwnedElsewhereOrTwiceIsRefused)
@@ -307,8 +394,9 @@ TEST_F(SvcIpc, NameOwnedElsewhereOrTwiceIsRefused)
 TEST_F(SvcIpc, TimeOutsAndMissingServices)
 {
     Service svc;
-    svc.onRequest = [](SVCIPC_tReqContext ctx, const std::string&, const std::string&) {
-        SVCIPC_freeReqContext(ctx);  // no result: the caller must run into its time-out
+    Held held;  // no result yet: the caller must run into its time-out
+    svc.onRequest = [&](SVCIPC_tReqContext ctx, const std::string&, const std::string&) {
+        held.add(ctx);
     };
     ASSERT_EQ(0, svc.registerOn(conn));
     SVCIPC_tConnection client = privateConnection();
@@ -365,38 +453,51 @@ TEST_F(SvcIpc, ResultsAfterTheFirstAndCompletionsOfFireAndForget)
     EXPECT_EQ("done 0", done.snapshot()[0]);
 }
 
-TEST_F(SvcIpc, SignalsAreDeliveredUntilUnsubscribed)
+TEST_F(SvcIpc, SignalsComeFromTheOwnerOnlyUntilUnsubscribed)
 {
-    SVCIPC_tConnection client = privateConnection();
     EXPECT_EQ(SVCIPC_ERR_NOT_REGISTERED, SVCIPC_asyncEmit(conn, "s", "", nullptr, nullptr));
-    Service svc;
-    ASSERT_EQ(0, svc.registerOn(conn));
+    Service subscriber, emitting;
+    ASSERT_EQ(0, subscriber.registerOn(conn));
+    const char* const emitterPath = "/com/quorin/service/Emitter";
+    SVCIPC_tConnection emitter = privateConnection();
+    ASSERT_EQ(0, emitting.registerOn(emitter, "com.quorin.service.Emitter", emitterPath));
+    RawPeer raw(bus.address()), spoofer(bus.address());
+    ASSERT_EQ(DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER,
+              dbus_bus_request_name(raw.conn, "com.quorin.test.Raw", 0, nullptr));
 
     Log log, marker;
-    SVCIPC_tSigSubHnd sub = nullptr, mark = nullptr;
-    ASSERT_EQ(0, SVCIPC_subscribe(client, kPath, "status", &onSignal, &log, &sub));
-    ASSERT_EQ(0, SVCIPC_subscribe(client, kPath, "marker", &onSignal, &marker, &mark));
-    ASSERT_EQ(0, SVCIPC_asyncEmit(conn, "status", "{\"on\":1}", nullptr, nullptr));
-    ASSERT_EQ(0, SVCIPC_asyncEmit(conn, "other", "x", nullptr, nullptr));
-    ASSERT_EQ(0, SVCIPC_asyncEmit(conn, "marker", "1", nullptr, nullptr));
-    ASSERT_TRUE(marker.waitFor(1));
-    EXPECT_EQ(std::vector<std::string>{"status={\"on\":1}"}, log.snapshot());
+    SVCIPC_tSigSubHnd sub = nullptr, rawSub = nullptr, mark = nullptr;
+    EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT,
+              SVCIPC_subscribe(conn, "/nodots", "status", &onSignal, &log, &sub));
+    ASSERT_EQ(0, SVCIPC_subscribe(conn, emitterPath, "status", &onSignal, &log, &sub));
+    ASSERT_EQ(0, SVCIPC_subscribe(conn, "/com/quorin/test/Raw", "status", &onSignal, &log, &rawSub));
+    ASSERT_EQ(0, SVCIPC_subscribe(conn, emitterPath, "marker", &onSignal, &marker, &mark));
 
-    // A signal whose first argument is not a string is ignored.
-    RawPeer raw(bus.address());
-    DBusMessage* bad = dbus_message_new_signal(kPath, kName, "status");
-    dbus_int32_t i = 3;
-    dbus_message_append_args(bad, DBUS_TYPE_INT32, &i, DBUS_TYPE_INVALID);
-    dbus_connection_send(raw.conn, bad, nullptr);
-    dbus_message_unref(bad);
-    dbus_connection_flush(raw.conn);
+    // Others posing as the emitter, broadcasting or aiming at the subscriber, are not heard; the
+    // owner is, unless the first argument is not a string. (A call to the subscriber after each
+    // peer's signals proves they were read before the emitter's marker.)
+    auto ping = [](RawPeer& peer) {
+        return peer.call(dbus_message_new_method_call(kName, kPath, "org.freedesktop.DBus.Peer",
+                                                      "Ping"));
+    };
+    spoofer.signal(emitterPath, "status", "spoofed");
+    spoofer.signal(emitterPath, "status", "aimed", raw.ownerOf(kName).c_str());
+    ASSERT_EQ("reply:", ping(spoofer));
+    raw.signal("/com/quorin/test/Raw", "status", nullptr);
+    raw.signal("/com/quorin/test/Raw", "status", "raw");
+    ASSERT_EQ("reply:", ping(raw));
+    ASSERT_EQ(0, SVCIPC_asyncEmit(emitter, "status", "{\"on\":1}", nullptr, nullptr));
+    ASSERT_EQ(0, SVCIPC_asyncEmit(emitter, "other", "x", nullptr, nullptr));
+    ASSERT_EQ(0, SVCIPC_asyncEmit(emitter, "marker", "1", nullptr, nullptr));
+    ASSERT_TRUE(marker.waitFor(1));
+    EXPECT_EQ((std::vector<std::string>{"status=raw", "status={\"on\":1}"}), log.snapshot());
 
     ASSERT_EQ(0, SVCIPC_unsubscribe(sub));
     EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_unsubscribe(sub));
-    ASSERT_EQ(0, SVCIPC_asyncEmit(conn, "status", "after", nullptr, nullptr));
-    ASSERT_EQ(0, SVCIPC_asyncEmit(conn, "marker", "2", nullptr, nullptr));
+    ASSERT_EQ(0, SVCIPC_asyncEmit(emitter, "status", "after", nullptr, nullptr));
+    ASSERT_EQ(0, SVCIPC_asyncEmit(emitter, "marker", "2", nullptr, nullptr));
     ASSERT_TRUE(marker.waitFor(2));
-    EXPECT_EQ(1u, log.snapshot().size());
+    EXPECT_EQ(2u, log.snapshot().size());
 }
 
 TEST_F(SvcIpc, OwnerChangesFollowAPeerComingAndGoing)
@@ -430,10 +531,11 @@ TEST_F(SvcIpc, BlockingCallsFromCallbacksDoNotDeadlock)
 {
     // Both services live on the same shared connection: the inner call can only be answered if
     // the library keeps dispatching while the outer callback blocks.
+    static const char* const kInner = "/com/quorin/service/Inner";
     Service inner, outer;
     outer.onRequest = [&](SVCIPC_tReqContext ctx, const std::string&, const std::string& parms) {
         SVCIPC_tResponse* resp = nullptr;
-        SVCIPC_tError st = SVCIPC_invoke(conn, "com.quorin.service.Inner", "/inner", "m",
+        SVCIPC_tError st = SVCIPC_invoke(conn, "com.quorin.service.Inner", kInner, "m",
                                          parms.c_str(), 0, 3000, &resp);
         std::string text = st == 0 ? std::string("outer+") + resp->result : "failed";
         if (resp)
@@ -441,12 +543,12 @@ TEST_F(SvcIpc, BlockingCallsFromCallbacksDoNotDeadlock)
         SVCIPC_asyncReturnResult(ctx, text.c_str(), nullptr, nullptr);
         SVCIPC_freeReqContext(ctx);
     };
-    ASSERT_EQ(0, inner.registerOn(conn, "com.quorin.service.Inner", "/inner"));
+    ASSERT_EQ(0, inner.registerOn(conn, "com.quorin.service.Inner", kInner));
     ASSERT_EQ(0, outer.registerOn(conn));
     EXPECT_EQ("outer+echo:q", invoke(privateConnection(), "m", "q"));
 
     // A subscription made from inside a signal callback also returns. (Signals of this
-    // connection come from its earliest registration, "/inner".)
+    // connection come from its earliest registration, Inner.)
     Log steps, nested;
     struct Ctx
     {
@@ -460,14 +562,14 @@ TEST_F(SvcIpc, BlockingCallsFromCallbacksDoNotDeadlock)
         auto* x = static_cast<Ctx*>(token);
         if (x->done.exchange(true))
             return;
-        SVCIPC_tError st = SVCIPC_subscribe(x->conn, "/inner", "second", &onSignal, x->nested,
+        SVCIPC_tError st = SVCIPC_subscribe(x->conn, kInner, "second", &onSignal, x->nested,
                                             &x->sub);
         SVCIPC_tBool owned = 0;
         SVCIPC_tError st2 = SVCIPC_nameHasOwner(x->conn, kName, &owned, 0);
         x->steps->add(std::to_string(st) + " " + std::to_string(st2) + " " + std::to_string(owned));
     };
     SVCIPC_tSigSubHnd first = nullptr;
-    ASSERT_EQ(0, SVCIPC_subscribe(conn, "/inner", "first", cb, &c, &first));
+    ASSERT_EQ(0, SVCIPC_subscribe(conn, kInner, "first", cb, &c, &first));
     ASSERT_EQ(0, SVCIPC_asyncEmit(conn, "first", "", nullptr, nullptr));
     ASSERT_TRUE(steps.waitFor(1));
     EXPECT_EQ("0 0 1", steps.snapshot()[0]);
@@ -490,10 +592,7 @@ TEST_F(SvcIpc, PeersSeeOneSenderForCallsSignalsAndTheName)
     ASSERT_EQ(DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER,
               dbus_bus_request_name(raw.conn, rawName, 0, nullptr));
     dbus_bus_add_match(raw.conn, "type='signal',path='/com/quorin/service/Test'", nullptr);
-    DBusMessage* ask = dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
-                                                    DBUS_INTERFACE_DBUS, "GetNameOwner");
-    dbus_message_append_args(ask, DBUS_TYPE_STRING, &kName, DBUS_TYPE_INVALID);
-    const std::string owner = raw.call(ask).substr(6);
+    const std::string owner = raw.ownerOf(kName);
     ASSERT_EQ(':', owner[0]);
     raw.serve();
 
@@ -589,13 +688,23 @@ TEST_F(SvcIpc, ManyThreadsInvokingAtOnce)
 TEST_F(SvcIpc, ABusThatDiesTurnsIntoFailures)
 {
     Service svc;
-    svc.onRequest = [](SVCIPC_tReqContext ctx, const std::string& method, const std::string&) {
-        if (method == "fast")
-            SVCIPC_asyncReturnResult(ctx, "ok", nullptr, nullptr);
+    Held held;
+    svc.onRequest = [&](SVCIPC_tReqContext ctx, const std::string& method, const std::string&) {
+        if (method != "fast")
+            return held.add(ctx);  // answered when the bus is gone
+        SVCIPC_asyncReturnResult(ctx, "ok", nullptr, nullptr);
         SVCIPC_freeReqContext(ctx);
     };
     ASSERT_EQ(0, svc.registerOn(conn));
     SVCIPC_tConnection client = privateConnection();
+    // Told once on a library thread when the bus goes; never for a connection closed before.
+    Log lost;
+    auto onLost = [](SVCIPC_tUserToken token) { static_cast<Log*>(token)->add("lost"); };
+    ASSERT_EQ(0, SVCIPC_setConnectionLostCallback(conn, onLost, &lost));
+    SVCIPC_tConnection closed = privateConnection();
+    ASSERT_EQ(0, SVCIPC_setConnectionLostCallback(closed, onLost, &lost));
+    ASSERT_EQ(0, SVCIPC_closeConnection(closed));
+    EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_setConnectionLostCallback(closed, onLost, &lost));
 
     std::atomic<bool> stop{false};
     std::atomic<int> failures{0};
@@ -618,6 +727,8 @@ TEST_F(SvcIpc, ABusThatDiesTurnsIntoFailures)
     std::this_thread::sleep_for(200ms);
     auto killed = std::chrono::steady_clock::now();
     bus.kill();
+    ASSERT_TRUE(lost.waitFor(1, 2000ms));
+    EXPECT_NE(std::this_thread::get_id(), lost.threads[0]);
 
     ASSERT_TRUE(pending.waitFor(1, 5000ms));
     EXPECT_EQ(std::to_string(SVCIPC_ERROR_DISCONNECTED) + "::", pending.snapshot()[0]);
@@ -638,6 +749,7 @@ TEST_F(SvcIpc, ABusThatDiesTurnsIntoFailures)
     EXPECT_EQ(0, SVCIPC_closeConnection(client));
     SVCIPC_tConnection again = nullptr;
     EXPECT_EQ(SVCIPC_ERR_NO_CONNECTION, SVCIPC_getConnection(0, 0, &again));
+    EXPECT_EQ(1u, lost.snapshot().size());
 }
 
 TEST_F(SvcIpc, StaleAndInvalidHandlesGiveFailures)
