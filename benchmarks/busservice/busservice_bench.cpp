@@ -1,55 +1,83 @@
-// The bus service end to end against plain libdbus, on one private bus, interleaved sample by
-// sample (the order alternates) so both see the same machine:
-//   - method: a client calls "reqCBRGetPresetList" on the real cbradiod and has the reply,
-//     against a plain libdbus client calling a plain libdbus echo peer;
-//   - frame to signal: this program plays the V850 on the daemon's channel, writes a reception
-//     sensitivity frame and waits until a subscriber has "CBRReceptionSensitivity", against a
-//     plain libdbus signal from one connection to another.
+// The bus service end to end against plain libdbus programs in processes of their own, on one
+// private bus, on the same path minus the service:
+//   - method call to reply: a plain libdbus client calls "reqCBRGetPresetList" on the real
+//     cbradiod, against the same client calling a plain echo server process that answers with
+//     the very text the service answers;
+//   - V850 frame to signal: this program plays the V850, writes a reception sensitivity frame
+//     on the daemon's packet-socket channel and waits until a plain subscriber has
+//     "CBRReceptionSensitivity", against a plain relay process that reads a frame from a packet
+//     socket of its own and emits a signal to the same subscriber;
+//   - four clients: four client threads call as fast as replies come, in rounds of half a second, on
+//     the service and on the plain echo server in turns; calls per second and the server's CPU
+//     time per call (user + system, /proc/<pid>/stat) of each round.
+// The noise floor: a second plain echo server, identical to the first, measured against it the same
+// way; on a busy machine its ratio strays from 1 as far as any figure can stray for nothing.
+// Samples of the service and of its baseline are taken in turns (the order alternates), so both
+// see the same machine. Every figure is printed as the ratio service / baseline of the medians and
+// of the 99th percentiles, with both sides' values.
 // The daemon runs with errors-only tracing, so the figures are the service's, not its console's.
-// Medians and 99th percentiles in microseconds and the ratio of the medians (service / plain) are
-// reported as counters and printed.
 #include "Arrival.h"
 #include "BenchStats.h"
+#include "ClientLoad.h"
 #include "HeadUnit.h"
 #include "JTDeviceNode.h"
 #include "PlainDbus.h"
 
 #include <benchmark/benchmark.h>
 
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <poll.h>
 #include <string>
-#include <sys/socket.h>
 #include <thread>
-#include <unistd.h>
 
 namespace
 {
 using Clock = std::chrono::steady_clock;
 
-// About the size of the service's preset list reply.
-const std::string kPlainReply(220, 'x');
-const PlainDbus::Names kPlain = {"bench.busservice.Plain", "/bench/busservice", "/bench/busservice"};
+const std::string kEchoName = "bench.busservice.PlainEcho";
+const std::string kEchoPath = "/bench/busservice/PlainEcho";
+const std::string kTwinName = "bench.busservice.PlainEchoTwin";
+const std::string kRelayName = "bench.busservice.PlainRelay";
+const std::string kRelayPath = "/bench/busservice/PlainRelay";
+const char* const kSignal = "CBRReceptionSensitivity";
+const char* const kMethod = "reqCBRGetPresetList";
+const int kClients = 4;
+const std::chrono::milliseconds kRound(500);
+
+const BenchStats::Subject kService = {"service", "service"};
+const BenchStats::Subject kEcho = {"plain", "plain echo process"};
+const BenchStats::Subject kTwin = {"twin", "identical plain echo process"};
+const BenchStats::Subject kRelay = {"plain", "plain relay process"};
+const int kWarmUps = 30;
+
+// A packet socket the daemon or the relay connects to; the accepted end is the V850's.
+int acceptOne(int listening)
+{
+    pollfd pfd = {listening, POLLIN, 0};
+    if (::poll(&pfd, 1, 5000) != 1)
+        return -1;
+    return ::accept(listening, nullptr, nullptr);
+}
 
 struct Setup
 {
     HeadUnit unit;
     int v850Listen = -1;
-    int v850 = -1;               // the daemon's end of the channel, as the V850 sees it
-    SVCIPC_tConnection subscriber = nullptr;
-    SVCIPC_tSigSubHnd sub = nullptr;
+    int v850 = -1;       // the daemon's channel, as the V850 sees it
+    int relayListen = -1;
+    int relay = -1;      // the relay's channel
+    pid_t echoPid = -1;
+    DBusConnection* client = nullptr;
+    PlainDbus::SignalWatch subscriber;
     Arrival serviceSignals;
-    PlainDbus::EchoPeer plain;
-    DBusConnection* plainClient = nullptr;
-    Arrival plainSignals;
+    Arrival relaySignals;
+    ClientLoad load;
     std::string error;
-
-    static void onSensitivity(const char*, const char*, SVCIPC_tUserToken token)
-    {
-        static_cast<Arrival*>(token)->signal();
-    }
 
     bool fail(const std::string& why)
     {
@@ -70,99 +98,193 @@ struct Setup
         };
         if (!unit.start(options))
             return fail(unit.error());
-        pollfd pfd = {v850Listen, POLLIN, 0};
-        if (::poll(&pfd, 1, 5000) != 1 || (v850 = ::accept(v850Listen, nullptr, nullptr)) < 0)
+        if ((v850 = acceptOne(v850Listen)) < 0)
             return fail("the daemon did not connect to the V850 channel");
+        client = PlainDbus::openConnection(unit.bus().address());
+        if (client == nullptr)
+            return fail("no client connection");
         // The start frames take 3 s; the service is on the bus once it answers.
+        std::string reply;
         const bool up = HeadUnit::waitUntil([&] {
-            return unit.call("reqCBRGetPresetList", "", 500).text.find("CBRadioPresetList") != std::string::npos;
+            reply = unit.call(kMethod, "", 500).text;
+            return reply.find("CBRadioPresetList") != std::string::npos;
         }, 15000);
         if (!up)
             return fail("the service did not answer:\n" + unit.daemonOutput() + unit.daemonErrors());
-        if (SVCIPC_getConnection(SVCIPC_CONNECTION_SESSION, 1, &subscriber) != 0
-            || SVCIPC_subscribe(subscriber, HeadUnit::kServicePath, "CBRReceptionSensitivity", &Setup::onSensitivity,
-                                &serviceSignals, &sub) != 0)
+
+        const std::string peer = BENCH_PLAINPEER;
+        echoPid = unit.spawn({peer, "echo", kEchoName, kEchoPath, reply}, "plainecho");
+        unit.spawn({peer, "echo", kTwinName, kEchoPath, reply}, "plaintwin");
+        for (const std::string& name : {kEchoName, kTwinName}) {
+            if (!HeadUnit::waitUntil([&] { return PlainDbus::call(client, name, kEchoPath, kMethod, ""); }, 5000))
+                return fail("a plain echo server did not answer: " + HeadUnit::readFile(unit.path("plainecho.err"))
+                            + HeadUnit::readFile(unit.path("plaintwin.err")));
+        }
+        const std::string relaySocket = unit.path("relay");
+        relayListen = JTDeviceNode::listenHost(relaySocket.c_str());
+        unit.spawn({peer, "relay", relaySocket, kRelayPath, kRelayName, kSignal}, "plainrelay");
+        if (relayListen < 0 || (relay = acceptOne(relayListen)) < 0)
+            return fail("the plain relay did not connect: " + HeadUnit::readFile(unit.path("plainrelay.err")));
+
+        subscriber.watch(HeadUnit::kServicePath, kSignal, &serviceSignals);
+        subscriber.watch(kRelayPath, kSignal, &relaySignals);
+        if (!subscriber.start(unit.bus().address()))
             return fail("subscriber");
-        plainClient = PlainDbus::openConnection(unit.bus().address());
-        if (plainClient == nullptr || !plain.start(unit.bus().address(), kPlain, &plainSignals, kPlainReply))
-            return fail("plain libdbus peer");
+        if (!load.start(unit.bus().address(), kClients))
+            return fail("client connections");
         return true;
     }
 
     void stop()
     {
-        plain.stop(plainClient);
-        PlainDbus::closeConnection(plainClient);
-        if (subscriber != nullptr)
-            SVCIPC_closeConnection(subscriber);
+        load.stop();
+        subscriber.stop();
+        PlainDbus::closeConnection(client);
+        for (int fd : {relay, relayListen, v850, v850Listen})
+            if (fd >= 0)
+                ::close(fd);
         unit.stop();
-        if (v850 >= 0)
-            ::close(v850);
-        if (v850Listen >= 0)
-            ::close(v850Listen);
     }
 };
 
 Setup* gSetup = nullptr;
 
-const BenchStats::Subject kService = {"service", "service"};
-const int kWarmUps = 30;
+Clock::duration timedCall(const std::string& name, const std::string& path)
+{
+    const auto start = Clock::now();
+    PlainDbus::call(gSetup->client, name, path, kMethod, "");
+    return Clock::now() - start;
+}
 
 Clock::duration serviceCall()
 {
-    const auto start = Clock::now();
-    gSetup->unit.call("reqCBRGetPresetList");
-    return Clock::now() - start;
+    return timedCall(HeadUnit::kServiceName, HeadUnit::kServicePath);
 }
 
 Clock::duration plainCall()
 {
-    return PlainDbus::roundTrip(gSetup->plainClient, kPlain, "reqCBRGetPresetList", "");
+    return timedCall(kEchoName, kEchoPath);
 }
 
-Clock::duration serviceFrameToSignal()
+Clock::duration twinCall()
+{
+    return timedCall(kTwinName, kEchoPath);
+}
+
+// Writes a sensitivity frame (a new value each time) and waits for the signal it causes.
+Clock::duration frameToSignal(int channel, Arrival& signals)
 {
     static unsigned char raw = 0;
     unsigned char frame[3] = {0x09, 0x01, ++raw};
     const auto start = Clock::now();
-    if (::send(gSetup->v850, frame, sizeof(frame), MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof(frame)))
+    if (::send(channel, frame, sizeof(frame), MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof(frame)))
         return Clock::duration::zero();
     Clock::time_point at;
-    gSetup->serviceSignals.wait(at);
-    // The reader pauses 1 ms after each read; keep the frames further apart than that.
+    const bool arrived = signals.wait(at);
+    // The service's reader pauses 1 ms after each read; keep the frames further apart than that.
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    return at - start;
+    return arrived ? at - start : Clock::duration::zero();
 }
 
-Clock::duration plainSignal()
+Clock::duration serviceFrameToSignal()
 {
-    const Clock::duration d = PlainDbus::tick(gSetup->plainClient, kPlain, "{\"Sensitivity\":3}\n", gSetup->plainSignals);
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    return d;
+    return frameToSignal(gSetup->v850, gSetup->serviceSignals);
+}
+
+Clock::duration plainFrameToSignal()
+{
+    return frameToSignal(gSetup->relay, gSetup->relaySignals);
+}
+
+// One round of the four clients on one server: calls per second and CPU microseconds per call.
+struct Round
+{
+    double callsPerSecond = 0;
+    double cpuPerCallUs = 0;
+    long calls = 0;
+    double cpuSeconds = 0;
+};
+
+Round loadRound(const std::string& name, const std::string& path, pid_t server)
+{
+    Round round;
+    const double cpuBefore = processCpuSeconds(server);
+    const auto start = Clock::now();
+    round.calls = gSetup->load.run(name, path, kMethod, kRound);
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    round.cpuSeconds = processCpuSeconds(server) - cpuBefore;
+    round.callsPerSecond = round.calls / seconds;
+    round.cpuPerCallUs = round.calls > 0 ? round.cpuSeconds * 1e6 / static_cast<double>(round.calls) : 0;
+    return round;
 }
 
 // Whether the head unit is up is checked per benchmark, so a failed start reports as an error.
-void interleaved(benchmark::State& state, const char* what, Clock::duration (*service)(),
-                 Clock::duration (*plain)())
+bool ready(benchmark::State& state)
 {
     if (gSetup == nullptr)
         state.SkipWithError("no head unit");
-    else
-        BenchStats::interleaved(state, what, kService, service, plain, kWarmUps);
+    return gSetup != nullptr;
 }
 
 void BM_MethodCallToReply(benchmark::State& state)
 {
-    interleaved(state, "method call to reply (reqCBRGetPresetList)", serviceCall, plainCall);
+    if (ready(state))
+        BenchStats::interleaved(state, "method call to reply (reqCBRGetPresetList)", kService, kEcho, serviceCall,
+                                plainCall, kWarmUps);
+}
+
+void BM_NoiseFloor(benchmark::State& state)
+{
+    if (ready(state))
+        BenchStats::interleaved(state, "noise floor: plain echo against an identical one", kTwin, kEcho, twinCall,
+                                plainCall, kWarmUps);
 }
 
 void BM_V850FrameToSignal(benchmark::State& state)
 {
-    interleaved(state, "V850 frame to signal (CBRReceptionSensitivity)", serviceFrameToSignal, plainSignal);
+    if (ready(state))
+        BenchStats::interleaved(state, "V850 frame to signal (CBRReceptionSensitivity)", kService, kRelay,
+                                serviceFrameToSignal, plainFrameToSignal, kWarmUps);
+}
+
+void BM_FourClients(benchmark::State& state)
+{
+    if (!ready(state))
+        return;
+    const pid_t daemon = gSetup->unit.daemonPid();
+    const pid_t echo = gSetup->echoPid;
+    std::vector<double> serviceRate, plainRate, serviceCpu, plainCpu;
+    Round serviceTotal, plainTotal;
+    auto add = [](const Round& round, std::vector<double>& rate, std::vector<double>& cpu, Round& total) {
+        rate.push_back(round.callsPerSecond);
+        cpu.push_back(round.cpuPerCallUs);
+        total.calls += round.calls;
+        total.cpuSeconds += round.cpuSeconds;
+    };
+    bool serviceFirst = true;
+    for (auto _ : state) {
+        if (serviceFirst) {
+            add(loadRound(HeadUnit::kServiceName, HeadUnit::kServicePath, daemon), serviceRate, serviceCpu, serviceTotal);
+            add(loadRound(kEchoName, kEchoPath, echo), plainRate, plainCpu, plainTotal);
+        } else {
+            add(loadRound(kEchoName, kEchoPath, echo), plainRate, plainCpu, plainTotal);
+            add(loadRound(HeadUnit::kServiceName, HeadUnit::kServicePath, daemon), serviceRate, serviceCpu, serviceTotal);
+        }
+        serviceFirst = !serviceFirst;
+    }
+    BenchStats::report(state, {"calls", "4 clients: calls per second", "/s"}, kService, kEcho, serviceRate, plainRate);
+    BenchStats::report(state, {"cpu", "4 clients: server CPU per call", "us"}, kService, kEcho, serviceCpu, plainCpu);
+    const double serviceWhole = serviceTotal.calls > 0 ? serviceTotal.cpuSeconds * 1e6 / serviceTotal.calls : 0;
+    const double plainWhole = plainTotal.calls > 0 ? plainTotal.cpuSeconds * 1e6 / plainTotal.calls : 0;
+    std::fprintf(stderr, "4 clients: server CPU per call over the run: ratio %.3f | service %.2f us | plain echo %.2f us"
+                 " (%ld and %ld calls)\n", plainWhole > 0 ? serviceWhole / plainWhole : 0, serviceWhole, plainWhole,
+                 serviceTotal.calls, plainTotal.calls);
 }
 
 BENCHMARK(BM_MethodCallToReply)->Iterations(2000)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_NoiseFloor)->Iterations(2000)->UseManualTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_V850FrameToSignal)->Iterations(1000)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_FourClients)->Iterations(20)->Unit(benchmark::kMillisecond);
 }
 
 int main(int argc, char** argv)

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <string>
 
 namespace BenchStats
 {
@@ -13,24 +12,9 @@ double microseconds(Clock::duration d)
     return std::chrono::duration<double, std::micro>(d).count();
 }
 
-void report(benchmark::State& state, const char* what, const Subject& subject, const std::vector<double>& measured,
-            const std::vector<double>& plain)
+double ratio(double a, double b)
 {
-    const double median = percentile(measured, 0.5);
-    const double p99 = percentile(measured, 0.99);
-    const double plainMedian = percentile(plain, 0.5);
-    const double plainP99 = percentile(plain, 0.99);
-    const double ratio = plainMedian > 0 ? median / plainMedian : 0;
-    const std::string key = subject.key;
-    state.counters[key + "_median_us"] = median;
-    state.counters["plain_median_us"] = plainMedian;
-    state.counters[key + "_p99_us"] = p99;
-    state.counters["plain_p99_us"] = plainP99;
-    state.counters["ratio"] = ratio;
-    std::fprintf(stderr,
-                 "%s: %s median %.1f us p99 %.1f us | plain libdbus median %.1f us p99 %.1f us"
-                 " | ratio %.3f (%zu samples each)\n",
-                 what, subject.label, median, p99, plainMedian, plainP99, ratio, measured.size());
+    return b > 0 ? a / b : 0;
 }
 }
 
@@ -43,29 +27,57 @@ double percentile(std::vector<double> samples, double p)
     return samples[std::min(i, samples.size() - 1)];
 }
 
-void interleaved(benchmark::State& state, const char* what, const Subject& subject, const Sample& measured,
-                 const Sample& plain, int warmUps)
+void report(benchmark::State& state, const Figure& figure, const Subject& subject, const Subject& baseline,
+            const std::vector<double>& measured, const std::vector<double>& base)
+{
+    const double median = percentile(measured, 0.5);
+    const double p99 = percentile(measured, 0.99);
+    const double baseMedian = percentile(base, 0.5);
+    const double baseP99 = percentile(base, 0.99);
+    const std::string prefix = figure.key.empty() ? "" : figure.key + "_";
+    state.counters[prefix + "ratio"] = ratio(median, baseMedian);
+    state.counters[prefix + "ratio_p99"] = ratio(p99, baseP99);
+    state.counters[prefix + subject.key + "_median"] = median;
+    state.counters[prefix + subject.key + "_p99"] = p99;
+    state.counters[prefix + baseline.key + "_median"] = baseMedian;
+    state.counters[prefix + baseline.key + "_p99"] = baseP99;
+    const char* unit = figure.unit.c_str();
+    std::fprintf(stderr,
+                 "%s: ratio median %.3f p99 %.3f | %s median %.1f %s p99 %.1f %s | %s median %.1f %s p99 %.1f %s"
+                 " (%zu samples each)\n",
+                 figure.what.c_str(), ratio(median, baseMedian), ratio(p99, baseP99), subject.label, median, unit,
+                 p99, unit, baseline.label, baseMedian, unit, baseP99, unit, measured.size());
+}
+
+void interleaved(benchmark::State& state, const char* what, const Subject& subject, const Subject& baseline,
+                 const Sample& measured, const Sample& base, int warmUps)
 {
     for (int i = 0; i < warmUps; ++i) {
         measured();
-        plain();
+        base();
     }
-    std::vector<double> measuredUs, plainUs;
+    std::vector<double> measuredUs, baseUs;
     bool measuredFirst = true;
     for (auto _ : state) {
-        Clock::duration m, p;
+        Clock::duration m, b;
         if (measuredFirst) {
             m = measured();
-            p = plain();
+            b = base();
         } else {
-            p = plain();
+            b = base();
             m = measured();
         }
         measuredFirst = !measuredFirst;
         measuredUs.push_back(microseconds(m));
-        plainUs.push_back(microseconds(p));
+        baseUs.push_back(microseconds(b));
         state.SetIterationTime(std::chrono::duration<double>(m).count());
     }
-    report(state, what, subject, measuredUs, plainUs);
+    report(state, {"", what, "us"}, subject, baseline, measuredUs, baseUs);
+}
+
+void interleaved(benchmark::State& state, const char* what, const Subject& subject, const Sample& measured,
+                 const Sample& plain, int warmUps)
+{
+    interleaved(state, what, subject, {"plain", "plain libdbus"}, measured, plain, warmUps);
 }
 }

@@ -114,3 +114,72 @@ Clock::duration tick(DBusConnection* client, const Names& peer, const char* text
     return at - start;
 }
 }
+
+namespace PlainDbus
+{
+bool call(DBusConnection* client, const std::string& name, const std::string& path, const char* member,
+          const char* argument)
+{
+    DBusMessage* message = dbus_message_new_method_call(name.c_str(), path.c_str(), name.c_str(), member);
+    dbus_message_append_args(message, DBUS_TYPE_STRING, &argument, DBUS_TYPE_INVALID);
+    DBusMessage* reply = dbus_connection_send_with_reply_and_block(client, message, 5000, nullptr);
+    dbus_message_unref(message);
+    if (reply == nullptr)
+        return false;
+    const char* result = nullptr;
+    const bool ok = dbus_message_get_args(reply, nullptr, DBUS_TYPE_STRING, &result, DBUS_TYPE_INVALID);
+    dbus_message_unref(reply);
+    return ok;
+}
+
+void SignalWatch::watch(const std::string& path, const std::string& member, Arrival* arrival)
+{
+    mRules.push_back({path, member, arrival});
+}
+
+bool SignalWatch::start(const std::string& address)
+{
+    mConnection = openConnection(address);
+    if (mConnection == nullptr)
+        return false;
+    for (const Rule& rule : mRules) {
+        const std::string text = "type='signal',path='" + rule.path + "',member='" + rule.member + "'";
+        DBusError error;
+        dbus_error_init(&error);
+        dbus_bus_add_match(mConnection, text.c_str(), &error);
+        const bool refused = dbus_error_is_set(&error);
+        dbus_error_free(&error);
+        if (refused)
+            return false;
+    }
+    dbus_connection_add_filter(mConnection, &SignalWatch::filter, this, nullptr);
+    mRunning = true;
+    mThread = std::thread([this] {
+        while (mRunning && dbus_connection_read_write_dispatch(mConnection, 100)) {
+        }
+    });
+    return true;
+}
+
+void SignalWatch::stop()
+{
+    mRunning = false;
+    if (mThread.joinable())
+        mThread.join();
+    closeConnection(mConnection);
+    mConnection = nullptr;
+}
+
+DBusHandlerResult SignalWatch::filter(DBusConnection*, DBusMessage* message, void* data)
+{
+    if (dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_SIGNAL)
+        return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+    for (const Rule& rule : static_cast<SignalWatch*>(data)->mRules) {
+        if (dbus_message_has_path(message, rule.path.c_str()) && dbus_message_has_member(message, rule.member.c_str())) {
+            rule.arrival->signal();
+            return DBUS_HANDLER_RESULT_HANDLED;
+        }
+    }
+    return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+}
+}

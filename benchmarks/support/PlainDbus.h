@@ -1,7 +1,8 @@
 // PlainDbus: the baseline of the bus benchmarks, written as a plain single-threaded libdbus
 // program would be: private connections, blocking calls, one thread in read_write_dispatch.
 //
-// The echo peer dispatches on a thread of its own; Arrival::signal() is called there.
+// The in-process echo peer and the signal watch dispatch on threads of their own;
+// Arrival::signal() is called there. The out-of-process baselines are bench_plainpeer.
 #ifndef PLAINDBUS_H
 #define PLAINDBUS_H
 
@@ -14,6 +15,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace PlainDbus
 {
@@ -55,6 +57,37 @@ private:
 
 // Calls `member` on the peer with `argument` and waits for the reply; returns the time taken.
 Clock::duration roundTrip(DBusConnection* client, const Names& peer, const char* member, const char* argument);
+// The same for a peer whose bus name is also its interface; false when no reply came.
+bool call(DBusConnection* client, const std::string& name, const std::string& path, const char* member,
+          const char* argument);
+
+// Hands every signal `member` on `path` to an Arrival, on a dispatch thread of its own that reads
+// its private connection (nothing else sends on it). Rules are added before start().
+class SignalWatch
+{
+public:
+    ~SignalWatch() { stop(); }
+    // Before start().
+    void watch(const std::string& path, const std::string& member, Arrival* arrival);
+    // Connects and adds the rules (blocking, so no signal sent afterwards is missed). False when
+    // the bus cannot be reached or refuses a rule.
+    bool start(const std::string& address);
+    void stop();  // ends within 0.1 s
+
+private:
+    static DBusHandlerResult filter(DBusConnection* connection, DBusMessage* message, void* self);
+
+    struct Rule
+    {
+        std::string path;
+        std::string member;
+        Arrival* arrival;
+    };
+    std::vector<Rule> mRules;
+    DBusConnection* mConnection = nullptr;
+    std::thread mThread;
+    std::atomic<bool> mRunning{false};
+};
 
 // Emits "tick" with `text` on the peer's signal path and returns the time until the peer had it.
 Clock::duration tick(DBusConnection* client, const Names& peer, const char* text, Arrival& ticks);

@@ -2,8 +2,8 @@
 // bus, interleaved sample by sample (the order alternates) so that both see the same machine:
 //   - method round trip: client invoke -> service callback -> result -> client has the reply;
 //   - signal latency: emit -> the subscriber's callback runs.
-// Each benchmark reports medians and 99th percentiles of both in microseconds and the ratio of
-// the medians (library / plain) as counters.
+// Each benchmark reports the ratios library / plain of the medians and of the 99th percentiles,
+// and both sides' figures in microseconds.
 #include "Arrival.h"
 #include "BenchStats.h"
 #include "PlainDbus.h"

@@ -142,7 +142,6 @@ public:
     // ---- bus methods ------------------------------------------------------------------------
     static void handleCBRadioRequest(SVCIPC_tReqContext context, const char* method, const char* parms,
                                      SVCIPC_tBool noReplyExpected, SVCIPC_tUserToken token);
-    static void onCompletion(const SVCIPC_tCallbackStatus* status, SVCIPC_tUserToken token);
 
     // ---- status signals ---------------------------------------------------------------------
     void sendCBRadioStatusSignal();

@@ -2,7 +2,8 @@
 //
 // handleCBRadioRequest is the service's request callback; it runs on a service-IPC dispatch
 // thread. Every call ends with SVCIPC_freeReqContext; results go back through
-// SVCIPC_asyncReturnResult with onCompletion and the token "CBRadioService".
+// SVCIPC_asyncReturnResult without a completion callback: nothing is done when a result has gone
+// out, and a callback would only cost the library a wake-up of its dispatch thread.
 //
 // Readiness: nothing is answered before the service is registered (the caller times out). The
 // version, weather-alert and getProperties methods work as soon as it is; the radio methods answer
@@ -27,6 +28,7 @@
 #include "CCBRadio.h"
 
 #include "CBRadioJson.h"
+#include "CBRadioJsonText.h"
 #include "CJTTraceScope.h"
 #include "CJTTraceScopeDef.h"
 
@@ -40,7 +42,6 @@ static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_handleCBRadioRequ
 
 namespace
 {
-    const char* const RESULT_TOKEN = "CBRadioService";
     const size_t RESULT_BUFFER_SIZE = 64;
     const int PRESET_COUNT = 6;
     const int MIN_CHANNEL = 1;
@@ -92,14 +93,6 @@ namespace
         return value >= low && value <= high;
     }
 
-    std::string resultText(int code, const char* description)
-    {
-        Json::Value result(Json::objectValue);
-        result["code"] = code;
-        result["description"] = description;
-        return Json::FastWriter().write(result);
-    }
-
     // The fixed-size result buffer the plain results pass through (zero-filled: a method that
     // leaves it alone answers an empty text).
     struct ResultBuffer
@@ -112,7 +105,7 @@ namespace
     // True when the bus took the result.
     bool returnResult(SVCIPC_tReqContext context, const char* text)
     {
-        const SVCIPC_tError status = SVCIPC_asyncReturnResult(context, text, CCBRadio::onCompletion, RESULT_TOKEN);
+        const SVCIPC_tError status = SVCIPC_asyncReturnResult(context, text, nullptr, nullptr);
         return !SVCIPC_IS_ERROR(status);
     }
 
@@ -136,15 +129,6 @@ namespace
         return text;
     }
 
-    std::string versionReply(const char* key, const std::string& version)
-    {
-        Json::Value result(Json::objectValue);
-        result["code"] = 0;
-        result["description"] = "success";
-        result[key] = version;
-        return Json::FastWriter().write(result);
-    }
-
     // getProperties: query name -> the sender of the signal that carries the value.
     struct Property
     {
@@ -162,16 +146,10 @@ namespace
 
     std::string presetList()
     {
-        Json::Value list(Json::arrayValue);
-        for (int i = 0; i < PRESET_COUNT; ++i) {
-            Json::Value entry(Json::objectValue);
-            entry["Channel_number"] = static_cast<int>(CCBRadio::mCBRPreset[i].load(relaxed));
-            entry["PresetNo"] = i + 1;
-            list.append(entry);
-        }
-        Json::Value result(Json::objectValue);
-        result["CBRadioPresetList"] = list;
-        return Json::FastWriter().write(result);
+        int channels[PRESET_COUNT];
+        for (int i = 0; i < PRESET_COUNT; ++i)
+            channels[i] = CCBRadio::mCBRPreset[i].load(relaxed);
+        return CBRadioJsonText::presetList(channels, PRESET_COUNT);
     }
 
     // Frees the request context on every way out of the dispatcher.
@@ -214,14 +192,15 @@ void CCBRadio::handleCBRadioRequest(SVCIPC_tReqContext context, const char* meth
         return;
     }
 
-    const std::string success = resultText(0, "success");
-    const std::string failure = resultText(1, "failure");
+    const std::string& success = CBRadioJsonText::success();
+    const std::string& failure = CBRadioJsonText::failure();
     ResultBuffer result;
 
     // ---- methods that need only the registration; the version methods fall through ------------
     if (is(method, "reqCBRHWVersion")) {
         if (radio->mCBRHWVersion[0].load(relaxed) != 0xFF) {
-            reply(scope, context, versionReply("CBRadioHWVersion", versionText(radio->mCBRHWVersion, 2)).c_str());
+            const std::string version = versionText(radio->mCBRHWVersion, 2);
+            reply(scope, context, CBRadioJsonText::successWith("CBRadioHWVersion", version).c_str());
         } else {
             result.set(failure);
             reply(scope, context, result.text);
@@ -229,7 +208,8 @@ void CCBRadio::handleCBRadioRequest(SVCIPC_tReqContext context, const char* meth
     }
     if (is(method, "reqCBRSWVersion")) {
         if (radio->mCBRSWVersion[0].load(relaxed) != 0xFF) {
-            reply(scope, context, versionReply("CBRadioSWVersion", versionText(radio->mCBRSWVersion, 14)).c_str());
+            const std::string version = versionText(radio->mCBRSWVersion, 14);
+            reply(scope, context, CBRadioJsonText::successWith("CBRadioSWVersion", version).c_str());
         } else {
             result.set(failure);
             reply(scope, context, result.text);
@@ -374,9 +354,4 @@ void CCBRadio::handleCBRadioRequest(SVCIPC_tReqContext context, const char* meth
     } else {
         scope.sendFormattedMessage("\n[CBR] Method [%s] Not Implemented\n", method);
     }
-}
-
-void CCBRadio::onCompletion(const SVCIPC_tCallbackStatus*, SVCIPC_tUserToken)
-{
-    // Results and signals are fire-and-forget.
 }

@@ -1,17 +1,15 @@
 // CCBRadio: the status signals.
 //
-// Every sender publishes one value of the radio state as a compact JSON object (jsoncpp's
-// FastWriter, so the text ends with a newline) through SVCIPC_asyncEmit, with onCompletion and the
-// token "MRDCBRadio". Before registration (and after stop) nothing is emitted and nothing is
+// Every sender publishes one value of the radio state as a compact JSON object (written as
+// jsoncpp's FastWriter writes it, so the text ends with a newline) through SVCIPC_asyncEmit,
+// without a completion callback: signals are fire-and-forget. Before registration (and after stop) nothing is emitted and nothing is
 // queued: late clients ask with "getProperties". Senders run on the V850 reader thread or a bus
 // dispatch thread and only read the one-byte state.
 #include "CCBRadio.h"
-#include "CBRadioBusNames.h"
+#include "CBRadioJsonText.h"
 
 #include "CJTTraceScope.h"
 #include "CJTTraceScopeDef.h"
-
-#include <json/json.h>
 
 #include <string>
 
@@ -22,8 +20,6 @@ static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRReceptionS
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRHWConnectionStatus("CBRadio_CCBRadio", "sendCBRHWConnectionStatus");
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRRxTxStatusSignal("CBRadio_CCBRadio", "sendCBRRxTxStatusSignal");
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRWeatherAlertOnOffStatusSignal("CBRadio_CCBRadio", "sendCBRWeatherAlertOnOffStatusSignal");
-
-using namespace CBRadioBusNames;
 
 namespace
 {
@@ -37,21 +33,13 @@ namespace
     }
 
     // True when the bus took the signal.
-    bool emit(CCBRadio* radio, const char* name, const Json::Value& body)
+    bool emit(CCBRadio* radio, const char* name, const std::string& text)
     {
-        Json::FastWriter writer;
-        const std::string text = writer.write(body);
-        const SVCIPC_tError status =
-            SVCIPC_asyncEmit(radio->mConnection, name, text.c_str(), CCBRadio::onCompletion, CLIENT_TOKEN);
+        const SVCIPC_tError status = SVCIPC_asyncEmit(radio->mConnection, name, text.c_str(), nullptr, nullptr);
         return !SVCIPC_IS_ERROR(status);
     }
 
-    Json::Value object(const char* key, int value)
-    {
-        Json::Value body(Json::objectValue);
-        body[key] = value;
-        return body;
-    }
+    using CBRadioJsonText::object;
 }
 
 void CCBRadio::sendCBRadioStatusSignal()
@@ -143,10 +131,7 @@ void CCBRadio::sendCBRRxTxStatusSignal()
     }
     const int rx = mCBRRxStatus.load(relaxed);
     const int tx = mCBRTxStatus.load(relaxed);
-    Json::Value body(Json::objectValue);
-    body["RxStatus"] = rx;
-    body["TxStatus"] = tx;
-    if (!emit(this, "CBRRxTxStatus", body))
+    if (!emit(this, "CBRRxTxStatus", object("RxStatus", rx, "TxStatus", tx)))
         scope.sendFormattedMessage("\n[CBR] ERROR emit CBRRxTxStatus\n");
     else
         scope.sendFormattedMessage("\n[CBR] sending CBRRxStatus=%d, CBRTxStatus=%d \n", rx, tx);

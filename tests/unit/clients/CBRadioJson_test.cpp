@@ -63,11 +63,3 @@ TEST(CBRadioJson, TextsMustBeStringsAndMembersOfNonObjectsAreAbsent)
     EXPECT_TRUE(CBRadioJson::member(CBRadioJson::member(root, "list"), "x").isNull());
     EXPECT_EQ("", CBRadioJson::stringOr(CBRadioJson::member(root, "absent"), "state"));
 }
-
-TEST(CBRadioJson, WritesTheCompactOneLineFormWithSortedMembers)
-{
-    Json::Value params(Json::objectValue);
-    params["source"] = "cbRX";
-    params["exclusive"] = true;
-    EXPECT_EQ("{\"exclusive\":true,\"source\":\"cbRX\"}\n", CBRadioJson::write(params));
-}
