@@ -149,8 +149,11 @@ void PanelServer::routes()
         if (res.status == 413)
             answerError(res, 413, "too-large",
                         "the argument is larger than " + std::to_string(kMaxBodyBytes) + " bytes");
+        else if (res.status == 404)
+            answerError(res, 404, "http", "no such page");
         else
-            answerError(res, res.status, "http", "no such page");
+            answerError(res, res.status, "http", "the request was not understood (HTTP " +
+                                                     std::to_string(res.status) + ")");
     });
 
     for (const auto& asset : kAssets) {
