@@ -10,7 +10,7 @@ const PROPERTIES = ['CBRHWConnectionStatus', 'CBRadioStatus', 'CBRChannelNumber'
 const LONG_PRESS_MS = 700;
 
 const S = {
-  panel: false, onBus: null, power: null, channel: null, squelch: null, sens: null, hw: null,
+  panel: false, onBus: null, ready: false, power: null, channel: null, squelch: null, sens: null, hw: null,
   rx: 0, tx: 0, wa: null, presets: [0, 0, 0, 0, 0, 0], hwVer: null, swVer: null,
   scanning: false, storeMode: false, alert: null,
 };
@@ -115,7 +115,7 @@ function onService(ev) {
   if (was !== S.onBus) log('service', S.onBus ? 'the CB radio service is on the bus' : 'the CB radio service is not on the bus');
   if (S.onBus && was !== true) {
     // What the panel knew belongs to the service that left; ask the one that is there now.
-    Object.assign(S, { power: null, channel: null, squelch: null, sens: null, hw: null, rx: 0, tx: 0, wa: null, scanning: false });
+    Object.assign(S, { ready: false, power: null, channel: null, squelch: null, sens: null, hw: null, rx: 0, tx: 0, wa: null, scanning: false });
     setTimeout(refresh, 400);
   }
   render();
@@ -131,8 +131,9 @@ async function refresh() {
     await call('getProperties', { props }, true);
   }
   await queryVersions();
-  // Presets are answered once the service has its settings; until then it answers failure.
-  for (let attempt = 0; attempt < 10 && run === refreshRun && S.onBus; attempt++) {
+  // Presets are answered once the service has its settings; until then it answers failure, and so
+  // would every control: the page waits for that moment.
+  for (let attempt = 0; attempt < 60 && run === refreshRun && S.onBus; attempt++) {
     if (await queryPresets()) break;
     await new Promise((r) => setTimeout(r, 1000));
   }
@@ -154,6 +155,8 @@ async function queryPresets() {
     const n = entry.PresetNo;
     if (n >= 1 && n <= 6) S.presets[n - 1] = entry.Channel_number;
   }
+  if (!S.ready) log('service', 'the service has its settings: ready');
+  S.ready = true;
   render();
   return true;
 }
@@ -301,7 +304,7 @@ function setText(id, text, cls) {
 
 function render() {
   const on = S.power === 1;
-  const live = S.panel && S.onBus === true;
+  const live = S.panel && S.onBus === true && S.ready;
   $('lcd').classList.toggle('off', !on);
   drawDigits(on && S.channel ? String(S.channel).padStart(2, '0') : '--');
   $('channel').dataset.value = on && S.channel ? String(S.channel) : '';
@@ -358,6 +361,9 @@ function render() {
   } else if (S.onBus === false) {
     $('offbus-title').textContent = 'The CB radio service is not on the bus';
     $('offbus-detail').textContent = 'The panel shows it again as soon as it starts.';
+  } else if (S.onBus) {
+    $('offbus-title').textContent = 'The CB radio service is starting\u2026';
+    $('offbus-detail').textContent = 'Waiting until it has its settings and answers.';
   } else {
     $('offbus-title').textContent = 'Connecting\u2026';
     $('offbus-detail').textContent = '';
@@ -384,6 +390,7 @@ function connect() {
     if (S.panel) log('error', 'lost the panel program; reconnecting');
     S.panel = false;
     S.onBus = null;
+    S.ready = false;
     render();
   };
   const handle = (fn) => (msg) => { try { fn(JSON.parse(msg.data)); } catch (e) { log('error', `bad event: ${e.message}`); } };
