@@ -31,7 +31,7 @@ struct Event
 class EventHub
 {
 public:
-    static const std::size_t kKept = 256;
+    static constexpr std::size_t kKept = 256;
 
     void publish(const std::string& kind, const std::string& json, bool sticky = false);
     // The sequence number a new stream starts after, and the sticky events to send it first.

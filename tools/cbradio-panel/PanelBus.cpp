@@ -1,6 +1,7 @@
 #include "PanelBus.h"
 
 #include <memory>
+#include <stdexcept>
 
 namespace panel
 {
@@ -18,8 +19,12 @@ Json::Value parsedOrNull(const std::string& text)
     std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value value;
     std::string errors;
-    if (text.empty() || !reader->parse(text.data(), text.data() + text.size(), &value, &errors))
-        return Json::Value();
+    try {
+        if (text.empty() || !reader->parse(text.data(), text.data() + text.size(), &value, &errors))
+            return Json::Value();
+    } catch (const std::exception&) {
+        return Json::Value();  // nested beyond the reader's stack limit
+    }
     return value;
 }
 

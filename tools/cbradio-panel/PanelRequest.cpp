@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <memory>
 #include <sstream>
+#include <stdexcept>
 
 namespace panel
 {
@@ -86,7 +87,14 @@ Refusal parseCall(const std::string& method, const std::string& body, CallReques
         std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
         Json::Value value;
         std::string errors;
-        if (!reader->parse(argument.data(), argument.data() + argument.size(), &value, &errors)) {
+        bool parsed = false;
+        try {
+            parsed = reader->parse(argument.data(), argument.data() + argument.size(), &value, &errors);
+        } catch (const std::exception&) {
+            // The reader throws instead of failing when the nesting exceeds its stack limit.
+            return refuse(400, "the argument is not valid JSON: nested too deeply");
+        }
+        if (!parsed) {
             // "* Line 1, Column 9\n  Missing ',' or '}' in object declaration\n" -> one line
             std::string oneLine;
             std::istringstream lines(errors);
