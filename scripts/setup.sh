@@ -12,6 +12,8 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   procps
+  libcpp-httplib-dev         # the browser panel's HTTP server
+  chromium chromium-driver   # the browser panel's end-to-end test (headless)
 )
 
 missing=()
