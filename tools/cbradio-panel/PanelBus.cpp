@@ -1,6 +1,8 @@
 #include "PanelBus.h"
 
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 
 namespace panel
@@ -131,11 +133,7 @@ std::string PanelBus::start()
 
 void PanelBus::stop()
 {
-    mStopping.store(true, std::memory_order_relaxed);
-    {
-        std::lock_guard<std::mutex> lock(mWaitMutex);
-    }
-    mWake.notify_all();
+    refuseCalls();
     for (SVCIPC_tSigSubHnd sub : mSubscriptions)
         SVCIPC_unsubscribe(sub);
     mSubscriptions.clear();

@@ -11,7 +11,7 @@
 // a method the service never answers gives {"method","sent":true}); 502 {"error","message"} with
 // the D-Bus error name of an error reply (org.freedesktop.DBus.Error.ServiceUnknown when the service
 // is not on the bus); 504 on time-out; 503 when the panel is stopping. It may be called from any
-// thread and never waits longer than its time-out; stop() wakes every waiting call.
+// thread and never waits longer than its time-out; refuseCalls() ends every wait early.
 // Callbacks run on the library's dispatch threads and only publish to the hub.
 #ifndef PANELBUS_H
 #define PANELBUS_H
@@ -24,8 +24,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -51,6 +49,9 @@ public:
 
     // "" on success, else why the bus could not be used.
     std::string start();
+    // From now on calls are refused and waiting ones give up within 100 ms; stop() implies it.
+    void refuseCalls() { mStopping.store(true, std::memory_order_relaxed); }
+    // Ends the subscriptions and the connection; no call may be running or start any more.
     void stop();
     bool lost() const { return mLost.load(std::memory_order_relaxed); }
 
@@ -72,8 +73,6 @@ private:
     std::vector<SVCIPC_tSigSubHnd> mSubscriptions;
     std::atomic<bool> mLost{false};
     std::atomic<bool> mStopping{false};
-    std::mutex mWaitMutex;
-    std::condition_variable mWake;  // wakes waiting calls at stop
 };
 
 // Compact one-line JSON of `value`.

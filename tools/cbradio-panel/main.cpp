@@ -141,10 +141,13 @@ int main(int argc, char** argv)
     if (busLost)
         std::fprintf(stderr, "cbradio-panel: the session bus went away\n");
 
+    // Waiting calls and event streams give up first, so that the server's workers end promptly;
+    // the bus connection closes only once no worker can use it any more.
+    bus.refuseCalls();
     hub.stop();
-    bus.stop();
     server.stop();
     listener.join();
+    bus.stop();
     monitor.stop();
     return busLost ? 1 : 0;
 }

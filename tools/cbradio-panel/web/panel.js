@@ -253,6 +253,10 @@ function wireControls() {
   });
   document.addEventListener('keyup', (e) => { if (e.code === 'Space') pttRelease(); });
   window.addEventListener('blur', pttRelease);
+  // A page closed with PTT held must not leave the radio transmitting.
+  window.addEventListener('pagehide', () => {
+    if (pttHeld) fetch('/api/call/reqCBRChangeTxToRx', { method: 'POST', body: '', keepalive: true });
+  });
 
   $('banner-close').addEventListener('click', () => { S.alert = null; render(); });
   $('log-clear').addEventListener('click', () => { $('log').textContent = ''; });
