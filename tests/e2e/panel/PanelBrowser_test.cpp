@@ -137,9 +137,11 @@ TEST_F(PanelBrowser, DrivesTheRadioAndFollowsTheServiceThroughARestart)
                                                           {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SESSION_BUS_PID"}),
                             io));
     EXPECT_TRUE(overlayShown(false)) << pageLog();
-    ASSERT_TRUE(mBrowser.click("#power"));  // the new service starts with the radio off
-    EXPECT_TRUE(shows("#channel", "1", "dataset.value", 15000)) << pageLog();
-    EXPECT_TRUE(shows("#squelch", "8")) << pageLog();
+    // The new service starts with the radio off; the channel and squelch it then shows are its own
+    // (the defaults, or what it restored), so only their arrival is checked.
+    ASSERT_TRUE(mBrowser.click("#power"));
+    EXPECT_TRUE(WebDriver::waitFor([&] { return !shown("#channel").empty() && !shown("#squelch").empty(); }))
+        << pageLog();
     again.stop(3000);
 }
 }  // namespace
