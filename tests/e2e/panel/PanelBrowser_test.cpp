@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <string>
 
 namespace
@@ -119,9 +118,7 @@ TEST_F(PanelBrowser, DrivesTheRadioAndFollowsTheServiceThroughARestart)
     EXPECT_TRUE(shows("#banner-channel", "4")) << pageLog();
     EXPECT_NE(shown("#banner-channel", "textContent").find("162.475 MHz"), std::string::npos);
 
-    if (const char* source = std::getenv("CBRADIO_SOURCE_DIR")) {
-        EXPECT_TRUE(mBrowser.screenshot(std::string(source) + "/docs/panel.png")) << mBrowser.error();
-    }
+    EXPECT_TRUE(mBrowser.screenshot(PANEL_SCREENSHOT)) << mBrowser.error();
 
     // The service stops: the page says so. It starts again: the page follows the new one.
     ASSERT_TRUE(mUnit.stopDaemon());
