@@ -118,6 +118,7 @@ int main(int argc, char** argv)
     }
     panel::BusMonitor monitor(hub);
     why = monitor.start(address);
+    hub.publish("monitor", why.empty() ? "{\"available\":true}" : "{\"available\":false}", true);
     if (!why.empty())
         std::fprintf(stderr, "cbradio-panel: no weather alert banner nor receive/transmit "
                              "indicators before the return to idle: the bus refused monitoring (%s)\n",

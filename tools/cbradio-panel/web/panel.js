@@ -10,7 +10,7 @@ const PROPERTIES = ['CBRHWConnectionStatus', 'CBRadioStatus', 'CBRChannelNumber'
 const LONG_PRESS_MS = 700;
 
 const S = {
-  panel: false, onBus: null, ready: false, power: null, channel: null, squelch: null, sens: null, hw: null,
+  panel: false, monitor: false, onBus: null, ready: false, power: null, channel: null, squelch: null, sens: null, hw: null,
   rx: 0, tx: 0, wa: null, presets: [0, 0, 0, 0, 0, 0], hwVer: null, swVer: null,
   scanning: false, storeMode: false, alert: null,
 };
@@ -85,7 +85,18 @@ function onSignal(ev) {
       // A connected module is asked for its software version by the service; ask it a little later.
       if (S.hw === 1) setTimeout(queryVersions, 800);
       break;
-    case 'CBRRxTxStatus': S.rx = data.RxStatus; S.tx = data.TxStatus; break;
+    case 'CBRRxTxStatus':
+      // The service signals the module's Rx/Tx state when an audio source changes and on the
+      // return to idle, so a signal may still say 0 just after it took the source for transmit.
+      // With the monitor the lamps follow the sources, and a signal can only light them.
+      if (S.monitor) {
+        if (data.RxStatus === 1) S.rx = 1;
+        if (data.TxStatus === 1) S.tx = 1;
+      } else {
+        S.rx = data.RxStatus;
+        S.tx = data.TxStatus;
+      }
+      break;
     case 'CBRWeatherAlertOnOffStatus':
       S.wa = data.weatherAlertOnOffStatus;
       if (S.wa !== 1) S.alert = null;
@@ -401,6 +412,7 @@ function connect() {
   source.addEventListener('service', handle(onService));
   source.addEventListener('signal', handle(onSignal));
   source.addEventListener('request', handle(onRequest));
+  source.addEventListener('monitor', handle((e) => { S.monitor = !!e.available; }));
   source.addEventListener('bus', handle(() => log('error', 'the panel lost the session bus')));
   source.addEventListener('missed', handle((e) => log('error', `${e.count} events were missed`)));
 }
