@@ -3,9 +3,9 @@
 # (audio manager, key-value store, speech, diagnosis, mode manager, power mode, switches), the
 # browser panel and the CB radio service in a temporary CBRADIO_ROOT, wired by envars.sh. Runs a
 # short scripted session through cbradioctl (radio on, seek, store and select a preset, squelch)
-# with the signals that follow, then through the peers (a weather alert read out, a PTT press keying the transmitter,
-# power mode 1 storing the settings, a restart of the service restoring them), then stays up for
-# interactive use until interrupted.
+# with the signals that follow, then through the peers (a weather alert read out, a PTT press
+# keying the transmitter, power mode 1 storing the settings, a restart of the service restoring
+# them), then stays up for interactive use until interrupted.
 #
 #   bash scripts/headunit.sh [--once] [--build DIR] [--keep] [--panel-port N]
 #
