@@ -159,7 +159,7 @@ void PanelServer::routes()
     for (const auto& asset : kAssets) {
         const std::string path = asset.path;
         svr.Get(path, [this, path](const httplib::Request&, httplib::Response& res) {
-            const auto& entry = mAssets[path];
+            const auto& entry = mAssets.at(path);
             res.set_content(entry.second, entry.first.c_str());
         });
     }
