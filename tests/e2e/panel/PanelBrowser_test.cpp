@@ -134,9 +134,16 @@ TEST_F(PanelBrowser, DrivesTheRadioAndFollowsTheServiceThroughARestart)
                                                           {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SESSION_BUS_PID"}),
                             io));
     EXPECT_TRUE(overlayShown(false)) << pageLog();
-    // The new service starts with the radio off; the channel and squelch it then shows are its own
-    // (the defaults, or what it restored), so only their arrival is checked.
-    ASSERT_TRUE(mBrowser.click("#power"));
+    // The new service learns the radio's state anew (the simulator may tell it the radio is on);
+    // once the page shows that state, the radio is switched on if needed. Channel and squelch are
+    // the new service's own (defaults or restored), so only their arrival is checked.
+    ASSERT_TRUE(WebDriver::waitFor([&] {
+        const std::string power = shown("#st-power", "textContent");
+        return power == "on" || power == "off";
+    })) << pageLog();
+    if (shown("#st-power", "textContent") == "off") {
+        ASSERT_TRUE(mBrowser.click("#power"));
+    }
     EXPECT_TRUE(WebDriver::waitFor([&] { return !shown("#channel").empty() && !shown("#squelch").empty(); }))
         << pageLog();
     again.stop(3000);

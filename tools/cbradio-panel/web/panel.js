@@ -11,7 +11,7 @@ const LONG_PRESS_MS = 700;
 
 const S = {
   panel: false, monitor: false, onBus: null, ready: false, power: null, channel: null, squelch: null, sens: null, hw: null,
-  rx: 0, tx: 0, wa: null, presets: [0, 0, 0, 0, 0, 0], hwVer: null, swVer: null,
+  rx: 0, tx: 0, sigRx: null, sigTx: null, wa: null, presets: [0, 0, 0, 0, 0, 0], hwVer: null, swVer: null,
   scanning: false, storeMode: false, alert: null,
 };
 const $ = (id) => document.getElementById(id);
@@ -86,16 +86,13 @@ function onSignal(ev) {
       if (S.hw === 1) setTimeout(queryVersions, 800);
       break;
     case 'CBRRxTxStatus':
-      // The service signals the module's Rx/Tx state when an audio source changes and on the
-      // return to idle, so a signal may still say 0 just after it took the source for transmit.
-      // With the monitor the lamps follow the sources, and a signal can only light them.
-      if (S.monitor) {
-        if (data.RxStatus === 1) S.rx = 1;
-        if (data.TxStatus === 1) S.tx = 1;
-      } else {
-        S.rx = data.RxStatus;
-        S.tx = data.TxStatus;
-      }
+      // The service signals the module's Rx/Tx state when the audio manager confirms a source and
+      // on the return to idle, so the signal can lag behind the audio path in either direction.
+      // With the monitor the lamps follow the receive and transmit sources the service takes and
+      // gives back; the signalled values are shown in the status card.
+      S.sigRx = data.RxStatus;
+      S.sigTx = data.TxStatus;
+      if (!S.monitor) { S.rx = data.RxStatus; S.tx = data.TxStatus; }
       break;
     case 'CBRWeatherAlertOnOffStatus':
       S.wa = data.weatherAlertOnOffStatus;
@@ -126,7 +123,7 @@ function onService(ev) {
   if (was !== S.onBus) log('service', S.onBus ? 'the CB radio service is on the bus' : 'the CB radio service is not on the bus');
   if (S.onBus && was !== true) {
     // What the panel knew belongs to the service that left; ask the one that is there now.
-    Object.assign(S, { ready: false, power: null, channel: null, squelch: null, sens: null, hw: null, rx: 0, tx: 0, wa: null, scanning: false });
+    Object.assign(S, { ready: false, power: null, channel: null, squelch: null, sens: null, hw: null, rx: 0, tx: 0, sigRx: null, sigTx: null, wa: null, scanning: false });
     setTimeout(refresh, 400);
   }
   render();
@@ -360,6 +357,7 @@ function render() {
   setText('st-power', onOff(S.power, 'on', 'off'));
   setText('st-wa', onOff(S.wa, 'on', 'off'));
   setText('st-sens', S.sens === null ? '\u2013' : `${S.sens} of 5 bars`);
+  setText('st-rxtx', S.sigRx === null ? '\u2013' : `RX ${S.sigRx} \u00B7 TX ${S.sigTx}`);
   setText('st-hwver', S.hwVer || '\u2013');
   setText('st-swver', S.swVer || '\u2013');
 
