@@ -1,17 +1,18 @@
 #!/usr/bin/env bash
 # A simulated head unit: a private dbus-daemon, the V850 simulator, the simulated peer services
-# (audio manager, key-value store, speech, diagnosis, mode manager, power mode, switches) and the
-# CB radio service in a temporary CBRADIO_ROOT, wired by envars.sh. Runs a short scripted session
-# through cbradioctl (radio on, seek, store and select a preset, squelch) with the signals that
-# follow, then through the peers (a weather alert read out, a PTT press keying the transmitter,
-# power mode 1 storing the settings, a restart of the service restoring them), then stays up for
-# interactive use until interrupted.
+# (audio manager, key-value store, speech, diagnosis, mode manager, power mode, switches), the
+# browser panel and the CB radio service in a temporary CBRADIO_ROOT, wired by envars.sh. Runs a
+# short scripted session through cbradioctl (radio on, seek, store and select a preset, squelch)
+# with the signals that follow, then through the peers (a weather alert read out, a PTT press
+# keying the transmitter, power mode 1 storing the settings, a restart of the service restoring
+# them), then stays up for interactive use until interrupted.
 #
-#   bash scripts/headunit.sh [--once] [--build DIR] [--keep]
+#   bash scripts/headunit.sh [--once] [--build DIR] [--keep] [--panel-port N]
 #
-#   --once       end after the scripted session (exit 1 if a step failed)
-#   --build DIR  the build folder with the binaries (default: build; built here when missing)
-#   --keep       keep the temporary root (logs) after the end
+#   --once          end after the scripted session (exit 1 if a step failed)
+#   --build DIR     the build folder with the binaries (default: build; built here when missing)
+#   --keep          keep the temporary root (logs) after the end
+#   --panel-port N  port of the browser panel on 127.0.0.1 (default 8027; 0: any free port)
 #
 # While it runs, lines typed here go to the V850 simulator ("help" lists its commands); a second
 # terminal can use the export lines printed at the end of the session, and drive the peers through
@@ -22,13 +23,16 @@ cd "$(dirname "$0")/.."
 once=0
 keep=0
 build=build
+panel_port=8027
 while [ $# -gt 0 ]; do
   case "$1" in
     --once) once=1 ;;
     --keep) keep=1 ;;
     --build) build=$2; shift ;;
     --build=*) build=${1#--build=} ;;
-    -h|--help) sed -n '2,18p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    --panel-port) panel_port=$2; shift ;;
+    --panel-port=*) panel_port=${1#--panel-port=} ;;
+    -h|--help) sed -n '2,19p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) echo "headunit: unknown option $1 (see --help)" >&2; exit 2 ;;
   esac
   shift
@@ -38,16 +42,19 @@ daemon_bin=$build/cbradio/cbradiod
 sim_bin=$build/tools/v850sim/v850sim
 ctl_bin=$build/tools/cbradioctl/cbradioctl
 peers_bin=$build/tools/peersim/peersim
-if [ ! -x "$daemon_bin" ] || [ ! -x "$sim_bin" ] || [ ! -x "$ctl_bin" ] || [ ! -x "$peers_bin" ]; then
+panel_bin=$build/tools/cbradio-panel/cbradio-panel
+if [ ! -x "$daemon_bin" ] || [ ! -x "$sim_bin" ] || [ ! -x "$ctl_bin" ] || [ ! -x "$peers_bin" ] ||
+   [ ! -x "$panel_bin" ]; then
   if [ ! -f "$build/build.ninja" ]; then
     cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null || exit 1
   fi
-  cmake --build "$build" --target cbradiod v850sim cbradioctl peersim -- -j"$(nproc)" >/dev/null || exit 1
+  cmake --build "$build" --target cbradiod v850sim cbradioctl peersim cbradio-panel -- -j"$(nproc)" >/dev/null || exit 1
 fi
 daemon_bin=$(realpath "$daemon_bin")
 sim_bin=$(realpath "$sim_bin")
 ctl_bin=$(realpath "$ctl_bin")
 peers_bin=$(realpath "$peers_bin")
+panel_bin=$(realpath "$panel_bin")
 
 root=$(mktemp -d /tmp/cbradio-headunit-XXXXXX)
 mkdir -p "$root/tmp"
@@ -130,6 +137,18 @@ pids+=($!)
 wait_for 10 grep -qs "# ready:" "$root/peersim.log" || fail "peersim did not start (see $root/peersim.err)"
 peer() { echo "$*" >&4; }
 
+# ---- the browser panel ---------------------------------------------------------------------
+# Started before the service, so its log shows the service arriving. It prints its address.
+"$panel_bin" --port="$panel_port" >"$root/panel.out" 2>"$root/panel.err" &
+panel_pid=$!
+pids+=("$panel_pid")
+panel_url=
+if wait_for 5 grep -qs "http://" "$root/panel.out"; then
+  panel_url=$(grep -o 'http://[^ ]*' "$root/panel.out" | head -n1)
+else
+  echo "headunit: the browser panel did not start (see $root/panel.err); going on without it" >&2
+fi
+
 # ---- the service ---------------------------------------------------------------------------
 # Service messages (no function entry/exit lines) go to the console, captured in cbradiod.log.
 printf 'JTTracePersistence 1.1.0\n* 62 8\n' >"$root/trace.tp"
@@ -144,6 +163,7 @@ start_daemon() {  # appends to cbradiod.log; waits for the service to come up
 ups_above() { test "$(grep -c "Up and Running" "$root/cbradiod.log" 2>/dev/null)" -gt "$1"; }
 
 echo "headunit: root $root"
+[ -n "$panel_url" ] && echo "headunit: browser panel at $panel_url"
 echo "headunit: dbus-daemon, v850sim, peersim and cbradiod started; the service sends its start frames (3 s)..."
 start_daemon || fail "cbradiod did not come up (see $root/cbradiod.log)"
 
@@ -221,7 +241,8 @@ step "the preset list after the restart" presets list
 cat <<EOF
 
 # ------------------------------------------------------------------------------------------
-# The simulated head unit is up. From a second terminal:
+# The simulated head unit is up.${panel_url:+ The browser panel: $panel_url}
+# From a second terminal:
 #
 #   export CBRADIO_ROOT=$root
 #   export DBUS_SESSION_BUS_ADDRESS='$address'

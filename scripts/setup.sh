@@ -13,6 +13,8 @@ PACKAGES=(
   clang libclang-rt-14-dev
   procps libtsan2
   scdoc dpkg-dev systemd
+  libcpp-httplib-dev         # the browser panel's HTTP server
+  chromium chromium-driver   # the browser panel's end-to-end test (headless)
 )
 
 missing=()
