@@ -80,6 +80,9 @@ Refusal parseCall(const std::string& method, const std::string& body, CallReques
     if (body.size() > kMaxBodyBytes)
         return refuse(413, "the argument is larger than " + std::to_string(kMaxBodyBytes) + " bytes");
     const std::string argument = trimmed(body);
+    // jsoncpp takes a zero byte for the end of the text and would pass what follows unread.
+    if (argument.find('\0') != std::string::npos)
+        return refuse(400, "the argument is not valid JSON: it holds a zero byte");
     if (!argument.empty()) {
         Json::CharReaderBuilder builder;
         Json::CharReaderBuilder::strictMode(&builder.settings_);

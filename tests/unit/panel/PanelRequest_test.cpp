@@ -45,6 +45,7 @@ TEST(PanelRequest, RefusesWithTheRightStatusAndSaysWhy)
         {"reqCBRStartSeek", "{\"seekDirection\":1} {}", 400, "not valid JSON"},
         {"reqCBRStartSeek", "{'seekDirection':1}", 400, "not valid JSON"},
         {"reqCBRStartSeek", "{\"seekDirection\":1} // up", 400, "not valid JSON"},
+        {"reqCBRStartSeek", std::string("{\"seekDirection\":1}\0}", 21), 400, "zero byte"},
         {"reqCBRStartSeek", "[1]", 400, "must be a JSON object"},
         {"reqCBRStartSeek", "1", 400, "not valid JSON"},
         {"reqCBRStartSeek", deep.substr(0, 4000), 400, "nested too deeply"},
