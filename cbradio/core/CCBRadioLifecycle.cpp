@@ -113,12 +113,7 @@ int CCBRadio::startService()
         // The bus library's dispatch threads, created here, inherit the blocked termination
         // signals, so that no handler cuts into their system calls. A signal that comes meanwhile
         // is recorded once the bus is up.
-        sigset_t termination, previous;
-        sigemptyset(&termination);
-        sigaddset(&termination, SIGINT);
-        sigaddset(&termination, SIGHUP);
-        sigaddset(&termination, SIGTERM);
-        pthread_sigmask(SIG_BLOCK, &termination, &previous);
+        const sigset_t previous = CTerminationSignals::blockOnThisThread();
         initializeDBUSService();
         pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     }

@@ -86,12 +86,7 @@ bool CTerminationSignals::startWatch(tOnSignal onSignal)
     if (gWatching || gPipeRead.load(std::memory_order_relaxed) < 0)
         return false;
     gOnSignal = onSignal;
-    sigset_t termination, previous;
-    sigemptyset(&termination);
-    sigaddset(&termination, SIGINT);
-    sigaddset(&termination, SIGHUP);
-    sigaddset(&termination, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &termination, &previous);
+    const sigset_t previous = blockOnThisThread();
     gWatching = ::pthread_create(&gWatchThread, nullptr, &watch, nullptr) == 0;
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     if (gWatching)
@@ -140,12 +135,15 @@ bool CTerminationSignals::pause(unsigned int ms)
     return !gPauseEnded.wait_for(lock, std::chrono::milliseconds(ms), [] { return stopping(); });
 }
 
-void CTerminationSignals::blockOnThisThread()
+sigset_t CTerminationSignals::blockOnThisThread(bool withTimerSignal)
 {
-    sigset_t termination;
-    sigemptyset(&termination);
-    sigaddset(&termination, SIGINT);
-    sigaddset(&termination, SIGHUP);
-    sigaddset(&termination, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &termination, nullptr);
+    sigset_t blocked, previous;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGINT);
+    sigaddset(&blocked, SIGHUP);
+    sigaddset(&blocked, SIGTERM);
+    if (withTimerSignal)
+        sigaddset(&blocked, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &blocked, &previous);
+    return previous;
 }

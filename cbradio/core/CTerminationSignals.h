@@ -21,6 +21,8 @@
 #ifndef CTERMINATIONSIGNALS_H
 #define CTERMINATIONSIGNALS_H
 
+#include <csignal>
+
 namespace CTerminationSignals
 {
     typedef void (*tOnSignal)(int sig);
@@ -42,10 +44,11 @@ namespace CTerminationSignals
     // elapsed, false when it ended early (or a stop had been asked before).
     bool pause(unsigned int ms);
 
-    // Blocks the termination signals on the calling thread (threads created by it inherit that) and
-    // returns nothing; used by every thread but the main one, so handlers never cut into their
-    // system calls.
-    void blockOnThisThread();
+    // Blocks the termination signals (and SIGUSR1 too when withTimerSignal) on the calling thread,
+    // which threads created by it inherit, and returns the mask it had, for pthread_sigmask
+    // (SIG_SETMASK) to restore. Used around the creation of every thread but the main one, so
+    // handlers never cut into their system calls.
+    sigset_t blockOnThisThread(bool withTimerSignal = false);
 }
 
 #endif

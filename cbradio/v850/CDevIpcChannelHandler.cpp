@@ -3,6 +3,7 @@
 #include "CDevIpcChannel.h"
 #include "CJTTraceScope.h"
 #include "CJTTraceScopeDef.h"
+#include "CTerminationSignals.h"
 #include "IMsgProcessor.h"
 
 #include <csignal>
@@ -54,13 +55,7 @@ void CDevIpcChannelHandler::run()
 {
     // A handler running here would leave EINTR in errno, and readData repeats reads on a stale
     // EINTR; keep the process's asynchronous signals away from this thread.
-    sigset_t blocked;
-    sigemptyset(&blocked);
-    sigaddset(&blocked, SIGINT);
-    sigaddset(&blocked, SIGHUP);
-    sigaddset(&blocked, SIGTERM);
-    sigaddset(&blocked, SIGUSR1);
-    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+    CTerminationSignals::blockOnThisThread(true);
 
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CDevIpcChannelHandler_run);
     // One buffer for the thread's life: after a failed read the processor sees what the previous
