@@ -10,7 +10,7 @@ PACKAGES=(
   g++ cmake ninja-build pkg-config
   libjsoncpp-dev libdbus-1-dev libsystemd-dev dbus-daemon dbus-bin
   libgtest-dev libgmock-dev libbenchmark-dev
-  clang libclang-rt-14-dev
+  clang libclang-rt-14-dev clang-format
   procps libtsan2
   scdoc dpkg-dev systemd
   libcpp-httplib-dev         # the browser panel's HTTP server
