@@ -64,11 +64,10 @@ display=()
 stop_daemon() {
   [ -n "${daemon_pid:-}" ] || return 0
   kill -TERM "$daemon_pid" 2>/dev/null
-  # The service's worker may miss a signal that comes too early; a second one is harmless.
+  # The service ends within two seconds of one signal, whenever it comes; KILL is for a hung one.
   for _ in 1 2 3 4 5 6; do
     kill -0 "$daemon_pid" 2>/dev/null || break
     sleep 0.5
-    kill -TERM "$daemon_pid" 2>/dev/null
   done
   kill -KILL "$daemon_pid" 2>/dev/null
   wait "$daemon_pid" 2>/dev/null
