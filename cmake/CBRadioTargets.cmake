@@ -34,6 +34,17 @@ function(cbradio_target_defaults target)
   target_link_options(${target} PRIVATE ${CBRADIO_SANITIZER_FLAGS})
 endfunction()
 
+# Every test program includes gtest.h, whose parsing is a quarter of a test source's compile time:
+# it is parsed once into a precompiled header that all test programs reuse.
+function(cbradio_gtest_pch)
+  set(source ${PROJECT_BINARY_DIR}/cbradio_gtest_pch.cpp)
+  file(WRITE ${source} "// The precompiled GoogleTest header of the test programs is made with this.\n")
+  add_library(cbradio_gtest_pch OBJECT ${source})
+  cbradio_target_defaults(cbradio_gtest_pch)
+  target_link_libraries(cbradio_gtest_pch PRIVATE GTest::gtest)
+  target_precompile_headers(cbradio_gtest_pch PRIVATE <gtest/gtest.h>)
+endfunction()
+
 # cbradio_add_gtest(NAME <name> SOURCES ... LIBS ... [LABEL unit|integration|e2e] [TIMEOUT s])
 # One GoogleTest executable; its tests are listed when ctest runs, not at build time.
 function(cbradio_add_gtest)
@@ -48,6 +59,7 @@ function(cbradio_add_gtest)
   cbradio_target_defaults(${T_NAME})
   target_link_libraries(${T_NAME} PRIVATE ${T_LIBS} GTest::gtest GTest::gtest_main Threads::Threads)
   target_include_directories(${T_NAME} PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
+  target_precompile_headers(${T_NAME} REUSE_FROM cbradio_gtest_pch)
   gtest_discover_tests(${T_NAME}
     DISCOVERY_MODE PRE_TEST
     TEST_LIST ${T_NAME}_TESTS

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # The project's test command: installs what is missing, checks the formatting of the sources
-# (scripts/format.sh), then builds and runs the whole suite
-# twice (a normal build and an AddressSanitizer + UndefinedBehaviorSanitizer build), runs the
-# integration and end-to-end groups once more in a ThreadSanitizer build, and runs every fuzz
-# target for a short bounded time in a clang/libFuzzer build.
+# (scripts/format.sh), then builds and runs the whole suite twice (a normal build and an
+# AddressSanitizer + UndefinedBehaviorSanitizer build), runs the integration and end-to-end groups
+# once more in a ThreadSanitizer build, and runs every fuzz target for a short bounded time in a
+# clang/libFuzzer build.
 #   bash scripts/test.sh
 # FUZZ_SECONDS (default 15) bounds each fuzz target; SKIP_FUZZ=1 leaves fuzzing out;
 # SKIP_TSAN=1 leaves the ThreadSanitizer stage out.
@@ -52,8 +52,10 @@ if [ "${SKIP_TSAN:-0}" != "1" ]; then
 fi
 
 if [ "${SKIP_FUZZ:-0}" != "1" ]; then
+  # Only the fuzz targets and what they link: the programs and man pages of a clang build with
+  # coverage instrumentation would be built for nothing.
   echo "== build-fuzz: build"
-  bash scripts/build.sh build-fuzz -DCBRADIO_FUZZ_SECONDS="${FUZZ_SECONDS:-15}"
+  CBRADIO_TARGETS="fuzz/all" bash scripts/build.sh build-fuzz -DCBRADIO_FUZZ_SECONDS="${FUZZ_SECONDS:-15}"
   echo "== build-fuzz: run"
   (cd build-fuzz && ctest --output-on-failure -j2 -L fuzz --no-tests=ignore)
 fi
