@@ -128,7 +128,9 @@ TEST_F(TJTVectorAssertions, UnplannedMisuseEndsTheProcessAtTheCallersLine)
     auto prepare = [] { setenv("CBRADIO_ROOT", root.c_str(), 1); JTRootPrefix::reload(); };
     auto expected = [](int line, const char* text) { return "TJTVector:" + std::to_string(line) + ": ASSERTION \"" + text + "\" failed"; };
     // Each check stays on one line: the message must name the line of the call.
+    // clang-format off
     EXPECT_EXIT({ prepare(); v.get(1); }, ::testing::ExitedWithCode(1), expected(__LINE__, "Index our of range"));
     EXPECT_EXIT({ prepare(); v.erase(0, 2); }, ::testing::ExitedWithCode(1), expected(__LINE__, "Invalid parameter"));
     EXPECT_EXIT({ prepare(); v.erase(v.begin() + 1); }, ::testing::ExitedWithCode(1), expected(__LINE__, "Invalid iterator position"));
+    // clang-format on
 }
