@@ -23,10 +23,6 @@ done
 [ "${1:-}" = "--" ] && shift
 [ ${#names[@]} -eq 0 ] && names=(busservice svcipc trace)
 
-if [ ! -f "$dir/build.ninja" ]; then
-  cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCBRADIO_TESTS=OFF >/dev/null
-fi
-
 targets=()
 for name in "${names[@]}"; do
   case "$name" in
@@ -35,7 +31,9 @@ for name in "${names[@]}"; do
     trace) targets+=(bench_trace) ;;
   esac
 done
-cmake --build "$dir" --target "${targets[@]}" -- -j"$(nproc)"
+# scripts/build.sh configures the folder afresh when these arguments or the compiler changed.
+CBRADIO_TARGETS="${targets[*]}" bash scripts/build.sh "$dir" -DCMAKE_BUILD_TYPE=Release \
+  -DCBRADIO_TESTS=OFF -DCBRADIO_BENCHMARKS=ON
 
 pin=()
 if [ -n "${BENCH_CPUS:-}" ]; then
