@@ -7,7 +7,7 @@
 #   bash scripts/test.sh
 # FUZZ_SECONDS (default 15) bounds each fuzz target; SKIP_FUZZ=1 leaves fuzzing out;
 # SKIP_TSAN=1 leaves the ThreadSanitizer stage out; TEST_JOBS (default twice the cores) is how many
-# tests of the normal and AddressSanitizer builds run at once.
+# tests of the normal and sanitizer builds run at once.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -22,7 +22,7 @@ fi
 
 # The bus and end-to-end tests spend most of their time waiting for the daemon (its start alone
 # paces three one-second pauses), not computing: twice as many at once as there are cores halves
-# the stage and still passes under AddressSanitizer.
+# the stage and still passes under both sanitizers.
 jobs=${TEST_JOBS:-$((2 * $(nproc)))}
 
 run_suite() {
@@ -49,7 +49,7 @@ if [ "${SKIP_TSAN:-0}" != "1" ]; then
   rm -rf "$reports" && mkdir -p "$reports"
   (cd build-tsan &&
    TSAN_OPTIONS="suppressions=$PWD/../tests/tsan.supp log_path=$reports/tsan second_deadlock_stack=1" \
-     ctest --output-on-failure -j2 --timeout 300 -L 'integration|e2e' -E '^deploy_')
+     ctest --output-on-failure -j"$jobs" --timeout 300 -L 'integration|e2e' -E '^deploy_')
   if [ -n "$(ls -A "$reports")" ]; then
     cat "$reports"/*
     echo "== build-tsan: ThreadSanitizer reports above ($(ls "$reports" | wc -l) processes)"
@@ -63,6 +63,6 @@ if [ "${SKIP_FUZZ:-0}" != "1" ]; then
   echo "== build-fuzz: build"
   CBRADIO_TARGETS="fuzz/all" bash scripts/build.sh build-fuzz -DCBRADIO_FUZZ_SECONDS="${FUZZ_SECONDS:-15}"
   echo "== build-fuzz: run"
-  (cd build-fuzz && ctest --output-on-failure -j2 -L fuzz --no-tests=ignore)
+  (cd build-fuzz && ctest --output-on-failure -j2 -L fuzz --no-tests=error)
 fi
 echo "== all suites passed"
