@@ -3,48 +3,51 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <mutex>
+#include <memory>
+#include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
-#include <string>
 #include <vector>
 
+#include "CJTByteStream.h"
 #include "CJTNullTracePersistence.h"
 #include "CJTTraceHelper.h"
-#include "CJTTraceScope.h"
 #include "CJTTraceScopeDef.h"
+#include "IJTTracePersistence.h"
 #include "JTAssert.h"
-#include "JTSyslog.h"
 #include "TraceTestSupport.h"
 
-using tracetest::MemoryPersistence;
 using tracetest::Recorder;
 using tracetest::TempFile;
 
 namespace
 {
-std::mutex gLock;
-std::vector<std::string> gSyslog;
-void mirror(unsigned int, const char* line)
+// Keeps one block per name in memory.
+struct MemoryPersistence : IJTTracePersistence
 {
-    std::lock_guard<std::mutex> guard(gLock);
-    gSyslog.push_back(line);
-}
+    void load(const char* name, CJTByteStream& data) override
+    {
+        if (name == mName)
+            data.doWrite(mBlock.data(), static_cast<uint32_t>(mBlock.size()));
+    }
+    void store(const char* name, CJTByteStream& data) override
+    {
+        mName = name;
+        mBlock.assign(data.getData(), data.getData() + data.getSize());
+    }
+    void kill(const char* name) override
+    {
+        if (name == mName)
+            mName.clear();
+    }
+    bool isKillRequired() const override { return mKillRequired; }
 
-std::vector<std::string> takeSyslog()
-{
-    std::lock_guard<std::mutex> guard(gLock);
-    std::vector<std::string> out;
-    out.swap(gSyslog);
-    return out;
-}
-
-std::string pidPrefix()
-{
-    return "pid " + std::to_string(getpid()) + ": ";
-}
+    std::string mName;
+    std::vector<uint8_t> mBlock;
+    bool mKillRequired = false;
+};
 
 // Routes the persistence diagnostics to the recorder and the system log to a list.
 class PersistenceFixture : public ::testing::Test
@@ -57,12 +60,11 @@ protected:
         mSavedMedia = getPersistenceScopeDef().getMedia();
         getPersistenceScopeDef().setFilter(2 | 32 | 64);
         getPersistenceScopeDef().setMedia(Recorder::MEDIA);
-        takeSyslog();
-        JTSyslog::setMirror(mirror);
+        mSyslog.reset(new tracetest::SyslogLines);
     }
     void TearDown() override
     {
-        JTSyslog::setMirror(nullptr);
+        mSyslog.reset();
         getPersistenceScopeDef().setFilter(mSavedFilter);
         getPersistenceScopeDef().setMedia(mSavedMedia);
         manager().setSilent(false);
@@ -78,10 +80,19 @@ protected:
                 out.push_back(r);
         return out;
     }
+    std::vector<std::string> syslog()
+    {
+        std::vector<std::string> out;
+        for (auto& line : mSyslog->take())
+            out.push_back(line.second);
+        return out;
+    }
 
     Recorder mRecorder;
+    std::unique_ptr<tracetest::SyslogLines> mSyslog;
     uint8_t mSavedFilter = 0;
     uint8_t mSavedMedia = 0;
+    const std::string mPid = "pid " + std::to_string(getpid()) + ": ";
 };
 
 std::string header(const char* version)
@@ -116,7 +127,7 @@ TEST_F(PersistenceFixture, BinaryBlockRoundTripsAndRefusesOtherSizes)
     EXPECT_EQ(0x09, a.getMedia());
     EXPECT_EQ(5, b.getKernelEvent());
     EXPECT_EQ(1, manager().getSettingsInStep());
-    EXPECT_TRUE(takeSyslog().empty());
+    EXPECT_TRUE(syslog().empty());
 
     // One scope short: refused, nothing changed, the count found is reported.
     store.mBlock.resize(store.mBlock.size() - 3);
@@ -126,48 +137,39 @@ TEST_F(PersistenceFixture, BinaryBlockRoundTripsAndRefusesOtherSizes)
     EXPECT_EQ(0, manager().getSettingsInStep());
     std::string mismatch = "Binary persistence for 'unit_trace' does not match: expected " + std::to_string(count) +
                            " scopes, but found " + std::to_string(count - 1) + ".";
-    EXPECT_EQ(std::vector<std::string>{pidPrefix() + mismatch}, takeSyslog());
+    EXPECT_EQ(std::vector<std::string>{mPid + mismatch}, syslog());
     std::vector<tracetest::Record> d = diagnostics();
     ASSERT_EQ(1u, d.size());
     EXPECT_EQ(2, d[0].kind);
     EXPECT_EQ(mismatch, d[0].text);
 
     EXPECT_FALSE(manager().loadBinaryPersistence(store, "other_process"));
-    EXPECT_EQ(std::vector<std::string>{pidPrefix() + "Binary persistence for 'other_process' is empty."}, takeSyslog());
-    d = diagnostics();
-    ASSERT_EQ(1u, d.size());
-    EXPECT_EQ(64, d[0].kind);
+    EXPECT_EQ(std::vector<std::string>{mPid + "Binary persistence for 'other_process' is empty."}, syslog());
+    EXPECT_EQ(64, diagnostics().at(0).kind);
 }
 
-TEST_F(PersistenceFixture, TextFileVersionsAreCheckedOnTheHeader)
+TEST_F(PersistenceFixture, TextFileVersionsAreCheckedOnTheHeaderAndOnlyRegularFilesAreRead)
 {
     CJTTraceScopeDef def("TextVer_A", "a");
-    const std::string body = "TextVer_A 40 08\n";
-    struct Case
-    {
-        const char* version;
-        bool accepted;
-    } cases[] = {{"1.1.0", true}, {"1.0.9", true}, {"1.1.77", true}, {"1.2.0", false}, {"2.0.0", false}, {"0.9.0", false}};
-    for (const Case& c : cases) {
+    struct Case { const char* version; bool accepted; };
+    for (Case c : {Case{"1.1.0", true}, Case{"1.0.9", true}, Case{"1.1.77", true}, Case{"1.2.0", false},
+                   Case{"2.0.0", false}, Case{"0.9.0", false}}) {
         def.setFilter(0);
-        TempFile file(header(c.version) + body);
+        TempFile file(header(c.version) + "TextVer_A 40 08\n");
         EXPECT_EQ(c.accepted, manager().loadTextPersistence(file.path())) << c.version;
         EXPECT_EQ(c.accepted ? 0x40 : 0, def.getFilter()) << c.version;
         std::vector<tracetest::Record> d = diagnostics();
         if (!c.accepted) {
-            ASSERT_EQ(1u, d.size());
             EXPECT_EQ("Unable to load text trace persistence: '" + std::string(file.path()) + "' requires version " +
                           c.version + ", but current version is 1.1.0.",
-                      d[0].text);
+                      d.at(0).text);
         }
     }
-
     TempFile noVersion("JTTracePersistence one\nTextVer_A 40 08\n");
     EXPECT_FALSE(manager().loadTextPersistence(noVersion.path()));
     EXPECT_EQ("Unable to load text trace persistence: '" + std::string(noVersion.path()) +
                   "' does not include version info.",
               diagnostics().at(0).text);
-
     EXPECT_FALSE(manager().loadTextPersistence("/nonexistent/unit_trace.tp"));
     std::vector<tracetest::Record> d = diagnostics();
     ASSERT_EQ(1u, d.size());
@@ -176,25 +178,23 @@ TEST_F(PersistenceFixture, TextFileVersionsAreCheckedOnTheHeader)
 
     // A FIFO (which would wait for a writer) and a socket are refused at once, like an unreadable
     // file: with the assertion announced, it is only counted.
-    TempFile folder("");
-    std::string fifo = std::string(folder.path()) + ".fifo";
-    std::string socketPath = std::string(folder.path()) + ".sock";
-    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
-    int sock = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    const std::string fifo = std::string(noVersion.path()) + ".fifo";
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
-    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", socketPath.c_str());
+    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s.sock", noVersion.path());
+    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+    int sock = socket(AF_UNIX, SOCK_SEQPACKET, 0);
     ASSERT_EQ(0, bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
     unsigned int occurred = CJTAsserter::getOccuredAssertions();
     CJTAsserter::setExpectedAssertions(occurred + 2);
     EXPECT_FALSE(manager().loadTextPersistence(fifo.c_str()));
-    EXPECT_FALSE(manager().loadTextPersistence(socketPath.c_str()));
+    EXPECT_FALSE(manager().loadTextPersistence(addr.sun_path));
     EXPECT_EQ(occurred + 2, CJTAsserter::getOccuredAssertions());
     CJTAsserter::setExpectedAssertions(0);
     CJTAsserter::setOccuredAssertions(0);
     close(sock);
     unlink(fifo.c_str());
-    unlink(socketPath.c_str());
+    unlink(addr.sun_path);
 }
 
 TEST_F(PersistenceFixture, TextFileSectionsPrefixesAndOverrides)
@@ -240,20 +240,19 @@ TEST_F(PersistenceFixture, TextFileSectionsPrefixesAndOverrides)
 
 TEST_F(PersistenceFixture, TextFileLongerThanOneChunkKeepsLinesWhole)
 {
-    std::vector<CJTTraceScopeDef*> defs;
     std::vector<std::string> names;
-    for (int i = 0; i < 120; ++i)
+    names.reserve(120);  // the definitions keep pointers to the names
+    std::vector<std::unique_ptr<CJTTraceScopeDef>> defs;
+    for (int i = 0; i < 120; ++i) {
         names.push_back("TextChunk_" + std::to_string(i));
-    for (const std::string& n : names)
-        defs.push_back(new CJTTraceScopeDef(n.c_str(), "function_with_a_rather_long_name"));
-
+        defs.emplace_back(new CJTTraceScopeDef(names.back().c_str(), "function_with_a_rather_long_name"));
+    }
     // Each line is about 60 bytes, so chunk borders fall inside lines; the first pass sets 01,
     // the second the real value, so a line cut in two would leave a scope at 01.
     std::string text = header("1.1.0");
-    for (int pass = 0; pass < 2; ++pass)
+    for (const char* filter : {"01", "40"})
         for (int i = 0; i < 120; ++i)
-            text += "TextChunk_" + std::to_string(i) + "_function_with_a_rather_long_name " +
-                    (pass == 0 ? "01" : "40") + " 08 " + std::to_string(i % 10) + "\n";
+            text += names[i] + "_function_with_a_rather_long_name " + filter + " 08 " + std::to_string(i % 10) + "\n";
     ASSERT_GT(text.size(), 8192u);
     TempFile file(text);
     EXPECT_TRUE(manager().loadTextPersistence(file.path()));
@@ -262,8 +261,6 @@ TEST_F(PersistenceFixture, TextFileLongerThanOneChunkKeepsLinesWhole)
         EXPECT_EQ(i % 10, defs[i]->getKernelEvent()) << i;
     }
     EXPECT_TRUE(diagnostics().empty());
-    for (CJTTraceScopeDef* def : defs)
-        delete def;
 }
 
 TEST_F(PersistenceFixture, HelperActionsNeedANameAndARealPersistence)
@@ -271,7 +268,6 @@ TEST_F(PersistenceFixture, HelperActionsNeedANameAndARealPersistence)
     CJTTraceHelper& helper = CJTTraceHelper::getInstance();
     CJTTraceScopeDef def("HelperPers_A", "a", 0x40, 0x08);
     MemoryPersistence store;
-
     helper.setPersistence(&CJTNullTracePersistence::sInstance);
     EXPECT_FALSE(helper.storePersistent());
     helper.setPersistence(nullptr);
@@ -284,18 +280,11 @@ TEST_F(PersistenceFixture, HelperActionsNeedANameAndARealPersistence)
     EXPECT_TRUE(helper.loadPersistent());
     EXPECT_EQ(0x40, def.getFilter());
 
-    // A block that does not fit is dropped after the failed load.
-    store.mBlock.pop_back();
-    EXPECT_FALSE(helper.loadPersistent());
-    EXPECT_FALSE(store.mHasBlock);
-    takeSyslog();
-
-    store.setBlock("unit_trace", std::vector<uint8_t>(3 * manager().getNumberOfScopes() + 1, 0));
+    // A store that requires a kill has its block removed instead of loaded.
+    store.mBlock.assign(3 * manager().getNumberOfScopes() + 1, 0);
     store.mKillRequired = true;
     helper.loadPersistent();
-    EXPECT_FALSE(store.mHasBlock);
+    EXPECT_TRUE(store.mName.empty());
     EXPECT_EQ(0x40, def.getFilter());
-
-    EXPECT_TRUE(helper.killPersistent());
     helper.setPersistence(nullptr);
 }

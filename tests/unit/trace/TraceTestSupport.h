@@ -1,22 +1,18 @@
-// Shared helpers of the trace unit tests: a recording output handler, capture of a standard
-// descriptor through a pipe, temporary files and an in-memory persistence.
+// Shared helpers of the trace unit tests: a recording output handler, a system log mirror and
+// temporary files.
 #ifndef TRACETESTSUPPORT_H
 #define TRACETESTSUPPORT_H
 
-#include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "CJTByteStream.h"
 #include "CJTTraceHelper.h"
 #include "CJTTraceScopeDef.h"
-#include "IJTTracePersistence.h"
+#include "JTSyslog.h"
 
 namespace tracetest
 {
@@ -35,17 +31,23 @@ public:
 
     Recorder()
     {
-        std::lock_guard<std::mutex> guard(lock());
-        records().clear();
+        take();
         CJTTraceHelper::getInstance().setHandler(MEDIA, &Recorder::handle, "Recorder");
     }
     ~Recorder() { CJTTraceHelper::getInstance().setHandler(MEDIA, &CJTTraceHelper::sendToKernelTrace, "Kernel Trace"); }
 
-    std::vector<Record> take()
+    static std::vector<Record> take()
     {
         std::lock_guard<std::mutex> guard(lock());
         std::vector<Record> out;
         out.swap(records());
+        return out;
+    }
+    static std::vector<std::string> texts()
+    {
+        std::vector<std::string> out;
+        for (const Record& r : take())
+            out.push_back(r.text);
         return out;
     }
 
@@ -67,47 +69,41 @@ private:
     }
 };
 
-// Redirects a descriptor (1 or 2) into a pipe until finish() or destruction; a reader thread
-// drains the pipe so writers never block on a full pipe.
-class FdCapture
+// Mirrors the system log (severity and line) while it lives.
+class SyslogLines
 {
 public:
-    explicit FdCapture(int fd) : mFd(fd)
+    SyslogLines()
     {
-        fflush(nullptr);
-        if (pipe(mPipe) != 0)
-            abort();
-        mSaved = dup(fd);
-        dup2(mPipe[1], fd);
-        close(mPipe[1]);
-        mReader = std::thread([this] {
-            char buffer[4096];
-            ssize_t n;
-            while ((n = read(mPipe[0], buffer, sizeof(buffer))) > 0)
-                mText.append(buffer, static_cast<size_t>(n));
-        });
+        take();
+        JTSyslog::setMirror(&SyslogLines::mirror);
     }
-    ~FdCapture() { finish(); }
+    ~SyslogLines() { JTSyslog::setMirror(nullptr); }
 
-    std::string finish()
+    static std::vector<std::pair<unsigned, std::string>> take()
     {
-        if (mSaved >= 0) {
-            fflush(nullptr);
-            dup2(mSaved, mFd);  // drops the last write end of the pipe: the reader sees its end
-            close(mSaved);
-            mSaved = -1;
-            mReader.join();
-            close(mPipe[0]);
-        }
-        return mText;
+        std::lock_guard<std::mutex> guard(lock());
+        std::vector<std::pair<unsigned, std::string>> out;
+        out.swap(lines());
+        return out;
     }
 
 private:
-    int mFd;
-    int mPipe[2];
-    int mSaved;
-    std::thread mReader;
-    std::string mText;
+    static void mirror(unsigned int severity, const char* line)
+    {
+        std::lock_guard<std::mutex> guard(lock());
+        lines().emplace_back(severity, line);
+    }
+    static std::mutex& lock()
+    {
+        static std::mutex m;
+        return m;
+    }
+    static std::vector<std::pair<unsigned, std::string>>& lines()
+    {
+        static std::vector<std::pair<unsigned, std::string>> l;
+        return l;
+    }
 };
 
 // A file in the system's temporary folder, removed again on destruction.
@@ -118,55 +114,16 @@ public:
     {
         char name[] = "/tmp/unit_trace_XXXXXX";
         int fd = mkstemp(name);
-        if (fd < 0)
-            abort();
-        mPath = name;
-        if (write(fd, contents.data(), contents.size()) != static_cast<ssize_t>(contents.size()))
+        if (fd < 0 || write(fd, contents.data(), contents.size()) != static_cast<ssize_t>(contents.size()))
             abort();
         close(fd);
+        mPath = name;
     }
     ~TempFile() { unlink(mPath.c_str()); }
     const char* path() const { return mPath.c_str(); }
 
 private:
     std::string mPath;
-};
-
-// Keeps one block per name in memory.
-class MemoryPersistence : public IJTTracePersistence
-{
-public:
-    void load(const char* name, CJTByteStream& data) override
-    {
-        if (mHasBlock && mName == name)
-            data.doWrite(mBlock.data(), static_cast<uint32_t>(mBlock.size()));
-    }
-    void store(const char* name, CJTByteStream& data) override
-    {
-        mName = name;
-        mHasBlock = true;
-        mBlock.assign(data.getData(), data.getData() + data.getSize());
-    }
-    void kill(const char* name) override
-    {
-        ++mKills;
-        if (mName == name)
-            mHasBlock = false;
-    }
-    bool isKillRequired() const override { return mKillRequired; }
-
-    void setBlock(const char* name, std::vector<uint8_t> block)
-    {
-        mName = name;
-        mBlock = std::move(block);
-        mHasBlock = true;
-    }
-
-    std::string mName;
-    std::vector<uint8_t> mBlock;
-    bool mHasBlock = false;
-    bool mKillRequired = false;
-    int mKills = 0;
 };
 }
 
