@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <memory>
+#include <utility>
 #include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -21,6 +22,7 @@
 
 using tracetest::Recorder;
 using tracetest::TempFile;
+using tracetest::settings;
 
 namespace
 {
@@ -56,42 +58,31 @@ protected:
     void SetUp() override
     {
         CJTTraceHelper::getInstance().setProcessName("unit_trace");
-        mSavedFilter = getPersistenceScopeDef().getFilter();
-        mSavedMedia = getPersistenceScopeDef().getMedia();
+        mSaved = {getPersistenceScopeDef().getFilter(), getPersistenceScopeDef().getMedia()};
         getPersistenceScopeDef().setFilter(2 | 32 | 64);
         getPersistenceScopeDef().setMedia(Recorder::MEDIA);
-        mSyslog.reset(new tracetest::SyslogLines);
     }
     void TearDown() override
     {
-        mSyslog.reset();
-        getPersistenceScopeDef().setFilter(mSavedFilter);
-        getPersistenceScopeDef().setMedia(mSavedMedia);
+        getPersistenceScopeDef().setFilter(mSaved.first);
+        getPersistenceScopeDef().setMedia(mSaved.second);
         manager().setSilent(false);
     }
     static CJTTraceScopeManager& manager() { return CJTTraceScopeManager::getInstance(); }
 
-    // Diagnostics of the persistence scope (entry and exit left out).
-    std::vector<tracetest::Record> diagnostics()
-    {
-        std::vector<tracetest::Record> out;
-        for (const tracetest::Record& r : mRecorder.take())
-            if (r.kind != 4 && r.kind != 8)
-                out.push_back(r);
-        return out;
-    }
-    std::vector<std::string> syslog()
+    // Diagnostics of the persistence scope, entry and exit left out.
+    std::vector<std::string> diagnostics()
     {
         std::vector<std::string> out;
-        for (auto& line : mSyslog->take())
-            out.push_back(line.second);
+        for (const std::string& line : mRecorder.take())
+            if (line[0] != '4' && line[0] != '8')
+                out.push_back(line);
         return out;
     }
 
     Recorder mRecorder;
-    std::unique_ptr<tracetest::SyslogLines> mSyslog;
-    uint8_t mSavedFilter = 0;
-    uint8_t mSavedMedia = 0;
+    tracetest::SyslogLines mSyslog;
+    std::pair<uint8_t, uint8_t> mSaved;
     const std::string mPid = "pid " + std::to_string(getpid()) + ": ";
 };
 
@@ -123,11 +114,10 @@ TEST_F(PersistenceFixture, BinaryBlockRoundTripsAndRefusesOtherSizes)
     store.mBlock[0] = 2;  // anything but 1 is "not silent"
     EXPECT_TRUE(manager().loadBinaryPersistence(store, "unit_trace"));
     EXPECT_FALSE(manager().isSilent());
-    EXPECT_EQ(0x42, a.getFilter());
-    EXPECT_EQ(0x09, a.getMedia());
-    EXPECT_EQ(5, b.getKernelEvent());
+    EXPECT_EQ("42 09 0", settings(a));
+    EXPECT_EQ("7f 0c 5", settings(b));
     EXPECT_EQ(1, manager().getSettingsInStep());
-    EXPECT_TRUE(syslog().empty());
+    EXPECT_TRUE(mSyslog.take().empty());
 
     // One scope short: refused, nothing changed, the count found is reported.
     store.mBlock.resize(store.mBlock.size() - 3);
@@ -137,15 +127,12 @@ TEST_F(PersistenceFixture, BinaryBlockRoundTripsAndRefusesOtherSizes)
     EXPECT_EQ(0, manager().getSettingsInStep());
     std::string mismatch = "Binary persistence for 'unit_trace' does not match: expected " + std::to_string(count) +
                            " scopes, but found " + std::to_string(count - 1) + ".";
-    EXPECT_EQ(std::vector<std::string>{mPid + mismatch}, syslog());
-    std::vector<tracetest::Record> d = diagnostics();
-    ASSERT_EQ(1u, d.size());
-    EXPECT_EQ(2, d[0].kind);
-    EXPECT_EQ(mismatch, d[0].text);
-
+    EXPECT_EQ(std::vector<std::string>{"3 " + mPid + mismatch}, mSyslog.take());
+    EXPECT_EQ(std::vector<std::string>{"2 " + mismatch}, diagnostics());
+    const std::string empty = "Binary persistence for 'other_process' is empty.";
     EXPECT_FALSE(manager().loadBinaryPersistence(store, "other_process"));
-    EXPECT_EQ(std::vector<std::string>{mPid + "Binary persistence for 'other_process' is empty."}, syslog());
-    EXPECT_EQ(64, diagnostics().at(0).kind);
+    EXPECT_EQ(std::vector<std::string>{"5 " + mPid + empty}, mSyslog.take());
+    EXPECT_EQ(std::vector<std::string>{"64 " + empty}, diagnostics());
 }
 
 TEST_F(PersistenceFixture, TextFileVersionsAreCheckedOnTheHeaderAndOnlyRegularFilesAreRead)
@@ -158,23 +145,17 @@ TEST_F(PersistenceFixture, TextFileVersionsAreCheckedOnTheHeaderAndOnlyRegularFi
         TempFile file(header(c.version) + "TextVer_A 40 08\n");
         EXPECT_EQ(c.accepted, manager().loadTextPersistence(file.path())) << c.version;
         EXPECT_EQ(c.accepted ? 0x40 : 0, def.getFilter()) << c.version;
-        std::vector<tracetest::Record> d = diagnostics();
-        if (!c.accepted) {
-            EXPECT_EQ("Unable to load text trace persistence: '" + std::string(file.path()) + "' requires version " +
-                          c.version + ", but current version is 1.1.0.",
-                      d.at(0).text);
-        }
+        const std::string refused = "2 Unable to load text trace persistence: '" + std::string(file.path()) +
+                                    "' requires version " + c.version + ", but current version is 1.1.0.";
+        EXPECT_EQ(c.accepted ? std::vector<std::string>{} : std::vector<std::string>{refused}, diagnostics());
     }
     TempFile noVersion("JTTracePersistence one\nTextVer_A 40 08\n");
     EXPECT_FALSE(manager().loadTextPersistence(noVersion.path()));
-    EXPECT_EQ("Unable to load text trace persistence: '" + std::string(noVersion.path()) +
-                  "' does not include version info.",
-              diagnostics().at(0).text);
     EXPECT_FALSE(manager().loadTextPersistence("/nonexistent/unit_trace.tp"));
-    std::vector<tracetest::Record> d = diagnostics();
-    ASSERT_EQ(1u, d.size());
-    EXPECT_EQ(32, d[0].kind);
-    EXPECT_EQ("Unable to load text trace persistence: '/nonexistent/unit_trace.tp' does not exist", d[0].text);
+    EXPECT_EQ((std::vector<std::string>{"2 Unable to load text trace persistence: '" + std::string(noVersion.path()) +
+                                            "' does not include version info.",
+                                        "32 Unable to load text trace persistence: '/nonexistent/unit_trace.tp' does not exist"}),
+              diagnostics());
 
     // A FIFO (which would wait for a writer) and a socket are refused at once, like an unreadable
     // file: with the assertion announced, it is only counted.
@@ -218,24 +199,15 @@ TEST_F(PersistenceFixture, TextFileSectionsPrefixesAndOverrides)
                   "TextSec_CTimer 40 4 1ff\n");
     EXPECT_TRUE(manager().loadTextPersistence(file.path()));
     EXPECT_FALSE(manager().isSilent());
-    EXPECT_EQ(0x7F, run.getFilter());
-    EXPECT_EQ(1, run.getMedia());
-    EXPECT_EQ(0x02, start.getFilter());
-    EXPECT_EQ(0x08, start.getMedia());
-    EXPECT_EQ(3, start.getKernelEvent());
     // The hex fields take at most two digits, so "1ff" gives 0x1F.
-    EXPECT_EQ(0x40, timer.getFilter());
-    EXPECT_EQ(0x04, timer.getMedia());
-    EXPECT_EQ(0x1F, timer.getKernelEvent());
+    EXPECT_EQ((std::vector<std::string>{"7f 01 0", "02 08 3", "40 04 1f"}),
+              (std::vector<std::string>{settings(run), settings(start), settings(timer)}));
 
-    std::vector<tracetest::Record> d = diagnostics();
-    ASSERT_EQ(2u, d.size());
-    const std::string path = file.path();
     // Empty lines are not counted.
-    EXPECT_EQ(2, d[0].kind);
-    EXPECT_EQ(path + ":8: Skipping invalid text persistence line 'TextSec_CTimer 20'", d[0].text);
-    EXPECT_EQ(32, d[1].kind);
-    EXPECT_EQ(path + ":9: No scope matches 'TextSec_Missing'", d[1].text);
+    const std::string path = file.path();
+    EXPECT_EQ((std::vector<std::string>{"2 " + path + ":8: Skipping invalid text persistence line 'TextSec_CTimer 20'",
+                                        "32 " + path + ":9: No scope matches 'TextSec_Missing'"}),
+              diagnostics());
 }
 
 TEST_F(PersistenceFixture, TextFileLongerThanOneChunkKeepsLinesWhole)
@@ -256,10 +228,8 @@ TEST_F(PersistenceFixture, TextFileLongerThanOneChunkKeepsLinesWhole)
     ASSERT_GT(text.size(), 8192u);
     TempFile file(text);
     EXPECT_TRUE(manager().loadTextPersistence(file.path()));
-    for (int i = 0; i < 120; ++i) {
-        EXPECT_EQ(0x40, defs[i]->getFilter()) << i;
-        EXPECT_EQ(i % 10, defs[i]->getKernelEvent()) << i;
-    }
+    for (int i = 0; i < 120; ++i)
+        EXPECT_EQ("40 08 " + std::to_string(i % 10), settings(*defs[i])) << i;
     EXPECT_TRUE(diagnostics().empty());
 }
 

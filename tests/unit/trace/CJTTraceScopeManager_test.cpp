@@ -4,6 +4,9 @@
 
 #include "CJTString.h"
 #include "CJTTraceScopeDef.h"
+#include "TraceTestSupport.h"
+
+using tracetest::settings;
 
 namespace
 {
@@ -21,16 +24,10 @@ TEST(CJTTraceScopeManager, RegistersInOrderKeepsIndicesAndNamesScopes)
     CJTTraceScopeDef c(nullptr, "run", 0x02, 0x08);
     EXPECT_EQ(before + 1, b.getIndex());
     EXPECT_EQ(&b, &manager().getScopeDef(b.getIndex()));
-    EXPECT_EQ(0, a.getFilter());
-    EXPECT_EQ(1, a.getMedia());
-    EXPECT_EQ(0x40, b.getFilter());
-    EXPECT_EQ(0x08, c.getMedia());
-    {
-        CJTTraceScopeDef gone("Reg_Gone", "x");
-        EXPECT_EQ(before + 4, manager().getNumberOfScopes());
-    }
+    EXPECT_EQ((std::vector<std::string>{"00 01 0", "40 01 0", "02 08 0"}),
+              (std::vector<std::string>{settings(a), settings(b), settings(c)}));
+    delete new CJTTraceScopeDef("Reg_Gone", "x");
     // c keeps the index it was given even though it now sits elsewhere after an earlier removal.
-    delete new CJTTraceScopeDef("Reg_Early", "x");
     EXPECT_EQ(before + 3, manager().getNumberOfScopes());
     EXPECT_EQ(before + 2, c.getIndex());
 
@@ -65,22 +62,17 @@ TEST(CJTTraceScopeManager, RangesAreInclusiveAndClearTheInStepFlag)
     CJTTraceScopeDef c("Range_C", "c");
     manager().setSettingsInStep(true);
     manager().setFilter(a.getIndex(), b.getIndex(), 0x22);
-    EXPECT_EQ(0x22, a.getFilter());
-    EXPECT_EQ(0x22, b.getFilter());
-    EXPECT_EQ(0, c.getFilter());
     EXPECT_EQ(0, manager().getSettingsInStep());
-
     manager().setSettingsInStep(true);
     manager().setMedia(c.getIndex(), b.getIndex(), 0x0F);  // first > last: nothing, still in step
-    EXPECT_EQ(1, b.getMedia());
     EXPECT_EQ(1, manager().getSettingsInStep());
     manager().setMedia(c.getIndex(), c.getIndex() + 1000, 0x04);  // runs past the end
-    EXPECT_EQ(0x04, c.getMedia());
+    EXPECT_EQ((std::vector<std::string>{"22 01 0", "22 01 0", "00 04 0"}),
+              (std::vector<std::string>{settings(a), settings(b), settings(c)}));
 
     EXPECT_TRUE(manager().configureScope(b.getIndex(), 0x40, 0x08, 7));
     EXPECT_TRUE(manager().configureScope(b.getIndex(), 0x02, 0x01));
-    EXPECT_EQ(0x02, b.getFilter());
-    EXPECT_EQ(7, b.getKernelEvent());  // the three-value form leaves the kernel event alone
+    EXPECT_EQ("02 01 7", settings(b));  // the three-value form leaves the kernel event alone
 }
 
 TEST(CJTTraceScopeManager, ConfiguresByPrefixStarAndEmpty)
@@ -89,17 +81,11 @@ TEST(CJTTraceScopeManager, ConfiguresByPrefixStarAndEmpty)
     CJTTraceScopeDef start("ByName_CCBRadio", "startService");
     CJTTraceScopeDef longer("ByName_CCBRadiox", "other");
     CJTTraceScopeDef elsewhere("ByName_CTimer", "start");
+    auto all = [&] { return std::vector<std::string>{settings(run), settings(start), settings(longer), settings(elsewhere)}; };
 
     EXPECT_TRUE(manager().configureScopesByName("ByName_CCBRadio_", 0x7F, 0x01));
-    EXPECT_EQ(0x7F, run.getFilter());
-    EXPECT_EQ(0x7F, start.getFilter());
-    EXPECT_EQ(0, longer.getFilter());
-    EXPECT_EQ(0, elsewhere.getFilter());
     EXPECT_TRUE(manager().configureScopesByName("ByName_CCBRadio_run", 0x40, 0x08, 9));
-    EXPECT_EQ(0x40, run.getFilter());
-    EXPECT_EQ(9, run.getKernelEvent());
-    EXPECT_EQ(0x7F, start.getFilter());
-
+    EXPECT_EQ((std::vector<std::string>{"40 08 9", "7f 01 0", "00 01 0", "00 01 0"}), all());
     manager().setSettingsInStep(true);
     EXPECT_FALSE(manager().configureScopesByName("ByName_Nothing", 1, 1));
     EXPECT_FALSE(manager().configureScopesByName("ByName_CCBRadio_run_and_more", 1, 1));
@@ -108,15 +94,12 @@ TEST(CJTTraceScopeManager, ConfiguresByPrefixStarAndEmpty)
     // A scope registered after the sorted list was built is still found.
     CJTTraceScopeDef late("ByName_CCBRadio", "late");
     EXPECT_TRUE(manager().configureScopesByName("ByName_CCBRadio", 0x02, 0x02));
-    EXPECT_EQ(0x02, late.getFilter());
-    EXPECT_EQ(0x02, longer.getFilter());
-
+    EXPECT_EQ("02 02 0", settings(late));
+    EXPECT_EQ((std::vector<std::string>{"02 02 9", "02 02 0", "02 02 0", "00 01 0"}), all());
     EXPECT_TRUE(manager().configureScopesByName("*", 0x20, 0x04));
-    EXPECT_EQ(0x20, elsewhere.getFilter());
-    EXPECT_EQ(0x20, manager().getScopeDef(0).getFilter());
+    EXPECT_EQ("20 04 0", settings(manager().getScopeDef(0)));
     EXPECT_TRUE(manager().configureScopesByName("", 0, 1));
-    EXPECT_EQ(0, run.getFilter());
-    EXPECT_EQ(1, elsewhere.getMedia());
+    EXPECT_EQ((std::vector<std::string>{"00 01 9", "00 01 0", "00 01 0", "00 01 0"}), all());
 }
 
 TEST(CJTTraceScopeManager, HashAndScopeStrings)

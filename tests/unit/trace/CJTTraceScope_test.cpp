@@ -12,8 +12,8 @@
 #include "CJTTraceScopeManager.h"
 #include "TraceTestSupport.h"
 
-using tracetest::Record;
 using tracetest::Recorder;
+using Lines = std::vector<std::string>;
 
 namespace
 {
@@ -47,24 +47,19 @@ TEST(CJTTraceScope, FilterMediaAndSilentModeGateEveryMessage)
     EXPECT_FALSE(scope.isTraceFlagSet(64));
     scope.sendMessage("no media");
     def.setMedia(Recorder::MEDIA);
-    EXPECT_TRUE(scope.isTraceFlagSet(64));
     scope.sendError("wrong kind");
     scope.sendMessage("wanted");
     CJTTraceScopeManager::getInstance().setSilent(true);
     EXPECT_FALSE(scope.isTraceFlagSet(64));
     scope.sendFormattedMessage("silent %d", 1);
     CJTTraceScopeManager::getInstance().setSilent(false);
-    EXPECT_EQ(std::vector<std::string>{"wanted"}, Recorder::texts());
+    EXPECT_EQ(Lines{"64 wanted"}, recorder.take());
 
     // The entry bit switches both the entry and the exit record.
     def.setFilter(4);
     { CJTTraceScope entered(def); }
-    std::vector<Record> records = recorder.take();
-    ASSERT_EQ(2u, records.size());
-    EXPECT_EQ(4, records[0].kind);
-    EXPECT_EQ("Scope_Gate_f", records[0].text);
-    EXPECT_EQ(8, records[1].kind);
-    EXPECT_EQ(&def, records[1].def);
+    EXPECT_EQ((Lines{"4 Scope_Gate_f", "8 Scope_Gate_f"}), recorder.take());
+    EXPECT_EQ(&def, Recorder::sLastDef);
     def.setFilter(8);
     { CJTTraceScope entered(def); }
     EXPECT_TRUE(recorder.take().empty());
@@ -81,18 +76,11 @@ TEST(CJTTraceScope, KindsOfPlainFormattedAndUnconditionalMessages)
     scope.sendFormattedMessage("%s-%d", "fm", 1);
     scope.sendFormattedError("fe %02x", 10);
     scope.sendFormattedWarning("fw");
-    std::vector<Record> r = recorder.take();
-    ASSERT_EQ(6u, r.size());
-    const char* texts[] = {"m", "e", "w", "fm-1", "fe 0a", "fw"};
-    const int kinds[] = {64, 2, 32, 64, 2, 32};
-    for (size_t i = 0; i < r.size(); ++i) {
-        EXPECT_EQ(texts[i], r[i].text);
-        EXPECT_EQ(kinds[i], r[i].kind);
-    }
+    EXPECT_EQ((Lines{"64 m", "2 e", "32 w", "64 fm-1", "2 fe 0a", "32 fw"}), recorder.take());
 
     // Formatted texts are cut to the 400-byte buffer.
     scope.sendFormattedMessage("%s", std::string(1000, 'x').c_str());
-    EXPECT_EQ(399u, recorder.take().at(0).text.size());
+    EXPECT_EQ(Lines{"64 " + std::string(399, 'x')}, recorder.take());
 
     // Unconditional sends ignore filter and silent mode but not the media mask.
     def.setFilter(0);
@@ -103,11 +91,7 @@ TEST(CJTTraceScope, KindsOfPlainFormattedAndUnconditionalMessages)
     CJTTraceScopeManager::getInstance().setSilent(false);
     def.setMedia(0);
     scope.sendMessageUnconditionally("no media");
-    r = recorder.take();
-    ASSERT_EQ(3u, r.size());
-    EXPECT_EQ("um 1", r[0].text);
-    EXPECT_EQ(2, r[1].kind);
-    EXPECT_EQ(32, r[2].kind);
+    EXPECT_EQ((Lines{"64 um 1", "2 ue", "32 uw"}), recorder.take());
 }
 
 TEST(CJTTraceScope, HexArrayLines)
@@ -119,14 +103,12 @@ TEST(CJTTraceScope, HexArrayLines)
     for (int i = 0; i < 25; ++i)
         data[i] = static_cast<uint8_t>(i * 11);
     scope.sendHexArray(data, 25);
-    EXPECT_EQ((std::vector<std::string>{"HexArray: len = 25", "00 0B 16 21 2C 37 42 4D 58 63",
-                                        "6E 79 84 8F 9A A5 B0 BB C6 D1", "DC E7 F2 FD 08"}),
-              Recorder::texts());
     scope.sendHexArray(data + 3, 1);
-    EXPECT_EQ((std::vector<std::string>{"HexArray: len = 1", "21"}), Recorder::texts());
-
     scope.sendHexArray(data, 0);
     scope.sendHexArray(nullptr, 5);
+    EXPECT_EQ((Lines{"64 HexArray: len = 25", "64 00 0B 16 21 2C 37 42 4D 58 63", "64 6E 79 84 8F 9A A5 B0 BB C6 D1",
+                     "64 DC E7 F2 FD 08", "64 HexArray: len = 1", "64 21"}),
+              recorder.take());
     def.setFilter(2);
     scope.sendHexArray(data, 5);
     EXPECT_TRUE(recorder.take().empty());
@@ -158,34 +140,26 @@ TEST(CJTTraceScope, ConsoleLinesOfManyThreadsNeverInterleave)
     CJTTraceScopeDef def("Scope_Threads", "f", 64, 8);
     const int threads = 4;
     const int lines = 200;
-    const std::string tail = " 0123456789012345678901234567890123456789";
     ::testing::internal::CaptureStdout();
     std::vector<std::thread> workers;
     for (int t = 0; t < threads; ++t)
-        workers.emplace_back([&def, &tail, t] {
+        workers.emplace_back([&def, t] {
             CJTTraceScope scope(def);
             for (int i = 0; i < lines; ++i)
-                scope.sendFormattedMessage("thread %d line %d%s", t, i, tail.c_str());
+                scope.sendFormattedMessage("thread %d line %d 0123456789012345678901234567890123456789", t, i);
         });
     for (std::thread& w : workers)
         w.join();
-    const std::string text = ::testing::internal::GetCapturedStdout();
-    ASSERT_FALSE(text.empty());
-    EXPECT_EQ('\n', text.back());
-    std::istringstream all(text);
+    std::istringstream all(::testing::internal::GetCapturedStdout() + "<end>");
+    const std::regex pattern(consoleLine("MSG", "thread ([0-9]) line ([0-9]+) 0123456789012345678901234567890123456789"));
     std::vector<int> next(threads, 0);
-    const std::regex pattern(consoleLine("MSG", "thread ([0-9]) line ([0-9]+)" + tail));
     std::string line;
-    int count = 0;
-    while (std::getline(all, line)) {
+    while (std::getline(all, line) && line != "<end>") {
         std::smatch m;
         line += '\n';
         ASSERT_TRUE(std::regex_match(line, m, pattern)) << line;
         // Each thread's lines arrive whole and in its own order.
-        int t = std::stoi(m[1]);
-        ASSERT_LT(t, threads);
-        EXPECT_EQ(next[t]++, std::stoi(m[2])) << line;
-        ++count;
+        EXPECT_EQ(next.at(std::stoi(m[1]))++, std::stoi(m[2])) << line;
     }
-    EXPECT_EQ(threads * lines, count);
+    EXPECT_EQ(std::vector<int>(threads, lines), next);
 }

@@ -5,9 +5,11 @@
 
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "CJTTraceHelper.h"
@@ -16,14 +18,8 @@
 
 namespace tracetest
 {
-struct Record
-{
-    uint8_t kind;
-    std::string text;
-    const CJTTraceScopeDef* def;
-};
-
-// Takes over media bit 2 (the kernel trace slot) so tests see exactly what the helper hands out.
+// Takes over media bit 2 (the kernel trace slot) and keeps what the helper hands out there as
+// "<kind> <text>" lines, and the definition of the last one.
 class Recorder
 {
 public:
@@ -36,40 +32,25 @@ public:
     }
     ~Recorder() { CJTTraceHelper::getInstance().setHandler(MEDIA, &CJTTraceHelper::sendToKernelTrace, "Kernel Trace"); }
 
-    static std::vector<Record> take()
+    static std::vector<std::string> take()
     {
-        std::lock_guard<std::mutex> guard(lock());
-        std::vector<Record> out;
-        out.swap(records());
-        return out;
+        std::lock_guard<std::mutex> guard(sLock);
+        return std::exchange(sLines, {});
     }
-    static std::vector<std::string> texts()
-    {
-        std::vector<std::string> out;
-        for (const Record& r : take())
-            out.push_back(r.text);
-        return out;
-    }
+    static inline const CJTTraceScopeDef* sLastDef = nullptr;
 
 private:
     static void handle(const CJTTraceHelper::tTraceMessageInfo& info)
     {
-        std::lock_guard<std::mutex> guard(lock());
-        records().push_back(Record{info.kind, info.text, info.scopeDef});
+        std::lock_guard<std::mutex> guard(sLock);
+        sLines.push_back(std::to_string(info.kind) + " " + info.text);
+        sLastDef = info.scopeDef;
     }
-    static std::mutex& lock()
-    {
-        static std::mutex m;
-        return m;
-    }
-    static std::vector<Record>& records()
-    {
-        static std::vector<Record> r;
-        return r;
-    }
+    static inline std::mutex sLock;
+    static inline std::vector<std::string> sLines;
 };
 
-// Mirrors the system log (severity and line) while it lives.
+// Mirrors the system log as "<severity> <line>" lines while it lives.
 class SyslogLines
 {
 public:
@@ -80,31 +61,29 @@ public:
     }
     ~SyslogLines() { JTSyslog::setMirror(nullptr); }
 
-    static std::vector<std::pair<unsigned, std::string>> take()
+    static std::vector<std::string> take()
     {
-        std::lock_guard<std::mutex> guard(lock());
-        std::vector<std::pair<unsigned, std::string>> out;
-        out.swap(lines());
-        return out;
+        std::lock_guard<std::mutex> guard(sLock);
+        return std::exchange(sLines, {});
     }
 
 private:
     static void mirror(unsigned int severity, const char* line)
     {
-        std::lock_guard<std::mutex> guard(lock());
-        lines().emplace_back(severity, line);
+        std::lock_guard<std::mutex> guard(sLock);
+        sLines.push_back(std::to_string(severity) + " " + line);
     }
-    static std::mutex& lock()
-    {
-        static std::mutex m;
-        return m;
-    }
-    static std::vector<std::pair<unsigned, std::string>>& lines()
-    {
-        static std::vector<std::pair<unsigned, std::string>> l;
-        return l;
-    }
+    static inline std::mutex sLock;
+    static inline std::vector<std::string> sLines;
 };
+
+// A scope's filter, media and kernel event as a settings line gives them: "7f 01 0".
+inline std::string settings(const CJTTraceScopeDef& def)
+{
+    char text[16];
+    std::snprintf(text, sizeof text, "%02x %02x %x", def.getFilter(), def.getMedia(), def.getKernelEvent());
+    return text;
+}
 
 // A file in the system's temporary folder, removed again on destruction.
 class TempFile
