@@ -46,9 +46,7 @@ TEST(CJTByteStream, IntegersAreLittleEndianAndAShortReadConsumesNothing)
     uint16_t u16 = 0;
     uint32_t u32 = 0;
     EXPECT_TRUE(s.readUInt8(u8) && s.readUInt16(u16) && s.readUInt32(u32));
-    EXPECT_EQ(0xABu, u8);
-    EXPECT_EQ(0x1234u, u16);
-    EXPECT_EQ(0xDEADBEEFu, u32);
+    EXPECT_TRUE(u8 == 0xAB && u16 == 0x1234 && u32 == 0xDEADBEEF);
     s.writeUInt8(1);
     u32 = 9;
     EXPECT_FALSE(s.readUInt32(u32));
@@ -59,13 +57,10 @@ TEST(CJTByteStream, IntegersAreLittleEndianAndAShortReadConsumesNothing)
 TEST(CJTByteStream, GrowsAcrossReallocationsEvenFromItsOwnBytes)
 {
     CJTByteStream s;
-    for (uint32_t i = 0; i < 5000; ++i)
-        ASSERT_TRUE(s.writeUInt16(static_cast<uint16_t>(i)));
-    for (uint32_t i = 0; i < 5000; ++i) {
-        uint16_t v = 0;
-        ASSERT_TRUE(s.readUInt16(v));
-        ASSERT_EQ(static_cast<uint16_t>(i), v);
-    }
+    for (uint16_t i = 0; i < 5000; ++i)
+        ASSERT_TRUE(s.writeUInt16(i));
+    for (uint16_t i = 0, v = 0; i < 5000; ++i)
+        ASSERT_TRUE(s.readUInt16(v) && v == i) << i;
     CJTByteStream t("abcd", 4);
     while (t.getSize() < 1000) {
         const uint32_t before = t.getSize();
@@ -83,11 +78,6 @@ TEST(CJTByteStream, CopiesDoNotSeeEachOthersWritesAndEqualityIgnoresPositions)
     a.writeUInt8('w');
     EXPECT_EQ((std::vector<uint8_t>{'x', 'y', 'w'}), bytesOf(a));
     EXPECT_EQ((std::vector<uint8_t>{'x', 'y', 'z'}), bytesOf(b));
-    CJTByteStream c;
-    c = a;
-    c.clear();
-    EXPECT_EQ(3u, a.getSize());
-
     CJTByteStream d(1000);
     d.doWrite("xyw", 3);
     uint8_t dummy;
