@@ -315,15 +315,10 @@ TEST_F(TraceChannelTest, ServesTheCommandTable)
     EXPECT_EQ(u32At(list.at(1), 12), scopeCount);  // progress start with the count
     EXPECT_EQ(progressSteps(list), everyNth(scopeCount, 50));
 
-    // A filter set through the server makes the next message of that scope arrive.
-    server.clearRecords();
-    gsWatched.setMedia(1);
+    // A filter set through the server (its effect on messages is checked end to end), then the
+    // handler list.
     server.send(command(3, gsWatched.getIndex() | 64u << 16));
     ASSERT_TRUE(waitUntil([] { return gsWatched.getFilter() == 64; }, 3000));
-    CJTTraceScope(gsWatched).sendFormattedMessage("value %d", 7);
-    ASSERT_TRUE(server.waitFor([](const std::vector<Bytes>& r) { return countClass(r, 17, 64) == 1; }));
-    EXPECT_EQ(textAt(server.records().back(), 24), "value 7");
-
     server.clearRecords();
     server.send(command(16, 0));
     ASSERT_TRUE(server.waitFor([](const std::vector<Bytes>& r) { return countClass(r, 45) == 1; }));

@@ -18,6 +18,26 @@
 
 namespace tracetest
 {
+// Lines added by a handler on any thread, taken as a whole.
+class LineLog
+{
+public:
+    void add(std::string line)
+    {
+        std::lock_guard<std::mutex> guard(mLock);
+        mLines.push_back(std::move(line));
+    }
+    std::vector<std::string> take()
+    {
+        std::lock_guard<std::mutex> guard(mLock);
+        return std::exchange(mLines, {});
+    }
+
+private:
+    std::mutex mLock;
+    std::vector<std::string> mLines;
+};
+
 // Takes over media bit 2 (the kernel trace slot) and keeps what the helper hands out there as
 // "<kind> <text>" lines, and the definition of the last one.
 class Recorder
@@ -27,27 +47,21 @@ public:
 
     Recorder()
     {
-        take();
+        sLog.take();
         CJTTraceHelper::getInstance().setHandler(MEDIA, &Recorder::handle, "Recorder");
     }
     ~Recorder() { CJTTraceHelper::getInstance().setHandler(MEDIA, &CJTTraceHelper::sendToKernelTrace, "Kernel Trace"); }
+    std::vector<std::string> take() { return sLog.take(); }
 
-    static std::vector<std::string> take()
-    {
-        std::lock_guard<std::mutex> guard(sLock);
-        return std::exchange(sLines, {});
-    }
     static inline const CJTTraceScopeDef* sLastDef = nullptr;
 
 private:
     static void handle(const CJTTraceHelper::tTraceMessageInfo& info)
     {
-        std::lock_guard<std::mutex> guard(sLock);
-        sLines.push_back(std::to_string(info.kind) + " " + info.text);
         sLastDef = info.scopeDef;
+        sLog.add(std::to_string(info.kind) + " " + info.text);
     }
-    static inline std::mutex sLock;
-    static inline std::vector<std::string> sLines;
+    static inline LineLog sLog;
 };
 
 // Mirrors the system log as "<severity> <line>" lines while it lives.
@@ -56,25 +70,14 @@ class SyslogLines
 public:
     SyslogLines()
     {
-        take();
-        JTSyslog::setMirror(&SyslogLines::mirror);
+        sLog.take();
+        JTSyslog::setMirror([](unsigned int severity, const char* line) { sLog.add(std::to_string(severity) + " " + line); });
     }
     ~SyslogLines() { JTSyslog::setMirror(nullptr); }
-
-    static std::vector<std::string> take()
-    {
-        std::lock_guard<std::mutex> guard(sLock);
-        return std::exchange(sLines, {});
-    }
+    std::vector<std::string> take() { return sLog.take(); }
 
 private:
-    static void mirror(unsigned int severity, const char* line)
-    {
-        std::lock_guard<std::mutex> guard(sLock);
-        sLines.push_back(std::to_string(severity) + " " + line);
-    }
-    static inline std::mutex sLock;
-    static inline std::vector<std::string> sLines;
+    static inline LineLog sLog;
 };
 
 // A scope's filter, media and kernel event as a settings line gives them: "7f 01 0".
