@@ -2,14 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <memory>
-#include <utility>
 #include <string>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include "CJTByteStream.h"
@@ -18,6 +15,7 @@
 #include "CJTTraceScopeDef.h"
 #include "IJTTracePersistence.h"
 #include "JTAssert.h"
+#include "JTDeviceNode.h"
 #include "TraceTestSupport.h"
 
 using tracetest::Recorder;
@@ -160,22 +158,20 @@ TEST_F(PersistenceFixture, TextFileVersionsAreCheckedOnTheHeaderAndOnlyRegularFi
     // A FIFO (which would wait for a writer) and a socket are refused at once, like an unreadable
     // file: with the assertion announced, it is only counted.
     const std::string fifo = std::string(noVersion.path()) + ".fifo";
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s.sock", noVersion.path());
+    const std::string socket = std::string(noVersion.path()) + ".sock";
     ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
-    int sock = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-    ASSERT_EQ(0, bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
+    int listener = JTDeviceNode::listenHost(socket.c_str());
+    ASSERT_GE(listener, 0);
     unsigned int occurred = CJTAsserter::getOccuredAssertions();
     CJTAsserter::setExpectedAssertions(occurred + 2);
     EXPECT_FALSE(manager().loadTextPersistence(fifo.c_str()));
-    EXPECT_FALSE(manager().loadTextPersistence(addr.sun_path));
+    EXPECT_FALSE(manager().loadTextPersistence(socket.c_str()));
     EXPECT_EQ(occurred + 2, CJTAsserter::getOccuredAssertions());
     CJTAsserter::setExpectedAssertions(0);
     CJTAsserter::setOccuredAssertions(0);
-    close(sock);
+    close(listener);
     unlink(fifo.c_str());
-    unlink(addr.sun_path);
+    unlink(socket.c_str());
 }
 
 TEST_F(PersistenceFixture, TextFileSectionsPrefixesAndOverrides)

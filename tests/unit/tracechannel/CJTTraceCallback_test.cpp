@@ -71,18 +71,16 @@ TEST(CJTTraceCallbackContext, DecodesRowsOfEveryTypeAndStartsEmptyOnEveryCall)
 TEST(CJTTraceCallbackManager, ListsDefinitionsInRegistrationOrder)
 {
     CJTTraceCallbackManager& m = CJTTraceCallbackManager::getInstance();
-    uint32_t before = m.getNumberOfCallbacks();
+    const uint16_t before = static_cast<uint16_t>(m.getNumberOfCallbacks());
     int result = 0;
     {
         CJTTraceCallbackDef temporary(triple, "Test_temporary", "");
+        CJTByteStream data(Data().u32(4).data(), 4);
         EXPECT_EQ(m.getCallbackDef(before), &temporary);
-        Data d;
-        d.u32(4);
-        CJTByteStream data(d.data(), static_cast<uint32_t>(d.size()));
-        EXPECT_TRUE(m.executeCallback(1, static_cast<uint16_t>(before), data, result));
+        EXPECT_TRUE(m.executeCallback(1, before, data, result));
         EXPECT_EQ(result, 12);
     }
-    EXPECT_EQ(m.getNumberOfCallbacks(), before);
     CJTByteStream empty;
-    EXPECT_FALSE(m.executeCallback(1, static_cast<uint16_t>(before), empty, result));
+    EXPECT_EQ(m.getNumberOfCallbacks(), before);
+    EXPECT_FALSE(m.executeCallback(1, before, empty, result));
 }
