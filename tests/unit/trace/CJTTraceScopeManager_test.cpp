@@ -46,8 +46,6 @@ TEST(CJTTraceScopeManager, UnknownIndexGivesTheUnconfigurableDummy)
     uint16_t count = manager().getNumberOfScopes();
     CJTTraceScopeDef& dummy = manager().getScopeDef(count);
     EXPECT_EQ(&CJTTraceScopeManager::sgDummyScopeInstance, &dummy);
-    EXPECT_STREQ("CJTTraceScopeManager_sDummy", dummy.getName());
-    EXPECT_STREQ("CJTTraceScopeManager_sDummy", dummy.getFunctionName());
     EXPECT_FALSE(manager().configureScope(count, 0xFF, 0xFF));
     EXPECT_FALSE(manager().configureScope(0xFFFF, 0xFF, 0xFF, 3));
     EXPECT_EQ(0, dummy.getFilter());
@@ -102,13 +100,8 @@ TEST(CJTTraceScopeManager, ConfiguresByPrefixStarAndEmpty)
     EXPECT_EQ((std::vector<std::string>{"00 01 9", "00 01 0", "00 01 0", "00 01 0"}), all());
 }
 
-TEST(CJTTraceScopeManager, HashAndScopeStrings)
+TEST(CJTTraceScopeManager, HashTakesBytesAsSigned)
 {
     EXPECT_EQ(0u, getHashValueForString(CJTString()));
-    // Bytes count as signed: "\xC3\xA9" is -61 then -87.
     EXPECT_EQ(static_cast<uint32_t>((97 * 5 - 61) * 5 - 87), getHashValueForString(CJTString("a\xC3\xA9")));
-    ::testing::internal::CaptureStdout();
-    printScopeString("CBRadio", "CCBRadio", "run");
-    doNothing("CBRadio", "CCBRadio", "run");
-    EXPECT_EQ("CBRadio_CCBRadio_run\n", ::testing::internal::GetCapturedStdout());
 }
