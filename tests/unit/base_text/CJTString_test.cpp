@@ -158,80 +158,56 @@ TEST(CJTStringSharing, TextFromItsOwnBlockAndCopiesOnManyThreads)
     EXPECT_EQ(1u, shared.getRefCount());
 }
 
+// Positions and counts are characters; the character count stays right through every edit.
 TEST(CJTStringEditing, PositionsCountCharactersNotBytes)
 {
-    CJTString s("\xC3\xA4\xC3\xB6\xC3\xBC"); // three two-byte letters
-    EXPECT_STREQ("\xC3\xB6", s.getMid(1, 1).c_str());
-    EXPECT_STREQ("\xC3\xA4", s.getLeft(1).c_str());
-    EXPECT_STREQ("\xC3\xB6\xC3\xBC", s.getRight(2).c_str());
+    const CJTString s("\xC3\xA4\xC3\xB6\xC3\xBC"); // three two-byte letters
+    const CJTString euro("a\xE2\x82\xAC" "b");
+    CJTString alpha("Alpha beta ALPHA"), four("aaaa"), overlap("aaa"), args("%2 of %1, %2");
+    EXPECT_EQ(2u, alpha.replaceAll("alpha", "\xCE\xB1", true));
+    EXPECT_EQ(4u, four.replaceAll("A", "", true));
+    EXPECT_EQ(1u, overlap.replaceAll("aa", "b"));
+    EXPECT_EQ(0u, overlap.replaceAll("", "x"));
+    EXPECT_TRUE(args.replaceArg("x") && args.replaceArg("yy"));
+    EXPECT_FALSE(args.replaceArg("z"));
+    CJTString::const_iterator second = ++euro.begin();
+    const std::pair<CJTString, const char*> cases[] = {
+        {s.getMid(1, 1), "\xC3\xB6"},
+        {s.getLeft(1), "\xC3\xA4"},
+        {s.getRight(2), "\xC3\xB6\xC3\xBC"},
+        {s.getMid(7), ""},
+        {CJTString(s).insert(1, "-").remove(2, 1), "\xC3\xA4-\xC3\xBC"},
+        {CJTString(s).replace(0, 2, "ab\xE2\x82\xAC"), "ab\xE2\x82\xAC\xC3\xBC"},
+        {CJTString(s).remove(1).insert(99, "z"), "\xC3\xA4z"},
+        {CJTString(euro).truncate(3), "a"},  // truncation never splits a character
+        {CJTString(euro).truncate(4), "a\xE2\x82\xAC"},
+        {CJTString(euro).truncate(++CJTString::const_iterator(second)), "a\xE2\x82\xAC"},
+        {CJTString(euro).truncate(s.begin()), "a\xE2\x82\xAC" "b"},  // another string's iterator
+        {alpha, "\xCE\xB1 beta \xCE\xB1"},
+        {four, ""},
+        {overlap, "ba"},
+        {args, "yy of x, yy"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_STREQ(c.second, c.first.c_str());
+        EXPECT_EQ(CJTString(c.second).getCharCount(), c.first.getCharCount()) << c.second;
+    }
     EXPECT_EQ(s.c_str(), s.getRight(99).c_str()); // the whole string is shared, not copied
-    EXPECT_TRUE(s.getMid(7).isEmpty());
     EXPECT_EQ(2, s.findString("\xC3\xBC"));
     EXPECT_EQ(-1, s.findString("\xC3\xA4", 1));
-
-    CJTString t(s);
-    t.insert(1, "-");
-    t.remove(2, 1);
-    EXPECT_STREQ("\xC3\xA4-\xC3\xBC", t.c_str());
-    t.replace(0, 2, "ab\xE2\x82\xAC");
-    EXPECT_STREQ("ab\xE2\x82\xAC\xC3\xBC", t.c_str());
-    EXPECT_EQ(4u, t.getCharCount());
-    t.remove(1);
-    t.insert(99, "z");
-    EXPECT_STREQ("az", t.c_str());
-
-    // Truncation by bytes never splits a character; an iterator of another string changes nothing.
-    CJTString euro("a\xE2\x82\xAC" "b");
-    for (uint32_t bytes : {3u, 4u}) {
-        CJTString cut(euro);
-        cut.truncate(bytes);
-        EXPECT_STREQ(bytes == 3 ? "a" : "a\xE2\x82\xAC", cut.c_str());
-        EXPECT_EQ(bytes == 3 ? 1u : 2u, cut.getCharCount());
-    }
-    t = euro;
-    CJTString::const_iterator it = t.begin();
-    ++it;
-    t.truncate(++it);
-    EXPECT_STREQ("a\xE2\x82\xAC", t.c_str());
-    t.truncate(euro.begin());
-    EXPECT_EQ(2u, t.getCharCount());
-}
-
-TEST(CJTStringEditing, SearchReplaceAndFormat)
-{
-    CJTString s("Alpha beta ALPHA");
-    EXPECT_EQ(11, s.findString("alpha", 1, true));
-    EXPECT_EQ(-1, s.findString("alpha", 1, false));
-    EXPECT_EQ(-1, s.findString("alpha beta alpha and more"));
-    EXPECT_EQ(2u, s.replaceAll("alpha", "\xCE\xB1", true));
-    EXPECT_STREQ("\xCE\xB1 beta \xCE\xB1", s.c_str());
-    EXPECT_EQ(8u, s.getCharCount());
-    EXPECT_EQ(0u, s.replaceAll("", "x"));
-    CJTString four("aaaa");
-    EXPECT_EQ(4u, four.replaceAll("A", "", true));
-    EXPECT_EQ(0u, four.getCharCount());
-    CJTString overlap("aaa");
-    EXPECT_EQ(1u, overlap.replaceAll("aa", "b"));
-    EXPECT_STREQ("ba", overlap.c_str());
-
-    CJTString args("%2 of %1, %2");
-    EXPECT_TRUE(args.replaceArg("x"));
-    EXPECT_TRUE(args.replaceArg("yy"));
-    EXPECT_FALSE(args.replaceArg("z"));
-    EXPECT_STREQ("yy of x, yy", args.c_str());
+    EXPECT_EQ(11, CJTString("Alpha beta ALPHA").findString("alpha", 1, true));
+    EXPECT_EQ(-1, CJTString("Alpha beta ALPHA").findString("alpha", 1, false));
+    EXPECT_EQ(-1, CJTString("Alpha").findString("alpha beta alpha and more"));
 
     CJTString longer = CJTString::strprintf("%0500d", 7);
     EXPECT_EQ(500u, longer.getByteCount());
     EXPECT_EQ('7', longer.c_str()[499]);
-    EXPECT_LT(CJTString("b").compare("ba"), 0);
-
     CJTString sized(static_cast<uint32_t>(100));
     const char* block = sized.c_str();
     sized.append("abc");
     EXPECT_EQ(block, sized.c_str()); // fits: no new block
     sized.trim();
     EXPECT_EQ(3u, sized.getCapacity());
-    EXPECT_STREQ("abc", sized.c_str());
 }
 
 TEST(CJTStringStream, LengthPrefixedBytesAndShortOrBadInput)
