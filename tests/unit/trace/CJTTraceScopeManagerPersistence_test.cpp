@@ -1,7 +1,10 @@
+// Settings blocks go through the real file persistence in a private root, text files through
+// temporary files.
 #include "CJTTraceScopeManager.h"
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <memory>
 #include <string>
 #include <sys/stat.h>
@@ -9,13 +12,14 @@
 #include <utility>
 #include <vector>
 
-#include "CJTByteStream.h"
+#include "CJTDefaultBinaryTracePersistence.h"
 #include "CJTNullTracePersistence.h"
 #include "CJTTraceHelper.h"
 #include "CJTTraceScopeDef.h"
-#include "IJTTracePersistence.h"
+#include "ChildProcess.h"
 #include "JTAssert.h"
 #include "JTDeviceNode.h"
+#include "TempRoot.h"
 #include "TraceTestSupport.h"
 
 using tracetest::Recorder;
@@ -24,31 +28,6 @@ using tracetest::settings;
 
 namespace
 {
-// Keeps one block per name in memory.
-struct MemoryPersistence : IJTTracePersistence
-{
-    void load(const char* name, CJTByteStream& data) override
-    {
-        if (name == mName)
-            data.doWrite(mBlock.data(), static_cast<uint32_t>(mBlock.size()));
-    }
-    void store(const char* name, CJTByteStream& data) override
-    {
-        mName = name;
-        mBlock.assign(data.getData(), data.getData() + data.getSize());
-    }
-    void kill(const char* name) override
-    {
-        if (name == mName)
-            mName.clear();
-    }
-    bool isKillRequired() const override { return mKillRequired; }
-
-    std::string mName;
-    std::vector<uint8_t> mBlock;
-    bool mKillRequired = false;
-};
-
 // Routes the persistence diagnostics to the recorder and the system log to a list.
 class PersistenceFixture : public ::testing::Test
 {
@@ -78,6 +57,9 @@ protected:
         return out;
     }
 
+    TempRoot mRoot;
+    const std::string mBlockFile = mRoot.path("var/lib/cbradio/trace/unit_trace.bin");
+    CJTDefaultBinaryTracePersistence& mStore = CJTDefaultBinaryTracePersistence::getInstance();
     Recorder mRecorder;
     tracetest::SyslogLines mSyslog;
     std::pair<uint8_t, uint8_t> mSaved;
@@ -90,27 +72,27 @@ std::string header(const char* version)
 }
 }
 
+// The block is one silent byte (1: silent) and filter, media and kernel event of every scope.
 TEST_F(PersistenceFixture, BinaryBlockRoundTripsAndRefusesOtherSizes)
 {
     CJTTraceScopeDef a("Bin_A", "a", 0x42, 0x09);
     CJTTraceScopeDef b("Bin_B", "b");
     manager().configureScope(b.getIndex(), 0x7F, 0x0C, 5);
-    MemoryPersistence store;
-
     manager().setSilent(true);
-    EXPECT_TRUE(manager().storeBinaryPeristence(store, "unit_trace"));
+    EXPECT_TRUE(manager().storeBinaryPeristence(mStore, "unit_trace"));
     EXPECT_EQ(1, manager().getSettingsInStep());
     const size_t count = manager().getNumberOfScopes();
-    ASSERT_EQ(3 * count + 1, store.mBlock.size());
-    EXPECT_EQ(1, store.mBlock[0]);
-    EXPECT_EQ((std::vector<uint8_t>{0x42, 0x09, 0, 0x7F, 0x0C, 5}),
-              std::vector<uint8_t>(store.mBlock.begin() + 1 + 3 * a.getIndex(), store.mBlock.begin() + 7 + 3 * a.getIndex()));
+    std::string block = readFile(mBlockFile);
+    ASSERT_EQ(3 * count + 1, block.size());
+    EXPECT_EQ('\1', block[0]);
+    EXPECT_EQ(std::string("\x42\x09\0\x7F\x0C\x05", 6), block.substr(1 + 3 * a.getIndex(), 6));
 
     manager().setSilent(false);
     manager().configureScope(a.getIndex(), 0, 0, 0);
     manager().configureScope(b.getIndex(), 0, 0, 0);
-    store.mBlock[0] = 2;  // anything but 1 is "not silent"
-    EXPECT_TRUE(manager().loadBinaryPersistence(store, "unit_trace"));
+    block[0] = 2;  // anything but 1 is "not silent"
+    std::ofstream(mBlockFile) << block;
+    EXPECT_TRUE(manager().loadBinaryPersistence(mStore, "unit_trace"));
     EXPECT_FALSE(manager().isSilent());
     EXPECT_EQ("42 09 0", settings(a));
     EXPECT_EQ("7f 0c 5", settings(b));
@@ -118,9 +100,9 @@ TEST_F(PersistenceFixture, BinaryBlockRoundTripsAndRefusesOtherSizes)
     EXPECT_TRUE(mSyslog.take().empty());
 
     // One scope short: refused, nothing changed, the count found is reported.
-    store.mBlock.resize(store.mBlock.size() - 3);
+    std::ofstream(mBlockFile) << block.substr(0, block.size() - 3);
     manager().configureScope(a.getIndex(), 0x01, 0x01);
-    EXPECT_FALSE(manager().loadBinaryPersistence(store, "unit_trace"));
+    EXPECT_FALSE(manager().loadBinaryPersistence(mStore, "unit_trace"));
     EXPECT_EQ(0x01, a.getFilter());
     EXPECT_EQ(0, manager().getSettingsInStep());
     std::string mismatch = "Binary persistence for 'unit_trace' does not match: expected " + std::to_string(count) +
@@ -128,9 +110,10 @@ TEST_F(PersistenceFixture, BinaryBlockRoundTripsAndRefusesOtherSizes)
     EXPECT_EQ(std::vector<std::string>{"3 " + mPid + mismatch}, mSyslog.take());
     EXPECT_EQ(std::vector<std::string>{"2 " + mismatch}, diagnostics());
     const std::string empty = "Binary persistence for 'other_process' is empty.";
-    EXPECT_FALSE(manager().loadBinaryPersistence(store, "other_process"));
+    EXPECT_FALSE(manager().loadBinaryPersistence(mStore, "other_process"));
     EXPECT_EQ(std::vector<std::string>{"5 " + mPid + empty}, mSyslog.take());
     EXPECT_EQ(std::vector<std::string>{"64 " + empty}, diagnostics());
+    EXPECT_EQ("", CJTDefaultBinaryTracePersistence::getPath("../unit_trace"));
 }
 
 TEST_F(PersistenceFixture, TextFileVersionsAreCheckedOnTheHeaderAndOnlyRegularFilesAreRead)
@@ -231,26 +214,27 @@ TEST_F(PersistenceFixture, TextFileLongerThanOneChunkKeepsLinesWhole)
 
 TEST_F(PersistenceFixture, HelperActionsNeedANameAndARealPersistence)
 {
+    // A store that requires a kill has its block removed instead of loaded.
+    struct SKilling : CJTDefaultBinaryTracePersistence
+    {
+        bool isKillRequired() const override { return true; }
+    } killing;
     CJTTraceHelper& helper = CJTTraceHelper::getInstance();
     CJTTraceScopeDef def("HelperPers_A", "a", 0x40, 0x08);
-    MemoryPersistence store;
     helper.setPersistence(&CJTNullTracePersistence::sInstance);
     EXPECT_FALSE(helper.storePersistent());
     helper.setPersistence(nullptr);
     EXPECT_FALSE(helper.loadPersistent());
 
-    helper.setPersistence(&store);
+    helper.setPersistence(&mStore);
     EXPECT_TRUE(helper.storePersistent());
-    EXPECT_EQ("unit_trace", store.mName);
     def.setFilter(0);
     EXPECT_TRUE(helper.loadPersistent());
     EXPECT_EQ(0x40, def.getFilter());
-
-    // A store that requires a kill has its block removed instead of loaded.
-    store.mBlock.assign(3 * manager().getNumberOfScopes() + 1, 0);
-    store.mKillRequired = true;
+    std::ofstream(mBlockFile) << std::string(3 * manager().getNumberOfScopes() + 1, '\0');
+    helper.setPersistence(&killing);
     helper.loadPersistent();
-    EXPECT_TRUE(store.mName.empty());
+    EXPECT_NE(0, access(mBlockFile.c_str(), F_OK));
     EXPECT_EQ(0x40, def.getFilter());
     helper.setPersistence(nullptr);
 }
