@@ -1,7 +1,7 @@
 // The trace channel and trace thread against an in-process trace server that speaks the real
 // bytes over real SOCK_SEQPACKET sockets in a temporary CBRADIO_ROOT.
-#include "CJTByteStream.h"
 #include "ChildProcess.h"
+#include "CJTDefaultBinaryTracePersistence.h"
 #include "CJTNullTracePersistence.h"
 #include "CJTThreadCtrl.h"
 #include "CJTTraceCallback.h"
@@ -11,7 +11,6 @@
 #include "CJTTraceScopeDef.h"
 #include "CJTTraceScopeManager.h"
 #include "CTraceThread.h"
-#include "IJTTracePersistence.h"
 #include "JTDeviceNode.h"
 #include "JTSyslog.h"
 #include "TempRoot.h"
@@ -21,6 +20,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <fstream>
 #include <mutex>
 #include <poll.h>
 #include <string>
@@ -184,17 +184,6 @@ namespace
 
     CJTTraceScopeDef gsWatched("ITest_CWatched", "run");
 
-    // Hands out one fixed block and counts removals.
-    struct BlockPersistence : IJTTracePersistence
-    {
-        void load(const char*, CJTByteStream& data) override { data.doWrite(block.data(), uint32_t(block.size())); }
-        void store(const char*, CJTByteStream&) override {}
-        void kill(const char*) override { ++kills; }
-        bool isKillRequired() const override { return false; }
-        Bytes block;
-        int kills = 0;
-    };
-
     int timesTen(int);
     CJTTraceCallbackDef gsTimesTen(timesTen, "ITest_timesTen", "multiply by ten");
     CJTTraceCallbackParam gsValue(gsTimesTen, "value", CJTTraceCallbackParam::TYPE_INT);
@@ -279,16 +268,17 @@ TEST_F(TraceChannelTest, RegistrationChecksTheMajorVersionAndRemovalIsAnnounced)
 TEST_F(TraceChannelTest, BinaryBlockThatDoesNotLoadIsReportedThenKilled)
 {
     TestTraceServer server;
-    BlockPersistence store;
-    store.block = {1, 2};  // fits no number of scopes
-    startThread(store);
+    const std::string block = mRoot.path("var/lib/cbradio/trace/ITest.bin");
+    ASSERT_EQ(JTDeviceNode::makeParentDirs(block.c_str()), 0);
+    std::ofstream(block) << "\x01\x02";  // fits no number of scopes
+    startThread(CJTDefaultBinaryTracePersistence::getInstance());
     ASSERT_TRUE(server.waitFor([](const std::vector<Bytes>& r) { return countClass(r, 38, 64) == 2; }));
     std::vector<uint32_t> codes;
     for (const Bytes& b : server.records())
         if (b[0] == 38)
             codes.push_back(b[16] | b[17] << 8);
     EXPECT_EQ(codes, (std::vector<uint32_t>{259, 258}));
-    EXPECT_EQ(store.kills, 1);
+    EXPECT_NE(0, access(block.c_str(), F_OK));
 }
 
 TEST_F(TraceChannelTest, ServesTheCommandTable)
