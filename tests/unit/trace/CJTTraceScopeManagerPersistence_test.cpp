@@ -23,7 +23,6 @@
 #include "TraceTestSupport.h"
 
 using tracetest::Recorder;
-using tracetest::TempFile;
 using tracetest::settings;
 
 namespace
@@ -57,7 +56,16 @@ protected:
         return out;
     }
 
+    // A new settings file in the root; the loader takes host paths as they are.
+    std::string textFile(const std::string& contents)
+    {
+        const std::string path = mRoot.path("settings" + std::to_string(++mFiles) + ".tp");
+        std::ofstream(path) << contents;
+        return path;
+    }
+
     TempRoot mRoot;
+    int mFiles = 0;
     const std::string mBlockFile = mRoot.path("var/lib/cbradio/trace/unit_trace.bin");
     CJTDefaultBinaryTracePersistence& mStore = CJTDefaultBinaryTracePersistence::getInstance();
     Recorder mRecorder;
@@ -123,25 +131,25 @@ TEST_F(PersistenceFixture, TextFileVersionsAreCheckedOnTheHeaderAndOnlyRegularFi
     for (Case c : {Case{"1.1.0", true}, Case{"1.0.9", true}, Case{"1.1.77", true}, Case{"1.2.0", false},
                    Case{"2.0.0", false}, Case{"0.9.0", false}}) {
         def.setFilter(0);
-        TempFile file(header(c.version) + "TextVer_A 40 08\n");
-        EXPECT_EQ(c.accepted, manager().loadTextPersistence(file.path())) << c.version;
+        const std::string file = textFile(header(c.version) + "TextVer_A 40 08\n");
+        EXPECT_EQ(c.accepted, manager().loadTextPersistence(file.c_str())) << c.version;
         EXPECT_EQ(c.accepted ? 0x40 : 0, def.getFilter()) << c.version;
-        const std::string refused = "2 Unable to load text trace persistence: '" + std::string(file.path()) +
+        const std::string refused = "2 Unable to load text trace persistence: '" + file +
                                     "' requires version " + c.version + ", but current version is 1.1.0.";
         EXPECT_EQ(c.accepted ? std::vector<std::string>{} : std::vector<std::string>{refused}, diagnostics());
     }
-    TempFile noVersion("JTTracePersistence one\nTextVer_A 40 08\n");
-    EXPECT_FALSE(manager().loadTextPersistence(noVersion.path()));
+    const std::string noVersion = textFile("JTTracePersistence one\nTextVer_A 40 08\n");
+    EXPECT_FALSE(manager().loadTextPersistence(noVersion.c_str()));
     EXPECT_FALSE(manager().loadTextPersistence("/nonexistent/unit_trace.tp"));
-    EXPECT_EQ((std::vector<std::string>{"2 Unable to load text trace persistence: '" + std::string(noVersion.path()) +
+    EXPECT_EQ((std::vector<std::string>{"2 Unable to load text trace persistence: '" + noVersion +
                                             "' does not include version info.",
                                         "32 Unable to load text trace persistence: '/nonexistent/unit_trace.tp' does not exist"}),
               diagnostics());
 
     // A FIFO (which would wait for a writer) and a socket are refused at once, like an unreadable
     // file: with the assertion announced, it is only counted.
-    const std::string fifo = std::string(noVersion.path()) + ".fifo";
-    const std::string socket = std::string(noVersion.path()) + ".sock";
+    const std::string fifo = mRoot.path("fifo.tp");
+    const std::string socket = mRoot.path("socket.tp");
     ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
     int listener = JTDeviceNode::listenHost(socket.c_str());
     ASSERT_GE(listener, 0);
@@ -153,8 +161,6 @@ TEST_F(PersistenceFixture, TextFileVersionsAreCheckedOnTheHeaderAndOnlyRegularFi
     CJTAsserter::setExpectedAssertions(0);
     CJTAsserter::setOccuredAssertions(0);
     close(listener);
-    unlink(fifo.c_str());
-    unlink(socket.c_str());
 }
 
 TEST_F(PersistenceFixture, TextFileSectionsPrefixesAndOverrides)
@@ -164,7 +170,7 @@ TEST_F(PersistenceFixture, TextFileSectionsPrefixesAndOverrides)
     CJTTraceScopeDef timer("TextSec_CTimer", "fire");
     manager().setSilent(true);  // loading a text file always ends silent mode
 
-    TempFile file(header("1.1.0") +
+    const std::string file = textFile(header("1.1.0") +
                   "# comment line\n"
                   "TextSec_CCBRadio 7f 1\n"
                   "\n"
@@ -176,16 +182,15 @@ TEST_F(PersistenceFixture, TextFileSectionsPrefixesAndOverrides)
                   "TextSec_Missing 1 1\n"
                   "[*]\n"
                   "TextSec_CTimer 40 4 1ff\n");
-    EXPECT_TRUE(manager().loadTextPersistence(file.path()));
+    EXPECT_TRUE(manager().loadTextPersistence(file.c_str()));
     EXPECT_FALSE(manager().isSilent());
     // The hex fields take at most two digits, so "1ff" gives 0x1F.
     EXPECT_EQ((std::vector<std::string>{"7f 01 0", "02 08 3", "40 04 1f"}),
               (std::vector<std::string>{settings(run), settings(start), settings(timer)}));
 
     // Empty lines are not counted.
-    const std::string path = file.path();
-    EXPECT_EQ((std::vector<std::string>{"2 " + path + ":8: Skipping invalid text persistence line 'TextSec_CTimer 20'",
-                                        "32 " + path + ":9: No scope matches 'TextSec_Missing'"}),
+    EXPECT_EQ((std::vector<std::string>{"2 " + file + ":8: Skipping invalid text persistence line 'TextSec_CTimer 20'",
+                                        "32 " + file + ":9: No scope matches 'TextSec_Missing'"}),
               diagnostics());
 }
 
@@ -205,8 +210,7 @@ TEST_F(PersistenceFixture, TextFileLongerThanOneChunkKeepsLinesWhole)
         for (int i = 0; i < 120; ++i)
             text += names[i] + "_function_with_a_rather_long_name " + filter + " 08 " + std::to_string(i % 10) + "\n";
     ASSERT_GT(text.size(), 8192u);
-    TempFile file(text);
-    EXPECT_TRUE(manager().loadTextPersistence(file.path()));
+    EXPECT_TRUE(manager().loadTextPersistence(textFile(text).c_str()));
     for (int i = 0; i < 120; ++i)
         EXPECT_EQ("40 08 " + std::to_string(i % 10), settings(*defs[i])) << i;
     EXPECT_TRUE(diagnostics().empty());

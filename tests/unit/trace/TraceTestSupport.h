@@ -1,12 +1,9 @@
-// Shared helpers of the trace unit tests: a recording output handler, a system log mirror and
-// temporary files.
+// Shared helpers of the trace unit tests: a recording output handler, a system log mirror and the
+// settings of a scope as text.
 #ifndef TRACETESTSUPPORT_H
 #define TRACETESTSUPPORT_H
 
-#include <unistd.h>
-
 #include <cstdio>
-#include <cstdlib>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -87,26 +84,6 @@ inline std::string settings(const CJTTraceScopeDef& def)
     std::snprintf(text, sizeof text, "%02x %02x %x", def.getFilter(), def.getMedia(), def.getKernelEvent());
     return text;
 }
-
-// A file in the system's temporary folder, removed again on destruction.
-class TempFile
-{
-public:
-    explicit TempFile(const std::string& contents)
-    {
-        char name[] = "/tmp/unit_trace_XXXXXX";
-        int fd = mkstemp(name);
-        if (fd < 0 || write(fd, contents.data(), contents.size()) != static_cast<ssize_t>(contents.size()))
-            abort();
-        close(fd);
-        mPath = name;
-    }
-    ~TempFile() { unlink(mPath.c_str()); }
-    const char* path() const { return mPath.c_str(); }
-
-private:
-    std::string mPath;
-};
 }
 
 #endif
