@@ -77,6 +77,25 @@ private:
     static inline LineLog sLog;
 };
 
+// Lines of text with the time of each trace line taken out ("[MSG]@123 (4.5): x" becomes
+// "[MSG] (4.5): x"); a line without digits after "]@" keeps its "@" and so matches nothing expected.
+inline std::vector<std::string> withoutTimes(const std::string& text)
+{
+    std::vector<std::string> lines;
+    for (size_t start = 0, end; start < text.size(); start = end + 1) {
+        end = text.find('\n', start);
+        std::string line = text.substr(start, end - start) + (end == std::string::npos ? "<no newline>" : "");
+        const size_t at = line.find("]@");
+        const size_t digits = at == std::string::npos ? at : line.find_first_not_of("0123456789", at + 2);
+        if (at != std::string::npos && digits > at + 2)
+            line.erase(at + 1, digits - at - 1);
+        lines.push_back(line);
+        if (end == std::string::npos)
+            break;
+    }
+    return lines;
+}
+
 // A scope's filter, media and kernel event as a settings line gives them: "7f 01 0".
 inline std::string settings(const CJTTraceScopeDef& def)
 {
