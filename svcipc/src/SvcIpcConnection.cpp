@@ -481,17 +481,9 @@ void Connection::drainWake()
 void Connection::readOnce(int timeoutMs)
 {
     tlsReading = true;
-    // What libdbus has read already comes first; the descriptor does not show it. After a read
-    // that brought several messages, more are usually on their way: reading at once (libdbus
-    // polls the socket itself) then saves the poll of the wake-up descriptor.
-    size_t got = popAll();
-    if (got == 0 && mBusy && isConnected())
-        got = readAndPop();
-    if (got == 0) {
-        mBusy = false;
-        if (waitForInput(timeoutMs))
-            mBusy = readAndPop() > 1;
-    }
+    // What libdbus has read already comes first; the descriptor does not show it.
+    if (popAll() == 0 && waitForInput(timeoutMs))
+        readAndPop();
     tlsReading = false;
 }
 

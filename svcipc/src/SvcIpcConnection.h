@@ -265,7 +265,6 @@ private:
     void* mLostToken = nullptr;
     bool mLostOwed = false;       // the connection was lost and the callback has not run yet
     bool mReading = false;        // someone holds the reader role
-    bool mBusy = false;           // the reader's last read brought several messages (reader only)
     bool mReaderIsWorker = false;
     Clock::time_point mReaderDeadline;  // when a reading worker's poll ends by itself
     int mRoleWanted = 0;          // blocked callers waiting for the reader role or their reply
