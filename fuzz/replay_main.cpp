@@ -9,30 +9,26 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
-static int replay(const std::filesystem::path& file)
-{
-    std::ifstream in(file, std::ios::binary);
-    std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
-    return 1;
-}
-
 int main(int argc, char** argv)
 {
-    int count = 0;
+    std::vector<std::filesystem::path> files;
     for (int i = 1; i < argc; ++i) {
-        std::filesystem::path arg(argv[i]);
         std::error_code ec;
-        if (std::filesystem::is_directory(arg, ec)) {
-            for (const auto& entry : std::filesystem::directory_iterator(arg))
+        if (std::filesystem::is_directory(argv[i], ec)) {
+            for (const auto& entry : std::filesystem::directory_iterator(argv[i]))
                 if (entry.is_regular_file())
-                    count += replay(entry.path());
-        } else if (std::filesystem::exists(arg, ec)) {
-            count += replay(arg);
+                    files.push_back(entry.path());
+        } else if (std::filesystem::exists(argv[i], ec)) {
+            files.push_back(argv[i]);
         }
+    }
+    for (const auto& file : files) {
+        std::ifstream in(file, std::ios::binary);
+        std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
     }
     // An empty input is always worth one run: parsers must take it.
     LLVMFuzzerTestOneInput(nullptr, 0);
-    std::printf("replayed %d inputs\n", count);
+    std::printf("replayed %zu inputs\n", files.size());
     return 0;
 }

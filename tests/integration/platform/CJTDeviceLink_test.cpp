@@ -23,7 +23,6 @@ namespace
 
     std::mutex gLogLock;
     std::vector<std::pair<unsigned, std::string>> gLog;
-
     void mirror(unsigned severity, const char* line)
     {
         std::lock_guard<std::mutex> guard(gLogLock);
@@ -56,10 +55,9 @@ namespace
         void TearDown() override
         {
             JTSyslog::setMirror(nullptr);
-            if (peer >= 0)
-                close(peer);
-            if (listener >= 0)
-                close(listener);
+            for (int fd : {peer, listener})
+                if (fd >= 0)
+                    close(fd);
         }
         TempRoot root;
         int listener = -1;
@@ -84,8 +82,7 @@ TEST_F(DeviceLink, PeerHangUpIsWaitedOutQuietlyAndTheNextConnectionCarriesOn)
     close(peer);
     close(listener);
     peer = listener = -1;
-    uint64_t deadline = JTOperatingSystem::getMonotonicTime() + 2000000000ull;
-    while (!link.isDown() && JTOperatingSystem::getMonotonicTime() < deadline)
+    for (int i = 0; i < 400 && !link.isDown(); ++i)
         JTOperatingSystem::sleepMs(5);
     ASSERT_TRUE(link.isDown());
     uint64_t start = JTOperatingSystem::getMonotonicTime();

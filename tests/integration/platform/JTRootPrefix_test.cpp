@@ -4,45 +4,29 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-namespace
-{
-    class RootPrefix : public ::testing::Test
-    {
-    protected:
-        void TearDown() override
-        {
-            unsetenv("CBRADIO_ROOT");
-            JTRootPrefix::reload();
-        }
-    };
-}
-
-TEST_F(RootPrefix, UnsetOrEmptyLeavesPathsAsTheyStand)
-{
-    unsetenv("CBRADIO_ROOT");
-    JTRootPrefix::reload();
-    EXPECT_EQ(JTRootPrefix::resolve("/dev/ipc/ch6"), "/dev/ipc/ch6");
-    setenv("CBRADIO_ROOT", "", 1);
-    JTRootPrefix::reload();
-    EXPECT_EQ(JTRootPrefix::resolve("/tmp/envars.sh"), "/tmp/envars.sh");
-    EXPECT_EQ(JTRootPrefix::resolve(nullptr), "");
-}
-
-TEST_F(RootPrefix, AbsolutePathsGoUnderThePrefix)
-{
-    setenv("CBRADIO_ROOT", "/srv/hu1//", 1);
-    JTRootPrefix::reload();
-    EXPECT_EQ(JTRootPrefix::get(), "/srv/hu1");
-    EXPECT_EQ(JTRootPrefix::resolve("/dev/mv2trace/register"), "/srv/hu1/dev/mv2trace/register");
-    // Relative paths are not platform paths and stay as given.
-    EXPECT_EQ(JTRootPrefix::resolve("trace.cfg"), "trace.cfg");
-}
-
-TEST_F(RootPrefix, RelativeValueIsMadeAbsolute)
+TEST(RootPrefix, AbsolutePathsGoUnderAnAbsolutePrefix)
 {
     char cwd[4096];
     ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
-    setenv("CBRADIO_ROOT", "sim/root", 1);
+    struct Case { const char* root; const char* path; std::string resolved; };
+    // Unset or empty changes nothing; relative paths are not platform paths and stay as given.
+    const Case cases[] = {
+        {nullptr, "/dev/ipc/ch6", "/dev/ipc/ch6"},
+        {"", "/tmp/envars.sh", "/tmp/envars.sh"},
+        {"", nullptr, ""},
+        {"sim/root", "/dev/ipc/ch6", std::string(cwd) + "/sim/root/dev/ipc/ch6"},
+        {"/srv/hu1", "trace.cfg", "trace.cfg"},
+        {"/srv/hu1//", "/dev/mv2trace/register", "/srv/hu1/dev/mv2trace/register"},
+    };
+    for (const Case& c : cases) {
+        if (c.root)
+            setenv("CBRADIO_ROOT", c.root, 1);
+        else
+            unsetenv("CBRADIO_ROOT");
+        JTRootPrefix::reload();
+        EXPECT_EQ(JTRootPrefix::resolve(c.path), c.resolved) << (c.root ? c.root : "(unset)");
+    }
+    EXPECT_EQ(JTRootPrefix::get(), "/srv/hu1");
+    unsetenv("CBRADIO_ROOT");
     JTRootPrefix::reload();
-    EXPECT_EQ(JTRootPrefix::get(), std::string(cwd) + "/sim/root");
 }

@@ -5,75 +5,51 @@
 #include <gtest/gtest.h>
 #include <thread>
 
-namespace
-{
-    // Runs body on another thread while this one holds the lock.
-    template <class Lock, class Body>
-    void whileHeldElsewhere(Lock& lock, Body body)
-    {
-        std::atomic<bool> held{false};
-        std::atomic<bool> release{false};
-        std::thread owner([&] {
-            lock.lock();
-            held = true;
-            while (!release)
-                std::this_thread::yield();
-            lock.unlock();
-        });
-        while (!held)
-            std::this_thread::yield();
-        body(release);
-        release = true;
-        owner.join();
-    }
-}
-
 TEST(CJTMutex, TimeoutsTryOnceWaitBoundedOrWaitForever)
 {
     CJTMutex mutex;
+    CJTCriticalSection section;
     ASSERT_TRUE(mutex.isCreated());
-    whileHeldElsewhere(mutex, [&](std::atomic<bool>& release) {
-        EXPECT_FALSE(mutex.lock(0));
-        auto start = std::chrono::steady_clock::now();
-        EXPECT_FALSE(mutex.lock(30));
-        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(29)) << "waited its time";
-
-        std::thread releaser([&] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            release = true;
-        });
-        EXPECT_TRUE(mutex.lock(-1));
-        releaser.join();
+    std::atomic<int> step{0};
+    std::thread owner([&] {
+        mutex.lock();
+        section.lock();
+        step = 1;
+        while (step != 2)
+            std::this_thread::yield();
+        section.unlock();
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        mutex.unlock();
     });
-    EXPECT_TRUE(mutex.unlock());
-    EXPECT_TRUE(mutex.lock(1000));
+    while (step != 1)
+        std::this_thread::yield();
+    EXPECT_FALSE(mutex.lock(0));
+    EXPECT_FALSE(section.lock(10));
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(mutex.lock(30));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(29)) << "waited its time";
+    step = 2;
+    EXPECT_TRUE(mutex.lock(-1)) << "waits for the owner's unlock";
+    owner.join();
     EXPECT_TRUE(mutex.unlock());
 }
 
-TEST(CJTMutex, RecursionFollowsTheChosenMode)
+TEST(CJTMutex, RecursionFollowsTheModeAndADestroyedSectionRefuses)
 {
     CJTMutex recursive(true);
-    EXPECT_TRUE(recursive.lock());
-    EXPECT_TRUE(recursive.lock(0));
-    EXPECT_TRUE(recursive.unlock());
-    EXPECT_TRUE(recursive.unlock());
+    CJTCriticalSection section;
+    auto reenter = [](auto& lock) {
+        EXPECT_TRUE(lock.lock() && lock.lock(0));
+        EXPECT_TRUE(lock.unlock() && lock.unlock());
+    };
+    reenter(recursive);
+    reenter(section);
     EXPECT_FALSE(recursive.unlock()) << "not held any more";
-
     CJTMutex checked(false, CJTMutex::RECURSION_FAILS);
     EXPECT_TRUE(checked.lock());
     EXPECT_FALSE(checked.lock()) << "re-locking fails instead of hanging";
     EXPECT_TRUE(checked.unlock());
-}
 
-TEST(CJTCriticalSection, ReenterableAndUnusableOnceDestroyed)
-{
-    CJTCriticalSection section;
-    EXPECT_TRUE(section.lock());
-    EXPECT_TRUE(section.lock(0));
-    EXPECT_TRUE(section.unlock());
-    EXPECT_TRUE(section.unlock());
-
-    whileHeldElsewhere(section, [&](std::atomic<bool>&) { EXPECT_FALSE(section.lock(10)); });
     section.destroy();
     section.destroy();
     EXPECT_FALSE(section.lock(0));

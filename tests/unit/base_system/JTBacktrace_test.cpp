@@ -16,6 +16,7 @@ namespace
         std::snprintf(info, infoSize, "build 12");
         std::snprintf(name, nameSize, "radio");
     }
+    void touch(const std::string& path) { std::fclose(std::fopen(path.c_str(), "w")); }
 }
 
 TEST(JTBacktrace, WritesMessageInformationAndStackIntoTheSharedMemoryFolder)
@@ -23,7 +24,6 @@ TEST(JTBacktrace, WritesMessageInformationAndStackIntoTheSharedMemoryFolder)
     TempRoot root;
     ASSERT_TRUE(JTBacktrace::doBacktrace("first", JTBacktrace::DEFAULT_DIRECTORY, "ass"));
     ASSERT_TRUE(JTBacktrace::doBacktrace("second", "/dev/shmem", "ass"));
-
     const std::string pid = std::to_string(getpid());
     const std::string text = readFile(root.path() + "/dev/shm/PID" + pid + ".ass");
     const std::string head = "\n[backtrace] INFO - first\n\nTID: " +
@@ -31,11 +31,8 @@ TEST(JTBacktrace, WritesMessageInformationAndStackIntoTheSharedMemoryFolder)
     EXPECT_EQ(text.rfind(head, 0), 0u) << text;
     EXPECT_NE(text.find("unit_base_system"), std::string::npos) << "the call stack names this program";
     EXPECT_NE(text.find("\n[backtrace] INFO - second\n"), std::string::npos) << "later notes are appended";
-}
 
-TEST(JTBacktrace, ProviderNamesTheFileAndOtherFoldersStayUnderTheRoot)
-{
-    TempRoot root;
+    // A provider names the file; other folders stay under the root.
     JTBacktrace::setInfos(&namedInfos);
     bool written = JTBacktrace::doBacktrace("m", "/var/log/notes", "txt");
     JTBacktrace::setInfos(nullptr);
@@ -46,9 +43,7 @@ TEST(JTBacktrace, ProviderNamesTheFileAndOtherFoldersStayUnderTheRoot)
 TEST(JTBacktrace, UnsafePlacesAreRefusedAndPlantedLinksNeverFollowed)
 {
     TempRoot root;
-    std::FILE* blocker = std::fopen((root.path() + "/blocked").c_str(), "w");
-    ASSERT_NE(blocker, nullptr);
-    std::fclose(blocker);
+    touch(root.path() + "/blocked");
     ::testing::internal::CaptureStderr();
     EXPECT_FALSE(JTBacktrace::doBacktrace("m", "/blocked/sub", "ass"));
     EXPECT_EQ(::testing::internal::GetCapturedStderr(),
@@ -66,9 +61,7 @@ TEST(JTBacktrace, UnsafePlacesAreRefusedAndPlantedLinksNeverFollowed)
 
     // A link planted at the file's name is replaced, not written through.
     const std::string victim = root.path() + "/victim";
-    blocker = std::fopen(victim.c_str(), "w");
-    ASSERT_NE(blocker, nullptr);
-    std::fclose(blocker);
+    touch(victim);
     const std::string file = open + "/PID" + std::to_string(getpid()) + ".ass";
     ASSERT_EQ(::symlink(victim.c_str(), file.c_str()), 0);
     EXPECT_TRUE(JTBacktrace::doBacktrace("m", JTBacktrace::DEFAULT_DIRECTORY, "ass"));

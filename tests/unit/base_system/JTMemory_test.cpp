@@ -24,7 +24,6 @@ TEST(JTMemory, CountsRequestedBytesAndKeepsAlignmentOfEveryNewForm)
 {
     ASSERT_EQ(JTMemory::getTraceLevel(), 1u);
     EXPECT_EQ(JTMemory::getHeaderSize(), alignof(std::max_align_t));
-
     std::vector<char*> blocks;
     blocks.reserve(16);
     const size_t start = JTMemory::getAllocatedBytes();
@@ -36,10 +35,8 @@ TEST(JTMemory, CountsRequestedBytesAndKeepsAlignmentOfEveryNewForm)
     }
     auto* single = new long double(1.0L);
     auto* quiet = new (std::nothrow) std::max_align_t[3];
-    EXPECT_TRUE(isAligned(single));
-    EXPECT_TRUE(isAligned(quiet));
+    EXPECT_TRUE(isAligned(single) && isAligned(quiet));
     EXPECT_EQ(JTMemory::getAllocatedBytes() - start, requested + sizeof(long double) + 3 * sizeof(std::max_align_t));
-
     delete single;
     delete[] quiet;
     for (char* block : blocks)
@@ -47,7 +44,7 @@ TEST(JTMemory, CountsRequestedBytesAndKeepsAlignmentOfEveryNewForm)
     EXPECT_EQ(JTMemory::getAllocatedBytes(), start);
 }
 
-TEST(JTMemory, ZeroBytesAndNullAreNotErrors)
+TEST(JTMemory, EdgeCasesNeitherFailNorMiscount)
 {
     const size_t start = JTMemory::getAllocatedBytes();
     errno = EBADF;
@@ -56,42 +53,25 @@ TEST(JTMemory, ZeroBytesAndNullAreNotErrors)
     EXPECT_EQ(JTMemory::allocChecked(0), nullptr) << "and the checked form does not end the process";
     JTMemory::release(nullptr);
     releaseMemoryEx(nullptr, 12);
-
-    // operator new(0) still has to give a distinct block.
-    char* a = new char[0];
+    char* a = new char[0];  // operator new(0) still has to give a distinct block
     char* b = new char[0];
-    EXPECT_NE(a, nullptr);
     EXPECT_NE(a, b);
     delete[] a;
     delete[] b;
-    EXPECT_EQ(JTMemory::getAllocatedBytes(), start);
-}
 
-TEST(JTMemory, ReleaseTrustsTheHeaderNotTheCallersSize)
-{
-    const size_t start = JTMemory::getAllocatedBytes();
     void* block = allocateCachedMemory(100);
-    ASSERT_NE(block, nullptr);
     EXPECT_EQ(JTMemory::getAllocatedBytes() - start, 100u);
-    releaseMemoryEx(block, 3);
-    EXPECT_EQ(JTMemory::getAllocatedBytes(), start);
-}
+    releaseMemoryEx(block, 3);  // the header's size counts, not the caller's
 
-TEST(JTMemory, BlocksBeyondTheSizeFieldFailWithoutCounting)
-{
-    const size_t start = JTMemory::getAllocatedBytes();
-    const size_t tooBig = size_t(1) << 33;
+    const size_t tooBig = size_t(1) << 33;  // beyond the size field
     EXPECT_EQ(JTMemory::alloc(tooBig), nullptr);
     EXPECT_EQ(errno, ENOMEM);
     EXPECT_EQ(new (std::nothrow) char[tooBig], nullptr);
     EXPECT_EQ(JTMemory::getAllocatedBytes(), start);
-}
 
-TEST(JTMemory, OperatorNewKeepsErrno)
-{
     errno = ENOENT;
     auto text = std::make_unique<std::string>(200, 'x');
-    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(errno, ENOENT) << "operator new keeps the error number";
 }
 
 TEST(JTMemoryDeathTest, FailedCheckedAllocationWritesBacktraceAndExits)
@@ -101,8 +81,7 @@ TEST(JTMemoryDeathTest, FailedCheckedAllocationWritesBacktraceAndExits)
     EXPECT_EXIT(JTMemory::allocChecked(refused), ::testing::ExitedWithCode(1), "");
     std::vector<std::string> files = root.list("/dev/shm");
     ASSERT_EQ(files.size(), 1u);
-    EXPECT_EQ(files[0].rfind("PID", 0), 0u);
-    EXPECT_EQ(files[0].substr(files[0].size() - 4), ".ass");
+    EXPECT_EQ(files[0], "PID" + files[0].substr(3, files[0].size() - 7) + ".ass");
     EXPECT_NE(readFile(root.path() + "/dev/shm/" + files[0]).find("\n[backtrace] INFO - failed to allocate 4294967288 bytes\n"),
               std::string::npos);
 }

@@ -21,41 +21,37 @@ namespace
     }
 }
 
-TEST(JTStartupOptions, MemoryTraceTakesOnlyZeroOrOne)
+// The memory trace level is read with %u (trailing text allowed), only 0 and 1 count, the last
+// valid one wins; break is on unless an argument is exactly "--nobreak".
+TEST(JTStartupOptions, MemoryTraceAndBreak)
 {
-    EXPECT_EQ(parse({}).memoryTraceLevel, 1u);
-    EXPECT_EQ(parse({"--memtrace=0"}).memoryTraceLevel, 0u);
-    EXPECT_EQ(parse({"--memtrace=0", "--memtrace=1"}).memoryTraceLevel, 1u) << "the last valid one counts";
-    EXPECT_EQ(parse({"--memtrace=0", "--memtrace=5"}).memoryTraceLevel, 0u) << "levels above 1 are ignored";
-    EXPECT_EQ(parse({"--memtrace=", "--memtrace=x"}).memoryTraceLevel, 1u);
-    EXPECT_EQ(parse({"--memtrace=-1"}).memoryTraceLevel, 1u);
-    EXPECT_EQ(parse({"--memtrace=0abc"}).memoryTraceLevel, 0u) << "read with %u, trailing text allowed";
-    EXPECT_EQ(parse({"--memtrace 0", "memtrace=0"}).memoryTraceLevel, 1u);
-}
-
-TEST(JTStartupOptions, BreakIsOnUnlessExactlyNobreak)
-{
-    EXPECT_TRUE(parse({}).breakEnabled);
-    EXPECT_TRUE(parse({"--nobreaks", "--NOBREAK", "nobreak"}).breakEnabled);
-    EXPECT_FALSE(parse({"--tp=/x", "--nobreak", "--bp"}).breakEnabled);
+    struct Case { std::vector<const char*> args; unsigned level; bool breaks; };
+    const Case cases[] = {
+        {{}, 1, true},
+        {{"--memtrace=0", "--nobreak"}, 0, false},
+        {{"--memtrace=0", "--memtrace=1"}, 1, true},
+        {{"--memtrace=0", "--memtrace=5"}, 0, true},
+        {{"--memtrace=", "--memtrace=x", "--memtrace=-1"}, 1, true},
+        {{"--memtrace=0abc", "--nobreaks", "--NOBREAK", "nobreak"}, 0, true},
+        {{"--memtrace 0", "memtrace=0", "--tp=/x", "--nobreak", "--bp"}, 1, false},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(parse(c.args).memoryTraceLevel, c.level) << (c.args.empty() ? "" : c.args[0]);
+        EXPECT_EQ(parse(c.args).breakEnabled, c.breaks) << (c.args.empty() ? "" : c.args[0]);
+    }
     EXPECT_TRUE(JTStartupOptions::parse(0, nullptr).breakEnabled);
 }
 
-TEST(JTStartupOptions, CommandLineJoinsArgumentsAfterTheProgramName)
+TEST(JTStartupOptions, CommandLineJoinsTheArgumentsOfThisProcessAfterItsName)
 {
     EXPECT_EQ(join({"prog"}), "");
     EXPECT_EQ(join({"prog", "--bp", "a b", "c"}), "--bp a b c");
     EXPECT_EQ(join({"prog", "abcdef", "gh"}, 5), "abcd") << "cut, but terminated";
     EXPECT_EQ(JTStartupOptions::joinArguments(3, std::vector<const char*>{"p", "ab", "cd"}.data(), nullptr, 0), 5u);
-}
-
-TEST(JTStartupOptions, ThisProcessIsReadFromItsOwnCommandLine)
-{
     const int argc = JTStartupOptions::getArgc();
     char** argv = JTStartupOptions::getArgv();
     ASSERT_GE(argc, 1);
     EXPECT_NE(std::strstr(argv[0], "unit_base_system"), nullptr);
     EXPECT_EQ(argv[argc], nullptr);
     EXPECT_EQ(std::string(JTStartupOptions::getCommandLine()), join(std::vector<const char*>(argv, argv + argc), 4096));
-    EXPECT_EQ(JTStartupOptions::getMemoryTraceLevel(), 1u);
 }

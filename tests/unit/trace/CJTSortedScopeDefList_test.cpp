@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -14,66 +15,43 @@ TEST(CJTSortedScopeDefList, SortsByFullNameAndFindsTheFirstMatch)
     CJTTraceScopeDef d3("Sort_B", "alpha");
     CJTTraceScopeDef d4("Sort_AB", nullptr);
     CJTTraceScopeDef d5("Sort_B", "mid");
-    std::vector<CJTTraceScopeDef*> defs{&d1, &d2, &d3, &d4, &d5};
-
+    // A name that begins another ("Sort_BM" after "Sort_B"): its scopes must still be found together.
+    CJTTraceScopeDef d6("Sort_BM", "add");
+    CJTTraceScopeDef d7("Sort_BM", "run");
     CJTSortedScopeDefList list;
-    list.build(defs);
-    ASSERT_EQ(5u, list.getCount());
+    list.build({&d6, &d1, &d2, &d3, &d7, &d4, &d5});
     std::vector<std::string> names;
     for (size_t i = 0; i < list.getCount(); ++i)
         names.push_back(list.getFullName(i));
-    EXPECT_EQ((std::vector<std::string>{"Sort_AB", "Sort_A_main", "Sort_B_alpha", "Sort_B_mid", "Sort_B_zeta"}), names);
+    EXPECT_EQ((std::vector<std::string>{"Sort_AB", "Sort_A_main", "Sort_BM_add", "Sort_BM_run", "Sort_B_alpha",
+                                        "Sort_B_mid", "Sort_B_zeta"}),
+              names);
 
-    EXPECT_EQ(2u, list.findScopeStartingWith("Sort_B"));
-    EXPECT_EQ(3u, list.findScopeStartingWith("Sort_B_m"));
-    EXPECT_EQ(0u, list.findScopeStartingWith("Sort_A"));
-    EXPECT_EQ(0u, list.findScopeStartingWith(""));
+    struct Case { const char* prefix; size_t first; };
     // A full name that is a proper beginning of the prefix is before it, not a match.
-    EXPECT_EQ(5u, list.findScopeStartingWith("Sort_AB_x"));
-    EXPECT_EQ(5u, list.findScopeStartingWith("Sort_C"));
-    EXPECT_EQ(5u, list.findScopeStartingWith("Sort_0"));
+    for (Case c : {Case{"Sort_B", 2}, Case{"Sort_B_", 4}, Case{"Sort_B_m", 5}, Case{"Sort_A", 0}, Case{"", 0},
+                   Case{"Sort_AB_x", 7}, Case{"Sort_C", 7}, Case{"Sort_0", 7}})
+        EXPECT_EQ(c.first, list.findScopeStartingWith(c.prefix)) << c.prefix;
+    size_t pos = list.findScopeStartingWith("Sort_B_");
+    int matches = 0;
+    for (; list.startsWith(pos, "Sort_B_"); ++pos)
+        ++matches;
+    EXPECT_EQ(3, matches);
+    EXPECT_FALSE(list.startsWith(7, ""));
 
-    EXPECT_TRUE(list.startsWith(4, "Sort_B_z"));
-    EXPECT_FALSE(list.startsWith(5, ""));
-}
-
-TEST(CJTSortedScopeDefList, SortsLargeAndDuplicateHeavyInput)
-{
-    std::vector<std::string> names;
-    for (int i = 0; i < 300; ++i)
-        names.push_back("Many_" + std::to_string((i * 7919) % 37));
+    // Many equal names in a scrambled order.
+    std::vector<std::unique_ptr<CJTTraceScopeDef>> owned;
     std::vector<CJTTraceScopeDef*> defs;
-    for (const std::string& n : names)
-        defs.push_back(new CJTTraceScopeDef(n.c_str(), "f"));
-
-    CJTSortedScopeDefList list;
+    std::vector<std::string> many;
+    for (int i = 0; i < 300; ++i)
+        many.push_back("Many_" + std::to_string((i * 7919) % 37));
+    for (const std::string& n : many) {
+        owned.emplace_back(new CJTTraceScopeDef(n.c_str(), "f"));
+        defs.push_back(owned.back().get());
+    }
     list.build(defs);
     ASSERT_EQ(300u, list.getCount());
     for (size_t i = 1; i < list.getCount(); ++i)
         EXPECT_LE(std::string(list.getFullName(i - 1)), std::string(list.getFullName(i)));
-    size_t first = list.findScopeStartingWith("Many_3_");
-    ASSERT_LT(first, list.getCount());
-    EXPECT_STREQ("Many_3", list.get(first)->getName());
-
-    for (CJTTraceScopeDef* def : defs)
-        delete def;
-}
-
-TEST(CJTSortedScopeDefList, NameThatBeginsAnotherStillFindsAllItsScopes)
-{
-    CJTTraceScopeDef t1("Pfx_CTimer", "start");
-    CJTTraceScopeDef t2("Pfx_CTimer", "stop");
-    CJTTraceScopeDef m1("Pfx_CTimerMaster", "run");
-    CJTTraceScopeDef m2("Pfx_CTimerMaster", "add");
-    CJTTraceScopeDef m3("Pfx_CTimerMaster", "remove");
-    std::vector<CJTTraceScopeDef*> defs{&m1, &t1, &m2, &t2, &m3};
-
-    CJTSortedScopeDefList list;
-    list.build(defs);
-    size_t pos = list.findScopeStartingWith("Pfx_CTimer_");
-    ASSERT_LT(pos, list.getCount());
-    int matches = 0;
-    for (; list.startsWith(pos, "Pfx_CTimer_"); ++pos)
-        ++matches;
-    EXPECT_EQ(2, matches);
+    EXPECT_STREQ("Many_3", list.get(list.findScopeStartingWith("Many_3_"))->getName());
 }

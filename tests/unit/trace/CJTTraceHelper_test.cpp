@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -10,8 +9,9 @@
 #include "CJTTraceScopeManager.h"
 #include "JTAssert.h"
 #include "JTOperatingSystem.h"
-#include "JTSyslog.h"
 #include "TraceTestSupport.h"
+
+using tracetest::withoutTimes;
 
 namespace
 {
@@ -25,84 +25,63 @@ void slotHandler(const CJTTraceHelper::tTraceMessageInfo& info)
     gInfos.push_back(info);
 }
 
-// Installs counting handlers in all four slots and puts the built-in ones back afterwards.
-class AllSlots
+// Installs recording handlers in all four slots and puts the built-in ones back afterwards.
+struct AllSlots : ::testing::Test
 {
-public:
-    AllSlots()
+    void SetUp() override
     {
         gCalls.clear();
         gInfos.clear();
-        CJTTraceHelper& h = CJTTraceHelper::getInstance();
-        h.setHandler(1, slotHandler<1>, "one");
-        h.setHandler(2, slotHandler<2>, "two");
-        h.setHandler(4, slotHandler<4>, "four");
-        h.setHandler(8, slotHandler<8>, "eight");
+        helper().setHandler(1, slotHandler<1>, "one");
+        helper().setHandler(2, slotHandler<2>, "two");
+        helper().setHandler(4, slotHandler<4>, "four");
+        helper().setHandler(8, slotHandler<8>, "eight");
     }
-    ~AllSlots()
+    void TearDown() override
     {
-        CJTTraceHelper& h = CJTTraceHelper::getInstance();
-        h.setHandler(1, CJTTraceHelper::sendToTraceClient, "Trace Client");
-        h.setHandler(2, CJTTraceHelper::sendToKernelTrace, "Kernel Trace");
-        h.setHandler(4, CJTTraceHelper::sendToSlog, "Slog");
-        h.setHandler(8, CJTTraceHelper::sendToConsole, "Console");
+        helper().setHandler(1, CJTTraceHelper::sendToTraceClient, "Trace Client");
+        helper().setHandler(2, CJTTraceHelper::sendToKernelTrace, "Kernel Trace");
+        helper().setHandler(4, CJTTraceHelper::sendToSlog, "Slog");
+        helper().setHandler(8, CJTTraceHelper::sendToConsole, "Console");
     }
+    static CJTTraceHelper& helper() { return CJTTraceHelper::getInstance(); }
 };
-
-std::mutex gSyslogLock;
-std::vector<std::pair<unsigned, std::string>> gSyslog;
-void syslogMirror(unsigned int severity, const char* line)
-{
-    std::lock_guard<std::mutex> guard(gSyslogLock);
-    gSyslog.emplace_back(severity, line);
-}
 }
 
-TEST(CJTTraceHelper, HandlersRunInMediaBitOrderWithTheMessageInformation)
+TEST_F(AllSlots, HandlersRunInMediaBitOrderWithTheMessageInformation)
 {
-    AllSlots slots;
     CJTTraceScopeDef def("Helper_Order", "f", 64, 0x0F);
     uint32_t before = JTOperatingSystem::currentTimeMs();
-    CJTTraceHelper::getInstance().sendTraceMsg(64, "all", def);
+    helper().sendTraceMsg(64, "all", def);
     def.setMedia(0x05);
-    CJTTraceHelper::getInstance().sendTraceMsg(2, "some", def);
+    helper().sendTraceMsg(2, "some", def);
     def.setMedia(0xF0);  // bits above 8 select nothing
-    CJTTraceHelper::getInstance().sendTraceMsg(2, "none", def);
-
+    helper().sendTraceMsg(2, "none", def);
     EXPECT_EQ((std::vector<std::string>{"slot1:all", "slot2:all", "slot4:all", "slot8:all", "slot1:some", "slot4:some"}),
               gCalls);
-    ASSERT_FALSE(gInfos.empty());
     const CJTTraceHelper::tTraceMessageInfo& info = gInfos.back();
     EXPECT_EQ(2, info.kind);
     EXPECT_EQ(static_cast<uint32_t>(getpid()), info.processId);
     EXPECT_EQ(JTOperatingSystem::getCurrentTID(), info.threadId);
     EXPECT_EQ(&def, info.scopeDef);
     EXPECT_LE(info.timeMs - before, 1000u);
-}
 
-TEST(CJTTraceHelper, MessageWithoutScopeUsesAShortLivedDefinition)
-{
-    AllSlots slots;
-    CJTTraceScopeManager& manager = CJTTraceScopeManager::getInstance();
-    uint16_t count = manager.getNumberOfScopes();
-    CJTTraceHelper::getInstance().sendTraceMsg(32, "loose");
+    // A message without a scope goes to the trace client through a short-lived definition.
+    gCalls.clear();
+    uint16_t count = CJTTraceScopeManager::getInstance().getNumberOfScopes();
+    helper().sendTraceMsg(32, "loose");
     EXPECT_EQ(std::vector<std::string>{"slot1:loose"}, gCalls);
-    ASSERT_EQ(1u, gInfos.size());
-    EXPECT_EQ(count, manager.getNumberOfScopes());
+    EXPECT_EQ(count, CJTTraceScopeManager::getInstance().getNumberOfScopes());
 }
 
-TEST(CJTTraceHelper, SetHandlerAcceptsOnlySingleMediaBits)
+TEST_F(AllSlots, SetHandlerAcceptsOnlySingleMediaBits)
 {
-    AllSlots slots;
-    CJTTraceHelper& h = CJTTraceHelper::getInstance();
+    CJTTraceHelper& h = helper();
     h.setHandler(8, nullptr, "ignored");
     EXPECT_STREQ("eight", h.getHandlerName(3));
     EXPECT_EQ(nullptr, h.getHandlerName(4));
     h.setHandler(3, CJTTraceHelper::sendToNirvana, "three");
     h.setHandler(7, CJTTraceHelper::sendToNirvana, "seven");
-    for (unsigned slot = 0; slot < 4; ++slot)
-        EXPECT_NE(reinterpret_cast<void*>(CJTTraceHelper::sendToNirvana), reinterpret_cast<void*>(h.getHandler(slot)));
-
     unsigned occurred = CJTAsserter::getOccuredAssertions();
     CJTAsserter::setExpectedAssertions(occurred + 2);
     h.setHandler(0, CJTTraceHelper::sendToNirvana, "zero");
@@ -110,41 +89,29 @@ TEST(CJTTraceHelper, SetHandlerAcceptsOnlySingleMediaBits)
     EXPECT_EQ(occurred + 2, CJTAsserter::getOccuredAssertions());
     CJTAsserter::setExpectedAssertions(0);
     CJTAsserter::setOccuredAssertions(0);
-
-    h.setHandler(4, CJTTraceHelper::sendToNirvana, "Nirvana");
-    EXPECT_STREQ("Nirvana", h.getHandlerName(2));
+    for (unsigned slot = 0; slot < 4; ++slot)
+        EXPECT_NE(reinterpret_cast<void*>(CJTTraceHelper::sendToNirvana), reinterpret_cast<void*>(h.getHandler(slot)));
 }
 
 TEST(CJTTraceHelper, SystemLogSeverityFollowsTheKind)
 {
-    {
-        std::lock_guard<std::mutex> guard(gSyslogLock);
-        gSyslog.clear();
-    }
     CJTTraceHelper::getInstancePtr();
-    JTSyslog::setMirror(syslogMirror);
     CJTTraceScopeDef def("Helper_Slog", "f", 0xFF, 4);
+    tracetest::SyslogLines syslog;
     {
         CJTTraceScope scope(def);
         scope.sendError("e");
         scope.sendWarning("w");
         scope.sendMessage("m");
     }
-    JTSyslog::setMirror(nullptr);
-
-    std::lock_guard<std::mutex> guard(gSyslogLock);
-    std::vector<std::pair<unsigned, std::string>> lines;
-    for (auto& entry : gSyslog)
-        if (entry.second.find("): ") != std::string::npos)
-            lines.push_back(entry);
-    ASSERT_EQ(5u, lines.size());  // entry, three messages, exit
-    std::string tail = " (" + std::to_string(getpid()) + "." + std::to_string(gettid()) + "): ";
-    EXPECT_EQ(5u, lines[0].first);
-    EXPECT_NE(std::string::npos, lines[0].second.find("[-->]@"));
-    EXPECT_EQ(3u, lines[1].first);
-    EXPECT_EQ(0u, lines[1].second.find("pid " + std::to_string(getpid()) + ": [ERR]@"));
-    EXPECT_NE(std::string::npos, lines[1].second.find(tail + "e"));
-    EXPECT_EQ(4u, lines[2].first);
-    EXPECT_EQ(5u, lines[3].first);
+    std::vector<std::string> lines;
+    for (const std::string& line : syslog.take())
+        if (line.find("]@") != std::string::npos)
+            lines.push_back(withoutTimes(line + "\n").at(0));
+    const std::string pid = "pid " + std::to_string(getpid()) + ": [";
+    const std::string ids = "] (" + std::to_string(getpid()) + "." + std::to_string(gettid()) + "): ";
+    EXPECT_EQ((std::vector<std::string>{"5 " + pid + "-->" + ids + "Helper_Slog_f", "3 " + pid + "ERR" + ids + "e",
+                                        "4 " + pid + "WRN" + ids + "w", "5 " + pid + "MSG" + ids + "m",
+                                        "5 " + pid + "<--" + ids + "Helper_Slog_f"}),
+              lines);
 }
-

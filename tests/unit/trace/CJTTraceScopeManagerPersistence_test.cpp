@@ -1,51 +1,32 @@
+// Settings blocks go through the real file persistence in a private root, text files through
+// temporary files.
 #include "CJTTraceScopeManager.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <mutex>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
+#include <fstream>
+#include <memory>
 #include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
 #include <vector>
 
+#include "CJTDefaultBinaryTracePersistence.h"
 #include "CJTNullTracePersistence.h"
 #include "CJTTraceHelper.h"
-#include "CJTTraceScope.h"
 #include "CJTTraceScopeDef.h"
+#include "ChildProcess.h"
 #include "JTAssert.h"
-#include "JTSyslog.h"
+#include "JTDeviceNode.h"
+#include "TempRoot.h"
 #include "TraceTestSupport.h"
 
-using tracetest::MemoryPersistence;
 using tracetest::Recorder;
-using tracetest::TempFile;
+using tracetest::settings;
 
 namespace
 {
-std::mutex gLock;
-std::vector<std::string> gSyslog;
-void mirror(unsigned int, const char* line)
-{
-    std::lock_guard<std::mutex> guard(gLock);
-    gSyslog.push_back(line);
-}
-
-std::vector<std::string> takeSyslog()
-{
-    std::lock_guard<std::mutex> guard(gLock);
-    std::vector<std::string> out;
-    out.swap(gSyslog);
-    return out;
-}
-
-std::string pidPrefix()
-{
-    return "pid " + std::to_string(getpid()) + ": ";
-}
-
 // Routes the persistence diagnostics to the recorder and the system log to a list.
 class PersistenceFixture : public ::testing::Test
 {
@@ -53,35 +34,44 @@ protected:
     void SetUp() override
     {
         CJTTraceHelper::getInstance().setProcessName("unit_trace");
-        mSavedFilter = getPersistenceScopeDef().getFilter();
-        mSavedMedia = getPersistenceScopeDef().getMedia();
+        mSaved = {getPersistenceScopeDef().getFilter(), getPersistenceScopeDef().getMedia()};
         getPersistenceScopeDef().setFilter(2 | 32 | 64);
         getPersistenceScopeDef().setMedia(Recorder::MEDIA);
-        takeSyslog();
-        JTSyslog::setMirror(mirror);
     }
     void TearDown() override
     {
-        JTSyslog::setMirror(nullptr);
-        getPersistenceScopeDef().setFilter(mSavedFilter);
-        getPersistenceScopeDef().setMedia(mSavedMedia);
+        getPersistenceScopeDef().setFilter(mSaved.first);
+        getPersistenceScopeDef().setMedia(mSaved.second);
         manager().setSilent(false);
     }
     static CJTTraceScopeManager& manager() { return CJTTraceScopeManager::getInstance(); }
 
-    // Diagnostics of the persistence scope (entry and exit left out).
-    std::vector<tracetest::Record> diagnostics()
+    // Diagnostics of the persistence scope, entry and exit left out.
+    std::vector<std::string> diagnostics()
     {
-        std::vector<tracetest::Record> out;
-        for (const tracetest::Record& r : mRecorder.take())
-            if (r.kind != 4 && r.kind != 8)
-                out.push_back(r);
+        std::vector<std::string> out;
+        for (const std::string& line : mRecorder.take())
+            if (line[0] != '4' && line[0] != '8')
+                out.push_back(line);
         return out;
     }
 
+    // A new settings file in the root; the loader takes host paths as they are.
+    std::string textFile(const std::string& contents)
+    {
+        const std::string path = mRoot.path("settings" + std::to_string(++mFiles) + ".tp");
+        std::ofstream(path) << contents;
+        return path;
+    }
+
+    TempRoot mRoot;
+    int mFiles = 0;
+    const std::string mBlockFile = mRoot.path("var/lib/cbradio/trace/unit_trace.bin");
+    CJTDefaultBinaryTracePersistence& mStore = CJTDefaultBinaryTracePersistence::getInstance();
     Recorder mRecorder;
-    uint8_t mSavedFilter = 0;
-    uint8_t mSavedMedia = 0;
+    tracetest::SyslogLines mSyslog;
+    std::pair<uint8_t, uint8_t> mSaved;
+    const std::string mPid = "pid " + std::to_string(getpid()) + ": ";
 };
 
 std::string header(const char* version)
@@ -90,111 +80,87 @@ std::string header(const char* version)
 }
 }
 
+// The block is one silent byte (1: silent) and filter, media and kernel event of every scope.
 TEST_F(PersistenceFixture, BinaryBlockRoundTripsAndRefusesOtherSizes)
 {
     CJTTraceScopeDef a("Bin_A", "a", 0x42, 0x09);
     CJTTraceScopeDef b("Bin_B", "b");
     manager().configureScope(b.getIndex(), 0x7F, 0x0C, 5);
-    MemoryPersistence store;
-
     manager().setSilent(true);
-    EXPECT_TRUE(manager().storeBinaryPeristence(store, "unit_trace"));
+    EXPECT_TRUE(manager().storeBinaryPeristence(mStore, "unit_trace"));
     EXPECT_EQ(1, manager().getSettingsInStep());
     const size_t count = manager().getNumberOfScopes();
-    ASSERT_EQ(3 * count + 1, store.mBlock.size());
-    EXPECT_EQ(1, store.mBlock[0]);
-    EXPECT_EQ((std::vector<uint8_t>{0x42, 0x09, 0, 0x7F, 0x0C, 5}),
-              std::vector<uint8_t>(store.mBlock.begin() + 1 + 3 * a.getIndex(), store.mBlock.begin() + 7 + 3 * a.getIndex()));
+    std::string block = readFile(mBlockFile);
+    ASSERT_EQ(3 * count + 1, block.size());
+    EXPECT_EQ('\1', block[0]);
+    EXPECT_EQ(std::string("\x42\x09\0\x7F\x0C\x05", 6), block.substr(1 + 3 * a.getIndex(), 6));
 
     manager().setSilent(false);
     manager().configureScope(a.getIndex(), 0, 0, 0);
     manager().configureScope(b.getIndex(), 0, 0, 0);
-    store.mBlock[0] = 2;  // anything but 1 is "not silent"
-    EXPECT_TRUE(manager().loadBinaryPersistence(store, "unit_trace"));
+    block[0] = 2;  // anything but 1 is "not silent"
+    std::ofstream(mBlockFile) << block;
+    EXPECT_TRUE(manager().loadBinaryPersistence(mStore, "unit_trace"));
     EXPECT_FALSE(manager().isSilent());
-    EXPECT_EQ(0x42, a.getFilter());
-    EXPECT_EQ(0x09, a.getMedia());
-    EXPECT_EQ(5, b.getKernelEvent());
+    EXPECT_EQ("42 09 0", settings(a));
+    EXPECT_EQ("7f 0c 5", settings(b));
     EXPECT_EQ(1, manager().getSettingsInStep());
-    EXPECT_TRUE(takeSyslog().empty());
+    EXPECT_TRUE(mSyslog.take().empty());
 
     // One scope short: refused, nothing changed, the count found is reported.
-    store.mBlock.resize(store.mBlock.size() - 3);
+    std::ofstream(mBlockFile) << block.substr(0, block.size() - 3);
     manager().configureScope(a.getIndex(), 0x01, 0x01);
-    EXPECT_FALSE(manager().loadBinaryPersistence(store, "unit_trace"));
+    EXPECT_FALSE(manager().loadBinaryPersistence(mStore, "unit_trace"));
     EXPECT_EQ(0x01, a.getFilter());
     EXPECT_EQ(0, manager().getSettingsInStep());
     std::string mismatch = "Binary persistence for 'unit_trace' does not match: expected " + std::to_string(count) +
                            " scopes, but found " + std::to_string(count - 1) + ".";
-    EXPECT_EQ(std::vector<std::string>{pidPrefix() + mismatch}, takeSyslog());
-    std::vector<tracetest::Record> d = diagnostics();
-    ASSERT_EQ(1u, d.size());
-    EXPECT_EQ(2, d[0].kind);
-    EXPECT_EQ(mismatch, d[0].text);
-
-    EXPECT_FALSE(manager().loadBinaryPersistence(store, "other_process"));
-    EXPECT_EQ(std::vector<std::string>{pidPrefix() + "Binary persistence for 'other_process' is empty."}, takeSyslog());
-    d = diagnostics();
-    ASSERT_EQ(1u, d.size());
-    EXPECT_EQ(64, d[0].kind);
+    EXPECT_EQ(std::vector<std::string>{"3 " + mPid + mismatch}, mSyslog.take());
+    EXPECT_EQ(std::vector<std::string>{"2 " + mismatch}, diagnostics());
+    const std::string empty = "Binary persistence for 'other_process' is empty.";
+    EXPECT_FALSE(manager().loadBinaryPersistence(mStore, "other_process"));
+    EXPECT_EQ(std::vector<std::string>{"5 " + mPid + empty}, mSyslog.take());
+    EXPECT_EQ(std::vector<std::string>{"64 " + empty}, diagnostics());
+    EXPECT_EQ("", CJTDefaultBinaryTracePersistence::getPath("../unit_trace"));
 }
 
-TEST_F(PersistenceFixture, TextFileVersionsAreCheckedOnTheHeader)
+TEST_F(PersistenceFixture, TextFileVersionsAreCheckedOnTheHeaderAndOnlyRegularFilesAreRead)
 {
     CJTTraceScopeDef def("TextVer_A", "a");
-    const std::string body = "TextVer_A 40 08\n";
-    struct Case
-    {
-        const char* version;
-        bool accepted;
-    } cases[] = {{"1.1.0", true}, {"1.0.9", true}, {"1.1.77", true}, {"1.2.0", false}, {"2.0.0", false}, {"0.9.0", false}};
-    for (const Case& c : cases) {
+    struct Case { const char* version; bool accepted; };
+    for (Case c : {Case{"1.1.0", true}, Case{"1.0.9", true}, Case{"1.1.77", true}, Case{"1.2.0", false},
+                   Case{"2.0.0", false}, Case{"0.9.0", false}}) {
         def.setFilter(0);
-        TempFile file(header(c.version) + body);
-        EXPECT_EQ(c.accepted, manager().loadTextPersistence(file.path())) << c.version;
+        const std::string file = textFile(header(c.version) + "TextVer_A 40 08\n");
+        EXPECT_EQ(c.accepted, manager().loadTextPersistence(file.c_str())) << c.version;
         EXPECT_EQ(c.accepted ? 0x40 : 0, def.getFilter()) << c.version;
-        std::vector<tracetest::Record> d = diagnostics();
-        if (!c.accepted) {
-            ASSERT_EQ(1u, d.size());
-            EXPECT_EQ("Unable to load text trace persistence: '" + std::string(file.path()) + "' requires version " +
-                          c.version + ", but current version is 1.1.0.",
-                      d[0].text);
-        }
+        const std::string refused = "2 Unable to load text trace persistence: '" + file +
+                                    "' requires version " + c.version + ", but current version is 1.1.0.";
+        EXPECT_EQ(c.accepted ? std::vector<std::string>{} : std::vector<std::string>{refused}, diagnostics());
     }
-
-    TempFile noVersion("JTTracePersistence one\nTextVer_A 40 08\n");
-    EXPECT_FALSE(manager().loadTextPersistence(noVersion.path()));
-    EXPECT_EQ("Unable to load text trace persistence: '" + std::string(noVersion.path()) +
-                  "' does not include version info.",
-              diagnostics().at(0).text);
-
+    const std::string noVersion = textFile("JTTracePersistence one\nTextVer_A 40 08\n");
+    EXPECT_FALSE(manager().loadTextPersistence(noVersion.c_str()));
     EXPECT_FALSE(manager().loadTextPersistence("/nonexistent/unit_trace.tp"));
-    std::vector<tracetest::Record> d = diagnostics();
-    ASSERT_EQ(1u, d.size());
-    EXPECT_EQ(32, d[0].kind);
-    EXPECT_EQ("Unable to load text trace persistence: '/nonexistent/unit_trace.tp' does not exist", d[0].text);
+    EXPECT_EQ((std::vector<std::string>{"2 Unable to load text trace persistence: '" + noVersion +
+                                            "' does not include version info.",
+                                        "32 Unable to load text trace persistence: '/nonexistent/unit_trace.tp' does not exist"}),
+              diagnostics());
 
     // A FIFO (which would wait for a writer) and a socket are refused at once, like an unreadable
     // file: with the assertion announced, it is only counted.
-    TempFile folder("");
-    std::string fifo = std::string(folder.path()) + ".fifo";
-    std::string socketPath = std::string(folder.path()) + ".sock";
+    const std::string fifo = mRoot.path("fifo.tp");
+    const std::string socket = mRoot.path("socket.tp");
     ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
-    int sock = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", socketPath.c_str());
-    ASSERT_EQ(0, bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
+    int listener = JTDeviceNode::listenHost(socket.c_str());
+    ASSERT_GE(listener, 0);
     unsigned int occurred = CJTAsserter::getOccuredAssertions();
     CJTAsserter::setExpectedAssertions(occurred + 2);
     EXPECT_FALSE(manager().loadTextPersistence(fifo.c_str()));
-    EXPECT_FALSE(manager().loadTextPersistence(socketPath.c_str()));
+    EXPECT_FALSE(manager().loadTextPersistence(socket.c_str()));
     EXPECT_EQ(occurred + 2, CJTAsserter::getOccuredAssertions());
     CJTAsserter::setExpectedAssertions(0);
     CJTAsserter::setOccuredAssertions(0);
-    close(sock);
-    unlink(fifo.c_str());
-    unlink(socketPath.c_str());
+    close(listener);
 }
 
 TEST_F(PersistenceFixture, TextFileSectionsPrefixesAndOverrides)
@@ -204,7 +170,7 @@ TEST_F(PersistenceFixture, TextFileSectionsPrefixesAndOverrides)
     CJTTraceScopeDef timer("TextSec_CTimer", "fire");
     manager().setSilent(true);  // loading a text file always ends silent mode
 
-    TempFile file(header("1.1.0") +
+    const std::string file = textFile(header("1.1.0") +
                   "# comment line\n"
                   "TextSec_CCBRadio 7f 1\n"
                   "\n"
@@ -216,86 +182,63 @@ TEST_F(PersistenceFixture, TextFileSectionsPrefixesAndOverrides)
                   "TextSec_Missing 1 1\n"
                   "[*]\n"
                   "TextSec_CTimer 40 4 1ff\n");
-    EXPECT_TRUE(manager().loadTextPersistence(file.path()));
+    EXPECT_TRUE(manager().loadTextPersistence(file.c_str()));
     EXPECT_FALSE(manager().isSilent());
-    EXPECT_EQ(0x7F, run.getFilter());
-    EXPECT_EQ(1, run.getMedia());
-    EXPECT_EQ(0x02, start.getFilter());
-    EXPECT_EQ(0x08, start.getMedia());
-    EXPECT_EQ(3, start.getKernelEvent());
     // The hex fields take at most two digits, so "1ff" gives 0x1F.
-    EXPECT_EQ(0x40, timer.getFilter());
-    EXPECT_EQ(0x04, timer.getMedia());
-    EXPECT_EQ(0x1F, timer.getKernelEvent());
+    EXPECT_EQ((std::vector<std::string>{"7f 01 0", "02 08 3", "40 04 1f"}),
+              (std::vector<std::string>{settings(run), settings(start), settings(timer)}));
 
-    std::vector<tracetest::Record> d = diagnostics();
-    ASSERT_EQ(2u, d.size());
-    const std::string path = file.path();
     // Empty lines are not counted.
-    EXPECT_EQ(2, d[0].kind);
-    EXPECT_EQ(path + ":8: Skipping invalid text persistence line 'TextSec_CTimer 20'", d[0].text);
-    EXPECT_EQ(32, d[1].kind);
-    EXPECT_EQ(path + ":9: No scope matches 'TextSec_Missing'", d[1].text);
+    EXPECT_EQ((std::vector<std::string>{"2 " + file + ":8: Skipping invalid text persistence line 'TextSec_CTimer 20'",
+                                        "32 " + file + ":9: No scope matches 'TextSec_Missing'"}),
+              diagnostics());
 }
 
 TEST_F(PersistenceFixture, TextFileLongerThanOneChunkKeepsLinesWhole)
 {
-    std::vector<CJTTraceScopeDef*> defs;
     std::vector<std::string> names;
-    for (int i = 0; i < 120; ++i)
+    names.reserve(120);  // the definitions keep pointers to the names
+    std::vector<std::unique_ptr<CJTTraceScopeDef>> defs;
+    for (int i = 0; i < 120; ++i) {
         names.push_back("TextChunk_" + std::to_string(i));
-    for (const std::string& n : names)
-        defs.push_back(new CJTTraceScopeDef(n.c_str(), "function_with_a_rather_long_name"));
-
+        defs.emplace_back(new CJTTraceScopeDef(names.back().c_str(), "function_with_a_rather_long_name"));
+    }
     // Each line is about 60 bytes, so chunk borders fall inside lines; the first pass sets 01,
     // the second the real value, so a line cut in two would leave a scope at 01.
     std::string text = header("1.1.0");
-    for (int pass = 0; pass < 2; ++pass)
+    for (const char* filter : {"01", "40"})
         for (int i = 0; i < 120; ++i)
-            text += "TextChunk_" + std::to_string(i) + "_function_with_a_rather_long_name " +
-                    (pass == 0 ? "01" : "40") + " 08 " + std::to_string(i % 10) + "\n";
+            text += names[i] + "_function_with_a_rather_long_name " + filter + " 08 " + std::to_string(i % 10) + "\n";
     ASSERT_GT(text.size(), 8192u);
-    TempFile file(text);
-    EXPECT_TRUE(manager().loadTextPersistence(file.path()));
-    for (int i = 0; i < 120; ++i) {
-        EXPECT_EQ(0x40, defs[i]->getFilter()) << i;
-        EXPECT_EQ(i % 10, defs[i]->getKernelEvent()) << i;
-    }
+    EXPECT_TRUE(manager().loadTextPersistence(textFile(text).c_str()));
+    for (int i = 0; i < 120; ++i)
+        EXPECT_EQ("40 08 " + std::to_string(i % 10), settings(*defs[i])) << i;
     EXPECT_TRUE(diagnostics().empty());
-    for (CJTTraceScopeDef* def : defs)
-        delete def;
 }
 
 TEST_F(PersistenceFixture, HelperActionsNeedANameAndARealPersistence)
 {
+    // A store that requires a kill has its block removed instead of loaded.
+    struct SKilling : CJTDefaultBinaryTracePersistence
+    {
+        bool isKillRequired() const override { return true; }
+    } killing;
     CJTTraceHelper& helper = CJTTraceHelper::getInstance();
     CJTTraceScopeDef def("HelperPers_A", "a", 0x40, 0x08);
-    MemoryPersistence store;
-
     helper.setPersistence(&CJTNullTracePersistence::sInstance);
     EXPECT_FALSE(helper.storePersistent());
     helper.setPersistence(nullptr);
     EXPECT_FALSE(helper.loadPersistent());
 
-    helper.setPersistence(&store);
+    helper.setPersistence(&mStore);
     EXPECT_TRUE(helper.storePersistent());
-    EXPECT_EQ("unit_trace", store.mName);
     def.setFilter(0);
     EXPECT_TRUE(helper.loadPersistent());
     EXPECT_EQ(0x40, def.getFilter());
-
-    // A block that does not fit is dropped after the failed load.
-    store.mBlock.pop_back();
-    EXPECT_FALSE(helper.loadPersistent());
-    EXPECT_FALSE(store.mHasBlock);
-    takeSyslog();
-
-    store.setBlock("unit_trace", std::vector<uint8_t>(3 * manager().getNumberOfScopes() + 1, 0));
-    store.mKillRequired = true;
+    std::ofstream(mBlockFile) << std::string(3 * manager().getNumberOfScopes() + 1, '\0');
+    helper.setPersistence(&killing);
     helper.loadPersistent();
-    EXPECT_FALSE(store.mHasBlock);
+    EXPECT_NE(0, access(mBlockFile.c_str(), F_OK));
     EXPECT_EQ(0x40, def.getFilter());
-
-    EXPECT_TRUE(helper.killPersistent());
     helper.setPersistence(nullptr);
 }

@@ -1,33 +1,42 @@
-// Shared helpers of the trace unit tests: a recording output handler, capture of a standard
-// descriptor through a pipe, temporary files and an in-memory persistence.
+// Shared helpers of the trace unit tests: a recording output handler, a system log mirror and the
+// settings of a scope as text.
 #ifndef TRACETESTSUPPORT_H
 #define TRACETESTSUPPORT_H
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cstdio>
-#include <cstdlib>
 #include <mutex>
 #include <string>
-#include <thread>
+#include <utility>
 #include <vector>
 
-#include "CJTByteStream.h"
 #include "CJTTraceHelper.h"
 #include "CJTTraceScopeDef.h"
-#include "IJTTracePersistence.h"
+#include "JTSyslog.h"
 
 namespace tracetest
 {
-struct Record
+// Lines added by a handler on any thread, taken as a whole.
+class LineLog
 {
-    uint8_t kind;
-    std::string text;
-    const CJTTraceScopeDef* def;
+public:
+    void add(std::string line)
+    {
+        std::lock_guard<std::mutex> guard(mLock);
+        mLines.push_back(std::move(line));
+    }
+    std::vector<std::string> take()
+    {
+        std::lock_guard<std::mutex> guard(mLock);
+        return std::exchange(mLines, {});
+    }
+
+private:
+    std::mutex mLock;
+    std::vector<std::string> mLines;
 };
 
-// Takes over media bit 2 (the kernel trace slot) so tests see exactly what the helper hands out.
+// Takes over media bit 2 (the kernel trace slot) and keeps what the helper hands out there as
+// "<kind> <text>" lines, and the definition of the last one.
 class Recorder
 {
 public:
@@ -35,139 +44,65 @@ public:
 
     Recorder()
     {
-        std::lock_guard<std::mutex> guard(lock());
-        records().clear();
+        sLog.take();
         CJTTraceHelper::getInstance().setHandler(MEDIA, &Recorder::handle, "Recorder");
     }
     ~Recorder() { CJTTraceHelper::getInstance().setHandler(MEDIA, &CJTTraceHelper::sendToKernelTrace, "Kernel Trace"); }
+    std::vector<std::string> take() { return sLog.take(); }
 
-    std::vector<Record> take()
-    {
-        std::lock_guard<std::mutex> guard(lock());
-        std::vector<Record> out;
-        out.swap(records());
-        return out;
-    }
+    static inline const CJTTraceScopeDef* sLastDef = nullptr;
 
 private:
     static void handle(const CJTTraceHelper::tTraceMessageInfo& info)
     {
-        std::lock_guard<std::mutex> guard(lock());
-        records().push_back(Record{info.kind, info.text, info.scopeDef});
+        sLastDef = info.scopeDef;
+        sLog.add(std::to_string(info.kind) + " " + info.text);
     }
-    static std::mutex& lock()
-    {
-        static std::mutex m;
-        return m;
-    }
-    static std::vector<Record>& records()
-    {
-        static std::vector<Record> r;
-        return r;
-    }
+    static inline LineLog sLog;
 };
 
-// Redirects a descriptor (1 or 2) into a pipe until finish() or destruction; a reader thread
-// drains the pipe so writers never block on a full pipe.
-class FdCapture
+// Mirrors the system log as "<severity> <line>" lines while it lives.
+class SyslogLines
 {
 public:
-    explicit FdCapture(int fd) : mFd(fd)
+    SyslogLines()
     {
-        fflush(nullptr);
-        if (pipe(mPipe) != 0)
-            abort();
-        mSaved = dup(fd);
-        dup2(mPipe[1], fd);
-        close(mPipe[1]);
-        mReader = std::thread([this] {
-            char buffer[4096];
-            ssize_t n;
-            while ((n = read(mPipe[0], buffer, sizeof(buffer))) > 0)
-                mText.append(buffer, static_cast<size_t>(n));
-        });
+        sLog.take();
+        JTSyslog::setMirror([](unsigned int severity, const char* line) { sLog.add(std::to_string(severity) + " " + line); });
     }
-    ~FdCapture() { finish(); }
-
-    std::string finish()
-    {
-        if (mSaved >= 0) {
-            fflush(nullptr);
-            dup2(mSaved, mFd);  // drops the last write end of the pipe: the reader sees its end
-            close(mSaved);
-            mSaved = -1;
-            mReader.join();
-            close(mPipe[0]);
-        }
-        return mText;
-    }
+    ~SyslogLines() { JTSyslog::setMirror(nullptr); }
+    std::vector<std::string> take() { return sLog.take(); }
 
 private:
-    int mFd;
-    int mPipe[2];
-    int mSaved;
-    std::thread mReader;
-    std::string mText;
+    static inline LineLog sLog;
 };
 
-// A file in the system's temporary folder, removed again on destruction.
-class TempFile
+// Lines of text with the time of each trace line taken out ("[MSG]@123 (4.5): x" becomes
+// "[MSG] (4.5): x"); a line without digits after "]@" keeps its "@" and so matches nothing expected.
+inline std::vector<std::string> withoutTimes(const std::string& text)
 {
-public:
-    explicit TempFile(const std::string& contents)
-    {
-        char name[] = "/tmp/unit_trace_XXXXXX";
-        int fd = mkstemp(name);
-        if (fd < 0)
-            abort();
-        mPath = name;
-        if (write(fd, contents.data(), contents.size()) != static_cast<ssize_t>(contents.size()))
-            abort();
-        close(fd);
+    std::vector<std::string> lines;
+    for (size_t start = 0, end; start < text.size(); start = end + 1) {
+        end = text.find('\n', start);
+        std::string line = text.substr(start, end - start) + (end == std::string::npos ? "<no newline>" : "");
+        const size_t at = line.find("]@");
+        const size_t digits = at == std::string::npos ? at : line.find_first_not_of("0123456789", at + 2);
+        if (at != std::string::npos && digits > at + 2)
+            line.erase(at + 1, digits - at - 1);
+        lines.push_back(line);
+        if (end == std::string::npos)
+            break;
     }
-    ~TempFile() { unlink(mPath.c_str()); }
-    const char* path() const { return mPath.c_str(); }
+    return lines;
+}
 
-private:
-    std::string mPath;
-};
-
-// Keeps one block per name in memory.
-class MemoryPersistence : public IJTTracePersistence
+// A scope's filter, media and kernel event as a settings line gives them: "7f 01 0".
+inline std::string settings(const CJTTraceScopeDef& def)
 {
-public:
-    void load(const char* name, CJTByteStream& data) override
-    {
-        if (mHasBlock && mName == name)
-            data.doWrite(mBlock.data(), static_cast<uint32_t>(mBlock.size()));
-    }
-    void store(const char* name, CJTByteStream& data) override
-    {
-        mName = name;
-        mHasBlock = true;
-        mBlock.assign(data.getData(), data.getData() + data.getSize());
-    }
-    void kill(const char* name) override
-    {
-        ++mKills;
-        if (mName == name)
-            mHasBlock = false;
-    }
-    bool isKillRequired() const override { return mKillRequired; }
-
-    void setBlock(const char* name, std::vector<uint8_t> block)
-    {
-        mName = name;
-        mBlock = std::move(block);
-        mHasBlock = true;
-    }
-
-    std::string mName;
-    std::vector<uint8_t> mBlock;
-    bool mHasBlock = false;
-    bool mKillRequired = false;
-    int mKills = 0;
-};
+    char text[16];
+    std::snprintf(text, sizeof text, "%02x %02x %x", def.getFilter(), def.getMedia(), def.getKernelEvent());
+    return text;
+}
 }
 
 #endif

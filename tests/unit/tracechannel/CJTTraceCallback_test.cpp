@@ -18,30 +18,24 @@ namespace
 
     int inspect(int argument)
     {
-        gSeen.clear();
-        gSeen.push_back(gsName.getString(0).c_str());
-        gSeen.push_back(std::to_string(gsCount.getInt(0)));
-        gSeen.push_back(std::to_string(gsCount.getInt(3)));
         uint8_t blob[4] = {};
         uint32_t copied = gsBlob.getArray(3, blob, sizeof blob);
-        gSeen.push_back(std::to_string(copied) + ":" + std::to_string(blob[1]));
-        gSeen.push_back(std::to_string(gsCount.getNumberOfRows()));
+        gSeen = {gsName.getString(0).c_str(), std::to_string(gsCount.getInt(0)), std::to_string(gsCount.getInt(3)),
+                 std::to_string(copied) + ":" + std::to_string(blob[1]), std::to_string(gsCount.getNumberOfRows())};
         return argument;
     }
 
     int triple(int argument) { return argument * 3; }
     CJTTraceCallbackDef gsPlain(triple, "Test_plain", "one integer");
 
-    void u16(std::vector<uint8_t>& b, uint16_t v)
+    // Rows are (parameter, 16-bit row, value): integers as 32 bits, texts with their zero, arrays
+    // with a 16-bit length; all after the 32-bit default argument.
+    struct Data : std::vector<uint8_t>
     {
-        b.push_back(static_cast<uint8_t>(v));
-        b.push_back(static_cast<uint8_t>(v >> 8));
-    }
-    void u32(std::vector<uint8_t>& b, uint32_t v)
-    {
-        for (int i = 0; i < 4; ++i)
-            b.push_back(static_cast<uint8_t>(v >> (8 * i)));
-    }
+        Data& u16(uint16_t v) { push_back(uint8_t(v)); push_back(uint8_t(v >> 8)); return *this; }
+        Data& u32(uint32_t v) { return u16(uint16_t(v)).u16(uint16_t(v >> 16)); }
+        Data& bytes(std::initializer_list<uint8_t> b) { insert(end(), b); return *this; }
+    };
 
     int run(CJTTraceCallbackDef& def, const std::vector<uint8_t>& bytes)
     {
@@ -50,64 +44,43 @@ namespace
     }
 }
 
-TEST(CJTTraceCallbackContext, DecodesRowsOfEveryTypeAndSetsTheReturnRow)
+TEST(CJTTraceCallbackContext, DecodesRowsOfEveryTypeAndStartsEmptyOnEveryCall)
 {
-    std::vector<uint8_t> d;
-    u32(d, 99);  // default argument
-    d.push_back(0); u16(d, 0); u16(d, 3); d.insert(d.end(), {'h', 'i', 0});
-    d.push_back(9);  // no such parameter: skipped as this one byte
-    d.push_back(1); u16(d, 0); u32(d, static_cast<uint32_t>(-7));
-    d.push_back(1); u16(d, 3); u32(d, 44);
-    d.push_back(2); u16(d, 3); u16(d, 2); d.insert(d.end(), {0x10, 0x20});
-    d.push_back(1); u16(d, 4); u16(d, 0);  // value cut off: not taken
-
+    Data d;
+    d.u32(99).bytes({0}).u16(0).u16(3).bytes({'h', 'i', 0});
+    d.bytes({9});  // no such parameter: skipped as this one byte
+    d.bytes({1}).u16(0).u32(static_cast<uint32_t>(-7));
+    d.bytes({1}).u16(3).u32(44);
+    d.bytes({2}).u16(3).u16(2).bytes({0x10, 0x20});
+    d.bytes({1}).u16(4).u16(0);  // value cut off: not taken
     EXPECT_EQ(run(gsTyped, d), 99);
     EXPECT_EQ(gSeen, (std::vector<std::string>{"hi", "-7", "44", "2:32", "2"}));
     EXPECT_EQ(gsTyped.getReturnRow(), 4);  // the last row taken + 1
     EXPECT_EQ(gsName.getString(0), CJTString());  // nothing readable after the call
-}
 
-TEST(CJTTraceCallbackContext, ParametersStartEmptyOnEveryCall)
-{
-    std::vector<uint8_t> d;
-    u32(d, 1);
-    d.push_back(1); u16(d, 7); u32(d, 5);
-    run(gsTyped, d);
-    std::vector<uint8_t> none;
-    u32(none, 2);
-    EXPECT_EQ(run(gsTyped, none), 2);
+    EXPECT_EQ(run(gsTyped, Data().u32(2)), 2);
     EXPECT_EQ(gSeen, (std::vector<std::string>{"", "0", "0", "0:0", "0"}));
     EXPECT_EQ(gsTyped.getReturnRow(), 0);
-}
 
-TEST(CJTTraceCallbackContext, PlainCallbackTakesTheGeneratedParameterValue)
-{
-    std::vector<uint8_t> d;
-    u32(d, 5);
-    EXPECT_EQ(run(gsPlain, d), 15);
-    d.push_back(0); u16(d, 0); u32(d, 8);  // the generated default parameter's entry
-    EXPECT_EQ(run(gsPlain, d), 24);
+    // A plain callback takes its generated parameter's value, else the default argument.
+    EXPECT_EQ(run(gsPlain, Data().u32(5)), 15);
+    EXPECT_EQ(run(gsPlain, Data().u32(5).bytes({0}).u16(0).u32(8)), 24);
     EXPECT_EQ(run(gsPlain, {}), 0);
 }
 
 TEST(CJTTraceCallbackManager, ListsDefinitionsInRegistrationOrder)
 {
     CJTTraceCallbackManager& m = CJTTraceCallbackManager::getInstance();
-    uint32_t before = m.getNumberOfCallbacks();
+    const uint16_t before = static_cast<uint16_t>(m.getNumberOfCallbacks());
+    int result = 0;
     {
         CJTTraceCallbackDef temporary(triple, "Test_temporary", "");
-        ASSERT_EQ(m.getNumberOfCallbacks(), before + 1);
+        CJTByteStream data(Data().u32(4).data(), 4);
         EXPECT_EQ(m.getCallbackDef(before), &temporary);
-        std::vector<uint8_t> d;
-        u32(d, 4);
-        CJTByteStream data(d.data(), static_cast<uint32_t>(d.size()));
-        int result = 0;
-        EXPECT_TRUE(m.executeCallback(1, static_cast<uint16_t>(before), data, result));
+        EXPECT_TRUE(m.executeCallback(1, before, data, result));
         EXPECT_EQ(result, 12);
     }
-    EXPECT_EQ(m.getNumberOfCallbacks(), before);
     CJTByteStream empty;
-    int result = 0;
-    EXPECT_FALSE(m.executeCallback(1, static_cast<uint16_t>(before), empty, result));
-    EXPECT_EQ(m.getCallbackDef(before), nullptr);
+    EXPECT_EQ(m.getNumberOfCallbacks(), before);
+    EXPECT_FALSE(m.executeCallback(1, before, empty, result));
 }

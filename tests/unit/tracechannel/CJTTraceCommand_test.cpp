@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <vector>
 
 namespace
@@ -17,38 +18,20 @@ namespace
     }
 }
 
+// Only a call (command 9) has data, as many bytes as its parameter says or as arrived.
 TEST(CJTTraceCommand, ReadsCodeParameterAndOnlyCallData)
 {
     CJTTraceCommand filter = parse({3, 0x05, 0x00, 0x7F, 0x00, 0xAA});
     EXPECT_EQ(filter.getCode(), 3);
     EXPECT_EQ(filter.getParameter(), 0x007F0005u);
-    EXPECT_EQ(filter.getData().getSize(), 0u);  // only command 9 has data
-
-    CJTTraceCommand call = parse({9, 4, 0, 0, 0, 1, 0, 2, 0, 0xFF});
-    EXPECT_EQ(call.getParameter(), 4u);
-    uint16_t index = 0, id = 0;
-    EXPECT_TRUE(call.readData(index));
-    EXPECT_TRUE(call.readData(id));
-    EXPECT_EQ(index, 1);
-    EXPECT_EQ(id, 2);
-    uint8_t more;
-    EXPECT_FALSE(call.readData(more));  // the fifth byte is not part of the command
-}
-
-TEST(CJTTraceCommand, ShortInputKeepsWhatArrivedOrBecomesCommandZero)
-{
+    EXPECT_EQ(filter.getData().getSize(), 0u);
+    EXPECT_EQ(parse({9, 4, 0, 0, 0, 1, 0, 2, 0, 0xFF}).getData().getSize(), 4u);
     bool ok = false;
     CJTTraceCommand shortCall = parse({9, 3, 0, 0, 0, 0x11, 0x22}, &ok);
     EXPECT_TRUE(ok);
-    EXPECT_EQ(shortCall.getCode(), 9);
-    EXPECT_EQ(shortCall.getParameter(), 3u);
     EXPECT_EQ(shortCall.getData().getSize(), 2u);
-
-    CJTTraceCommand huge = parse({9, 0xFF, 0xFF, 0xFF, 0xFF, 1});
-    EXPECT_EQ(huge.getData().getSize(), 1u);
-
-    for (std::vector<uint8_t> bytes : {std::vector<uint8_t>{}, {1}, {1, 2, 3, 4}})
-    {
+    EXPECT_EQ(parse({9, 0xFF, 0xFF, 0xFF, 0xFF, 1}).getData().getSize(), 1u);
+    for (std::vector<uint8_t> bytes : {std::vector<uint8_t>{}, {1}, {1, 2, 3, 4}}) {
         CJTTraceCommand c = parse(bytes, &ok);
         EXPECT_FALSE(ok);
         EXPECT_EQ(c.getCode(), 0);
@@ -67,10 +50,9 @@ TEST(CJTTraceCommand, ToBufferOnlyForTheExactSize)
     EXPECT_FALSE(c.toBuffer(buf, 12));
     ASSERT_TRUE(c.toBuffer(buf, 11));
     const uint8_t expected[11] = {9, 6, 0, 0, 0, 0x02, 0x01, 0xD0, 0xC0, 0xB0, 0xA0};
-    EXPECT_EQ(0, memcmp(buf, expected, 11));
-
-    CJTByteStream again(buf, 11);
-    CJTTraceCommand back;
-    ASSERT_TRUE(back.readFrom(again));
-    EXPECT_EQ(back.getData(), c.getData());
+    EXPECT_EQ(0, std::memcmp(buf, expected, 11));
+    uint16_t first = 0;
+    CJTTraceCommand back = parse(std::vector<uint8_t>(buf, buf + 11));
+    EXPECT_TRUE(back.readData(first));
+    EXPECT_EQ(first, 0x0102);
 }
