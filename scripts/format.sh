@@ -16,8 +16,11 @@ if ! command -v clang-format >/dev/null; then
   exit 2
 fi
 
-mapfile -t files < <(git ls-files --cached --others --exclude-standard -- \
-                       '*.c' '*.h' '*.cpp' '*.hpp' ':!:fuzz/corpus/**' | sort -u)
+files=()
+while IFS= read -r file; do
+  [ -f "$file" ] && files+=("$file")  # a file deleted but not yet committed is no longer ours
+done < <(git ls-files --cached --others --exclude-standard -- \
+           '*.c' '*.h' '*.cpp' '*.hpp' ':!:fuzz/corpus/**' | sort -u)
 if [ ${#files[@]} -eq 0 ]; then
   echo "format: no source files found (run it inside the git checkout)" >&2
   exit 2
