@@ -132,15 +132,8 @@ int CCBRadio::startService()
 int CCBRadio::stopService()
 {
     mServiceRegistered.store(false, std::memory_order_relaxed);
-    // The VOX subscription is left to the closing of the connection on purpose.
-    subscribeRiderPTT(false);
-    subscribePassengerPTT(false);
-    subscribePowerMode(false);
-    subscribettsAvailable(false);
-    subscribeinterruptSrcState(false);
-    subscribeAudioRoutingStatus(false);
-    subscriberearControllerState(false);
-    subscribeHuInpectionModeState(false);
+    // Eight of the nine: the VOX subscription is left to the closing of the connection on purpose.
+    subscribeClients(false);
     deInitializeDBUSService();
     return deInitializeIPCService();
 }
