@@ -31,6 +31,13 @@ namespace
         return (static_cast<uint64_t>(fd) << 8) | static_cast<uint8_t>(code);
     }
 
+    // The master's failures go to standard output like every "[GEN]" diagnostic of the core.
+    void reportFailure(const char* what)
+    {
+        std::printf("[GEN] [TimerMaster] %s failed: %s\n", what, std::strerror(errno));
+        std::fflush(stdout);
+    }
+
     // SIGUSR1 only records the request in this pipe; the thread "TimerRelease" reads it and does
     // the deletion (which joins the master thread) outside any signal handler. Both are made once
     // per process and live to its end, so the handler never writes to a reused descriptor.
@@ -52,9 +59,20 @@ namespace
 
     void startReleaseThread()
     {
-        if (::pipe2(gReleasePipe, O_CLOEXEC) != 0)
+        // Without the pipe SIGUSR1 is ignored and a master whose last timer its own handler
+        // stopped lives on, idle, until the next stop from outside.
+        if (::pipe2(gReleasePipe, O_CLOEXEC) != 0) {
+            reportFailure("release pipe");
             return;
-        ::fcntl(gReleasePipe[1], F_SETFL, O_NONBLOCK);
+        }
+        // A handler must never block on a full pipe.
+        if (::fcntl(gReleasePipe[1], F_SETFL, O_NONBLOCK) != 0) {
+            reportFailure("release pipe");
+            ::close(gReleasePipe[0]);
+            ::close(gReleasePipe[1]);
+            gReleasePipe[0] = gReleasePipe[1] = -1;
+            return;
+        }
         sigset_t all, previous;
         sigfillset(&all);
         pthread_sigmask(SIG_BLOCK, &all, &previous);
@@ -85,13 +103,6 @@ namespace
             return kept;
         }
     };
-
-    // The master's failures go to standard output like every "[GEN]" diagnostic of the core.
-    void reportFailure(const char* what)
-    {
-        std::printf("[GEN] [TimerMaster] %s failed: %s\n", what, std::strerror(errno));
-        std::fflush(stdout);
-    }
 
     class SigUsr1Blocker
     {
