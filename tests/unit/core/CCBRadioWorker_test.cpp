@@ -1,8 +1,11 @@
 #include "CCBRadio.h"
+#include "ChildProcess.h"
 #include "CDevIpcChannelHandler.h"
 #include "V850Peer.h"
 
 #include <gtest/gtest.h>
+
+#include <mutex>
 
 namespace
 {
@@ -88,13 +91,10 @@ TEST(CCBRadioWorker, ExitRequestedBeforeTheFirstWaitIsNotLost)
     radio.mReqMutex.condSignal();   // nobody waits yet: this wake-up goes nowhere
     radio.mReqMutex.unlock();
 
-    bool drained = false;
-    for (int i = 0; i < 1000 && !drained; ++i) {
-        usleep(1000);
-        radio.mReqMutex.lock();
-        drained = radio.mReqList.empty();
-        radio.mReqMutex.unlock();
-    }
+    const bool drained = waitUntil([&] {
+        const std::lock_guard<CMutex> queue(radio.mReqMutex);
+        return radio.mReqList.empty();
+    }, 1000);
     EXPECT_TRUE(drained) << "the worker waited for a wake-up that had already been sent";
     if (!drained)
         radio.postRequest(REQ_CBR_EXIT);   // release it so that the join below returns

@@ -1,3 +1,4 @@
+#include "ChildProcess.h"
 #include "CTimer.h"
 #include "CTimerMaster.h"
 #include "ITimerHandler.h"
@@ -10,16 +11,7 @@
 
 namespace
 {
-    bool waitFor(const std::function<bool()>& condition, int timeoutMs = 3000)
-    {
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-        while (!condition()) {
-            if (std::chrono::steady_clock::now() > deadline)
-                return false;
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-        return true;
-    }
+    bool waitFor(const std::function<bool()>& condition) { return waitUntil(condition, 3000); }
 
     struct CountingHandler : ITimerHandler
     {
