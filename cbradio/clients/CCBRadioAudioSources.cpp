@@ -165,11 +165,6 @@ namespace
 
     unsigned int errorCode(SVCIPC_tError status) { return SVCIPC_GET_CODE(status); }
 
-    int completionError(const SVCIPC_tCallbackStatus* status)
-    {
-        return status != nullptr ? status->errCode : static_cast<int>(SVCIPC_ERROR_INTERNAL);
-    }
-
     std::string sourceParams(const char* source, bool exclusive)
     {
         Json::Value params(Json::objectValue);
@@ -239,15 +234,10 @@ namespace
     void onAnswer(const CJTTraceScope& scope, const SVCIPC_tCallbackStatus* status, const char* result,
                   const AudioSource& src, bool add)
     {
-        if (completionError(status) != 0) {
-            trace(scope, add ? src.addedError : src.removedError);
-            return;
-        }
         Json::Value root;
-        if (!CBRadioJson::parseObject(result, root)) {
-            trace(scope, add ? src.addedParseError : src.removedParseError);
+        if (!CBRadioJson::replyObject(scope, status, result, root, add ? src.addedError : src.removedError,
+                                      add ? src.addedParseError : src.removedParseError))
             return;
-        }
         std::string action, source;
         if (!CBRadioJson::readString(root, "action", action) || !CBRadioJson::readString(root, "source", source)) {
             trace(scope, add ? src.addedNotMember : src.removedNotMember);
@@ -341,15 +331,10 @@ void CCBRadio::onCompletionCBTxRemoveInterruptSrc(const SVCIPC_tCallbackStatus* 
 void CCBRadio::onCompletionSetDeviceState(const SVCIPC_tCallbackStatus* status, const char* result, SVCIPC_tUserToken)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_onCompletionSetDeviceState);
-    if (completionError(status) != 0) {
-        scope.sendFormattedMessage("\n[CBR onCompletionSetDeviceState] : error \n");
-        return;
-    }
     Json::Value root;
-    if (!CBRadioJson::parseObject(result, root)) {
-        scope.sendFormattedMessage("\n[CBR onCompletionSetDeviceState] : error parsing \n");
+    if (!CBRadioJson::replyObject(scope, status, result, root, "\n[CBR onCompletionSetDeviceState] : error \n",
+                                  "\n[CBR onCompletionSetDeviceState] : error parsing \n"))
         return;
-    }
     std::string micD, micP;
     if (CBRadioJson::readString(root, "MIC_D", micD) && CBRadioJson::readString(root, "MIC_P", micP))
         scope.sendFormattedMessage("\n[CBR onCompletionSetDeviceState] : success ==> MIC_D=%s MIC_P=%s\n", micD.c_str(),
@@ -361,15 +346,10 @@ void CCBRadio::onCompletionSetDeviceState(const SVCIPC_tCallbackStatus* status, 
 void CCBRadio::oninterruptSrcStateSignal(const char* sigName, const char* data, SVCIPC_tUserToken)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_oninterruptSrcStateSignal);
-    if (std::strcmp(orEmpty(sigName), "interruptSrc") != 0) {
-        scope.sendFormattedMessage("[CBR oninterruptSrcStateSignal] : error");
-        return;
-    }
     Json::Value root;
-    if (!CBRadioJson::parseObject(data, root)) {
-        scope.sendFormattedMessage("[CBR oninterruptSrcStateSignal] : parse error");
+    if (!CBRadioJson::signalObject(scope, sigName, "interruptSrc", data, root, "[CBR oninterruptSrcStateSignal] : error",
+                                   "[CBR oninterruptSrcStateSignal] : parse error"))
         return;
-    }
     const std::string action = CBRadioJson::stringOr(root, "action");
     const std::string source = CBRadioJson::stringOr(root, "source");
     const AudioSource* src = source == TX.name ? &TX : source == RX.name ? &RX : nullptr;

@@ -353,15 +353,10 @@ void CCBRadio::ondiagInspectionModeStatusSignal(const char* sigName, const char*
 void CCBRadio::onRearControllerStateSignal(const char* sigName, const char* data, SVCIPC_tUserToken)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_onRearControllerStateSignal);
-    if (!isSignal(sigName, "rearControllerState")) {
-        scope.sendFormattedMessage("[CBR onRearControllerStateSignal] : error");
-        return;
-    }
     Json::Value root;
-    if (!CBRadioJson::parseObject(data, root)) {
-        scope.sendFormattedMessage("[CBR onRearControllerStateSignal] : parse error");
+    if (!CBRadioJson::signalObject(scope, sigName, "rearControllerState", data, root, "[CBR onRearControllerStateSignal] : error",
+                                   "[CBR onRearControllerStateSignal] : parse error"))
         return;
-    }
     const std::string state = CBRadioJson::stringOr(root, "state");
     scope.sendFormattedMessage("[CBR onRearControllerStateSignal] : %s ", state.c_str());
     if (state == "ON")
@@ -373,15 +368,10 @@ void CCBRadio::onRearControllerStateSignal(const char* sigName, const char* data
 void CCBRadio::onAudioRoutingStatusSignal(const char* sigName, const char* data, SVCIPC_tUserToken)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_onAudioRoutingStatusSignal);
-    if (!isSignal(sigName, "audioRoutingStatus")) {
-        scope.sendFormattedMessage("[CBR onAudioRoutingStatusSignal] : error");
-        return;
-    }
     Json::Value root;
-    if (!CBRadioJson::parseObject(data, root)) {
-        scope.sendFormattedMessage("[CBR onAudioRoutingStatusSignal] : parse error");
+    if (!CBRadioJson::signalObject(scope, sigName, "audioRoutingStatus", data, root, "[CBR onAudioRoutingStatusSignal] : error",
+                                   "[CBR onAudioRoutingStatusSignal] : parse error"))
         return;
-    }
     const Json::Value& routing = CBRadioJson::member(root, "audioRoutingStatus");
     if (CBRadioJson::stringOr(routing, "source") != "communication")
         return;
