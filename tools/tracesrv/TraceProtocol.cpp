@@ -389,7 +389,7 @@ Bytes buildCommand(uint8_t code, uint32_t parameter, const Bytes& data)
 {
     Bytes out;
     out.push_back(code);
-    if (code == CMD_CALL)
+    if (code == Cmd::CALL_CALLBACK)
     {
         putU32(out, static_cast<uint32_t>(data.size()));
         out.insert(out.end(), data.begin(), data.end());

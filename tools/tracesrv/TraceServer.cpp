@@ -309,7 +309,7 @@ void TraceServer::pumpQueue()
                 break;
             }
             mFetchedForFront = true;
-            if (!sendTo(*node, buildCommand(scopes ? CMD_LIST_SCOPES : CMD_LIST_CALLBACKS, 0)))
+            if (!sendTo(*node, buildCommand(scopes ? Cmd::LIST_SCOPES : Cmd::LIST_CALLBACKS, 0)))
                 return;
             node->session->expect(scopes ? TraceSession::Await::SCOPES : TraceSession::Await::CALLBACKS);
             mReplyDeadlineMs = now + REPLY_TIMEOUT_MS;

@@ -141,14 +141,14 @@ namespace
         {
             if (r.first == r.last)
             {
-                act.commands.push_back(buildCommand(media ? CMD_SET_MEDIA : CMD_SET_FILTER,
+                act.commands.push_back(buildCommand(media ? Cmd::SET_MEDIA : Cmd::SET_FILTER,
                                                     scopeParam(static_cast<uint16_t>(r.first), value)));
                 continue;
             }
             for (uint32_t first = r.first; first <= r.last; first += 255)
             {
                 uint32_t n = r.last - first + 1 > 255 ? 255 : r.last - first + 1;
-                act.commands.push_back(buildCommand(media ? CMD_SET_MEDIA_RANGE : CMD_SET_FILTER_RANGE,
+                act.commands.push_back(buildCommand(media ? Cmd::SET_MEDIA_RANGE : Cmd::SET_FILTER_RANGE,
                                                     rangeParam(static_cast<uint16_t>(first), static_cast<uint8_t>(n), value)));
             }
         }
@@ -245,7 +245,7 @@ namespace
         }
         Action act;
         act.kind = Action::SEND;
-        act.commands.push_back(buildCommand(CMD_CALL, 0, data));
+        act.commands.push_back(buildCommand(Cmd::CALL_CALLBACK, 0, data));
         act.await = Await::CALL;
         act.callId = callId;
         act.callbackIndex = static_cast<uint16_t>(idx);
@@ -320,9 +320,9 @@ Action translate(const std::string& line, TraceSession* s)
     else if (!s)
         a.kind = Action::NEEDS_PROCESS;
     else if (c == "info")
-        return send(CMD_PROCESS_INFO, 0, Await::INFO);
+        return send(Cmd::PROCESS_INFO, 0, Await::INFO);
     else if (c == "scopes")
-        return send(CMD_LIST_SCOPES, 0, Await::SCOPES);
+        return send(Cmd::LIST_SCOPES, 0, Await::SCOPES);
     else if (c == "filter")
         return setScopes(w, s, false);
     else if (c == "media")
@@ -331,22 +331,22 @@ Action translate(const std::string& line, TraceSession* s)
     {
         if (w.size() != 2 || (w[1] != "on" && w[1] != "off"))
             return error("usage: silent on|off");
-        return send(CMD_SILENT, w[1] == "on" ? 1 : 0);
+        return send(Cmd::SILENT, w[1] == "on" ? 1 : 0);
     }
     else if (c == "store")
-        return send(CMD_PERSISTENCE, 1);
+        return send(Cmd::PERSISTENCE, 1);
     else if (c == "kill")
-        return send(CMD_PERSISTENCE, 0);
+        return send(Cmd::PERSISTENCE, 0);
     else if (c == "reload")
-        return send(CMD_RELOAD, 0);
+        return send(Cmd::RELOAD_PERSISTENCE, 0);
     else if (c == "callbacks")
-        return send(CMD_LIST_CALLBACKS, 0, Await::CALLBACKS);
+        return send(Cmd::LIST_CALLBACKS, 0, Await::CALLBACKS);
     else if (c == "count")
-        return send(CMD_CALLBACK_COUNT, 0, Await::CALLBACK_COUNT);
+        return send(Cmd::CALLBACK_COUNT, 0, Await::CALLBACK_COUNT);
     else if (c == "call")
         return call(w, s);
     else if (c == "handlers")
-        return send(CMD_LIST_HANDLERS, 0, Await::HANDLERS);
+        return send(Cmd::LIST_HANDLERS, 0, Await::HANDLERS);
     else if (c == "raw")
     {
         long long code, param = 0;

@@ -60,7 +60,7 @@ bool CJTTraceHelper::isServerCompatibleWith(const CJTVersion& required)
 
 void CJTTraceHelper::execute(const CJTTraceCommand& command)
 {
-    if (command.getCode() != CJTTraceCommand::CMD_CALL_CALLBACK)
+    if (command.getCode() != JTTraceCommandCode::CALL_CALLBACK)
     {
         executeCmd(command.getCode(), command.getParameter());
         return;
@@ -98,13 +98,13 @@ void CJTTraceHelper::executeCmd(uint8_t code, uint32_t parameter)
 
     switch (code)
     {
-    case CJTTraceCommand::CMD_PROCESS_INFO:
+    case JTTraceCommandCode::PROCESS_INFO:
         if (connected)
             channel->writeMessage(CJTTraceMessageData::makeProcessInfo(
                 mScopeManager.getSettingsInStep(), mProcessId, mScopeManager.getNumberOfScopes(),
                 mScopeManager.getSilent(), getProcessName()));
         break;
-    case CJTTraceCommand::CMD_LIST_SCOPES:
+    case JTTraceCommandCode::LIST_SCOPES:
     {
         if (!connected)
             break;
@@ -126,14 +126,14 @@ void CJTTraceHelper::executeCmd(uint8_t code, uint32_t parameter)
         }
         break;
     }
-    case CJTTraceCommand::CMD_SET_FILTER:
+    case JTTraceCommandCode::SET_FILTER:
         mScopeManager.getScopeDef(index).setFilter(value);
         mScopeManager.setSettingsInStep(false);
         break;
-    case CJTTraceCommand::CMD_SILENT:
+    case JTTraceCommandCode::SILENT:
         mScopeManager.setSilent(parameter != 0);
         break;
-    case CJTTraceCommand::CMD_CALLBACK_COUNT:
+    case JTTraceCommandCode::CALLBACK_COUNT:
         if (connected)
         {
             CJTTraceCallbackManager& callbacks = mpCallbackManager ? *mpCallbackManager : CJTTraceCallbackManager::getInstance();
@@ -141,27 +141,27 @@ void CJTTraceHelper::executeCmd(uint8_t code, uint32_t parameter)
                                                                  callbacks.getNumberOfCallbacks(), mProcessId));
         }
         break;
-    case CJTTraceCommand::CMD_LIST_CALLBACKS:
+    case JTTraceCommandCode::LIST_CALLBACKS:
         if (connected)
             (mpCallbackManager ? *mpCallbackManager : CJTTraceCallbackManager::getInstance()).sendCallbackList(*channel, mProcessId);
         break;
-    case CJTTraceCommand::CMD_SET_FILTER_RANGE:
+    case JTTraceCommandCode::SET_FILTER_RANGE:
         mScopeManager.setFilter(first, first + count - 1, value);
         break;
-    case CJTTraceCommand::CMD_PERSISTENCE:
+    case JTTraceCommandCode::PERSISTENCE:
         if (parameter == 0)
             killPersistent();
         else if (parameter == 1)
             storePersistent();
         break;
-    case CJTTraceCommand::CMD_SET_MEDIA:
+    case JTTraceCommandCode::SET_MEDIA:
         mScopeManager.getScopeDef(index).setMedia(value);
         mScopeManager.setSettingsInStep(false);
         break;
-    case CJTTraceCommand::CMD_SET_MEDIA_RANGE:
+    case JTTraceCommandCode::SET_MEDIA_RANGE:
         mScopeManager.setMedia(first, first + count - 1, value);
         break;
-    case CJTTraceCommand::CMD_LIST_HANDLERS:
+    case JTTraceCommandCode::LIST_HANDLERS:
         if (connected)
         {
             CJTTraceMessageData list = CJTTraceMessageData::makeHandlerList(mProcessId);
@@ -175,7 +175,7 @@ void CJTTraceHelper::executeCmd(uint8_t code, uint32_t parameter)
             channel->writeMessage(list);
         }
         break;
-    case CJTTraceCommand::CMD_RELOAD_PERSISTENCE:
+    case JTTraceCommandCode::RELOAD_PERSISTENCE:
         reloadPersistence();
         break;
     default:
