@@ -143,7 +143,7 @@ TEST_F(PeerServicesTest, AnswerModesAndDelaysPerServiceAndPerMethod)
         << "a method the service does not have is never silently swallowed";
 }
 
-TEST_F(PeerServicesTest, SettingsSurviveARestartOfTheStore)
+TEST_F(PeerServicesTest, SettingsSurviveARestartOfTheStoreAndABrokenFileStartsEmpty)
 {
     const std::string file = folder + "/var/lib/peersim/keyvalue.json";
     {
@@ -167,23 +167,14 @@ TEST_F(PeerServicesTest, SettingsSurviveARestartOfTheStore)
     EXPECT_EQ("other = {\"a\":[1]}", run(again, "kv get other").message);
     EXPECT_TRUE(run(again, "kv del other").ok);
     EXPECT_EQ("other is not stored", run(again, "kv get other").message);
-}
 
-TEST_F(PeerServicesTest, ABrokenStoreFileStartsEmpty)
-{
-    const std::string file = folder + "/keyvalue.json";
     std::ofstream(file) << "[1,2";
-    KeyValueFile store(file);
-    std::string error;
-    EXPECT_FALSE(store.load(error));
+    PeerServices broken(file);
+    EXPECT_FALSE(broken.loadStore(error));
     EXPECT_NE(std::string::npos, error.find(file));
-    EXPECT_TRUE(store.keys().empty());
-    ASSERT_TRUE(store.set("k", Json::Value(7), error)) << error;
-    KeyValueFile reread(file);
-    ASSERT_TRUE(reread.load(error)) << error;
-    Json::Value v;
-    ASSERT_TRUE(reread.get("k", v));
-    EXPECT_EQ(7, v.asInt());
+    EXPECT_EQ("{\"res\":[]}", broken.onCall(Peer::PersistentKeyValue, "read", "{\"key\":\"cbRadioProperties\"}").text);
+    broken.onCall(Peer::PersistentKeyValue, "write", "{\"k\":7}");
+    EXPECT_TRUE(PeerServices(file).loadStore(error)) << "the first write replaces the broken file: " << error;
 }
 
 TEST(KeyValueFile, DefaultPathLiesUnderTheRootPrefix)
