@@ -38,6 +38,11 @@ namespace
         return true;
     }
 
+    uint32_t controlCode(const uint8_t* b)
+    {
+        return b[0] | b[1] << 8 | b[2] << 16 | static_cast<uint32_t>(b[3]) << 24;
+    }
+
     void closeFd(int& fd)
     {
         if (fd >= 0)
@@ -166,23 +171,28 @@ void TraceServer::serveRegistration(size_t i)
         }
         else if (n == 4)
         {
-            uint32_t code = buf[0] | buf[1] << 8 | buf[2] << 16 | static_cast<uint32_t>(buf[3]) << 24;
-            Bytes answer;
-            if (code == DEVCTL_GET_VERSION)
-            {
-                putU32(answer, 0);
-                for (uint16_t v : mOptions.version)
-                    putU16(answer, v);
-            }
-            else
-                putU32(answer, EINVAL);
-            ::send(fd, answer.data(), answer.size(), MSG_NOSIGNAL);
+            answerControl(fd, buf);
         }
         else
             print("malformed registration request of " + std::to_string(n) + " bytes");
     }
     ::close(fd);
     mRegistrations.erase(mRegistrations.begin() + static_cast<long>(i));
+}
+
+void TraceServer::answerControl(int fd, const uint8_t* request)
+{
+    Bytes answer;
+    if (controlCode(request) == DEVCTL_GET_VERSION)
+    {
+        putU32(answer, 0);
+        for (uint16_t v : mOptions.version)
+            putU16(answer, v);
+    }
+    else
+        putU32(answer, EINVAL);
+    if (::send(fd, answer.data(), answer.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(answer.size()))
+        print(std::string("cannot answer a device control request: ") + std::strerror(errno));
 }
 
 void TraceServer::acceptClient(Node& node)
@@ -227,14 +237,10 @@ void TraceServer::readClient(Node& node)
         dropClient(node, "disconnected");
         return;
     }
-    if (n == 4 && (buf[0] | buf[1] << 8 | buf[2] << 16 | static_cast<uint32_t>(buf[3]) << 24) == DEVCTL_GET_VERSION)
+    if (n == 4 && controlCode(buf) == DEVCTL_GET_VERSION)
     {
         // A version request on the node itself (a client asking again while connected).
-        Bytes answer;
-        putU32(answer, 0);
-        for (uint16_t v : mOptions.version)
-            putU16(answer, v);
-        ::send(node.clientFd, answer.data(), answer.size(), MSG_NOSIGNAL);
+        answerControl(node.clientFd, buf);
         return;
     }
     Record record;

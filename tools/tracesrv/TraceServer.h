@@ -65,6 +65,8 @@ private:
     void serveRegistration(size_t i);
     void createNode(const std::string& name);
     void removeNode(const std::string& name);
+    // Answers a 4-byte device control request: the version for DEVCTL_GET_VERSION, else EINVAL.
+    void answerControl(int fd, const uint8_t* request);
     void acceptClient(Node& node);
     void readClient(Node& node);
     void dropClient(Node& node, const char* why);
