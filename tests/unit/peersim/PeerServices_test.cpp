@@ -15,14 +15,6 @@ namespace
 {
 PeerOutcome run(PeerServices& s, const std::string& line) { return s.apply(PeerCommand::parse(line)); }
 
-std::string signalsOf(const PeerAnswer& a)
-{
-    std::string all;
-    for (const PeerSignal& s : a.signals)
-        all += std::string(peerName(s.peer)) + "." + s.name + " " + s.payload + ";";
-    return all;
-}
-
 class PeerServicesTest : public ::testing::Test
 {
 protected:
@@ -57,47 +49,37 @@ TEST_F(PeerServicesTest, AudioSourcesAreAddedAndRemovedWithTheirSignal)
     EXPECT_EQ(PeerAnswer::ERROR, s.onCall(Peer::AudioManager, "addInterruptSrc", "cbRX").kind);
 }
 
+// Each query answers with what was last announced or set, in order (a command, then a call and
+// its answer). The signals themselves are checked on the bus by the peersim integration test.
 TEST_F(PeerServicesTest, QueriesReportWhatTheLastSignalsSaid)
 {
+    const std::string vox = "{\"props\":[\"voxDetectedState\"]}", routing = "{\"props\":[\"audioRoutingStatus\"]}";
+    const std::string rear = "{\"props\":[\"rearControllerState\"]}", mic = "{\"device\":\"MIC\",\"state\":\"ON\"";
+    struct { const char* command; Peer peer; const char* method; std::string args; const char* answer; } rows[] = {
+        {"", Peer::AudioManager, "getProperties", "{\"props\":[\"voxDetectedState\",\"audioRoutingStatus\"]}",
+         "{\"audioRoutingStatus\":{\"headset_d\":\"checked\",\"headset_p\":\"unchecked\",\"source\":\"communication\"},"
+         "\"voxDetectedState\":{\"state\":0}}"},
+        {"vox 1", Peer::AudioManager, "getProperties", vox, "{\"voxDetectedState\":{\"state\":1}}"},
+        {"routing unchecked checked", Peer::AudioManager, "getProperties", routing,
+         "{\"audioRoutingStatus\":{\"headset_d\":\"unchecked\",\"headset_p\":\"checked\",\"source\":\"communication\"}}"},
+        {"", Peer::ModeManager, "getProperties", rear, "{\"rearControllerState\":{\"state\":\"ON\"}}"},
+        {"rear OFF", Peer::ModeManager, "getProperties", rear, "{\"rearControllerState\":{\"state\":\"OFF\"}}"},
+        {"diag-reply 2 busy", Peer::DiagnosticService, "reqGetDiagInspectionModeStatus", "",
+         "{\"code\":2,\"description\":\"busy\"}"},
+        // Microphones follow the user: the driver's, else the passenger's.
+        {"", Peer::AudioManager, "setDeviceState", mic + ",\"user\":\"driver\"}", "{\"MIC_D\":\"ON\",\"MIC_P\":\"OFF\"}"},
+        {"", Peer::AudioManager, "setDeviceState", mic + "}", "{\"MIC_D\":\"ON\",\"MIC_P\":\"ON\"}"},
+    };
     PeerServices s("");
-    const std::string both = "{\"props\":[\"voxDetectedState\",\"audioRoutingStatus\"]}";
-    EXPECT_EQ("{\"audioRoutingStatus\":{\"headset_d\":\"checked\",\"headset_p\":\"unchecked\",\"source\":\"communication\"},"
-              "\"voxDetectedState\":{\"state\":0}}",
-              s.onCall(Peer::AudioManager, "getProperties", both).text);
-
-    // The signals themselves (names, members, payloads) are checked on the bus by the peersim
-    // integration test; here, that each query answers with what was last announced.
-    run(s, "vox 1");
-    run(s, "routing unchecked checked");
-    EXPECT_EQ("{\"voxDetectedState\":{\"state\":1}}",
-              s.onCall(Peer::AudioManager, "getProperties", "{\"props\":[\"voxDetectedState\"]}").text);
-    EXPECT_EQ("{\"audioRoutingStatus\":{\"headset_d\":\"unchecked\",\"headset_p\":\"checked\",\"source\":\"communication\"}}",
-              s.onCall(Peer::AudioManager, "getProperties", "{\"props\":[\"audioRoutingStatus\"]}").text);
-
-    EXPECT_EQ("{\"rearControllerState\":{\"state\":\"ON\"}}",
-              s.onCall(Peer::ModeManager, "getProperties", "{\"props\":[\"rearControllerState\"]}").text);
-    run(s, "rear OFF");
-    EXPECT_EQ("{\"rearControllerState\":{\"state\":\"OFF\"}}",
-              s.onCall(Peer::ModeManager, "getProperties", "{\"props\":[\"rearControllerState\"]}").text);
-
+    for (auto& row : rows) {
+        if (*row.command)
+            run(s, row.command);
+        EXPECT_EQ(row.answer, s.onCall(row.peer, row.method, row.args).text) << row.command << " " << row.method;
+    }
     run(s, "power 4");
-    PeerAnswer power = s.onCall(Peer::MERIDOOnOff, "getPowerMode", "");
-    EXPECT_EQ("MERIDOOnOff.powerMode {\"value\":4};", signalsOf(power));
-
-    run(s, "diag-reply 2 busy");
-    EXPECT_EQ("{\"code\":2,\"description\":\"busy\"}",
-              s.onCall(Peer::DiagnosticService, "reqGetDiagInspectionModeStatus", "").text);
-}
-
-TEST_F(PeerServicesTest, MicrophonesFollowTheUser)
-{
-    PeerServices s("");
-    EXPECT_EQ("{\"MIC_D\":\"ON\",\"MIC_P\":\"OFF\"}",
-              s.onCall(Peer::AudioManager, "setDeviceState", "{\"device\":\"MIC\",\"state\":\"ON\",\"user\":\"driver\"}").text);
-    EXPECT_EQ("{\"MIC_D\":\"ON\",\"MIC_P\":\"ON\"}",
-              s.onCall(Peer::AudioManager, "setDeviceState", "{\"device\":\"MIC\",\"state\":\"ON\"}").text);
-    EXPECT_EQ(PeerAnswer::ERROR,
-              s.onCall(Peer::AudioManager, "setDeviceState", "{\"device\":{},\"state\":\"ON\"}").kind);
+    EXPECT_EQ("{\"value\":4}", s.onCall(Peer::MERIDOOnOff, "getPowerMode", "").signals.at(0).payload)
+        << "the power mode is answered with its signal";
+    EXPECT_EQ(PeerAnswer::ERROR, s.onCall(Peer::AudioManager, "setDeviceState", "{\"device\":{},\"state\":\"ON\"}").kind);
 }
 
 TEST_F(PeerServicesTest, ReadOutsTakeTheirTimeAndCanBeAnsweredWithAnErrorCode)
