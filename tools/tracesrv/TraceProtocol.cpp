@@ -341,72 +341,118 @@ std::string printable(const std::string& text)
     return s;
 }
 
-std::string describeRecord(const Record& r, const std::string& process, const Names& names)
+namespace
 {
-    const char* p = process.c_str();
-    switch (r.recordClass)
+    // One line per record class; p is the process name.
+    std::string messageHead(const Record& r, const char* p)
     {
-    case REC_MESSAGE:
+        return format("%s %s %u %s ", timeText(r.timeMs).c_str(), p, r.tid, kindPrefix(r.subCode));
+    }
+
+    std::string describeMessage(const Record& r, const char* p, const Names& names)
     {
-        std::string head = format("%s %s %u %s ", timeText(r.timeMs).c_str(), p, r.tid, kindPrefix(r.subCode));
         std::string scope = scopeText(names, r.index);
         // Entry and exit carry the scope's own name as text: show it once.
         if ((r.subCode == 4 || r.subCode == 8) && r.text == scope)
-            return head + scope;
-        return head + scope + ": " + printable(r.text);
+            return messageHead(r, p) + scope;
+        return messageHead(r, p) + scope + ": " + printable(r.text);
     }
-    case REC_MESSAGE_EX:
-        return format("%s %s %u %s ", timeText(r.timeMs).c_str(), p, r.tid, kindPrefix(r.subCode)) +
-               scopeText(names, r.index) + format(": [id 0x%08X] ", r.value) + printable(r.text);
-    case REC_PROGRESS:
-        return r.subCode == PROGRESS_START ? format("%s progress start %u", p, r.value)
-                                           : format("%s progress %u", p, r.value);
-    case REC_COUNT:
+
+    std::string describeMessageEx(const Record& r, const char* p, const Names& names)
+    {
+        return messageHead(r, p) + scopeText(names, r.index) + format(": [id 0x%08X] ", r.value) + printable(r.text);
+    }
+
+    std::string describeProgress(const Record& r, const char* p, const Names&)
+    {
+        return r.subCode == PROGRESS_START ? format("%s progress start %u", p, r.value) : format("%s progress %u", p, r.value);
+    }
+
+    std::string describeCount(const Record& r, const char* p, const Names&)
+    {
         if (r.subCode == COUNT_SCOPES)
             return format("%s scope count %u", p, r.value);
         if (r.subCode == COUNT_CALLBACKS)
             return format("%s callback count %u", p, r.value);
         return format("%s count %u (kind %u)", p, r.value, r.subCode);
-    case REC_PROCESS_INFO:
+    }
+
+    std::string describeProcessInfo(const Record& r, const char* p, const Names&)
+    {
         return format("%s info: pid %u, name \"", p, r.pid) + printable(r.name) +
                format("\", %u scopes, silent %s, settings %s", r.value, r.silent ? "on" : "off",
                       r.subCode ? "as stored" : "changed since stored");
-    case REC_SCOPE:
+    }
+
+    std::string describeScope(const Record& r, const char* p, const Names&)
+    {
         return format("%s scope %u ", p, r.index) + printable(r.name) +
                format(" filter 0x%02X media 0x%02X event %u", r.filter, r.media, r.kernelEvent);
-    case REC_CALLBACK:
+    }
+
+    std::string describeCallback(const Record& r, const char* p, const Names&)
+    {
         return format("%s callback %u ", p, r.index) + printable(r.name) +
                format(" (%u params, %u return values)%s: ", r.paramCount, r.retvalCount,
                       r.subCode == CALLBACK_LAST ? " last" : "") + printable(r.text);
-    case REC_CALLBACK_PARAM:
-    case REC_CALLBACK_RETVAL:
+    }
+
+    std::string describeCallbackEntry(const Record& r, const char* p, const Names&)
+    {
         return format("%s callback %u %s %s \"", p, r.index,
                       r.recordClass == REC_CALLBACK_PARAM ? "param" : "return value", typeName(r.subCode)) +
                printable(r.name) + "\"";
-    case REC_CALL_RESULT:
+    }
+
+    std::string describeCallResult(const Record& r, const char* p, const Names& names)
     {
         std::string name = names.callback ? names.callback(r.index) : std::string();
-        return format("%s call %u: callback %u%s%s returned %d", p, r.callId, r.index,
-                      name.empty() ? "" : " ", name.c_str(), static_cast<int32_t>(r.value));
+        return format("%s call %u: callback %u%s%s returned %d", p, r.callId, r.index, name.empty() ? "" : " ",
+                      name.c_str(), static_cast<int32_t>(r.value));
     }
-    case REC_CALL_RETVAL:
+
+    std::string describeCallRetval(const Record& r, const char* p, const Names& names)
     {
         uint8_t type = names.retvalType ? names.retvalType(r.callId, r.subCode) : 0;
         return format("%s call %u: return value %u row %u = ", p, r.callId, r.subCode, r.row) + retvalText(r, type);
     }
-    case REC_LOG:
+
+    std::string describeLog(const Record& r, const char* p, const Names&)
+    {
         return format("%s %s log %u/%u%s", timeText(r.timeMs).c_str(), p, r.subCode, r.value, logMeaning(r.value)) +
                (r.hasText ? ": " + printable(r.text) : std::string());
-    case REC_HANDLERS:
+    }
+
+    std::string describeHandlers(const Record& r, const char* p, const Names&)
     {
         std::string s = format("%s handlers:", p);
         for (size_t i = 0; i < r.handlers.size(); ++i)
             s += format("%s %u ", i ? "," : "", r.handlers[i].first) + printable(r.handlers[i].second);
         return s;
     }
-    default:
-        return format("%s record class %u sub-code %u: [", p, r.recordClass, r.subCode) + hex(r.data) + "]";
-    }
+
+    struct LineWriter
+    {
+        uint8_t recordClass;
+        std::string (*describe)(const Record&, const char*, const Names&);
+    };
+    const LineWriter kLineWriters[] = {
+        {REC_MESSAGE, describeMessage},          {REC_MESSAGE_EX, describeMessageEx},
+        {REC_PROGRESS, describeProgress},        {REC_COUNT, describeCount},
+        {REC_PROCESS_INFO, describeProcessInfo}, {REC_SCOPE, describeScope},
+        {REC_CALLBACK, describeCallback},        {REC_CALLBACK_PARAM, describeCallbackEntry},
+        {REC_CALLBACK_RETVAL, describeCallbackEntry}, {REC_CALL_RESULT, describeCallResult},
+        {REC_CALL_RETVAL, describeCallRetval},   {REC_LOG, describeLog},
+        {REC_HANDLERS, describeHandlers},
+    };
+}
+
+std::string describeRecord(const Record& r, const std::string& process, const Names& names)
+{
+    for (const LineWriter& w : kLineWriters)
+        if (w.recordClass == r.recordClass)
+            return w.describe(r, process.c_str(), names);
+    return format("%s record class %u sub-code %u: [", process.c_str(), r.recordClass, r.subCode) + hex(r.data) + "]";
 }
 
 void putU16(Bytes& out, uint16_t v)
