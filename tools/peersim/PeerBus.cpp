@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
 #include <poll.h>
 #include <unistd.h>
 
@@ -296,14 +297,7 @@ void PeerBus::answer(DBusMessage* call, Peer peer, const std::string& method, co
     } else if (a.kind == PeerAnswer::REPLY && !isText(a.text)) {
         mLog.note("reply to " + what + " is not UTF-8 and cannot be sent; no answer");
     } else if (a.kind == PeerAnswer::REPLY) {
-        DBusMessage* reply = dbus_message_new_method_return(call);
-        const char* text = a.text.c_str();
-        if (reply && dbus_message_append_args(reply, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID)) {
-            send(reply);
-            mLog.line("REPLY " + what + " " + a.text);
-        }
-        if (reply)
-            dbus_message_unref(reply);
+        sendText(dbus_message_new_method_return(call), a.text, "REPLY " + what + " " + a.text);
     } else {
         const std::string message = isText(a.errorMessage) ? a.errorMessage : std::string("failed");
         DBusMessage* error = dbus_message_new_error(call, a.errorName.c_str(), message.c_str());
@@ -315,6 +309,16 @@ void PeerBus::answer(DBusMessage* call, Peer peer, const std::string& method, co
     }
     for (const PeerSignal& s : a.signals)
         emitNow(s);
+}
+
+void PeerBus::sendText(DBusMessage* message, const std::string& text, const std::string& logLine)
+{
+    std::unique_ptr<DBusMessage, void (*)(DBusMessage*)> owned(message, dbus_message_unref);
+    const char* chars = text.c_str();
+    if (owned && dbus_message_append_args(message, DBUS_TYPE_STRING, &chars, DBUS_TYPE_INVALID)) {
+        send(message);
+        mLog.line(logLine);
+    }
 }
 
 void PeerBus::send(DBusMessage* message)
@@ -370,12 +374,6 @@ void PeerBus::emitNow(const PeerSignal& s)
         return;
     }
     const std::string path = peerObjectPath(s.peer), interface = peerBusName(s.peer);
-    DBusMessage* signal = dbus_message_new_signal(path.c_str(), interface.c_str(), s.name.c_str());
-    const char* text = s.payload.c_str();
-    if (signal && dbus_message_append_args(signal, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID)) {
-        send(signal);
-        mLog.line("SIGNAL " + what + " " + s.payload);
-    }
-    if (signal)
-        dbus_message_unref(signal);
+    sendText(dbus_message_new_signal(path.c_str(), interface.c_str(), s.name.c_str()), s.payload,
+             "SIGNAL " + what + " " + s.payload);
 }

@@ -76,6 +76,9 @@ private:
     void handleCall(DBusMessage* call);
     void answer(DBusMessage* call, Peer peer, const std::string& method, const PeerAnswer& a);
     void send(DBusMessage* message);
+    // Sends a message (taking its reference; null is allowed) with one string argument, then
+    // logs logLine.
+    void sendText(DBusMessage* message, const std::string& text, const std::string& logLine);
     bool joinNow(Peer peer);
     void leaveNow(Peer peer);
     void emitNow(const PeerSignal& signal);

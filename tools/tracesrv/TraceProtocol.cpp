@@ -68,111 +68,147 @@ namespace
         bool mOk = true;
     };
 
+    // One decoder per record class: the fixed fields, then the variable tail. Reads past the end
+    // yield zeros and empty texts, so each decoder checks the reader once, at its end.
+    bool decodeMessage(Record& r, Reader& in)
+    {
+        r.hasTime = true;
+        r.timeMs = in.u32();
+        r.pid = in.u32();
+        r.tid = in.u32();
+        in.u16();
+        r.index = in.u16();
+        if (r.recordClass == REC_MESSAGE_EX)
+            r.value = in.u32();
+        r.hasText = in.left() > 0 || r.recordClass == REC_MESSAGE;
+        r.text = in.text();
+        return in.ok();
+    }
+
+    bool decodeProgress(Record& r, Reader& in)
+    {
+        r.pid = in.u32();
+        r.value = in.u32();
+        in.u32();
+        return in.ok();
+    }
+
+    bool decodeCount(Record& r, Reader& in)
+    {
+        r.value = in.u32();
+        r.pid = in.u32();
+        return in.ok();
+    }
+
+    bool decodeProcessInfo(Record& r, Reader& in)
+    {
+        r.pid = in.u32();
+        r.value = in.u16();
+        r.silent = in.u8();
+        r.name = in.text();
+        return in.ok();
+    }
+
+    bool decodeScope(Record& r, Reader& in)
+    {
+        r.pid = in.u32();
+        r.index = in.u16();
+        r.kernelEvent = in.u8();
+        r.media = in.u8();
+        r.filter = in.u8();
+        r.name = in.text();
+        return in.ok();
+    }
+
+    bool decodeCallback(Record& r, Reader& in)
+    {
+        r.pid = in.u32();
+        r.index = in.u16();
+        r.paramCount = in.u8();
+        r.retvalCount = in.u8();
+        in.u16();
+        r.name = in.paddedText(40);
+        r.text = in.text();
+        return in.ok();
+    }
+
+    bool decodeCallbackEntry(Record& r, Reader& in)  // a parameter or a return value
+    {
+        r.pid = in.u32();
+        r.index = in.u16();
+        r.name = in.text();
+        return in.ok();
+    }
+
+    bool decodeCallResult(Record& r, Reader& in)
+    {
+        r.pid = in.u32();
+        r.index = in.u32();
+        r.callId = in.u16();
+        in.u16();
+        r.value = in.u32();
+        return in.ok();
+    }
+
+    bool decodeCallRetval(Record& r, Reader& in)
+    {
+        r.row = in.u16();
+        r.callId = in.u16();
+        r.data = in.rest();
+        return in.ok();
+    }
+
+    bool decodeLog(Record& r, Reader& in)
+    {
+        r.hasTime = true;
+        r.timeMs = in.u32();
+        r.pid = in.u32();
+        r.value = in.u16();
+        in.u8();
+        in.u8();
+        r.hasText = in.left() > 0;
+        r.text = in.text();
+        return in.ok();
+    }
+
+    bool decodeHandlers(Record& r, Reader& in)
+    {
+        r.pid = in.u32();
+        while (in.left() > 0)
+        {
+            uint8_t bit = in.u8();
+            r.handlers.emplace_back(bit, in.text());
+        }
+        return in.ok();
+    }
+
+    bool decodeUnknown(Record& r, Reader& in)
+    {
+        r.data = in.rest();
+        return true;
+    }
+
+    struct BodyDecoder
+    {
+        uint8_t recordClass;
+        bool (*decode)(Record&, Reader&);
+    };
+    const BodyDecoder kDecoders[] = {
+        {REC_MESSAGE, decodeMessage},          {REC_MESSAGE_EX, decodeMessage},
+        {REC_PROGRESS, decodeProgress},        {REC_COUNT, decodeCount},
+        {REC_PROCESS_INFO, decodeProcessInfo}, {REC_SCOPE, decodeScope},
+        {REC_CALLBACK, decodeCallback},        {REC_CALLBACK_PARAM, decodeCallbackEntry},
+        {REC_CALLBACK_RETVAL, decodeCallbackEntry}, {REC_CALL_RESULT, decodeCallResult},
+        {REC_CALL_RETVAL, decodeCallRetval},   {REC_LOG, decodeLog},
+        {REC_HANDLERS, decodeHandlers},
+    };
+
     bool decodeBody(Record& r, Reader& in)
     {
-        switch (r.recordClass)
-        {
-        case REC_MESSAGE:
-        case REC_MESSAGE_EX:
-            r.hasTime = true;
-            r.timeMs = in.u32();
-            r.pid = in.u32();
-            r.tid = in.u32();
-            in.u16();
-            r.index = in.u16();
-            if (r.recordClass == REC_MESSAGE_EX)
-                r.value = in.u32();
-            if (!in.ok())
-                return false;
-            r.hasText = in.left() > 0 || r.recordClass == REC_MESSAGE;
-            r.text = in.text();
-            return true;
-        case REC_PROGRESS:
-            r.pid = in.u32();
-            r.value = in.u32();
-            in.u32();
-            return in.ok();
-        case REC_COUNT:
-            r.value = in.u32();
-            r.pid = in.u32();
-            return in.ok();
-        case REC_PROCESS_INFO:
-            r.pid = in.u32();
-            r.value = in.u16();
-            r.silent = in.u8();
-            if (!in.ok())
-                return false;
-            r.name = in.text();
-            return true;
-        case REC_SCOPE:
-            r.pid = in.u32();
-            r.index = in.u16();
-            r.kernelEvent = in.u8();
-            r.media = in.u8();
-            r.filter = in.u8();
-            if (!in.ok())
-                return false;
-            r.name = in.text();
-            return true;
-        case REC_CALLBACK:
-            r.pid = in.u32();
-            r.index = in.u16();
-            r.paramCount = in.u8();
-            r.retvalCount = in.u8();
-            in.u16();
-            if (!in.ok())
-                return false;
-            r.name = in.paddedText(40);
-            r.text = in.text();
-            return true;
-        case REC_CALLBACK_PARAM:
-        case REC_CALLBACK_RETVAL:
-            r.pid = in.u32();
-            r.index = in.u16();
-            if (!in.ok())
-                return false;
-            r.name = in.text();
-            return true;
-        case REC_CALL_RESULT:
-            r.pid = in.u32();
-            r.index = in.u32();
-            r.callId = in.u16();
-            in.u16();
-            r.value = in.u32();
-            return in.ok();
-        case REC_CALL_RETVAL:
-            r.row = in.u16();
-            r.callId = in.u16();
-            if (!in.ok())
-                return false;
-            r.data = in.rest();
-            return true;
-        case REC_LOG:
-            r.hasTime = true;
-            r.timeMs = in.u32();
-            r.pid = in.u32();
-            r.value = in.u16();
-            in.u8();
-            in.u8();
-            if (!in.ok())
-                return false;
-            r.hasText = in.left() > 0;
-            r.text = in.text();
-            return true;
-        case REC_HANDLERS:
-            r.pid = in.u32();
-            if (!in.ok())
-                return false;
-            while (in.left() > 0)
-            {
-                uint8_t bit = in.u8();
-                r.handlers.emplace_back(bit, in.text());
-            }
-            return true;
-        default:
-            r.data = in.rest();
-            return true;
-        }
+        for (const BodyDecoder& d : kDecoders)
+            if (d.recordClass == r.recordClass)
+                return d.decode(r, in);
+        return decodeUnknown(r, in);
     }
 
     std::string hex(const Bytes& b)
@@ -305,72 +341,118 @@ std::string printable(const std::string& text)
     return s;
 }
 
-std::string describeRecord(const Record& r, const std::string& process, const Names& names)
+namespace
 {
-    const char* p = process.c_str();
-    switch (r.recordClass)
+    // One line per record class; p is the process name.
+    std::string messageHead(const Record& r, const char* p)
     {
-    case REC_MESSAGE:
+        return format("%s %s %u %s ", timeText(r.timeMs).c_str(), p, r.tid, kindPrefix(r.subCode));
+    }
+
+    std::string describeMessage(const Record& r, const char* p, const Names& names)
     {
-        std::string head = format("%s %s %u %s ", timeText(r.timeMs).c_str(), p, r.tid, kindPrefix(r.subCode));
         std::string scope = scopeText(names, r.index);
         // Entry and exit carry the scope's own name as text: show it once.
         if ((r.subCode == 4 || r.subCode == 8) && r.text == scope)
-            return head + scope;
-        return head + scope + ": " + printable(r.text);
+            return messageHead(r, p) + scope;
+        return messageHead(r, p) + scope + ": " + printable(r.text);
     }
-    case REC_MESSAGE_EX:
-        return format("%s %s %u %s ", timeText(r.timeMs).c_str(), p, r.tid, kindPrefix(r.subCode)) +
-               scopeText(names, r.index) + format(": [id 0x%08X] ", r.value) + printable(r.text);
-    case REC_PROGRESS:
-        return r.subCode == PROGRESS_START ? format("%s progress start %u", p, r.value)
-                                           : format("%s progress %u", p, r.value);
-    case REC_COUNT:
+
+    std::string describeMessageEx(const Record& r, const char* p, const Names& names)
+    {
+        return messageHead(r, p) + scopeText(names, r.index) + format(": [id 0x%08X] ", r.value) + printable(r.text);
+    }
+
+    std::string describeProgress(const Record& r, const char* p, const Names&)
+    {
+        return r.subCode == PROGRESS_START ? format("%s progress start %u", p, r.value) : format("%s progress %u", p, r.value);
+    }
+
+    std::string describeCount(const Record& r, const char* p, const Names&)
+    {
         if (r.subCode == COUNT_SCOPES)
             return format("%s scope count %u", p, r.value);
         if (r.subCode == COUNT_CALLBACKS)
             return format("%s callback count %u", p, r.value);
         return format("%s count %u (kind %u)", p, r.value, r.subCode);
-    case REC_PROCESS_INFO:
+    }
+
+    std::string describeProcessInfo(const Record& r, const char* p, const Names&)
+    {
         return format("%s info: pid %u, name \"", p, r.pid) + printable(r.name) +
                format("\", %u scopes, silent %s, settings %s", r.value, r.silent ? "on" : "off",
                       r.subCode ? "as stored" : "changed since stored");
-    case REC_SCOPE:
+    }
+
+    std::string describeScope(const Record& r, const char* p, const Names&)
+    {
         return format("%s scope %u ", p, r.index) + printable(r.name) +
                format(" filter 0x%02X media 0x%02X event %u", r.filter, r.media, r.kernelEvent);
-    case REC_CALLBACK:
+    }
+
+    std::string describeCallback(const Record& r, const char* p, const Names&)
+    {
         return format("%s callback %u ", p, r.index) + printable(r.name) +
                format(" (%u params, %u return values)%s: ", r.paramCount, r.retvalCount,
                       r.subCode == CALLBACK_LAST ? " last" : "") + printable(r.text);
-    case REC_CALLBACK_PARAM:
-    case REC_CALLBACK_RETVAL:
+    }
+
+    std::string describeCallbackEntry(const Record& r, const char* p, const Names&)
+    {
         return format("%s callback %u %s %s \"", p, r.index,
                       r.recordClass == REC_CALLBACK_PARAM ? "param" : "return value", typeName(r.subCode)) +
                printable(r.name) + "\"";
-    case REC_CALL_RESULT:
+    }
+
+    std::string describeCallResult(const Record& r, const char* p, const Names& names)
     {
         std::string name = names.callback ? names.callback(r.index) : std::string();
-        return format("%s call %u: callback %u%s%s returned %d", p, r.callId, r.index,
-                      name.empty() ? "" : " ", name.c_str(), static_cast<int32_t>(r.value));
+        return format("%s call %u: callback %u%s%s returned %d", p, r.callId, r.index, name.empty() ? "" : " ",
+                      name.c_str(), static_cast<int32_t>(r.value));
     }
-    case REC_CALL_RETVAL:
+
+    std::string describeCallRetval(const Record& r, const char* p, const Names& names)
     {
         uint8_t type = names.retvalType ? names.retvalType(r.callId, r.subCode) : 0;
         return format("%s call %u: return value %u row %u = ", p, r.callId, r.subCode, r.row) + retvalText(r, type);
     }
-    case REC_LOG:
+
+    std::string describeLog(const Record& r, const char* p, const Names&)
+    {
         return format("%s %s log %u/%u%s", timeText(r.timeMs).c_str(), p, r.subCode, r.value, logMeaning(r.value)) +
                (r.hasText ? ": " + printable(r.text) : std::string());
-    case REC_HANDLERS:
+    }
+
+    std::string describeHandlers(const Record& r, const char* p, const Names&)
     {
         std::string s = format("%s handlers:", p);
         for (size_t i = 0; i < r.handlers.size(); ++i)
             s += format("%s %u ", i ? "," : "", r.handlers[i].first) + printable(r.handlers[i].second);
         return s;
     }
-    default:
-        return format("%s record class %u sub-code %u: [", p, r.recordClass, r.subCode) + hex(r.data) + "]";
-    }
+
+    struct LineWriter
+    {
+        uint8_t recordClass;
+        std::string (*describe)(const Record&, const char*, const Names&);
+    };
+    const LineWriter kLineWriters[] = {
+        {REC_MESSAGE, describeMessage},          {REC_MESSAGE_EX, describeMessageEx},
+        {REC_PROGRESS, describeProgress},        {REC_COUNT, describeCount},
+        {REC_PROCESS_INFO, describeProcessInfo}, {REC_SCOPE, describeScope},
+        {REC_CALLBACK, describeCallback},        {REC_CALLBACK_PARAM, describeCallbackEntry},
+        {REC_CALLBACK_RETVAL, describeCallbackEntry}, {REC_CALL_RESULT, describeCallResult},
+        {REC_CALL_RETVAL, describeCallRetval},   {REC_LOG, describeLog},
+        {REC_HANDLERS, describeHandlers},
+    };
+}
+
+std::string describeRecord(const Record& r, const std::string& process, const Names& names)
+{
+    for (const LineWriter& w : kLineWriters)
+        if (w.recordClass == r.recordClass)
+            return w.describe(r, process.c_str(), names);
+    return format("%s record class %u sub-code %u: [", process.c_str(), r.recordClass, r.subCode) + hex(r.data) + "]";
 }
 
 void putU16(Bytes& out, uint16_t v)
@@ -389,7 +471,7 @@ Bytes buildCommand(uint8_t code, uint32_t parameter, const Bytes& data)
 {
     Bytes out;
     out.push_back(code);
-    if (code == CMD_CALL)
+    if (code == Cmd::CALL_CALLBACK)
     {
         putU32(out, static_cast<uint32_t>(data.size()));
         out.insert(out.end(), data.begin(), data.end());

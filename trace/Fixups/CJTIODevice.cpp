@@ -142,18 +142,25 @@ bool CJTIODevice::open(const char* platformPath, int accessMode)
     return true;
 }
 
+IJTIODeviceServer* CJTIODevice::attachedServer()
+{
+    IJTIODeviceServer* server = JTIODeviceServerRegistry::serverOf(mServerHandle);
+    if (server == nullptr) {
+        errno = EBADF;
+        mLastError.store(ERR_OTHER, std::memory_order_relaxed);
+    }
+    return server;
+}
+
 int CJTIODevice::read(void* buf, size_t len)
 {
     uint64_t timeoutNs = 0;
     const bool bounded = JTOperatingSystem::consumeKernelTimeout(timeoutNs);
 
     if (mServerHandle >= 0) {
-        IJTIODeviceServer* server = JTIODeviceServerRegistry::serverOf(mServerHandle);
-        if (server == nullptr) {
-            errno = EBADF;
-            mLastError.store(ERR_OTHER, std::memory_order_relaxed);
+        IJTIODeviceServer* server = attachedServer();
+        if (server == nullptr)
             return -1;
-        }
         return server->onRead(mServerHandle, buf, len, bounded ? static_cast<int64_t>(timeoutNs) : -1);
     }
     ssize_t got = mLink.read(buf, len, bounded ? static_cast<int64_t>(timeoutNs) : -1);
@@ -180,12 +187,9 @@ int CJTIODevice::writeNow(const void* buf, size_t len)
 int CJTIODevice::writeWithin(const void* buf, size_t len, int timeoutMs)
 {
     if (mServerHandle >= 0) {
-        IJTIODeviceServer* server = JTIODeviceServerRegistry::serverOf(mServerHandle);
-        if (server == nullptr) {
-            errno = EBADF;
-            mLastError.store(ERR_OTHER, std::memory_order_relaxed);
+        IJTIODeviceServer* server = attachedServer();
+        if (server == nullptr)
             return -1;
-        }
         return server->onWrite(mServerHandle, buf, len);
     }
     ssize_t written = mLink.write(buf, len, timeoutMs);
@@ -211,11 +215,9 @@ void CJTIODevice::shutdown()
 int CJTIODevice::devctl(uint32_t code, void* data, size_t size)
 {
     if (mServerHandle >= 0) {
-        IJTIODeviceServer* server = JTIODeviceServerRegistry::serverOf(mServerHandle);
-        if (server == nullptr) {
-            mLastError.store(ERR_OTHER, std::memory_order_relaxed);
+        IJTIODeviceServer* server = attachedServer();
+        if (server == nullptr)
             return EBADF;
-        }
         return server->onDevctl(mServerHandle, code, data, size);
     }
     if (!mLink.isOpen()) {

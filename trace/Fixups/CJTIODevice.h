@@ -93,6 +93,9 @@ public:
 
 private:
     int writeWithin(const void* buf, size_t len, int timeoutMs);
+    // The in-process server of mServerHandle; null, with errno EBADF and the last error
+    // ERR_OTHER, when it has gone.
+    IJTIODeviceServer* attachedServer();
 
     CJTDeviceLink mLink;   // the operating-system node, when not served in the process
     int mServerHandle;     // in-process server handle, -1 when none

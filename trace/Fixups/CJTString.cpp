@@ -70,20 +70,12 @@ namespace
 
 uint32_t CJTString::getSequenceLength(uint8_t lead)
 {
-    if (lead < 0x80)
-        return 1;
-    if (lead < 0xC0)
-        return 0;
-    if (lead < 0xE0)
-        return 2;
-    if (lead < 0xF0)
-        return 3;
-    if (lead < 0xF8)
-        return 4;
-    if (lead < 0xFC)
-        return 5;
-    if (lead < 0xFE)
-        return 6;
+    // Lead bytes by range; continuation bytes (80..BF) and FE, FF start no sequence.
+    static const struct { uint8_t below; uint8_t length; } kLeads[] = {
+        {0x80, 1}, {0xC0, 0}, {0xE0, 2}, {0xF0, 3}, {0xF8, 4}, {0xFC, 5}, {0xFE, 6}};
+    for (const auto& range : kLeads)
+        if (lead < range.below)
+            return range.length;
     return 0;
 }
 

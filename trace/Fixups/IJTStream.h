@@ -70,48 +70,54 @@ public:
     uint32_t alignWrite(uint32_t alignment) { return IJTOStream::align(alignment); }
 };
 
+namespace JTStreamDetail
+{
+    // Moves size bytes in chunks of at most chunkSize through move(chunk), which returns how many
+    // it moved; a short chunk ends it. Returns how many bytes moved.
+    template <class Move>
+    inline uint32_t inChunks(uint32_t size, uint32_t chunkSize, Move move)
+    {
+        uint32_t done = 0;
+        while (done < size) {
+            uint32_t chunk = size - done < chunkSize ? size - done : chunkSize;
+            uint32_t moved = move(chunk);
+            done += moved;
+            if (moved < chunk)
+                break;
+        }
+        return done;
+    }
+
+    // The bytes from position to the next multiple of alignment; none for alignments below 2.
+    inline uint32_t alignmentGap(uint32_t position, uint32_t alignment)
+    {
+        uint32_t rest = alignment < 2 ? 0 : position % alignment;
+        return rest == 0 ? 0 : alignment - rest;
+    }
+}
+
 inline uint32_t IJTIStream::readSkip(uint32_t size)
 {
     uint8_t scratch[64];
-    uint32_t done = 0;
-    while (done < size) {
-        uint32_t chunk = size - done < sizeof(scratch) ? size - done : sizeof(scratch);
-        uint32_t got = doRead(scratch, chunk);
-        done += got;
-        if (got < chunk)
-            break;
-    }
-    return done;
+    return JTStreamDetail::inChunks(size, sizeof(scratch), [&](uint32_t n) { return doRead(scratch, n); });
 }
 
 inline uint32_t IJTIStream::align(uint32_t alignment)
 {
-    if (alignment < 2)
-        return 0;
-    uint32_t rest = getReadPosition() % alignment;
-    return rest == 0 ? 0 : readSkip(alignment - rest);
+    uint32_t gap = JTStreamDetail::alignmentGap(getReadPosition(), alignment);
+    return gap == 0 ? 0 : readSkip(gap);
 }
 
 inline uint32_t IJTOStream::writeSkip(uint32_t size)
 {
     static const uint8_t zeros[64] = {};
-    uint32_t done = 0;
-    while (done < size) {
-        uint32_t chunk = size - done < sizeof(zeros) ? size - done : sizeof(zeros);
-        uint32_t put = doWrite(zeros, chunk);
-        done += put;
-        if (put < chunk)
-            break;
-    }
-    return done;
+    return JTStreamDetail::inChunks(size, sizeof(zeros), [&](uint32_t n) { return doWrite(zeros, n); });
 }
 
 inline uint32_t IJTOStream::align(uint32_t alignment)
 {
-    if (alignment < 2)
-        return 0;
-    uint32_t rest = getWritePosition() % alignment;
-    return rest == 0 ? 0 : writeSkip(alignment - rest);
+    uint32_t gap = JTStreamDetail::alignmentGap(getWritePosition(), alignment);
+    return gap == 0 ? 0 : writeSkip(gap);
 }
 
 #endif

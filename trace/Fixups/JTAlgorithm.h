@@ -34,15 +34,15 @@ struct TJTBefore<char*> : TJTBefore<const char*>
 
 namespace JTAlgorithm
 {
-    // The first position whose element is not before value.
-    template <class It, class V, class Before>
-    It lowerBound(It first, It last, const V& value, Before before)
+    // The first position whose element is not inFront, in a range where those that are come first.
+    template <class It, class InFront>
+    It partitionPoint(It first, It last, InFront inFront)
     {
         auto count = last - first;
         while (count > 0) {
             auto half = count / 2;
             It middle = first + half;
-            if (before(*middle, value)) {
+            if (inFront(*middle)) {
                 first = middle + 1;
                 count -= half + 1;
             } else {
@@ -50,6 +50,13 @@ namespace JTAlgorithm
             }
         }
         return first;
+    }
+
+    // The first position whose element is not before value.
+    template <class It, class V, class Before>
+    It lowerBound(It first, It last, const V& value, Before before)
+    {
+        return partitionPoint(first, last, [&](const auto& element) { return before(element, value); });
     }
 
     template <class It, class V>
@@ -62,18 +69,7 @@ namespace JTAlgorithm
     template <class It, class V, class Before>
     It upperBound(It first, It last, const V& value, Before before)
     {
-        auto count = last - first;
-        while (count > 0) {
-            auto half = count / 2;
-            It middle = first + half;
-            if (!before(value, *middle)) {
-                first = middle + 1;
-                count -= half + 1;
-            } else {
-                count = half;
-            }
-        }
-        return first;
+        return partitionPoint(first, last, [&](const auto& element) { return !before(value, element); });
     }
 
     template <class It, class V>

@@ -4,6 +4,7 @@
 #include "CJTTraceMessageData.h"
 #include "IJTTraceChannel.h"
 #include "JTAssert.h"
+#include "TJTAutoLock.h"
 
 #include <algorithm>
 #include <cstring>
@@ -217,16 +218,27 @@ bool CJTTraceCallbackRetVal::returnByteStream(const CJTByteStream& stream) const
 
 CJTTraceCallbackContext::CJTTraceCallbackContext() : mMutex(false), mCurrentCallId(0) {}
 
-int CJTTraceCallbackContext::execute(CJTTraceCallbackDef& def, uint16_t callId, CJTByteStream& data)
+namespace
 {
-    mMutex.lock();
-    mCurrentCallId = callId;
-    uint32_t argument = 0;
-    if (def.getFunction())
-        data.readUInt32(argument);
-    uint32_t count = def.getNumberOfParams();
-    if (count > 0)
+    // One parameter or return value of callback `index` in a callback list: its type as sub-code,
+    // then pid, index and name.
+    void sendEntry(IJTTraceChannel& channel, uint8_t recordClass, uint8_t type, uint32_t pid, uint32_t index,
+                   const char* name)
     {
+        CJTTraceMessageData entry(recordClass, type);
+        entry.body().writeUInt32(pid);
+        entry.body().writeUInt16(static_cast<uint16_t>(index));
+        entry.body().writeString(name ? name : "", CJTTraceMessageData::MAX_NAME_TEXT);
+        entry.complete();
+        channel.writeMessage(entry);
+    }
+
+    // The entries of a call with declared parameters: number u8, row u16, then the value (an int
+    // of 4 bytes, or a string or array with its u16 length). The rows are taken as positions in
+    // data; an entry cut off ends the list.
+    void readParams(CJTTraceCallbackDef& def, CJTByteStream& data)
+    {
+        uint32_t count = def.getNumberOfParams();
         for (uint32_t i = 0; i < count; ++i)
         {
             def.getParam(i)->reset();
@@ -263,6 +275,18 @@ int CJTTraceCallbackContext::execute(CJTTraceCallbackDef& def, uint16_t callId, 
         }
         def.setReturnRow(anyRow ? static_cast<uint16_t>(lastRow + 1) : 0);
     }
+}
+
+int CJTTraceCallbackContext::execute(CJTTraceCallbackDef& def, uint16_t callId, CJTByteStream& data)
+{
+    TJTAutoLock<CJTMutex> lock(mMutex);
+    mCurrentCallId = callId;
+    uint32_t argument = 0;
+    if (def.getFunction())
+        data.readUInt32(argument);
+    uint32_t count = def.getNumberOfParams();
+    if (count > 0)
+        readParams(def, data);
     else if (data.getRemaining() > 0)
     {
         // The generated default parameter: number and row, then the value again.
@@ -272,7 +296,6 @@ int CJTTraceCallbackContext::execute(CJTTraceCallbackDef& def, uint16_t callId, 
     int result = def.getFunction() ? def.getFunction()(static_cast<int>(argument)) : 0;
     for (uint32_t i = 0; i < count; ++i)
         def.getParam(i)->setData(nullptr);
-    mMutex.unlock();
     return result;
 }
 
@@ -347,34 +370,14 @@ void CJTTraceCallbackManager::sendCallbackList(IJTTraceChannel& channel, uint32_
         channel.writeMessage(cb);
 
         if (params == 0)
-        {
-            CJTTraceMessageData p(CJTTraceMessageData::CLASS_CALLBACK_PARAM, CJTTraceCallbackParam::TYPE_INT);
-            p.body().writeUInt32(pid);
-            p.body().writeUInt16(static_cast<uint16_t>(i));
-            p.body().writeString(kGeneratedParamName, CJTTraceMessageData::MAX_NAME_TEXT);
-            p.complete();
-            channel.writeMessage(p);
-        }
+            sendEntry(channel, CJTTraceMessageData::CLASS_CALLBACK_PARAM, CJTTraceCallbackParam::TYPE_INT, pid, i,
+                      kGeneratedParamName);
         for (uint32_t k = 0; k < params; ++k)
-        {
-            const CJTTraceCallbackParam* param = def->getParam(k);
-            CJTTraceMessageData p(CJTTraceMessageData::CLASS_CALLBACK_PARAM, param->getType());
-            p.body().writeUInt32(pid);
-            p.body().writeUInt16(static_cast<uint16_t>(i));
-            p.body().writeString(param->getName() ? param->getName() : "", CJTTraceMessageData::MAX_NAME_TEXT);
-            p.complete();
-            channel.writeMessage(p);
-        }
+            sendEntry(channel, CJTTraceMessageData::CLASS_CALLBACK_PARAM, def->getParam(k)->getType(), pid, i,
+                      def->getParam(k)->getName());
         for (uint32_t k = 0; k < retvals; ++k)
-        {
-            const CJTTraceCallbackRetVal* rv = def->getRetVal(k);
-            CJTTraceMessageData r(CJTTraceMessageData::CLASS_CALLBACK_RETVAL, rv->getType());
-            r.body().writeUInt32(pid);
-            r.body().writeUInt16(static_cast<uint16_t>(i));
-            r.body().writeString(rv->getName() ? rv->getName() : "", CJTTraceMessageData::MAX_NAME_TEXT);
-            r.complete();
-            channel.writeMessage(r);
-        }
+            sendEntry(channel, CJTTraceMessageData::CLASS_CALLBACK_RETVAL, def->getRetVal(k)->getType(), pid, i,
+                      def->getRetVal(k)->getName());
         if (i % step == 0)
             channel.writeMessage(CJTTraceMessageData::makeProgress(CJTTraceMessageData::PROGRESS_STEP, pid, i));
     }

@@ -91,20 +91,20 @@ uint16_t CJTTraceScopeManager::getNumberOfScopes() const
 
 void CJTTraceScopeManager::setFilter(int first, int last, uint8_t filter)
 {
-    std::lock_guard<std::recursive_mutex> guard(mLock);
-    int count = static_cast<int>(mDefs.size());
-    for (int i = std::max(first, 0); i <= last && i < count; ++i) {
-        mDefs[i]->setFilter(filter);
-        mSettingsInStep.store(0, std::memory_order_relaxed);
-    }
+    setRange(first, last, &CJTTraceScopeDef::setFilter, filter);
 }
 
 void CJTTraceScopeManager::setMedia(int first, int last, uint8_t media)
 {
+    setRange(first, last, &CJTTraceScopeDef::setMedia, media);
+}
+
+void CJTTraceScopeManager::setRange(int first, int last, void (CJTTraceScopeDef::*set)(uint8_t), uint8_t value)
+{
     std::lock_guard<std::recursive_mutex> guard(mLock);
     int count = static_cast<int>(mDefs.size());
     for (int i = std::max(first, 0); i <= last && i < count; ++i) {
-        mDefs[i]->setMedia(media);
+        (mDefs[i]->*set)(value);
         mSettingsInStep.store(0, std::memory_order_relaxed);
     }
 }

@@ -95,6 +95,8 @@ public:
     static CJTTraceScopeDef sgDummyScopeInstance;
 
 private:
+    // Sets one value of the scopes first..last that exist; any change puts the settings out of step.
+    void setRange(int first, int last, void (CJTTraceScopeDef::*set)(uint8_t), uint8_t value);
     CJTTraceScopeManager();
     ~CJTTraceScopeManager();
     CJTTraceScopeManager(const CJTTraceScopeManager&) = delete;
