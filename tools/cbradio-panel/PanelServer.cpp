@@ -128,8 +128,15 @@ void PanelServer::stop()
 
 void PanelServer::routes()
 {
-    httplib::Server& svr = *mServer;
+    guardRequests();
+    serveAssets();
+    serveCalls();
+    serveEvents();
+}
 
+void PanelServer::guardRequests()
+{
+    httplib::Server& svr = *mServer;
     svr.set_pre_routing_handler([this](const httplib::Request& req, httplib::Response& res) {
         const std::string host = req.get_header_value("Host");
         if (!isAllowedHost(host, mAllowedHosts)) {
@@ -155,74 +162,89 @@ void PanelServer::routes()
             answerError(res, res.status, "http", "the request was not understood (HTTP " +
                                                      std::to_string(res.status) + ")");
     });
+}
 
+void PanelServer::serveAssets()
+{
     for (const auto& asset : kAssets) {
         const std::string path = asset.path;
-        svr.Get(path, [this, path](const httplib::Request&, httplib::Response& res) {
+        mServer->Get(path, [this, path](const httplib::Request&, httplib::Response& res) {
             const auto& entry = mAssets.at(path);
             res.set_content(entry.second, entry.first.c_str());
         });
     }
+}
 
-    svr.Post(R"(/api/call/([A-Za-z0-9_]{1,64}))",
-             [this](const httplib::Request& req, httplib::Response& res) {
-                 CallRequest call;
-                 if (Refusal refusal = parseCall(req.matches[1], req.body, call)) {
-                     answerError(res, refusal.httpStatus, "refused", refusal.message);
-                     return;
-                 }
-                 HttpAnswer answer =
-                     mBus.call(call, std::chrono::milliseconds(mOptions.callTimeoutMs));
-                 res.status = answer.status;
-                 res.set_content(answer.json, "application/json");
-             });
+void PanelServer::serveCalls()
+{
+    mServer->Post(R"(/api/call/([A-Za-z0-9_]{1,64}))",
+                  [this](const httplib::Request& req, httplib::Response& res) {
+                      CallRequest call;
+                      if (Refusal refusal = parseCall(req.matches[1], req.body, call)) {
+                          answerError(res, refusal.httpStatus, "refused", refusal.message);
+                          return;
+                      }
+                      HttpAnswer answer =
+                          mBus.call(call, std::chrono::milliseconds(mOptions.callTimeoutMs));
+                      res.status = answer.status;
+                      res.set_content(answer.json, "application/json");
+                  });
+}
 
-    svr.Get("/api/events", [this](const httplib::Request&, httplib::Response& res) {
+// One browser's place in the hub's event list, kept between the chunks of its stream.
+struct PanelServer::EventStream
+{
+    bool started = false;
+    std::uint64_t cursor = 0;
+    std::chrono::steady_clock::time_point lastWrite;
+};
+
+void PanelServer::serveEvents()
+{
+    mServer->Get("/api/events", [this](const httplib::Request&, httplib::Response& res) {
         if (mStreams.fetch_add(1) >= kMaxStreams) {
             mStreams.fetch_sub(1);
             answerError(res, 503, "busy", "too many event streams are open");
             return;
         }
-        struct Stream
-        {
-            bool started = false;
-            std::uint64_t cursor = 0;
-            std::chrono::steady_clock::time_point lastWrite;
-        };
-        auto stream = std::make_shared<Stream>();
+        auto stream = std::make_shared<EventStream>();
         res.set_chunked_content_provider(
             "text/event-stream",
-            [this, stream](std::size_t, httplib::DataSink& sink) {
-                std::string out;
-                if (!stream->started) {
-                    stream->started = true;
-                    std::vector<Event> sticky;
-                    stream->cursor = mHub.open(sticky);
-                    out = "retry: 1000\n\n";
-                    for (const Event& e : sticky)
-                        out += toSse(e);
-                } else {
-                    std::uint64_t missed = 0;
-                    for (const Event& e :
-                         mHub.next(stream->cursor, std::chrono::milliseconds(250), missed))
-                        out += toSse(e);
-                    if (missed)
-                        out = "event: missed\ndata: {\"count\":" + std::to_string(missed) + "}\n\n" + out;
-                }
-                if (mHub.stopped()) {
-                    sink.done();
-                    return true;
-                }
-                const auto now = std::chrono::steady_clock::now();
-                if (out.empty() && now - stream->lastWrite > std::chrono::seconds(10))
-                    out = ": keep-alive\n\n";
-                if (out.empty())
-                    return sink.is_writable();
-                stream->lastWrite = now;
-                return sink.write(out.data(), out.size());
-            },
+            [this, stream](std::size_t, httplib::DataSink& sink) { return nextEvents(*stream, sink); },
             [this](bool) { mStreams.fetch_sub(1); });
     });
+}
+
+// The first chunk replays the sticky events; later ones wait up to 250 ms for news, so a closed
+// browser or a stopping server is noticed within that time.
+bool PanelServer::nextEvents(EventStream& stream, httplib::DataSink& sink)
+{
+    std::string out;
+    if (!stream.started) {
+        stream.started = true;
+        std::vector<Event> sticky;
+        stream.cursor = mHub.open(sticky);
+        out = "retry: 1000\n\n";
+        for (const Event& e : sticky)
+            out += toSse(e);
+    } else {
+        std::uint64_t missed = 0;
+        for (const Event& e : mHub.next(stream.cursor, std::chrono::milliseconds(250), missed))
+            out += toSse(e);
+        if (missed)
+            out = "event: missed\ndata: {\"count\":" + std::to_string(missed) + "}\n\n" + out;
+    }
+    if (mHub.stopped()) {
+        sink.done();
+        return true;
+    }
+    const auto now = std::chrono::steady_clock::now();
+    if (out.empty() && now - stream.lastWrite > std::chrono::seconds(10))
+        out = ": keep-alive\n\n";
+    if (out.empty())
+        return sink.is_writable();
+    stream.lastWrite = now;
+    return sink.write(out.data(), out.size());
 }
 
 }  // namespace panel

@@ -28,6 +28,7 @@
 namespace httplib
 {
 class Server;
+class DataSink;
 }
 
 namespace panel
@@ -58,7 +59,14 @@ public:
     void stop();
 
 private:
+    struct EventStream;
+
     void routes();
+    void guardRequests();
+    void serveAssets();
+    void serveCalls();
+    void serveEvents();
+    bool nextEvents(EventStream& stream, httplib::DataSink& sink);
 
     EventHub& mHub;
     PanelBus& mBus;

@@ -60,12 +60,10 @@ std::string programPath(const char* argv0)
         return std::string(buf, static_cast<std::size_t>(n));
     return argv0;
 }
-}  // namespace
 
-int main(int argc, char** argv)
+// Fills `options` and `assets` from the command line; -1 to go on, else the exit code.
+int parseArguments(int argc, char** argv, panel::ServerOptions& options, std::string& assets)
 {
-    panel::ServerOptions options;
-    std::string assets;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "-h" || arg == "--help") {
@@ -86,13 +84,11 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "cbradio-panel: unknown argument '%s'\n%s", arg.c_str(), kUsage);
         return 2;
     }
-    options.assetsDir = panel::findAssets(assets, programPath(argv[0]));
-    if (options.assetsDir.empty()) {
-        std::fprintf(stderr, "cbradio-panel: the page's files (index.html, ...) are not in %s\n",
-                     assets.empty() ? "web/ beside the program nor in share/cbradio-panel" : assets.c_str());
-        return 1;
-    }
+    return -1;
+}
 
+void recordStopSignals()
+{
     struct sigaction action;
     std::memset(&action, 0, sizeof action);
     action.sa_handler = onStopSignal;
@@ -101,38 +97,58 @@ int main(int argc, char** argv)
     sigaction(SIGTERM, &action, nullptr);
     sigaction(SIGHUP, &action, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
+}
 
-    std::string refusal;
-    const std::string address = CBRadioEnvars::busAddressForTool(refusal);
-    if (!refusal.empty())
-        std::fprintf(stderr, "cbradio-panel: %s\n", refusal.c_str());
-    if (address.empty()) {
-        std::fprintf(stderr, "cbradio-panel: no session bus: DBUS_SESSION_BUS_ADDRESS is not set "
-                             "and $CBRADIO_ROOT/tmp/envars.sh names none\n");
-        return 1;
-    }
-
-    panel::EventHub hub;
-    panel::PanelBus bus(hub);
-    std::string why = bus.start();
-    if (!why.empty()) {
-        std::fprintf(stderr, "cbradio-panel: %s\n", why.c_str());
-        return 1;
-    }
-    panel::BusMonitor monitor(hub);
-    why = monitor.start(address);
+// Starts the listen-only monitor; without it the page still works, minus what only it sees.
+void startMonitor(panel::BusMonitor& monitor, panel::EventHub& hub, const std::string& address)
+{
+    const std::string why = monitor.start(address);
     hub.publish("monitor", why.empty() ? "{\"available\":true}" : "{\"available\":false}", true);
     if (!why.empty())
         std::fprintf(stderr, "cbradio-panel: no weather alert banner nor receive/transmit "
                              "indicators before the return to idle: the bus refused monitoring (%s)\n",
                      why.c_str());
+}
+
+int fail(const std::string& why)
+{
+    std::fprintf(stderr, "cbradio-panel: %s\n", why.c_str());
+    return 1;
+}
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    panel::ServerOptions options;
+    std::string assets;
+    const int parsed = parseArguments(argc, argv, options, assets);
+    if (parsed >= 0)
+        return parsed;
+    options.assetsDir = panel::findAssets(assets, programPath(argv[0]));
+    if (options.assetsDir.empty())
+        return fail(std::string("the page's files (index.html, ...) are not in ") +
+                    (assets.empty() ? "web/ beside the program nor in share/cbradio-panel" : assets.c_str()));
+    recordStopSignals();
+
+    std::string refusal;
+    const std::string address = CBRadioEnvars::busAddressForTool(refusal);
+    if (!refusal.empty())
+        std::fprintf(stderr, "cbradio-panel: %s\n", refusal.c_str());
+    if (address.empty())
+        return fail("no session bus: DBUS_SESSION_BUS_ADDRESS is not set and $CBRADIO_ROOT/tmp/envars.sh names none");
+
+    panel::EventHub hub;
+    panel::PanelBus bus(hub);
+    std::string why = bus.start();
+    if (!why.empty())
+        return fail(why);
+    panel::BusMonitor monitor(hub);
+    startMonitor(monitor, hub, address);
 
     panel::PanelServer server(hub, bus);
     why = server.bind(options);
-    if (!why.empty()) {
-        std::fprintf(stderr, "cbradio-panel: %s\n", why.c_str());
-        return 1;
-    }
+    if (!why.empty())
+        return fail(why);
     const bool v6 = options.listenAddress.find(':') != std::string::npos;
     std::printf("cbradio-panel: http://%s%s%s:%d/\n", v6 ? "[" : "", options.listenAddress.c_str(),
                 v6 ? "]" : "", server.port());
