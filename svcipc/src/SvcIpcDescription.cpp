@@ -154,21 +154,15 @@ private:
         return true;
     }
 
-    bool startTag(InterfaceDescription& out)
+    // The attributes up to "/>" or ">"; each at most once, and the value of "name" kept.
+    bool attributes(std::string& nameAttr, bool& hasName)
     {
-        const size_t tagStart = mPos;
-        ++mPos;
-        std::string element;
-        if (!name(element))
-            return false;
-        std::string nameAttr;
-        bool hasName = false;
         std::vector<std::string> seen;
         for (;;) {
             const size_t before = mPos;
             spaces();
             if (startsWith("/>") || startsWith(">"))
-                break;
+                return true;
             if (mPos == before)
                 return false;  // attributes are separated by white space
             std::string attr, value;
@@ -189,20 +183,35 @@ private:
                 hasName = true;
             }
         }
+    }
+
+    // Where the element stands decides what it means: one <node> document, or a fragment of
+    // <interface> elements.
+    bool rootAllowed(const std::string& element)
+    {
+        if (element != "node" && element != "interface")
+            return false;
+        if (mRoots > 0 && (mFirstRoot == "node" || element == "node"))
+            return false;
+        if (mRoots++ == 0)
+            mFirstRoot = element;
+        return true;
+    }
+
+    bool startTag(InterfaceDescription& out)
+    {
+        const size_t tagStart = mPos;
+        ++mPos;
+        std::string element, nameAttr;
+        bool hasName = false;
+        if (!name(element) || !attributes(nameAttr, hasName))
+            return false;
         const bool selfClosing = startsWith("/>");
         mPos += selfClosing ? 2 : 1;
 
-        // Where the element stands decides what it means: one <node> document, or a fragment of
-        // <interface> elements.
         const size_t depth = mOpen.size();
-        if (depth == 0) {
-            if (element != "node" && element != "interface")
-                return false;
-            if (mRoots > 0 && (mFirstRoot == "node" || element == "node"))
-                return false;
-            if (mRoots++ == 0)
-                mFirstRoot = element;
-        }
+        if (depth == 0 && !rootAllowed(element))
+            return false;
         const bool topLevel = depth == 0 || (depth == 1 && mOpen[0] == "node");
         if (element == "interface" && topLevel) {
             if (!hasName || !dbus_validate_interface(nameAttr.c_str(), nullptr))
