@@ -219,6 +219,22 @@ Command byName(const std::string& name, const std::vector<std::string>& rest)
     return usage("unknown command '" + name + "'");
 }
 
+// The general help, or the help of the command named first.
+Command helpFor(const std::vector<std::string>& words)
+{
+    Command c;
+    c.kind = Command::Kind::Help;
+    if (words.empty()) {
+        c.text = kGeneralHelp;
+        return c;
+    }
+    auto it = kCommandHelp.find(words[0]);
+    if (it == kCommandHelp.end())
+        return usage("unknown command '" + words[0] + "'");
+    c.text = it->second;
+    return c;
+}
+
 // Splits "--key=value" or "--key value"; returns false when `arg` is not that option.
 bool option(const std::vector<std::string>& args, size_t& i, const std::string& key,
             std::string& value)
@@ -281,19 +297,8 @@ Command parseCommandLine(const std::vector<std::string>& args)
         }
     }
 
-    if (help) {
-        Command c;
-        c.kind = Command::Kind::Help;
-        if (words.empty()) {
-            c.text = kGeneralHelp;
-            return c;
-        }
-        auto it = kCommandHelp.find(words[0]);
-        if (it == kCommandHelp.end())
-            return usage("unknown command '" + words[0] + "'");
-        c.text = it->second;
-        return c;
-    }
+    if (help)
+        return helpFor(words);
     if (words.empty())
         return usage("no command given");
 
