@@ -1,6 +1,6 @@
 // CBRadioBusNames: the bus names and object paths of the CB radio service and of the head-unit
 // services it talks to, and the client text it registers and subscribes with. One place, so the
-// service's own files cannot drift apart.
+// service's own files and the tools that talk to it cannot drift apart.
 #ifndef CBRADIOBUSNAMES_H
 #define CBRADIOBUSNAMES_H
 
@@ -8,6 +8,11 @@ namespace CBRadioBusNames
 {
     constexpr const char* SERVICE_NAME = "com.quorin.service.CBRadioService";
     constexpr const char* SERVICE_OBJECT = "/com/quorin/service/CBRadioService";
+    // The service's signals, as its interface description lists them.
+    constexpr const char* SERVICE_SIGNALS[] = {"CBRadioStatus",           "CBRChannelNumber",
+                                               "CBRSquelchLevel",         "CBRReceptionSensitivity",
+                                               "CBRHWConnectionStatus",   "CBRRxTxStatus",
+                                               "CBRWeatherAlertOnOffStatus"};
     // Context of the registration and token of every subscription, emit and client call.
     constexpr const char* CLIENT_TOKEN = "MRDCBRadio";
 

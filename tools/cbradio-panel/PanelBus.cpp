@@ -1,6 +1,7 @@
 #include "PanelBus.h"
 
 #include <condition_variable>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -93,10 +94,8 @@ struct PendingCall
 
 const std::vector<std::string>& PanelBus::serviceSignals()
 {
-    static const std::vector<std::string> names = {
-        "CBRadioStatus",         "CBRChannelNumber",      "CBRSquelchLevel",
-        "CBRReceptionSensitivity", "CBRHWConnectionStatus", "CBRRxTxStatus",
-        "CBRWeatherAlertOnOffStatus"};
+    static const std::vector<std::string> names(std::begin(CBRadioBusNames::SERVICE_SIGNALS),
+                                                std::end(CBRadioBusNames::SERVICE_SIGNALS));
     return names;
 }
 

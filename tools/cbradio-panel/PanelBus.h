@@ -16,6 +16,7 @@
 #ifndef PANELBUS_H
 #define PANELBUS_H
 
+#include "CBRadioBusNames.h"
 #include "EventHub.h"
 #include "PanelRequest.h"
 #include "svcipc.h"
@@ -30,8 +31,8 @@
 namespace panel
 {
 
-const char* const kServiceName = "com.quorin.service.CBRadioService";
-const char* const kServicePath = "/com/quorin/service/CBRadioService";
+const char* const kServiceName = CBRadioBusNames::SERVICE_NAME;
+const char* const kServicePath = CBRadioBusNames::SERVICE_OBJECT;
 
 struct HttpAnswer
 {

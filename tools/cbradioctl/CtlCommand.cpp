@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <iterator>
 #include <map>
 #include <sstream>
 
@@ -256,10 +257,8 @@ bool option(const std::vector<std::string>& args, size_t& i, const std::string& 
 
 const std::vector<std::string>& serviceSignals()
 {
-    static const std::vector<std::string> all = {
-        "CBRadioStatus",         "CBRChannelNumber", "CBRSquelchLevel",
-        "CBRReceptionSensitivity", "CBRHWConnectionStatus", "CBRRxTxStatus",
-        "CBRWeatherAlertOnOffStatus"};
+    static const std::vector<std::string> all(std::begin(CBRadioBusNames::SERVICE_SIGNALS),
+                                              std::end(CBRadioBusNames::SERVICE_SIGNALS));
     return all;
 }
 

@@ -7,6 +7,8 @@
 #ifndef CTLCOMMAND_H
 #define CTLCOMMAND_H
 
+#include "CBRadioBusNames.h"
+
 #include <string>
 #include <vector>
 
@@ -24,8 +26,8 @@ enum ExitCode
     EXIT_BUS_ERROR = 5    // any other bus problem (bus unreachable, error reply, ...)
 };
 
-const char* const kServiceName = "com.quorin.service.CBRadioService";
-const char* const kServicePath = "/com/quorin/service/CBRadioService";
+const char* const kServiceName = CBRadioBusNames::SERVICE_NAME;
+const char* const kServicePath = CBRadioBusNames::SERVICE_OBJECT;
 const double kDefaultCallTimeoutS = 5.0;
 
 struct Command

@@ -1,21 +1,21 @@
 #include "LoadClients.h"
 
+#include "CBRadioBusNames.h"
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
 
-const char* const LoadClients::kServiceName = "com.quorin.service.CBRadioService";
-const char* const LoadClients::kServicePath = "/com/quorin/service/CBRadioService";
+const char* const LoadClients::kServiceName = CBRadioBusNames::SERVICE_NAME;
+const char* const LoadClients::kServicePath = CBRadioBusNames::SERVICE_OBJECT;
 
 namespace
 {
     typedef std::chrono::steady_clock Clock;
 
-    const char* const kSignals[] = {"CBRadioStatus", "CBRChannelNumber", "CBRSquelchLevel",
-                                    "CBRReceptionSensitivity", "CBRHWConnectionStatus", "CBRRxTxStatus",
-                                    "CBRWeatherAlertOnOffStatus"};
+    const auto& kSignals = CBRadioBusNames::SERVICE_SIGNALS;
 
     uint32_t percentile(std::vector<uint32_t>& sorted, double fraction)
     {
