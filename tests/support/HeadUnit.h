@@ -94,6 +94,8 @@ public:
     // when a signal ended it), or -1 when it is still running after timeoutMs.
     int waitDaemon(int timeoutMs) { return mDaemon.wait(timeoutMs); }
     const std::string& error() const { return mError; }
+    // The options start() was given; a beforeDaemon hook may still change the daemon's.
+    Options& options() { return mOptions; }
 
     // ---- places and processes -------------------------------------------------------------
     const std::string& root() const { return mRoot; }
