@@ -59,9 +59,12 @@ bool HeadUnit::start(const Options& options)
     mOptions = options;
     // A simulator that has gone must fail a command, not end the test.
     ::signal(SIGPIPE, SIG_IGN);
-    for (const char* program : {"/cbradio/cbradiod", "/tools/v850sim/v850sim"})
-        if (::access((buildDir() + program).c_str(), X_OK) != 0)
-            return fail(buildDir() + program + " is missing (CBRADIO_BUILD_DIR names the build folder)");
+    const std::pair<bool, const char*> programs[] = {{options.startDaemon, "/cbradio/cbradiod"},
+                                                     {options.startSimulator, "/tools/v850sim/v850sim"},
+                                                     {options.startPeers, "/tools/peersim/peersim"}};
+    for (const auto& program : programs)
+        if (program.first && ::access((buildDir() + program.second).c_str(), X_OK) != 0)
+            return fail(buildDir() + program.second + " is missing (CBRADIO_BUILD_DIR names the build folder)");
     char dir[] = "/tmp/cbradio-headunit-XXXXXX";
     if (::mkdtemp(dir) == nullptr)
         return fail(std::string("mkdtemp: ") + std::strerror(errno));
