@@ -225,17 +225,6 @@ pid_t HeadUnit::spawn(const std::vector<std::string>& argv, const std::string& n
     return mSpawned.back()->pid();
 }
 
-bool HeadUnit::traced(const std::string& text, size_t from) const
-{
-    const std::string out = daemonOutput();
-    return from <= out.size() && out.find(text, from) != std::string::npos;
-}
-
-bool HeadUnit::waitForTrace(const std::string& text, size_t from, int timeoutMs) const
-{
-    return waitUntil([&] { return traced(text, from); }, timeoutMs);
-}
-
 size_t HeadUnit::traceCount(const std::string& text, size_t from) const
 {
     const std::string out = daemonOutput();
@@ -299,12 +288,6 @@ HeadUnit::Reply HeadUnit::call(const std::string& method, const std::string& par
         SVCIPC_freeResponse(response);
     }
     return reply;
-}
-
-std::vector<HeadUnit::Signal> HeadUnit::signals() const
-{
-    std::lock_guard<std::mutex> lock(mSignalMutex);
-    return mSignals;
 }
 
 size_t HeadUnit::signalMark() const

@@ -117,8 +117,14 @@ public:
     std::string daemonOutput() const { return readFile(path("daemon.out")); }
     std::string daemonErrors() const { return readFile(path("daemon.err")); }
     size_t traceMark() const { return daemonOutput().size(); }
-    bool traced(const std::string& text, size_t from = 0) const;
-    bool waitForTrace(const std::string& text, size_t from = 0, int timeoutMs = 3000) const;
+    bool traced(const std::string& text, size_t from = 0) const
+    {
+        return daemonOutput().find(text, from) != std::string::npos;
+    }
+    bool waitForTrace(const std::string& text, size_t from = 0, int timeoutMs = 3000) const
+    {
+        return waitForFile("daemon.out", text, from, timeoutMs);
+    }
     // How often `text` occurs in the console output after `from`.
     size_t traceCount(const std::string& text, size_t from = 0) const;
 
@@ -138,7 +144,7 @@ public:
     // ---- the bus client -------------------------------------------------------------------
     SVCIPC_tConnection client() const { return mClient; }
     Reply call(const std::string& method, const std::string& params = "", int timeoutMs = 3000) const;
-    std::vector<Signal> signals() const;
+    std::vector<Signal> signals() const { return signalsSince(0); }
     size_t signalMark() const;
     // The first signal named `name` at or after index `from`; false on time-out.
     bool waitForSignal(const std::string& name, std::string& data, size_t from = 0, int timeoutMs = 3000) const;
