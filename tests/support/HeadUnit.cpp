@@ -15,6 +15,8 @@
 
 const char* const HeadUnit::kServiceName = "com.quorin.service.CBRadioService";
 const char* const HeadUnit::kServicePath = "/com/quorin/service/CBRadioService";
+const char* const HeadUnit::kSuccess = "{\"code\":0,\"description\":\"success\"}\n";
+const char* const HeadUnit::kFailure = "{\"code\":1,\"description\":\"failure\"}\n";
 
 namespace
 {
@@ -85,7 +87,6 @@ bool HeadUnit::start(const Options& options)
 
     if (options.startSimulator) {
         std::vector<std::string> args = {buildDir() + "/tools/v850sim/v850sim", "--log=" + path("sim.log")};
-        args.insert(args.end(), options.simulatorArgs.begin(), options.simulatorArgs.end());
         if (!startFed(mSimulator, mSimulatorInput, args, "sim"))
             return false;
         if (!waitUntil([&] { return ::access(path("dev/ipc/ch6").c_str(), F_OK) == 0; }, 5000))
@@ -109,7 +110,6 @@ bool HeadUnit::start(const Options& options)
 bool HeadUnit::startDaemon()
 {
     std::vector<std::string> args = {buildDir() + "/cbradio/cbradiod", "--tp=" + path("trace.tp")};
-    args.insert(args.end(), mOptions.daemonArgs.begin(), mOptions.daemonArgs.end());
     std::map<std::string, std::string> env = mOptions.daemonEnv;
     env.emplace("CBRADIO_ROOT", mRoot);
     std::vector<std::string> unset = {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SESSION_BUS_PID"};
@@ -123,7 +123,7 @@ bool HeadUnit::startDaemon()
     io.errPath = path("daemon.err");
     if (!mDaemon.start(args, ChildProcess::environmentWith(env, unset), io))
         return fail("cannot start the daemon");
-    if (!mOptions.readyTrace.empty() && !waitForTrace(mOptions.readyTrace, 0, mOptions.readyTimeoutMs))
+    if (!mOptions.readyTrace.empty() && !waitForTrace(mOptions.readyTrace, 0, 15000))
         return fail("the daemon did not come up:\n" + daemonOutput() + daemonErrors());
     return true;
 }

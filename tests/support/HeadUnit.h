@@ -47,17 +47,14 @@ public:
         bool startPeers = false;
         bool startDaemon = true;
         bool foreground = true;                     // CBRADIO_FOREGROUND=1
-        std::vector<std::string> simulatorArgs;     // e.g. {"--cmd", "hwver 21"}
         std::vector<std::string> peerArgs;          // e.g. {"--cmd", "silent all"}
-        std::vector<std::string> daemonArgs;        // besides --tp
         std::map<std::string, std::string> daemonEnv;
         // Trace settings file text; the default switches every scope on, to the console.
         std::string traceSettings = "JTTracePersistence 1.1.0\n* 7f 8\n";
         std::function<bool(HeadUnit&)> beforeDaemon;  // false: start() fails
-        // startDaemon() waits for this console line; empty: it returns once the daemon is launched
-        // (for trace settings that keep the console quiet).
+        // startDaemon() waits for this console line (15 s at most); empty: it returns once the
+        // daemon is launched (for trace settings that keep the console quiet).
         std::string readyTrace = "[CBRadio] Up and Running...";
-        int readyTimeoutMs = 15000;
         bool recordSignals = true;  // subscribe the client to the service's signals
     };
 
@@ -76,6 +73,13 @@ public:
 
     static const char* const kServiceName;
     static const char* const kServicePath;
+    // The service's standard replies, and its one-member signal texts ({"Status":1}).
+    static const char* const kSuccess;
+    static const char* const kFailure;
+    static std::string body(const std::string& key, int value)
+    {
+        return "{\"" + key + "\":" + std::to_string(value) + "}\n";
+    }
 
     HeadUnit() = default;
     ~HeadUnit();

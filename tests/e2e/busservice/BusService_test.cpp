@@ -10,13 +10,9 @@
 
 namespace
 {
-    const std::string SUCCESS = "{\"code\":0,\"description\":\"success\"}\n";
-    const std::string FAILURE = "{\"code\":1,\"description\":\"failure\"}\n";
-
-    std::string body(const std::string& key, int value)
-    {
-        return "{\"" + key + "\":" + std::to_string(value) + "}\n";
-    }
+    const std::string SUCCESS = HeadUnit::kSuccess;
+    const std::string FAILURE = HeadUnit::kFailure;
+    std::string (*const body)(const std::string&, int) = HeadUnit::body;
 
     // The daemon stops cleanly, and in sanitizer builds without a report (leaks aside: the V850
     // reader is left running at exit by design).

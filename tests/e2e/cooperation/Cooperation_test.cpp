@@ -16,8 +16,8 @@
 
 namespace
 {
-    const std::string SUCCESS = "{\"code\":0,\"description\":\"success\"}\n";
-    const std::string FAILURE = "{\"code\":1,\"description\":\"failure\"}\n";
+    const std::string SUCCESS = HeadUnit::kSuccess;
+    const std::string FAILURE = HeadUnit::kFailure;
 
     std::string weatherText(const char* frequency)
     {

@@ -22,13 +22,9 @@
 
 namespace
 {
-    const std::string SUCCESS = "{\"code\":0,\"description\":\"success\"}\n";
+    const std::string SUCCESS = HeadUnit::kSuccess;
     const char* const EXITING = "@ ----- Exiting CBRadio Service ----- @";
-
-    std::string body(const std::string& key, int value)
-    {
-        return "{\"" + key + "\":" + std::to_string(value) + "}\n";
-    }
+    std::string (*const body)(const std::string&, int) = HeadUnit::body;
 
     // Finds a console trace line "[KIND]@<ms> (<pid>.<tid>): <body>" and returns its process id,
     // or 0 when there is none.
