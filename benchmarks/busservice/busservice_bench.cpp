@@ -6,7 +6,10 @@
 //   - V850 frame to signal: this program plays the V850, writes a reception sensitivity frame
 //     on the daemon's packet-socket channel and waits until a plain subscriber has
 //     "CBRReceptionSensitivity", against a plain relay process that reads a frame from a packet
-//     socket of its own and emits a signal to the same subscriber;
+//     socket of its own and emits a signal to the same subscriber. The service's V850 reader
+//     pauses 1 ms after every read, by design; on one CPU going to sleep right after the emit
+//     competes with the signal's way to the subscriber, so the relay pauses the same way after
+//     each frame. The same figure against a relay without that pause follows, for information;
 //   - four clients: four client threads call as fast as replies come, in rounds of half a second, on
 //     the service and on the plain echo server in turns; calls per second and the server's CPU
 //     time per call (user + system, /proc/<pid>/stat) of each round.
@@ -44,6 +47,9 @@ const std::string kEchoPath = "/bench/busservice/PlainEcho";
 const std::string kTwinName = "bench.busservice.PlainEchoTwin";
 const std::string kRelayName = "bench.busservice.PlainRelay";
 const std::string kRelayPath = "/bench/busservice/PlainRelay";
+const std::string kBareRelayName = "bench.busservice.PlainBareRelay";
+const std::string kBareRelayPath = "/bench/busservice/PlainBareRelay";
+const char* const kReaderPauseUs = "1000";  // the service's V850 reader's pause after each read
 const char* const kSignal = "CBRReceptionSensitivity";
 const char* const kMethod = "reqCBRGetPresetList";
 const int kClients = 4;
@@ -52,7 +58,8 @@ const std::chrono::milliseconds kRound(500);
 const BenchStats::Subject kService = {"service", "service"};
 const BenchStats::Subject kEcho = {"plain", "plain echo process"};
 const BenchStats::Subject kTwin = {"twin", "identical plain echo process"};
-const BenchStats::Subject kRelay = {"plain", "plain relay process"};
+const BenchStats::Subject kRelay = {"plain", "plain relay process pausing 1 ms after each read"};
+const BenchStats::Subject kBareRelay = {"plain", "plain relay process without the pause"};
 const int kWarmUps = 30;
 
 // A packet socket the daemon or the relay connects to; the accepted end is the V850's.
@@ -71,11 +78,14 @@ struct Setup
     int v850 = -1;       // the daemon's channel, as the V850 sees it
     int relayListen = -1;
     int relay = -1;      // the relay's channel
+    int bareRelayListen = -1;
+    int bareRelay = -1;
     pid_t echoPid = -1;
     DBusConnection* client = nullptr;
     PlainDbus::SignalWatch subscriber;
     Arrival serviceSignals;
     Arrival relaySignals;
+    Arrival bareRelaySignals;
     ClientLoad load;
     std::string error;
 
@@ -122,12 +132,18 @@ struct Setup
         }
         const std::string relaySocket = unit.path("relay");
         relayListen = JTDeviceNode::listenHost(relaySocket.c_str());
-        unit.spawn({peer, "relay", relaySocket, kRelayPath, kRelayName, kSignal}, "plainrelay");
+        unit.spawn({peer, "relay", relaySocket, kRelayPath, kRelayName, kSignal, kReaderPauseUs}, "plainrelay");
         if (relayListen < 0 || (relay = acceptOne(relayListen)) < 0)
             return fail("the plain relay did not connect: " + HeadUnit::readFile(unit.path("plainrelay.err")));
+        const std::string bareRelaySocket = unit.path("barerelay");
+        bareRelayListen = JTDeviceNode::listenHost(bareRelaySocket.c_str());
+        unit.spawn({peer, "relay", bareRelaySocket, kBareRelayPath, kBareRelayName, kSignal}, "plainbarerelay");
+        if (bareRelayListen < 0 || (bareRelay = acceptOne(bareRelayListen)) < 0)
+            return fail("the bare relay did not connect: " + HeadUnit::readFile(unit.path("plainbarerelay.err")));
 
         subscriber.watch(HeadUnit::kServicePath, kSignal, &serviceSignals);
         subscriber.watch(kRelayPath, kSignal, &relaySignals);
+        subscriber.watch(kBareRelayPath, kSignal, &bareRelaySignals);
         if (!subscriber.start(unit.bus().address()))
             return fail("subscriber");
         if (!load.start(unit.bus().address(), kClients))
@@ -140,7 +156,7 @@ struct Setup
         load.stop();
         subscriber.stop();
         PlainDbus::closeConnection(client);
-        for (int fd : {relay, relayListen, v850, v850Listen})
+        for (int fd : {bareRelay, bareRelayListen, relay, relayListen, v850, v850Listen})
             if (fd >= 0)
                 ::close(fd);
         unit.stop();
@@ -196,6 +212,11 @@ Clock::duration plainFrameToSignal()
     return frameToSignal(gSetup->relay, gSetup->relaySignals);
 }
 
+Clock::duration bareFrameToSignal()
+{
+    return frameToSignal(gSetup->bareRelay, gSetup->bareRelaySignals);
+}
+
 // One round of the four clients on one server: calls per second and CPU microseconds per call.
 struct Round
 {
@@ -247,6 +268,13 @@ void BM_V850FrameToSignal(benchmark::State& state)
                                 serviceFrameToSignal, plainFrameToSignal, kWarmUps);
 }
 
+void BM_V850FrameToSignalBare(benchmark::State& state)
+{
+    if (ready(state))
+        BenchStats::interleaved(state, "V850 frame to signal, for information: against a relay without the pause",
+                                kService, kBareRelay, serviceFrameToSignal, bareFrameToSignal, kWarmUps);
+}
+
 void BM_FourClients(benchmark::State& state)
 {
     if (!ready(state))
@@ -284,6 +312,7 @@ void BM_FourClients(benchmark::State& state)
 BENCHMARK(BM_MethodCallToReply)->Iterations(2000)->UseManualTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_NoiseFloor)->Iterations(2000)->UseManualTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_V850FrameToSignal)->Iterations(1000)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_V850FrameToSignalBare)->Iterations(1000)->UseManualTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_FourClients)->Iterations(20)->Unit(benchmark::kMillisecond);
 }
 

@@ -4,10 +4,11 @@
 //   bench_plainpeer echo <bus name> <object path> <reply>
 //       owns the name and answers every method call on the path with the fixed reply text
 //       (the benchmark gives it the service's own reply, so the same bytes travel).
-//   bench_plainpeer relay <socket> <object path> <interface> <member>
+//   bench_plainpeer relay <socket> <object path> <interface> <member> [<pause us>]
 //       connects a SOCK_SEQPACKET socket to <socket>, and for every frame it reads emits the
 //       signal <member> carrying {"Sensitivity":<third byte>} and a newline, as the service does
-//       for a reception sensitivity frame. Ends when the socket's peer hangs up.
+//       for a reception sensitivity frame, then sleeps <pause us> microseconds (default none), as
+//       the service's V850 reader does after every read. Ends when the socket's peer hangs up.
 //
 // Both run until they are signalled (or the bus goes); errors go to standard error, exit status 1.
 #include <dbus/dbus.h>
@@ -17,6 +18,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -75,7 +77,7 @@ int echo(const char* name, const char* path, const char* reply)
     return 0;
 }
 
-int relay(const char* socketPath, const char* path, const char* interface, const char* member)
+int relay(const char* socketPath, const char* path, const char* interface, const char* member, useconds_t pauseUs)
 {
     DBusConnection* connection = sessionBus();
     if (connection == nullptr)
@@ -101,6 +103,8 @@ int relay(const char* socketPath, const char* path, const char* interface, const
         dbus_connection_send(connection, signal, nullptr);
         dbus_connection_flush(connection);
         dbus_message_unref(signal);
+        if (pauseUs > 0)
+            ::usleep(pauseUs);
     }
     ::close(fd);
     return 0;
@@ -111,10 +115,10 @@ int main(int argc, char** argv)
 {
     if (argc == 5 && std::strcmp(argv[1], "echo") == 0)
         return echo(argv[2], argv[3], argv[4]);
-    if (argc == 6 && std::strcmp(argv[1], "relay") == 0)
-        return relay(argv[2], argv[3], argv[4], argv[5]);
+    if ((argc == 6 || argc == 7) && std::strcmp(argv[1], "relay") == 0)
+        return relay(argv[2], argv[3], argv[4], argv[5], argc == 7 ? static_cast<useconds_t>(std::atoi(argv[6])) : 0);
     std::fprintf(stderr,
                  "usage: bench_plainpeer echo <bus name> <object path> <reply>\n"
-                 "       bench_plainpeer relay <socket> <object path> <interface> <member>\n");
+                 "       bench_plainpeer relay <socket> <object path> <interface> <member> [<pause us>]\n");
     return 2;
 }

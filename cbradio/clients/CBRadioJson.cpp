@@ -1,6 +1,10 @@
 // CBRadioJson: see the header for the rules.
 #include "CBRadioJson.h"
 
+#include "CJTTraceScope.h"
+
+#include <cstring>
+
 namespace CBRadioJson
 {
     bool parseObject(const char* text, Json::Value& root)
@@ -63,5 +67,33 @@ namespace CBRadioJson
     {
         Json::FastWriter writer;
         return writer.write(value);
+    }
+
+    bool signalObject(const CJTTraceScope& scope, const char* sigName, const char* expected, const char* data,
+                      Json::Value& root, const char* wrongName, const char* notAnObject)
+    {
+        if (sigName == nullptr || std::strcmp(sigName, expected) != 0) {
+            scope.sendFormattedMessage("%s", wrongName);
+            return false;
+        }
+        if (!parseObject(data, root)) {
+            scope.sendFormattedMessage("%s", notAnObject);
+            return false;
+        }
+        return true;
+    }
+
+    bool replyObject(const CJTTraceScope& scope, const SVCIPC_tCallbackStatus* status, const char* result,
+                     Json::Value& root, const char* failed, const char* notAnObject)
+    {
+        if (status == nullptr || status->errCode != 0) {
+            scope.sendFormattedMessage("%s", failed);
+            return false;
+        }
+        if (!parseObject(result, root)) {
+            scope.sendFormattedMessage("%s", notAnObject);
+            return false;
+        }
+        return true;
     }
 }

@@ -15,13 +15,18 @@
 //     jsoncpp's asInt() converts it, so a fraction is cut towards zero (1.9 reads as 1). Booleans,
 //     numeric strings and out-of-range numbers do not count as integers.
 //   - A text member must be a JSON string; anything else reads as absent.
-// All functions are pure and may be called from any thread.
+// All functions may be called from any thread; only signalObject and replyObject trace, on the
+// caller's scope, and nothing else has side effects.
 #ifndef CBRADIOJSON_H
 #define CBRADIOJSON_H
+
+#include "svcipc.h"
 
 #include <json/json.h>
 
 #include <string>
+
+class CJTTraceScope;
 
 namespace CBRadioJson
 {
@@ -42,6 +47,17 @@ namespace CBRadioJson
 
     // Member `key` as a string; "" when absent or not a string.
     std::string stringOr(const Json::Value& object, const char* key);
+
+    // A signal handler's payload: true with `root` when the signal is `expected` and `data` is a
+    // JSON object; otherwise traces `wrongName` or `notAnObject` and returns false.
+    bool signalObject(const CJTTraceScope& scope, const char* sigName, const char* expected, const char* data,
+                      Json::Value& root, const char* wrongName, const char* notAnObject);
+
+    // A completion's reply: true with `root` when the call succeeded (a null status counts as
+    // failed) and `result` is a JSON object; otherwise traces `failed` or `notAnObject` and
+    // returns false.
+    bool replyObject(const CJTTraceScope& scope, const SVCIPC_tCallbackStatus* status, const char* result,
+                     Json::Value& root, const char* failed, const char* notAnObject);
 
     // The compact form other services expect: one line ending in a newline, members sorted.
     std::string write(const Json::Value& value);

@@ -50,26 +50,126 @@ namespace
     const int MIC_ON = 1;
     const std::memory_order relaxed = std::memory_order_relaxed;
 
+    // The two sources differ only in their name, state byte, callbacks and the words of their
+    // trace lines, which the two sides grew apart and which are kept letter for letter.
+    // A null text means nothing is traced there.
+    struct AudioSource
+    {
+        const char* name;
+        std::atomic<unsigned char>& state;
+        SVCIPC_tResultCallback onAdded;
+        SVCIPC_tResultCallback onRemoved;
+        // set...AudioSource
+        const char* addInspection;
+        const char* addAlreadyRequested;
+        const char* addUnavailable;
+        const char* addRequested;
+        const char* addInvokeFailed;   // followed by the error code
+        const char* addWithdrawn;
+        // remove...AudioSource
+        const char* removeInspection;
+        const char* removeNotHeld;
+        const char* removeUnavailable;
+        const char* removeRequested;
+        const char* removeInvokeFailed;   // followed by the error code
+        // onCompletion...AddInterruptSrc
+        const char* addedError;
+        const char* addedParseError;
+        const char* addedNotMember;
+        const char* addedYes;
+        const char* addedNo;
+        // onCompletion...RemoveInterruptSrc
+        const char* removedError;
+        const char* removedParseError;
+        const char* removedNotMember;
+        const char* removedYes;
+        const char* removedNo;
+        // oninterruptSrcStateSignal
+        const char* signalAdded;
+        const char* signalRemoved;
+    };
+
+    const AudioSource RX = {
+        "cbRX", CCBRadio::mCBRRxAudioSrcIntrStatus, &CCBRadio::onCompletionCBRxAddInterruptSrc,
+        &CCBRadio::onCompletionCBRxRemoveInterruptSrc,
+        "\n[CBR setCBRxAudioSource] : inspection mode\n",
+        "\n[CBR setCBRxAudioSource] : CBRx already Requested\n",
+        "\n[CBR setCBRxAudioSource] : AudioManager Service Not available\n",
+        "\n[CBR setCBRxAudioSource] : CBR_RX_INT_REQUESTED\n",
+        "[CBR setCBRxAudioSource] Failed to invoke on AudioManager service for addInterruptSrc: ",
+        "\n[CBR setCBRxAudioSource] : CBR_RX_INT_NOT_REQUESTED\n",
+        "\n[CBR removeCBRxAudioSource] Inspection mode\n",
+        "[CBR removeCBRxAudioSource] already Requested\n",
+        "[CBR removeCBRxAudioSource] AudioManager service Not Available\n",
+        "\n[CBR removeCBRxAudioSource] Requested\n",
+        "[CBR removeCBRxAudioSource] Failed to invoke on AudioManager service for removeInterruptSrc: ",
+        "\n[CBR onCompletionCBRxAddInterruptSrc] : CBR_RX_INT_REQUEST_FAILURE \n",
+        "\n[CBR onCompletionCBRxAddInterruptSrc] : error parsing \n",
+        "\n[CBR onCompletionCBRxAddInterruptSrc] : Not a member \n",
+        "\n[CBR onCompletionCBRxAddInterruptSrc]  : CBR_RX_INT_REQUEST_SUCCESS \n",
+        "\n[CBR onCompletionCBRxAddInterruptSrc]  : CBR_RX_INT_NOT_REQUESTED \n",
+        "\n[CB onCompletionCBRxRemoveInterruptSrc] : error \n",
+        "\n[CBR onCompletionCBRxRemoveInterruptSrc] : error parsing \n",
+        "\n[CBR onCompletionCBRxRemoveInterruptSrc] : failure \n",
+        "\n[CBR onCompletionCBRxRemoveInterruptSrc]  : CBR_RX_INT_NOT_REQUESTED",
+        "\n[CBR onCompletionCBRxRemoveInterruptSrc] : RX_NOT_REMOVED",
+        "[CBR oninterruptSrcStateSignal] : CBR_RX_INT_REQUEST_SUCCESS",
+        "[CBR oninterruptSrcStateSignal] : CBR_RX_INT_NOT_REQUESTED",
+    };
+
+    const AudioSource TX = {
+        "cbTX", CCBRadio::mCBRTxAudioSrcIntrStatus, &CCBRadio::onCompletionCBTxAddInterruptSrc,
+        &CCBRadio::onCompletionCBTxRemoveInterruptSrc,
+        // The transmit side reports inspection mode with the receive side's words.
+        "\n[CBR setCBRxAudioSource] : inspection mode\n",
+        "[CBR setCBTxAudioSource] : CBTx already Requested\n",
+        "[CBR setCBTxAudioSource] : AudioManager service Not Available\n",
+        "[CBR setCBTxAudioSource] : CBR_TX_INT_REQUESTED\n",
+        "[CBR setCBTxAudioSource] Failed to invoke on AudioManager service for addInterruptSrc: ",
+        "[CBR setCBTxAudioSource] : CBR_TX_INT_NOT_REQUESTED\n",
+        "\n[CBR removeCBTxAudioSource] Inspection mode\n",
+        nullptr,   // nothing held, nothing to say: the V850 reports idle often
+        "[CBR removeCBTxAudioSource] : AudioManager service Not Available\n",
+        "\n[CBR removeCBTxAudioSource] : Requested\n",
+        "[CBR removeCBTxAudioSource] : Failed to invoke on AudioManager service for removeInterruptSrc: ",
+        "\n[CBR onCompletionCBTxAddInterruptSrc] : CBR_TX_INT_REQUEST_FAILURE \n",
+        "\n[CBR onCompletionCBTxAddInterruptSrc] : error parsing \n",
+        "\n[CBR onCompletionCBTxAddInterruptSrc] : Not a member \n",
+        "\n[CBR onCompletionCBTxAddInterruptSrc] : CBR_TX_INT_REQUEST_SUCCESS \n",
+        "\n[CBR onCompletionCBTxAddInterruptSrc] : CBR_TX_INT_NOT_REQUESTED = 0 \n",   // the state's value
+        "\n[CBR onCompletionCBTxRemoveInterruptSrc] : error \n",
+        "\n[CBR onCompletionCBTxRemoveInterruptSrc] : error parsing \n",
+        "\n[CBR onCompletionCBTxRemoveInterruptSrc] : failure \n",
+        "\n[CBR onCompletionCBTxRemoveInterruptSrc] : CBR_TX_INT_NOT_REQUESTED",
+        "\n[CBR onCompletionCBTxRemoveInterruptSrc] : TX_NOT_REMOVED",
+        "[CBR oninterruptSrcStateSignal] : CBR_TX_INT_REQUEST_SUCCESS",
+        "[CBR oninterruptSrcStateSignal] : CBR_TX_INT_NOT_REQUESTED",
+    };
+
+    // The state values are the same for both directions.
+    static_assert(int(CBR_RX_INT_NOT_REQUESTED) == int(CBR_TX_INT_NOT_REQUESTED)
+                      && int(CBR_RX_INT_REQUESTED) == int(CBR_TX_INT_REQUESTED)
+                      && int(CBR_RX_INT_REQUEST_SUCCESS) == int(CBR_TX_INT_REQUEST_SUCCESS),
+                  "one set of states serves both sources");
+    const unsigned char NOT_REQUESTED = CBR_RX_INT_NOT_REQUESTED;
+    const unsigned char REQUESTED = CBR_RX_INT_REQUESTED;
+    const unsigned char HELD = CBR_RX_INT_REQUEST_SUCCESS;
+
+    void trace(const CJTTraceScope& scope, const char* text)
+    {
+        if (text != nullptr)
+            scope.sendFormattedMessage("%s", text);
+    }
+
     const char* orEmpty(const char* text) { return text != nullptr ? text : ""; }
 
     unsigned int errorCode(SVCIPC_tError status) { return SVCIPC_GET_CODE(status); }
 
-    int completionError(const SVCIPC_tCallbackStatus* status)
-    {
-        return status != nullptr ? status->errCode : static_cast<int>(SVCIPC_ERROR_INTERNAL);
-    }
-
-    std::string addParams(const char* source)
+    std::string sourceParams(const char* source, bool exclusive)
     {
         Json::Value params(Json::objectValue);
-        params["exclusive"] = true;
-        params["source"] = source;
-        return CBRadioJson::write(params);
-    }
-
-    std::string removeParams(const char* source)
-    {
-        Json::Value params(Json::objectValue);
+        if (exclusive)
+            params["exclusive"] = true;
         params["source"] = source;
         return CBRadioJson::write(params);
     }
@@ -81,116 +181,102 @@ namespace
                                   AUDIO_TIMEOUT_MS, onResult, CLIENT_TOKEN);
     }
 
-    // "action" and "source" of an answer or of the "interruptSrc" signal; false when either is
-    // missing or not a string.
-    bool readAction(const Json::Value& root, std::string& action, std::string& source)
+    bool gatesClosed(const CJTTraceScope& scope, const char* inspection, bool skip, const char* skipText,
+                     const char* unavailable)
     {
-        return CBRadioJson::readString(root, "action", action) && CBRadioJson::readString(root, "source", source);
+        if (CCBRadio::mHuInspectionMode.load(relaxed) != 0) {
+            trace(scope, inspection);
+            return true;
+        }
+        if (skip) {
+            trace(scope, skipText);
+            return true;
+        }
+        if (!CCBRadio::mAudioManagerServiceAvailStatus.load(relaxed)) {
+            trace(scope, unavailable);
+            return true;
+        }
+        return false;
+    }
+
+    void addSource(const CJTTraceScope& scope, SVCIPC_tConnection connection, const AudioSource& src)
+    {
+        if (gatesClosed(scope, src.addInspection, src.state.load(relaxed) != NOT_REQUESTED, src.addAlreadyRequested,
+                        src.addUnavailable))
+            return;
+        const std::string params = sourceParams(src.name, true);
+        src.state.store(REQUESTED, relaxed);
+        trace(scope, src.addRequested);
+        const SVCIPC_tError status = invokeAudioManager(connection, "addInterruptSrc", params, src.onAdded);
+        if (status < 0) {
+            scope.sendFormattedMessage("%s0x%0X\n", src.addInvokeFailed, errorCode(status));
+            src.state.store(NOT_REQUESTED, relaxed);
+            trace(scope, src.addWithdrawn);
+        }
+    }
+
+    void removeSource(const CJTTraceScope& scope, SVCIPC_tConnection connection, const AudioSource& src)
+    {
+        if (gatesClosed(scope, src.removeInspection, src.state.load(relaxed) == NOT_REQUESTED, src.removeNotHeld,
+                        src.removeUnavailable))
+            return;
+        // The state stays as it is until the answer or the audio manager's signal arrives.
+        const SVCIPC_tError status =
+            invokeAudioManager(connection, "removeInterruptSrc", sourceParams(src.name, false), src.onRemoved);
+        if (status >= 0)
+            trace(scope, src.removeRequested);
+        else
+            scope.sendFormattedMessage("%s0x%0X\n", src.removeInvokeFailed, errorCode(status));
+    }
+
+    // The answer to an add or a remove: "added" holds the source, "removed" and the refusals
+    // return it to "not requested"; answers about the other source are ignored.
+    void onAnswer(const CJTTraceScope& scope, const SVCIPC_tCallbackStatus* status, const char* result,
+                  const AudioSource& src, bool add)
+    {
+        Json::Value root;
+        if (!CBRadioJson::replyObject(scope, status, result, root, add ? src.addedError : src.removedError,
+                                      add ? src.addedParseError : src.removedParseError))
+            return;
+        std::string action, source;
+        if (!CBRadioJson::readString(root, "action", action) || !CBRadioJson::readString(root, "source", source)) {
+            trace(scope, add ? src.addedNotMember : src.removedNotMember);
+            return;
+        }
+        if (source != src.name)
+            return;
+        if (action == (add ? "added" : "removed")) {
+            src.state.store(add ? HELD : NOT_REQUESTED, relaxed);
+            trace(scope, add ? src.addedYes : src.removedYes);
+        } else if (action == (add ? "not added" : "not removed")) {
+            src.state.store(NOT_REQUESTED, relaxed);
+            trace(scope, add ? src.addedNo : src.removedNo);
+        }
     }
 }
 
 void CCBRadio::setCBRxAudioSource()
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_setCBRxAudioSource);
-    if (mHuInspectionMode.load(relaxed) != 0) {
-        scope.sendFormattedMessage("\n[CBR setCBRxAudioSource] : inspection mode\n");
-        return;
-    }
-    if (mCBRRxAudioSrcIntrStatus.load(relaxed) != CBR_RX_INT_NOT_REQUESTED) {
-        scope.sendFormattedMessage("\n[CBR setCBRxAudioSource] : CBRx already Requested\n");
-        return;
-    }
-    if (!mAudioManagerServiceAvailStatus.load(relaxed)) {
-        scope.sendFormattedMessage("\n[CBR setCBRxAudioSource] : AudioManager Service Not available\n");
-        return;
-    }
-    const std::string params = addParams("cbRX");
-    mCBRRxAudioSrcIntrStatus.store(CBR_RX_INT_REQUESTED, relaxed);
-    scope.sendFormattedMessage("\n[CBR setCBRxAudioSource] : CBR_RX_INT_REQUESTED\n");
-    const SVCIPC_tError status =
-        invokeAudioManager(mConnection, "addInterruptSrc", params, &CCBRadio::onCompletionCBRxAddInterruptSrc);
-    if (status < 0) {
-        scope.sendFormattedMessage("[CBR setCBRxAudioSource] Failed to invoke on AudioManager service for addInterruptSrc: 0x%0X\n",
-                                   errorCode(status));
-        mCBRRxAudioSrcIntrStatus.store(CBR_RX_INT_NOT_REQUESTED, relaxed);
-        scope.sendFormattedMessage("\n[CBR setCBRxAudioSource] : CBR_RX_INT_NOT_REQUESTED\n");
-    }
+    addSource(scope, mConnection, RX);
 }
 
 void CCBRadio::setCBTxAudioSource()
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_setCBTxAudioSource);
-    if (mHuInspectionMode.load(relaxed) != 0) {
-        // The transmit side reports inspection mode with the receive side's words.
-        scope.sendFormattedMessage("\n[CBR setCBRxAudioSource] : inspection mode\n");
-        return;
-    }
-    if (mCBRTxAudioSrcIntrStatus.load(relaxed) != CBR_TX_INT_NOT_REQUESTED) {
-        scope.sendFormattedMessage("[CBR setCBTxAudioSource] : CBTx already Requested\n");
-        return;
-    }
-    if (!mAudioManagerServiceAvailStatus.load(relaxed)) {
-        scope.sendFormattedMessage("[CBR setCBTxAudioSource] : AudioManager service Not Available\n");
-        return;
-    }
-    const std::string params = addParams("cbTX");
-    mCBRTxAudioSrcIntrStatus.store(CBR_TX_INT_REQUESTED, relaxed);
-    scope.sendFormattedMessage("[CBR setCBTxAudioSource] : CBR_TX_INT_REQUESTED\n");
-    const SVCIPC_tError status =
-        invokeAudioManager(mConnection, "addInterruptSrc", params, &CCBRadio::onCompletionCBTxAddInterruptSrc);
-    if (status < 0) {
-        scope.sendFormattedMessage("[CBR setCBTxAudioSource] Failed to invoke on AudioManager service for addInterruptSrc: 0x%0X\n",
-                                   errorCode(status));
-        mCBRTxAudioSrcIntrStatus.store(CBR_TX_INT_NOT_REQUESTED, relaxed);
-        scope.sendFormattedMessage("[CBR setCBTxAudioSource] : CBR_TX_INT_NOT_REQUESTED\n");
-    }
+    addSource(scope, mConnection, TX);
 }
 
 void CCBRadio::removeCBRxAudioSource()
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_removeCBRxAudioSource);
-    if (mHuInspectionMode.load(relaxed) != 0) {
-        scope.sendFormattedMessage("\n[CBR removeCBRxAudioSource] Inspection mode\n");
-        return;
-    }
-    if (mCBRRxAudioSrcIntrStatus.load(relaxed) == CBR_RX_INT_NOT_REQUESTED) {
-        scope.sendFormattedMessage("[CBR removeCBRxAudioSource] already Requested\n");
-        return;
-    }
-    if (!mAudioManagerServiceAvailStatus.load(relaxed)) {
-        scope.sendFormattedMessage("[CBR removeCBRxAudioSource] AudioManager service Not Available\n");
-        return;
-    }
-    // The state stays as it is until the answer or the audio manager's signal arrives.
-    const SVCIPC_tError status = invokeAudioManager(mConnection, "removeInterruptSrc", removeParams("cbRX"),
-                                                    &CCBRadio::onCompletionCBRxRemoveInterruptSrc);
-    if (status >= 0)
-        scope.sendFormattedMessage("\n[CBR removeCBRxAudioSource] Requested\n");
-    else
-        scope.sendFormattedMessage("[CBR removeCBRxAudioSource] Failed to invoke on AudioManager service for removeInterruptSrc: 0x%0X\n",
-                                   errorCode(status));
+    removeSource(scope, mConnection, RX);
 }
 
 void CCBRadio::removeCBTxAudioSource()
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_removeCBTxAudioSource);
-    if (mHuInspectionMode.load(relaxed) != 0) {
-        scope.sendFormattedMessage("\n[CBR removeCBTxAudioSource] Inspection mode\n");
-        return;
-    }
-    if (mCBRTxAudioSrcIntrStatus.load(relaxed) == CBR_TX_INT_NOT_REQUESTED)
-        return;   // nothing held, nothing to say: the V850 reports idle often
-    if (!mAudioManagerServiceAvailStatus.load(relaxed)) {
-        scope.sendFormattedMessage("[CBR removeCBTxAudioSource] : AudioManager service Not Available\n");
-        return;
-    }
-    const SVCIPC_tError status = invokeAudioManager(mConnection, "removeInterruptSrc", removeParams("cbTX"),
-                                                    &CCBRadio::onCompletionCBTxRemoveInterruptSrc);
-    if (status >= 0)
-        scope.sendFormattedMessage("\n[CBR removeCBTxAudioSource] : Requested\n");
-    else
-        scope.sendFormattedMessage("[CBR removeCBTxAudioSource] : Failed to invoke on AudioManager service for removeInterruptSrc: 0x%0X\n",
-                                   errorCode(status));
+    removeSource(scope, mConnection, TX);
 }
 
 void CCBRadio::setMicStatus(int user, int micStatus)
@@ -218,132 +304,37 @@ void CCBRadio::onCompletionCBRxAddInterruptSrc(const SVCIPC_tCallbackStatus* sta
                                                SVCIPC_tUserToken)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_onCompletionCBRxAddInterruptSrc);
-    if (completionError(status) != 0) {
-        scope.sendFormattedMessage("\n[CBR onCompletionCBRxAddInterruptSrc] : CBR_RX_INT_REQUEST_FAILURE \n");
-        return;
-    }
-    Json::Value root;
-    if (!CBRadioJson::parseObject(result, root)) {
-        scope.sendFormattedMessage("\n[CBR onCompletionCBRxAddInterruptSrc] : error parsing \n");
-        return;
-    }
-    std::string action, source;
-    if (!readAction(root, action, source)) {
-        scope.sendFormattedMessage("\n[CBR onCompletionCBRxAddInterruptSrc] : Not a member \n");
-        return;
-    }
-    if (source != "cbRX")
-        return;
-    if (action == "added") {
-        mCBRRxAudioSrcIntrStatus.store(CBR_RX_INT_REQUEST_SUCCESS, relaxed);
-        scope.sendFormattedMessage("\n[CBR onCompletionCBRxAddInterruptSrc]  : CBR_RX_INT_REQUEST_SUCCESS \n");
-    } else if (action == "not added") {
-        mCBRRxAudioSrcIntrStatus.store(CBR_RX_INT_NOT_REQUESTED, relaxed);
-        scope.sendFormattedMessage("\n[CBR onCompletionCBRxAddInterruptSrc]  : CBR_RX_INT_NOT_REQUESTED \n");
-    }
+    onAnswer(scope, status, result, RX, true);
 }
 
 void CCBRadio::onCompletionCBTxAddInterruptSrc(const SVCIPC_tCallbackStatus* status, const char* result,
                                                SVCIPC_tUserToken)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_onCompletionCBTxAddInterruptSrc);
-    if (completionError(status) != 0) {
-        scope.sendFormattedMessage("\n[CBR onCompletionCBTxAddInterruptSrc] : CBR_TX_INT_REQUEST_FAILURE \n");
-        return;
-    }
-    Json::Value root;
-    if (!CBRadioJson::parseObject(result, root)) {
-        scope.sendFormattedMessage("\n[CBR onCompletionCBTxAddInterruptSrc] : error parsing \n");
-        return;
-    }
-    std::string action, source;
-    if (!readAction(root, action, source)) {
-        scope.sendFormattedMessage("\n[CBR onCompletionCBTxAddInterruptSrc] : Not a member \n");
-        return;
-    }
-    if (source != "cbTX")
-        return;
-    if (action == "added") {
-        mCBRTxAudioSrcIntrStatus.store(CBR_TX_INT_REQUEST_SUCCESS, relaxed);
-        scope.sendFormattedMessage("\n[CBR onCompletionCBTxAddInterruptSrc] : CBR_TX_INT_REQUEST_SUCCESS \n");
-    } else if (action == "not added") {
-        mCBRTxAudioSrcIntrStatus.store(CBR_TX_INT_NOT_REQUESTED, relaxed);
-        scope.sendFormattedMessage("\n[CBR onCompletionCBTxAddInterruptSrc] : CBR_TX_INT_NOT_REQUESTED = %d \n",
-                                   static_cast<int>(CBR_TX_INT_NOT_REQUESTED));
-    }
+    onAnswer(scope, status, result, TX, true);
 }
 
 void CCBRadio::onCompletionCBRxRemoveInterruptSrc(const SVCIPC_tCallbackStatus* status, const char* result,
                                                   SVCIPC_tUserToken)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_onCompletionCBRxRemoveInterruptSrc);
-    if (completionError(status) != 0) {
-        scope.sendFormattedMessage("\n[CB onCompletionCBRxRemoveInterruptSrc] : error \n");
-        return;
-    }
-    Json::Value root;
-    if (!CBRadioJson::parseObject(result, root)) {
-        scope.sendFormattedMessage("\n[CBR onCompletionCBRxRemoveInterruptSrc] : error parsing \n");
-        return;
-    }
-    std::string action, source;
-    if (!readAction(root, action, source)) {
-        scope.sendFormattedMessage("\n[CBR onCompletionCBRxRemoveInterruptSrc] : failure \n");
-        return;
-    }
-    if (source != "cbRX")
-        return;
-    // Either way the source is no longer ours to remove.
-    if (action == "removed") {
-        mCBRRxAudioSrcIntrStatus.store(CBR_RX_INT_NOT_REQUESTED, relaxed);
-        scope.sendFormattedMessage("\n[CBR onCompletionCBRxRemoveInterruptSrc]  : CBR_RX_INT_NOT_REQUESTED");
-    } else if (action == "not removed") {
-        mCBRRxAudioSrcIntrStatus.store(CBR_RX_INT_NOT_REQUESTED, relaxed);
-        scope.sendFormattedMessage("\n[CBR onCompletionCBRxRemoveInterruptSrc] : RX_NOT_REMOVED");
-    }
+    onAnswer(scope, status, result, RX, false);
 }
 
 void CCBRadio::onCompletionCBTxRemoveInterruptSrc(const SVCIPC_tCallbackStatus* status, const char* result,
                                                   SVCIPC_tUserToken)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_onCompletionCBTxRemoveInterruptSrc);
-    if (completionError(status) != 0) {
-        scope.sendFormattedMessage("\n[CBR onCompletionCBTxRemoveInterruptSrc] : error \n");
-        return;
-    }
-    Json::Value root;
-    if (!CBRadioJson::parseObject(result, root)) {
-        scope.sendFormattedMessage("\n[CBR onCompletionCBTxRemoveInterruptSrc] : error parsing \n");
-        return;
-    }
-    std::string action, source;
-    if (!readAction(root, action, source)) {
-        scope.sendFormattedMessage("\n[CBR onCompletionCBTxRemoveInterruptSrc] : failure \n");
-        return;
-    }
-    if (source != "cbTX")
-        return;
-    if (action == "removed") {
-        mCBRTxAudioSrcIntrStatus.store(CBR_TX_INT_NOT_REQUESTED, relaxed);
-        scope.sendFormattedMessage("\n[CBR onCompletionCBTxRemoveInterruptSrc] : CBR_TX_INT_NOT_REQUESTED");
-    } else if (action == "not removed") {
-        mCBRTxAudioSrcIntrStatus.store(CBR_TX_INT_NOT_REQUESTED, relaxed);
-        scope.sendFormattedMessage("\n[CBR onCompletionCBTxRemoveInterruptSrc] : TX_NOT_REMOVED");
-    }
+    onAnswer(scope, status, result, TX, false);
 }
 
 void CCBRadio::onCompletionSetDeviceState(const SVCIPC_tCallbackStatus* status, const char* result, SVCIPC_tUserToken)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_onCompletionSetDeviceState);
-    if (completionError(status) != 0) {
-        scope.sendFormattedMessage("\n[CBR onCompletionSetDeviceState] : error \n");
-        return;
-    }
     Json::Value root;
-    if (!CBRadioJson::parseObject(result, root)) {
-        scope.sendFormattedMessage("\n[CBR onCompletionSetDeviceState] : error parsing \n");
+    if (!CBRadioJson::replyObject(scope, status, result, root, "\n[CBR onCompletionSetDeviceState] : error \n",
+                                  "\n[CBR onCompletionSetDeviceState] : error parsing \n"))
         return;
-    }
     std::string micD, micP;
     if (CBRadioJson::readString(root, "MIC_D", micD) && CBRadioJson::readString(root, "MIC_P", micP))
         scope.sendFormattedMessage("\n[CBR onCompletionSetDeviceState] : success ==> MIC_D=%s MIC_P=%s\n", micD.c_str(),
@@ -355,39 +346,25 @@ void CCBRadio::onCompletionSetDeviceState(const SVCIPC_tCallbackStatus* status, 
 void CCBRadio::oninterruptSrcStateSignal(const char* sigName, const char* data, SVCIPC_tUserToken)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_oninterruptSrcStateSignal);
-    if (std::strcmp(orEmpty(sigName), "interruptSrc") != 0) {
-        scope.sendFormattedMessage("[CBR oninterruptSrcStateSignal] : error");
-        return;
-    }
     Json::Value root;
-    if (!CBRadioJson::parseObject(data, root)) {
-        scope.sendFormattedMessage("[CBR oninterruptSrcStateSignal] : parse error");
+    if (!CBRadioJson::signalObject(scope, sigName, "interruptSrc", data, root, "[CBR oninterruptSrcStateSignal] : error",
+                                   "[CBR oninterruptSrcStateSignal] : parse error"))
         return;
-    }
     const std::string action = CBRadioJson::stringOr(root, "action");
     const std::string source = CBRadioJson::stringOr(root, "source");
-    CCBRadio* radio = mpCBRadio;
-    if (source == "cbTX") {
-        if (action == "added") {
-            mCBRTxAudioSrcIntrStatus.store(CBR_TX_INT_REQUEST_SUCCESS, relaxed);
-            scope.sendFormattedMessage("[CBR oninterruptSrcStateSignal] : CBR_TX_INT_REQUEST_SUCCESS");
-        } else if (action == "removed") {
-            mCBRTxAudioSrcIntrStatus.store(CBR_TX_INT_NOT_REQUESTED, relaxed);
-            scope.sendFormattedMessage("[CBR oninterruptSrcStateSignal] : CBR_TX_INT_NOT_REQUESTED");
-        }
-        if (radio != nullptr)
-            radio->sendCBRRxTxStatusSignal();
-    } else if (source == "cbRX") {
-        if (action == "added") {
-            mCBRRxAudioSrcIntrStatus.store(CBR_RX_INT_REQUEST_SUCCESS, relaxed);
-            scope.sendFormattedMessage("[CBR oninterruptSrcStateSignal] : CBR_RX_INT_REQUEST_SUCCESS");
-        } else if (action == "removed") {
-            mCBRRxAudioSrcIntrStatus.store(CBR_RX_INT_NOT_REQUESTED, relaxed);
-            scope.sendFormattedMessage("[CBR oninterruptSrcStateSignal] : CBR_RX_INT_NOT_REQUESTED");
-        }
-        if (radio != nullptr)
-            radio->sendCBRRxTxStatusSignal();
+    const AudioSource* src = source == TX.name ? &TX : source == RX.name ? &RX : nullptr;
+    if (src == nullptr)
+        return;
+    if (action == "added") {
+        src->state.store(HELD, relaxed);
+        trace(scope, src->signalAdded);
+    } else if (action == "removed") {
+        src->state.store(NOT_REQUESTED, relaxed);
+        trace(scope, src->signalRemoved);
     }
+    CCBRadio* radio = mpCBRadio;
+    if (radio != nullptr)
+        radio->sendCBRRxTxStatusSignal();
 }
 
 void CCBRadio::onNotifyAudioManagerAvailability(const char* busName, const char* oldOwner, const char* newOwner,

@@ -64,15 +64,6 @@ namespace
         return sigName != nullptr && std::strcmp(sigName, expected) == 0;
     }
 
-    void subscribe(SVCIPC_tConnection connection, bool on, const char* objPath, const char* sigName,
-                   SVCIPC_tSignalCallback onSignal, SVCIPC_tSigSubHnd& handle)
-    {
-        if (on)
-            SVCIPC_subscribe(connection, objPath, sigName, onSignal, CLIENT_TOKEN, &handle);
-        else
-            SVCIPC_unsubscribe(handle);
-    }
-
     // {"props":[name]}, the argument of the peers' "getProperties".
     std::string propsParams(const char* name)
     {
@@ -158,73 +149,86 @@ bool CCBRadio::isServiceAvailable(const char* busName)
     return status == 0 && hasOwner != 0;
 }
 
-void CCBRadio::subscribeRiderPTT(bool on)
+namespace
 {
-    CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeRiderPTT);
-    scope.sendFormattedMessage("\n[CBR subscribeRiderPTT] = %d\n", on);
-    subscribe(mConnection, on, CAN_HMI_OBJECT, "function_sw_9", &CCBRadio::onRiderPTTSignal, mRiderPTTSub);
+    // The client subscriptions, in the order the service makes them. Each routine traces its flag
+    // first, then subscribes (true) or unsubscribes (false); the results are not checked.
+    struct Subscription
+    {
+        void (CCBRadio::*routine)(bool);
+        const CJTTraceScopeDef& scope;
+        const char* objPath;
+        const char* sigName;
+        SVCIPC_tSignalCallback onSignal;
+        SVCIPC_tSigSubHnd CCBRadio::*handle;
+        const char* logLine;   // "<logLine><flag><logEnd>"
+        const char* logEnd;
+        bool keptAtStop;       // left to the closing of the connection, on purpose
+    };
+
+    const Subscription SUBSCRIPTIONS[] = {
+        {&CCBRadio::subscribeRiderPTT, gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeRiderPTT, CAN_HMI_OBJECT,
+         "function_sw_9", &CCBRadio::onRiderPTTSignal, &CCBRadio::mRiderPTTSub, "\n[CBR subscribeRiderPTT] = ", "\n",
+         false},
+        {&CCBRadio::subscribePassengerPTT, gsTraceServerScopeDef_CBRadio_CCBRadio_subscribePassengerPTT, CAN_HMI_OBJECT,
+         "function_sw_15", &CCBRadio::onPassengerPTTSignal, &CCBRadio::mPassengerPTTSub,
+         "\n[CBR subscribePassengerPTT] = ", "\n", false},
+        {&CCBRadio::subscribePowerMode, gsTraceServerScopeDef_CBRadio_CCBRadio_subscribePowerMode, POWER_OBJECT,
+         "powerMode", &CCBRadio::onPowerModeSignal, &CCBRadio::mPowerModeSub, "\n[CBR subscribePowerMode] = ", "\n",
+         false},
+        {&CCBRadio::subscribeVoxDetectedState, gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeVoxDetectedState,
+         AUDIO_MANAGER_OBJECT, "voxDetectedState", &CCBRadio::onVoxDetectedStateSignal,
+         &CCBRadio::mVoxDetectedStateSub, "\n[CBR subscribeVoxDetectedState] = ", "\n", true},
+        {&CCBRadio::subscribettsAvailable, gsTraceServerScopeDef_CBRadio_CCBRadio_subscribettsAvailable, TTS_OBJECT,
+         "ttsAvailable", &CCBRadio::onttsAvailableSignal, &CCBRadio::mttsAvailableSub,
+         "\n[CBR subscribettsAvailable] = ", " \n", false},
+        {&CCBRadio::subscribeinterruptSrcState, gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeinterruptSrcState,
+         AUDIO_MANAGER_OBJECT, "interruptSrc", &CCBRadio::oninterruptSrcStateSignal, &CCBRadio::minterruptSrcStateSub,
+         "\n[CBR subscribeinterruptSrcState] = ", "\n", false},
+        {&CCBRadio::subscribeAudioRoutingStatus, gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeAudioRoutingStatus,
+         AUDIO_MANAGER_OBJECT, "audioRoutingStatus", &CCBRadio::onAudioRoutingStatusSignal,
+         &CCBRadio::mAudioRoutingStatusSub, "\n[CBR subscribeAudioRoutingStatus] = ", "\n", false},
+        {&CCBRadio::subscriberearControllerState, gsTraceServerScopeDef_CBRadio_CCBRadio_subscriberearControllerState,
+         MODE_MANAGER_OBJECT, "rearControllerState", &CCBRadio::onRearControllerStateSignal,
+         &CCBRadio::mrearControllerStateSub, "\n[CBR subscriberearControllerState] = ", "\n", false},
+        {&CCBRadio::subscribeHuInpectionModeState, gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeHuInpectionModeState,
+         DIAGNOSIS_OBJECT, "diagInspectionModeStatus", &CCBRadio::ondiagInspectionModeStatusSignal,
+         &CCBRadio::mHuInspectionModeStateSub, "\n[CBR subscribeHuInpectionModeState] = ", " \n", false},
+    };
+
+    void subscribe(CCBRadio& radio, void (CCBRadio::*routine)(bool), bool on)
+    {
+        for (const Subscription& row : SUBSCRIPTIONS) {
+            if (row.routine != routine)
+                continue;
+            CJTTraceScope scope(row.scope);
+            scope.sendFormattedMessage("%s%d%s", row.logLine, on, row.logEnd);
+            if (on)
+                SVCIPC_subscribe(radio.mConnection, row.objPath, row.sigName, row.onSignal, CLIENT_TOKEN,
+                                 &(radio.*row.handle));
+            else
+                SVCIPC_unsubscribe(radio.*row.handle);
+            return;
+        }
+    }
 }
 
-void CCBRadio::subscribePassengerPTT(bool on)
+void CCBRadio::subscribeClients(bool on)
 {
-    CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_subscribePassengerPTT);
-    scope.sendFormattedMessage("\n[CBR subscribePassengerPTT] = %d\n", on);
-    subscribe(mConnection, on, CAN_HMI_OBJECT, "function_sw_15", &CCBRadio::onPassengerPTTSignal, mPassengerPTTSub);
+    for (const Subscription& row : SUBSCRIPTIONS)
+        if (on || !row.keptAtStop)
+            (this->*row.routine)(on);
 }
 
-void CCBRadio::subscribePowerMode(bool on)
-{
-    CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_subscribePowerMode);
-    scope.sendFormattedMessage("\n[CBR subscribePowerMode] = %d\n", on);
-    subscribe(mConnection, on, POWER_OBJECT, "powerMode", &CCBRadio::onPowerModeSignal, mPowerModeSub);
-}
-
-void CCBRadio::subscribeVoxDetectedState(bool on)
-{
-    CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeVoxDetectedState);
-    scope.sendFormattedMessage("\n[CBR subscribeVoxDetectedState] = %d\n", on);
-    subscribe(mConnection, on, AUDIO_MANAGER_OBJECT, "voxDetectedState", &CCBRadio::onVoxDetectedStateSignal,
-              mVoxDetectedStateSub);
-}
-
-void CCBRadio::subscribettsAvailable(bool on)
-{
-    CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_subscribettsAvailable);
-    scope.sendFormattedMessage("\n[CBR subscribettsAvailable] = %d \n", on);
-    subscribe(mConnection, on, TTS_OBJECT, "ttsAvailable", &CCBRadio::onttsAvailableSignal, mttsAvailableSub);
-}
-
-void CCBRadio::subscribeinterruptSrcState(bool on)
-{
-    CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeinterruptSrcState);
-    scope.sendFormattedMessage("\n[CBR subscribeinterruptSrcState] = %d\n", on);
-    subscribe(mConnection, on, AUDIO_MANAGER_OBJECT, "interruptSrc", &CCBRadio::oninterruptSrcStateSignal,
-              minterruptSrcStateSub);
-}
-
-void CCBRadio::subscribeAudioRoutingStatus(bool on)
-{
-    CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeAudioRoutingStatus);
-    scope.sendFormattedMessage("\n[CBR subscribeAudioRoutingStatus] = %d\n", on);
-    subscribe(mConnection, on, AUDIO_MANAGER_OBJECT, "audioRoutingStatus", &CCBRadio::onAudioRoutingStatusSignal,
-              mAudioRoutingStatusSub);
-}
-
-void CCBRadio::subscriberearControllerState(bool on)
-{
-    CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_subscriberearControllerState);
-    scope.sendFormattedMessage("\n[CBR subscriberearControllerState] = %d\n", on);
-    subscribe(mConnection, on, MODE_MANAGER_OBJECT, "rearControllerState", &CCBRadio::onRearControllerStateSignal,
-              mrearControllerStateSub);
-}
-
-void CCBRadio::subscribeHuInpectionModeState(bool on)
-{
-    CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeHuInpectionModeState);
-    scope.sendFormattedMessage("\n[CBR subscribeHuInpectionModeState] = %d \n", on);
-    subscribe(mConnection, on, DIAGNOSIS_OBJECT, "diagInspectionModeStatus",
-              &CCBRadio::ondiagInspectionModeStatusSignal, mHuInspectionModeStateSub);
-}
+void CCBRadio::subscribeRiderPTT(bool on) { subscribe(*this, &CCBRadio::subscribeRiderPTT, on); }
+void CCBRadio::subscribePassengerPTT(bool on) { subscribe(*this, &CCBRadio::subscribePassengerPTT, on); }
+void CCBRadio::subscribePowerMode(bool on) { subscribe(*this, &CCBRadio::subscribePowerMode, on); }
+void CCBRadio::subscribeVoxDetectedState(bool on) { subscribe(*this, &CCBRadio::subscribeVoxDetectedState, on); }
+void CCBRadio::subscribettsAvailable(bool on) { subscribe(*this, &CCBRadio::subscribettsAvailable, on); }
+void CCBRadio::subscribeinterruptSrcState(bool on) { subscribe(*this, &CCBRadio::subscribeinterruptSrcState, on); }
+void CCBRadio::subscribeAudioRoutingStatus(bool on) { subscribe(*this, &CCBRadio::subscribeAudioRoutingStatus, on); }
+void CCBRadio::subscriberearControllerState(bool on) { subscribe(*this, &CCBRadio::subscriberearControllerState, on); }
+void CCBRadio::subscribeHuInpectionModeState(bool on) { subscribe(*this, &CCBRadio::subscribeHuInpectionModeState, on); }
 
 void CCBRadio::getAudioRoutingStatus()
 {
@@ -349,15 +353,10 @@ void CCBRadio::ondiagInspectionModeStatusSignal(const char* sigName, const char*
 void CCBRadio::onRearControllerStateSignal(const char* sigName, const char* data, SVCIPC_tUserToken)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_onRearControllerStateSignal);
-    if (!isSignal(sigName, "rearControllerState")) {
-        scope.sendFormattedMessage("[CBR onRearControllerStateSignal] : error");
-        return;
-    }
     Json::Value root;
-    if (!CBRadioJson::parseObject(data, root)) {
-        scope.sendFormattedMessage("[CBR onRearControllerStateSignal] : parse error");
+    if (!CBRadioJson::signalObject(scope, sigName, "rearControllerState", data, root, "[CBR onRearControllerStateSignal] : error",
+                                   "[CBR onRearControllerStateSignal] : parse error"))
         return;
-    }
     const std::string state = CBRadioJson::stringOr(root, "state");
     scope.sendFormattedMessage("[CBR onRearControllerStateSignal] : %s ", state.c_str());
     if (state == "ON")
@@ -369,15 +368,10 @@ void CCBRadio::onRearControllerStateSignal(const char* sigName, const char* data
 void CCBRadio::onAudioRoutingStatusSignal(const char* sigName, const char* data, SVCIPC_tUserToken)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_onAudioRoutingStatusSignal);
-    if (!isSignal(sigName, "audioRoutingStatus")) {
-        scope.sendFormattedMessage("[CBR onAudioRoutingStatusSignal] : error");
-        return;
-    }
     Json::Value root;
-    if (!CBRadioJson::parseObject(data, root)) {
-        scope.sendFormattedMessage("[CBR onAudioRoutingStatusSignal] : parse error");
+    if (!CBRadioJson::signalObject(scope, sigName, "audioRoutingStatus", data, root, "[CBR onAudioRoutingStatusSignal] : error",
+                                   "[CBR onAudioRoutingStatusSignal] : parse error"))
         return;
-    }
     const Json::Value& routing = CBRadioJson::member(root, "audioRoutingStatus");
     if (CBRadioJson::stringOr(routing, "source") != "communication")
         return;

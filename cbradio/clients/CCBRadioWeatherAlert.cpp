@@ -91,16 +91,10 @@ void CCBRadio::onCompletionttsRequest(const SVCIPC_tCallbackStatus* status, cons
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_onCompletionttsRequest);
     // The texts name the audio-source completion; the log readers know them that way.
-    const int errCode = status != nullptr ? status->errCode : static_cast<int>(SVCIPC_ERROR_INTERNAL);
-    if (errCode != 0) {
-        scope.sendFormattedMessage("\n[CBR onCompletionAddInterruptSrc] : error \n");
-        return;
-    }
     Json::Value root;
-    if (!CBRadioJson::parseObject(result, root)) {
-        scope.sendFormattedMessage("\n[CBR onCompletionAddInterruptSrc] : parsing error \n");
+    if (!CBRadioJson::replyObject(scope, status, result, root, "\n[CBR onCompletionAddInterruptSrc] : error \n",
+                                  "\n[CBR onCompletionAddInterruptSrc] : parsing error \n"))
         return;
-    }
     std::string description;
     int code = 0;
     if (!CBRadioJson::readString(root, "description", description) || !CBRadioJson::readInt(root, "code", code)) {
@@ -117,15 +111,10 @@ void CCBRadio::onCompletionttsRequest(const SVCIPC_tCallbackStatus* status, cons
 void CCBRadio::onttsAvailableSignal(const char* sigName, const char* data, SVCIPC_tUserToken)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_onttsAvailableSignal);
-    if (sigName == nullptr || std::strcmp(sigName, "ttsAvailable") != 0) {
-        scope.sendFormattedMessage("[CBR onttsAvailableSignal] : error");
-        return;
-    }
     Json::Value root;
-    if (!CBRadioJson::parseObject(data, root)) {
-        scope.sendFormattedMessage("[CBR onttsAvailableSignal] : parse error");
+    if (!CBRadioJson::signalObject(scope, sigName, "ttsAvailable", data, root, "[CBR onttsAvailableSignal] : error",
+                                   "[CBR onttsAvailableSignal] : parse error"))
         return;
-    }
     // Only logged: a read-out is gated by the speech service owning its bus name, not by this.
     int state = 0;
     if (CBRadioJson::readInt(root, "state", state) && state == 1)

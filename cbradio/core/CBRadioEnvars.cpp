@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -83,4 +84,44 @@ bool CBRadioEnvars::parseLine(char* line, char** name, char** value)
     *name = start;
     *value = text;
     return true;
+}
+
+CBRadioEnvars::File CBRadioEnvars::exportFrom(const char* hostPath, uid_t user, std::vector<std::string>* refused)
+{
+    File envars = open(hostPath, user);
+    if (envars.verdict != READABLE)
+        return envars;
+    const int fd = envars.fd;
+    envars.fd = -1;
+    FILE* file = ::fdopen(fd, "r");
+    if (file == nullptr)
+        return refuse(fd, UNOPENABLE, std::strerror(errno));
+    char line[512];
+    while (std::fgets(line, sizeof(line), file) != nullptr) {
+        char* name = nullptr;
+        char* value = nullptr;
+        if (parseLine(line, &name, &value) && ::setenv(name, value, 1) != 0 && refused != nullptr)
+            refused->push_back(name);
+    }
+    std::fclose(file);
+    return envars;
+}
+
+std::string CBRadioEnvars::busAddressForTool(std::string& refusal)
+{
+    refusal.clear();
+    const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+    if (address != nullptr && *address != '\0')
+        return address;
+    // The root prefix as every program of the system applies it; the tools never change their
+    // working directory, so a relative prefix needs no resolving.
+    const char* root = std::getenv("CBRADIO_ROOT");
+    const std::string hostPath = std::string(root != nullptr ? root : "") + "/tmp/envars.sh";
+    const File envars = exportFrom(hostPath.c_str(), ::geteuid());
+    if (envars.verdict == UNTRUSTED)
+        refusal = "not reading " + hostPath + ": it " + envars.why;
+    else if (envars.verdict == UNOPENABLE)
+        refusal = "cannot open " + hostPath + ": " + envars.why;
+    address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+    return address != nullptr ? address : "";
 }

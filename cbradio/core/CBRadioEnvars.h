@@ -14,13 +14,20 @@
 // ones when the value ends in one; a newline left in the value (no ';' cut it) stays, and so do the
 // quotes before it. That is how the head unit's files have always been read; it is kept.
 //
-// No globals, no threads, no heap beyond the returned texts; every function may be called from any
-// thread. The caller reports problems: open() returns why the file was refused, in words.
+// exportFrom() opens the file as open() does and exports every assignment it holds, in file order
+// (the last one wins, as in a shell), with setenv(). busAddressForTool() is the tools' way to their
+// bus: DBUS_SESSION_BUS_ADDRESS of the environment when set and not empty, else the file exported as
+// the service exports it.
+//
+// No globals, no threads, no heap beyond the returned texts; open() and parseLine() may be called
+// from any thread, the exporting functions change the environment and belong to a program's start.
+// The caller reports problems: the functions return why the file was refused, in words.
 #ifndef CBRADIOENVARS_H
 #define CBRADIOENVARS_H
 
 #include <string>
 #include <sys/types.h>
+#include <vector>
 
 namespace CBRadioEnvars
 {
@@ -45,6 +52,16 @@ namespace CBRadioEnvars
     // Splits one line in place. True with name and value pointing into the line when it assigns
     // one of the three variables; false (line untouched or partly cut) otherwise.
     bool parseLine(char* line, char** name, char** value);
+
+    // Checks and opens the file like open(), then exports its assignments; the descriptor is closed
+    // on return. A file that cannot be read after opening is UNOPENABLE. `refused` (when given)
+    // receives the names setenv() refused.
+    File exportFrom(const char* hostPath, uid_t user, std::vector<std::string>* refused = nullptr);
+
+    // The address now in DBUS_SESSION_BUS_ADDRESS ("" when none), taken from the environment or
+    // else exported from "$CBRADIO_ROOT/tmp/envars.sh". `refusal` is empty, or says why the file
+    // was not read ("not reading <path>: it <why>" or "cannot open <path>: <reason>").
+    std::string busAddressForTool(std::string& refusal);
 }
 
 #endif

@@ -196,6 +196,9 @@ public:
 
     // ---- vehicle state inputs and subscriptions ---------------------------------------------
     bool isServiceAvailable(const char* busName);
+    // The nine subscriptions below in their order (true), or at stop the eight of them that are
+    // undone there, in the same order (false). Table and order: clients/CCBRadioVehicleState.cpp.
+    void subscribeClients(bool on);
     void subscribeRiderPTT(bool on);
     void subscribePassengerPTT(bool on);
     void subscribePowerMode(bool on);

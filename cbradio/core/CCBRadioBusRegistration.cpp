@@ -65,15 +65,7 @@ int CCBRadio::initializeDBUSService()
         mServiceRegistered.store(false, std::memory_order_relaxed);
         scope.sendFormattedMessage("\n[CBR] Failed to register service: 0x%0X\n", static_cast<unsigned int>(status));
     } else {
-        subscribeRiderPTT(true);
-        subscribePassengerPTT(true);
-        subscribePowerMode(true);
-        subscribeVoxDetectedState(true);
-        subscribettsAvailable(true);
-        subscribeinterruptSrcState(true);
-        subscribeAudioRoutingStatus(true);
-        subscriberearControllerState(true);
-        subscribeHuInpectionModeState(true);
+        subscribeClients(true);
         scope.sendFormattedMessage("\n[CBR] registering Clients...\n");
         result = 1;
     }

@@ -13,8 +13,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 std::atomic<int> sig_exit(0);
 
@@ -132,15 +134,8 @@ int CCBRadio::startService()
 int CCBRadio::stopService()
 {
     mServiceRegistered.store(false, std::memory_order_relaxed);
-    // The VOX subscription is left to the closing of the connection on purpose.
-    subscribeRiderPTT(false);
-    subscribePassengerPTT(false);
-    subscribePowerMode(false);
-    subscribettsAvailable(false);
-    subscribeinterruptSrcState(false);
-    subscribeAudioRoutingStatus(false);
-    subscriberearControllerState(false);
-    subscribeHuInpectionModeState(false);
+    // Eight of the nine: the VOX subscription is left to the closing of the connection on purpose.
+    subscribeClients(false);
     deInitializeDBUSService();
     return deInitializeIPCService();
 }
@@ -170,7 +165,8 @@ int CCBRadio::isDbusAvailable(const char* path)
         path = ENVARS_FILE;
     const std::string hostPath = JTRootPrefix::resolve(path);
 
-    CBRadioEnvars::File envars = CBRadioEnvars::open(hostPath.c_str(), ::geteuid());
+    std::vector<std::string> refused;
+    const CBRadioEnvars::File envars = CBRadioEnvars::exportFrom(hostPath.c_str(), ::geteuid(), &refused);
     switch (envars.verdict) {
     case CBRadioEnvars::READABLE:
         break;
@@ -194,22 +190,8 @@ int CCBRadio::isDbusAvailable(const char* path)
         scope.sendFormattedMessage("\n[CBR] ERROR: Unable to open: %s\n", path);
         return 0;
     }
-    FILE* file = ::fdopen(envars.fd, "r");
-    if (file == nullptr) {
-        ::close(envars.fd);
-        scope.sendFormattedMessage("\n[CBR] ERROR: Unable to open: %s\n", path);
-        return 0;
-    }
-    char line[512];
-    while (std::fgets(line, sizeof(line), file) != nullptr) {
-        char* name = nullptr;
-        char* value = nullptr;
-        if (!CBRadioEnvars::parseLine(line, &name, &value))
-            continue;
-        if (::setenv(name, value, 1) != 0)
-            scope.sendFormattedMessage("\n[CBR] ERROR: Unable to setenv( %s )\n", name);
-    }
-    std::fclose(file);
+    for (const std::string& name : refused)
+        scope.sendFormattedMessage("\n[CBR] ERROR: Unable to setenv( %s )\n", name.c_str());
 
     const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
     if (address != nullptr) {

@@ -6,6 +6,8 @@
 #include "CJTTraceScopeDef.h"
 #include "CTerminationSignals.h"
 
+#include <mutex>
+
 
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_run("CBRadio_CCBRadio", "run");
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_handleTimerEvent("CBRadio_CCBRadio", "handleTimerEvent");
@@ -48,15 +50,14 @@ void CCBRadio::run()
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_run);
     scope.sendFormattedMessage("\n[CBR run] Req processing thread running...\n");
     while (sig_exit.load(std::memory_order_relaxed) == 0) {
-        mReqMutex.lock();
+        const std::lock_guard<CMutex> guard(mReqMutex);
         // No predicate on the queue on purpose: a wake-up is a request to drain whatever is
         // queued. The exit flag alone is looked at once more under the lock: the stop (signal
-        // or lost bus) sets it before it takes the lock to post, so an exit requested between the loop test
-        // and this point is not lost with its wake-up.
+        // or lost bus) sets it before it takes the lock to post, so an exit requested between the
+        // loop test and this point is not lost with its wake-up.
         if (sig_exit.load(std::memory_order_relaxed) == 0)
             mReqMutex.condWait();
         requestHandler();
-        mReqMutex.unlock();
     }
     scope.sendFormattedMessage("\n[CBR run] exiting Req processing thread...\n");
 }

@@ -63,7 +63,11 @@ bool CTerminationSignals::install()
         return false;
     // Only the write end is non-blocking: a handler never waits, and a full pipe (hundreds of
     // unread signals) drops the newest, which changes nothing.
-    ::fcntl(fds[1], F_SETFL, O_NONBLOCK);
+    if (::fcntl(fds[1], F_SETFL, O_NONBLOCK) != 0) {
+        ::close(fds[0]);
+        ::close(fds[1]);
+        return false;
+    }
     gPipeRead.store(fds[0], std::memory_order_relaxed);
     gPipeWrite.store(fds[1], std::memory_order_relaxed);
     return true;

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <mutex>
 #include <sys/epoll.h>
@@ -28,6 +29,13 @@ namespace
     uint64_t timerKey(int fd, short code)
     {
         return (static_cast<uint64_t>(fd) << 8) | static_cast<uint8_t>(code);
+    }
+
+    // The master's failures go to standard output like every "[GEN]" diagnostic of the core.
+    void reportFailure(const char* what)
+    {
+        std::printf("[GEN] [TimerMaster] %s failed: %s\n", what, std::strerror(errno));
+        std::fflush(stdout);
     }
 
     // SIGUSR1 only records the request in this pipe; the thread "TimerRelease" reads it and does
@@ -51,9 +59,20 @@ namespace
 
     void startReleaseThread()
     {
-        if (::pipe2(gReleasePipe, O_CLOEXEC) != 0)
+        // Without the pipe SIGUSR1 is ignored and a master whose last timer its own handler
+        // stopped lives on, idle, until the next stop from outside.
+        if (::pipe2(gReleasePipe, O_CLOEXEC) != 0) {
+            reportFailure("release pipe");
             return;
-        ::fcntl(gReleasePipe[1], F_SETFL, O_NONBLOCK);
+        }
+        // A handler must never block on a full pipe.
+        if (::fcntl(gReleasePipe[1], F_SETFL, O_NONBLOCK) != 0) {
+            reportFailure("release pipe");
+            ::close(gReleasePipe[0]);
+            ::close(gReleasePipe[1]);
+            gReleasePipe[0] = gReleasePipe[1] = -1;
+            return;
+        }
         sigset_t all, previous;
         sigfillset(&all);
         pthread_sigmask(SIG_BLOCK, &all, &previous);
@@ -64,6 +83,26 @@ namespace
         }
         pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     }
+
+    // Owns a descriptor until it is released to its keeper.
+    struct Descriptor
+    {
+        int fd;
+        explicit Descriptor(int descriptor) : fd(descriptor) {}
+        ~Descriptor()
+        {
+            if (fd >= 0)
+                ::close(fd);
+        }
+        Descriptor(const Descriptor&) = delete;
+        Descriptor& operator=(const Descriptor&) = delete;
+        int release()
+        {
+            const int kept = fd;
+            fd = -1;
+            return kept;
+        }
+    };
 
     class SigUsr1Blocker
     {
@@ -109,44 +148,38 @@ CTimerMaster::~CTimerMaster()
 CTimerMaster* CTimerMaster::getTimerMaster()
 {
     if (m_TimerMaster.load(std::memory_order_acquire) == nullptr) {
-        gMutex.lock();
+        const std::lock_guard<CMutex> guard(gMutex);
         if (m_TimerMaster.load(std::memory_order_relaxed) == nullptr)
             m_TimerMaster.store(new CTimerMaster(), std::memory_order_release);
-        gMutex.unlock();
     }
     return m_TimerMaster.load(std::memory_order_acquire);
 }
 
 void CTimerMaster::releaseTimerMaster()
 {
-    gMutex.lock();
+    const std::lock_guard<CMutex> guard(gMutex);
     CTimerMaster* master = m_TimerMaster.load(std::memory_order_relaxed);
     if (m_RefCount.load(std::memory_order_relaxed) == 0 && master != nullptr) {
         delete master;
         m_TimerMaster.store(nullptr, std::memory_order_release);
     }
-    gMutex.unlock();
 }
 
 bool CTimerMaster::initializeTimerChannel()
 {
     if (mChannelId.load(std::memory_order_relaxed) > 0)
         return true;
-    int epollFd = ::epoll_create1(EPOLL_CLOEXEC);
-    if (epollFd < 0)
-        return false;
-    int wakeFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    Descriptor epollFd(::epoll_create1(EPOLL_CLOEXEC));
+    Descriptor wakeFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     epoll_event ev = {};
     ev.events = EPOLLIN;
     ev.data.u64 = WAKE_KEY;
-    if (wakeFd < 0 || ::epoll_ctl(epollFd, EPOLL_CTL_ADD, wakeFd, &ev) != 0) {
-        if (wakeFd >= 0)
-            ::close(wakeFd);
-        ::close(epollFd);
+    if (epollFd.fd < 0 || wakeFd.fd < 0 || ::epoll_ctl(epollFd.fd, EPOLL_CTL_ADD, wakeFd.fd, &ev) != 0) {
+        reportFailure("timer channel");
         return false;
     }
-    mWakeId = wakeFd;
-    mChannelId.store(epollFd, std::memory_order_relaxed);
+    mWakeId = wakeFd.release();
+    mChannelId.store(epollFd.release(), std::memory_order_relaxed);
     return true;
 }
 
@@ -160,7 +193,7 @@ bool CTimerMaster::addTimer(CTimer* timer, bool periodic)
 {
     if (timer == nullptr)
         return false;
-    gMutex.lock();
+    const std::lock_guard<CMutex> guard(gMutex);
     initializeTimerChannel();
     const short code = static_cast<short>(generateCodeId());
     timer->mCodeId = code;
@@ -177,7 +210,6 @@ bool CTimerMaster::addTimer(CTimer* timer, bool periodic)
         armed = errno == EEXIST && ::epoll_ctl(channel, EPOLL_CTL_MOD, timer->mTimerId, &ev) == 0;
     if (!armed) {
         std::fflush(stdout);
-        gMutex.unlock();
         return false;
     }
 
@@ -189,12 +221,18 @@ bool CTimerMaster::addTimer(CTimer* timer, bool periodic)
         setting.it_interval = setting.it_value;
     else
         setting.it_interval = timespec{0, 0};
-    ::timerfd_settime(timer->mTimerId, 0, &setting, nullptr);
+    if (::timerfd_settime(timer->mTimerId, 0, &setting, nullptr) != 0) {
+        // Not armed: nothing inserted and no reference taken, as when the timer cannot be made.
+        reportFailure("timerfd_settime");
+        ::epoll_ctl(channel, EPOLL_CTL_DEL, timer->mTimerId, nullptr);
+        return false;
+    }
 
-    mTimersMutex.lock();
-    if (mTimers.find(code) == mTimers.end())
-        mTimers[code] = timer;
-    mTimersMutex.unlock();
+    {
+        const std::lock_guard<CMutex> timers(mTimersMutex);
+        if (mTimers.find(code) == mTimers.end())
+            mTimers[code] = timer;
+    }
     addRefCount();
 
     if (!mThreadStarted.load(std::memory_order_relaxed)) {
@@ -202,7 +240,6 @@ bool CTimerMaster::addTimer(CTimer* timer, bool periodic)
         SigUsr1Blocker inheritedByTheNewThread;
         createThread();
     }
-    gMutex.unlock();
     return true;
 }
 
@@ -212,14 +249,17 @@ bool CTimerMaster::removeTimer(CTimer* timer)
         return true;
     timer->mTimerSetting = itimerspec();
     if (timer->mTimerId >= 0) {
-        ::timerfd_settime(timer->mTimerId, 0, &timer->mTimerSetting, nullptr);
+        // Left out of the set below, a timer that could not be disarmed never fires a handler.
+        if (::timerfd_settime(timer->mTimerId, 0, &timer->mTimerSetting, nullptr) != 0)
+            reportFailure("timerfd_settime");
         const int channel = mChannelId.load(std::memory_order_relaxed);
         if (channel > 0)
             ::epoll_ctl(channel, EPOLL_CTL_DEL, timer->mTimerId, nullptr);
     }
-    mTimersMutex.lock();
-    mTimers.erase(timer->mCodeId);
-    mTimersMutex.unlock();
+    {
+        const std::lock_guard<CMutex> timers(mTimersMutex);
+        mTimers.erase(timer->mCodeId);
+    }
     releaseRefCount();
     return true;
 }
@@ -260,9 +300,13 @@ void CTimerMaster::run()
             if (::read(static_cast<int>(key >> 8), &expirations, sizeof(expirations)) < 0)
                 continue;   // disarmed between the wake-up and now
             const short code = static_cast<signed char>(key & 0xFF);
-            mTimersMutex.lock();
-            CTimer* timer = mTimers[code];
-            mTimersMutex.unlock();
+            CTimer* timer = nullptr;
+            {
+                const std::lock_guard<CMutex> timers(mTimersMutex);
+                const auto found = mTimers.find(code);
+                if (found != mTimers.end())
+                    timer = found->second;
+            }
             if (timer == nullptr || timer->mCodeId != code || timer->mpHandler == nullptr)
                 continue;
             timer->mpHandler->handleTimerEvent(timer);
@@ -284,8 +328,9 @@ void CTimerMaster::resetTimerData()
     if (mWakeId >= 0)
         ::close(mWakeId);
     mWakeId = -1;
-    mTimersMutex.lock();
-    mTimers.clear();
-    mTimersMutex.unlock();
+    {
+        const std::lock_guard<CMutex> timers(mTimersMutex);
+        mTimers.clear();
+    }
     mThreadStarted.store(false, std::memory_order_relaxed);
 }

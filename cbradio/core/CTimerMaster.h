@@ -16,7 +16,11 @@
 //
 // Locks: gMutex guards the singleton pointer and each whole addTimer; the code map has a lock of
 // its own so that dispatch, which never holds gMutex, cannot deadlock with a deletion. Timers are
-// meant to be started and stopped from one controlling thread at a time. Nothing is printed.
+// meant to be started and stopped from one controlling thread at a time.
+//
+// Errors: a timer channel that cannot be made, or a timer that cannot be armed or disarmed, is
+// reported once on standard output ("[GEN] [TimerMaster] <call> failed: <reason>"); addTimer then
+// returns false with nothing inserted and no reference taken.
 #ifndef CTIMERMASTER_H
 #define CTIMERMASTER_H
 

@@ -21,6 +21,7 @@
 #include "CJTTraceScopeDef.h"
 #include "CTraceThread.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -84,7 +85,9 @@ int main(int argc, char** argv)
     pthread_setschedprio(pthread_self(), MAIN_PRIORITY);
     pthread_setname_np(pthread_self(), "CBRadioMain");
     becomeDaemon();
-    CTerminationSignals::install();
+    if (!CTerminationSignals::install())
+        std::fprintf(stderr, "[CBRadio] Error: no signal pipe (%s); termination signals cannot stop the service\n",
+                     std::strerror(errno));
     struct sigaction action = {};
     action.sa_handler = signal_handler;
     action.sa_flags = SA_RESTART;

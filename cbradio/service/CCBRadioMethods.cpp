@@ -165,9 +165,209 @@ namespace
         SVCIPC_tReqContext mContext;
     };
 
-    bool is(const char* method, const char* name)
+    // One call on its way through the dispatcher.
+    struct Call
     {
-        return std::strcmp(method, name) == 0;
+        const CJTTraceScope& scope;
+        SVCIPC_tReqContext context;
+        const char* parms;
+        CCBRadio& radio;
+        ResultBuffer result;
+
+        void reply(const char* failureTrace = "\n[CBR] response failed!!!\n") { ::reply(scope, context, result.text, failureTrace); }
+        void answer(bool ok) { result.set(ok ? CBRadioJsonText::success() : CBRadioJsonText::failure()); }
+    };
+
+    void versionReply(Call& call, const std::atomic<unsigned char>* bytes, size_t size, const char* key)
+    {
+        if (bytes[0].load(relaxed) != 0xFF) {
+            const std::string version = versionText(bytes, size);
+            reply(call.scope, call.context, CBRadioJsonText::successWith(key, version).c_str());
+        } else {
+            call.answer(false);
+            call.reply();
+        }
+    }
+
+    void hwVersion(Call& call) { versionReply(call, call.radio.mCBRHWVersion, 2, "CBRadioHWVersion"); }
+    void swVersion(Call& call) { versionReply(call, call.radio.mCBRSWVersion, 14, "CBRadioSWVersion"); }
+
+    void weatherAlertOnOff(Call& call)
+    {
+        long long onOff = -1;
+        const bool ok = Arguments(call.parms).integer("CBRWAState", onOff) && inRange(onOff, 0, 1);
+        if (ok) {
+            call.radio.reqCBRWeatherAlertOnOffRequest(static_cast<int>(onOff));
+            CCBRadio::mWAttsReadonoff.store(onOff != 0, relaxed);
+        }
+        call.answer(ok);
+        call.reply();
+    }
+
+    void getProperties(Call& call)
+    {
+        std::string name;
+        const Property* property = nullptr;
+        if (Arguments(call.parms).text("props", name)) {
+            for (const Property& p : PROPERTIES)
+                if (name == p.name)
+                    property = &p;
+        }
+        if (property != nullptr)
+            (call.radio.*(property->send))();
+        call.answer(property != nullptr);
+        call.reply();
+    }
+
+    // The methods taking one flag 0 or 1: traced when given, then sent to the V850.
+    void flagMethod(Call& call, const char* method, const char* key, void (CCBRadio::*command)(int),
+                    const char* failureTrace = "\n[CBR] response failed!!!\n")
+    {
+        long long flag = -1;
+        const bool given = Arguments(call.parms).integer(key, flag);
+        if (given)
+            call.scope.sendFormattedMessage("\n[CBR] %s : %d\n", method, static_cast<int>(flag));
+        const bool ok = given && inRange(flag, 0, 1);
+        if (ok)
+            (call.radio.*command)(static_cast<int>(flag));
+        call.answer(ok);
+        call.reply(failureTrace);
+    }
+
+    void stateChange(Call& call) { flagMethod(call, "reqCBRStateChange", "CBRState", &CCBRadio::reqCBRStateChange); }
+
+    void adjustSquelchLevel(Call& call)
+    {
+        flagMethod(call, "reqCBRAdjustSquelchLevel", "squelchChg", &CCBRadio::reqCBRAdjustSquelchLevel);
+    }
+
+    void startSeek(Call& call)
+    {
+        flagMethod(call, "reqCBRStartSeek", "seekDirection", &CCBRadio::reqCBRSeek, "\n[CBRadio] response failed!!!\n");
+    }
+
+    // The scan methods answer first and send their frame afterwards.
+    void startScan(Call& call)
+    {
+        call.scope.sendFormattedMessage("\n[CBR] reqCBRStartScan \n");
+        call.answer(true);
+        call.reply("\n[CBRadio] response failed!!!\n");
+        call.radio.reqCBRStartScan();
+    }
+
+    void stopScan(Call& call)
+    {
+        call.scope.sendFormattedMessage("\n[CBR] reqCBRStopScan\n");
+        call.answer(true);
+        call.reply();
+        call.radio.reqCBRStopScan();
+    }
+
+    void getPresetList(Call& call) { reply(call.scope, call.context, presetList().c_str()); }
+
+    void storePreset(Call& call)
+    {
+        const Arguments args(call.parms);
+        long long channel = 0;
+        long long preset = 0;
+        const bool ok = args.integer("channelNumber", channel) && args.integer("presetNo", preset)
+                        && inRange(channel, MIN_CHANNEL, MAX_CHANNEL) && inRange(preset, 1, PRESET_COUNT);
+        if (ok)
+            CCBRadio::mCBRPreset[preset - 1].store(static_cast<signed char>(channel), relaxed);
+        call.answer(ok);
+        call.scope.sendFormattedMessage("\n[CBR] reqCBRStorePreset result code : %d\n", 1);
+        call.reply();
+    }
+
+    void selectPreset(Call& call)
+    {
+        long long preset = 0;
+        const bool ok = Arguments(call.parms).integer("PresetNo", preset) && inRange(preset, 1, PRESET_COUNT);
+        if (ok) {
+            // A cleared preset selects channel 0; the V850 refuses it.
+            const int channel = CCBRadio::mCBRPreset[preset - 1].load(relaxed);
+            call.scope.sendFormattedMessage("\n[CBR] reqCBRSelectPreset : %d%d\n", static_cast<int>(preset), channel);
+            call.radio.reqCBRSelectPreset(channel);
+        }
+        call.answer(ok);
+        call.reply();
+    }
+
+    void clearPreset(Call& call)
+    {
+        // Memory only: no frame, no signal and, by design, no result.
+        call.scope.sendFormattedMessage("\n[CBR] reqCBRClearPreset Requested\n");
+        for (auto& preset : CCBRadio::mCBRPreset)
+            preset.store(0, relaxed);
+        CCBRadio::mCBRCurrentChannel.store(DEFAULT_CHANNEL, relaxed);
+        CCBRadio::mCBRSquelchLevel.store(DEFAULT_SQUELCH_LEVEL, relaxed);
+    }
+
+    // Not done (radio off, or the transmit source not held): an empty result.
+    void changeRxToTx(Call& call)
+    {
+        call.scope.sendFormattedMessage("\n[CBR] reqCBRChangeRxToTx\n");
+        if (CCBRadio::mCBRStatus.load(relaxed) == 1) {
+            call.radio.setCBTxAudioSource();
+            call.radio.req_CBR_PTT_STATUS_toV850(CBR_PTT_ON);
+            call.scope.sendFormattedMessage("\n[CBR] reqCBRChangeRxToTx writeData done \n");
+            call.answer(true);
+        }
+        call.reply("\n[CBR] reqCBRChangeRxToTx response failed!!!\n");
+    }
+
+    void changeTxToRx(Call& call)
+    {
+        call.scope.sendFormattedMessage("\n[CBR] reqCBRChangeTxToRx\n");
+        if (CCBRadio::mCBRStatus.load(relaxed) == 1
+            && CCBRadio::mCBRTxAudioSrcIntrStatus.load(relaxed) == CBR_TX_INT_REQUEST_SUCCESS) {
+            call.radio.removeCBTxAudioSource();
+            call.radio.req_CBR_PTT_STATUS_toV850(CBR_PTT_OFF);
+            call.scope.sendFormattedMessage("\n[CBR] reqCBRChangeTxToRx writeData done \n");
+            call.answer(true);
+        }
+        call.reply("\n[CBR] reqCBRChangeTxToRx response failed!!!\n");
+    }
+
+    enum class Gate
+    {
+        REGISTERED,        // served once the service is registered
+        REGISTERED_THEN,   // the same, then the call goes on as an unknown name (the version methods)
+        DATA_INITIALISED   // the radio methods: "failure" until the radio data are initialised
+    };
+
+    struct Method
+    {
+        const char* name;
+        Gate gate;
+        void (*handle)(Call&);
+    };
+
+    // In the order the names are compared.
+    const Method METHODS[] = {
+        {"reqCBRHWVersion", Gate::REGISTERED_THEN, &hwVersion},
+        {"reqCBRSWVersion", Gate::REGISTERED_THEN, &swVersion},
+        {"reqCBRWeatherAlertOnOff", Gate::REGISTERED, &weatherAlertOnOff},
+        {"getProperties", Gate::REGISTERED, &getProperties},
+        {"reqCBRStateChange", Gate::DATA_INITIALISED, &stateChange},
+        {"reqCBRAdjustSquelchLevel", Gate::DATA_INITIALISED, &adjustSquelchLevel},
+        {"reqCBRStartSeek", Gate::DATA_INITIALISED, &startSeek},
+        {"reqCBRStartScan", Gate::DATA_INITIALISED, &startScan},
+        {"reqCBRStopScan", Gate::DATA_INITIALISED, &stopScan},
+        {"reqCBRGetPresetList", Gate::DATA_INITIALISED, &getPresetList},
+        {"reqCBRStorePreset", Gate::DATA_INITIALISED, &storePreset},
+        {"reqCBRSelectPreset", Gate::DATA_INITIALISED, &selectPreset},
+        {"reqCBRClearPreset", Gate::DATA_INITIALISED, &clearPreset},
+        {"reqCBRChangeRxToTx", Gate::DATA_INITIALISED, &changeRxToTx},
+        {"reqCBRChangeTxToRx", Gate::DATA_INITIALISED, &changeTxToRx},
+    };
+
+    const Method* findMethod(const char* name)
+    {
+        for (const Method& m : METHODS)
+            if (std::strcmp(name, m.name) == 0)
+                return &m;
+        return nullptr;
     }
 }
 
@@ -192,166 +392,22 @@ void CCBRadio::handleCBRadioRequest(SVCIPC_tReqContext context, const char* meth
         return;
     }
 
-    const std::string& success = CBRadioJsonText::success();
-    const std::string& failure = CBRadioJsonText::failure();
-    ResultBuffer result;
-
-    // ---- methods that need only the registration; the version methods fall through ------------
-    if (is(method, "reqCBRHWVersion")) {
-        if (radio->mCBRHWVersion[0].load(relaxed) != 0xFF) {
-            const std::string version = versionText(radio->mCBRHWVersion, 2);
-            reply(scope, context, CBRadioJsonText::successWith("CBRadioHWVersion", version).c_str());
-        } else {
-            result.set(failure);
-            reply(scope, context, result.text);
-        }
+    Call call{scope, context, parms, *radio, ResultBuffer()};
+    const Method* m = findMethod(method);
+    if (m != nullptr && m->gate != Gate::DATA_INITIALISED) {
+        m->handle(call);
+        if (m->gate == Gate::REGISTERED)
+            return;
+        m = nullptr;   // a version method goes on like an unknown name
     }
-    if (is(method, "reqCBRSWVersion")) {
-        if (radio->mCBRSWVersion[0].load(relaxed) != 0xFF) {
-            const std::string version = versionText(radio->mCBRSWVersion, 14);
-            reply(scope, context, CBRadioJsonText::successWith("CBRadioSWVersion", version).c_str());
-        } else {
-            result.set(failure);
-            reply(scope, context, result.text);
-        }
-    }
-    if (is(method, "reqCBRWeatherAlertOnOff")) {
-        long long onOff = -1;
-        if (Arguments(parms).integer("CBRWAState", onOff) && inRange(onOff, 0, 1)) {
-            radio->reqCBRWeatherAlertOnOffRequest(static_cast<int>(onOff));
-            mWAttsReadonoff.store(onOff != 0, relaxed);
-            result.set(success);
-        } else {
-            result.set(failure);
-        }
-        reply(scope, context, result.text);
-        return;
-    }
-    if (is(method, "getProperties")) {
-        std::string name;
-        const Property* property = nullptr;
-        if (Arguments(parms).text("props", name)) {
-            for (const Property& p : PROPERTIES)
-                if (name == p.name)
-                    property = &p;
-        }
-        if (property != nullptr) {
-            (radio->*(property->send))();
-            result.set(success);
-        } else {
-            result.set(failure);
-        }
-        reply(scope, context, result.text);
-        return;
-    }
-
-    // ---- radio methods -------------------------------------------------------------------------
     if (!mCBRDataInitialized.load(relaxed)) {
-        result.set(failure);
-        if (!returnResult(context, result.text))
+        call.answer(false);
+        if (!returnResult(context, call.result.text))
             scope.sendFormattedMessage("\n[CBR] CB Radio Data is not yet initialized. Response failed!!!\n");
         return;
     }
-
-    if (is(method, "reqCBRStateChange")) {
-        long long state = -1;
-        const bool given = Arguments(parms).integer("CBRState", state);
-        if (given)
-            scope.sendFormattedMessage("\n[CBR] reqCBRStateChange : %d\n", static_cast<int>(state));
-        if (given && inRange(state, 0, 1)) {
-            radio->reqCBRStateChange(static_cast<int>(state));
-            result.set(success);
-        } else {
-            result.set(failure);
-        }
-        reply(scope, context, result.text);
-    } else if (is(method, "reqCBRAdjustSquelchLevel")) {
-        long long direction = -1;
-        const bool given = Arguments(parms).integer("squelchChg", direction);
-        if (given)
-            scope.sendFormattedMessage("\n[CBR] reqCBRAdjustSquelchLevel : %d\n", static_cast<int>(direction));
-        if (given && inRange(direction, 0, 1)) {
-            radio->reqCBRAdjustSquelchLevel(static_cast<int>(direction));
-            result.set(success);
-        } else {
-            result.set(failure);
-        }
-        reply(scope, context, result.text);
-    } else if (is(method, "reqCBRStartSeek")) {
-        long long direction = -1;
-        const bool given = Arguments(parms).integer("seekDirection", direction);
-        if (given)
-            scope.sendFormattedMessage("\n[CBR] reqCBRStartSeek : %d\n", static_cast<int>(direction));
-        if (given && inRange(direction, 0, 1)) {
-            radio->reqCBRSeek(static_cast<int>(direction));
-            result.set(success);
-        } else {
-            result.set(failure);
-        }
-        reply(scope, context, result.text, "\n[CBRadio] response failed!!!\n");
-    } else if (is(method, "reqCBRStartScan")) {
-        scope.sendFormattedMessage("\n[CBR] reqCBRStartScan \n");
-        result.set(success);
-        reply(scope, context, result.text, "\n[CBRadio] response failed!!!\n");
-        radio->reqCBRStartScan();
-    } else if (is(method, "reqCBRStopScan")) {
-        scope.sendFormattedMessage("\n[CBR] reqCBRStopScan\n");
-        result.set(success);
-        reply(scope, context, result.text);
-        radio->reqCBRStopScan();
-    } else if (is(method, "reqCBRGetPresetList")) {
-        reply(scope, context, presetList().c_str());
-    } else if (is(method, "reqCBRStorePreset")) {
-        const Arguments args(parms);
-        long long channel = 0;
-        long long preset = 0;
-        if (args.integer("channelNumber", channel) && args.integer("presetNo", preset)
-            && inRange(channel, MIN_CHANNEL, MAX_CHANNEL) && inRange(preset, 1, PRESET_COUNT)) {
-            mCBRPreset[preset - 1].store(static_cast<signed char>(channel), relaxed);
-            result.set(success);
-        } else {
-            result.set(failure);
-        }
-        scope.sendFormattedMessage("\n[CBR] reqCBRStorePreset result code : %d\n", 1);
-        reply(scope, context, result.text);
-    } else if (is(method, "reqCBRSelectPreset")) {
-        long long preset = 0;
-        if (Arguments(parms).integer("PresetNo", preset) && inRange(preset, 1, PRESET_COUNT)) {
-            // A cleared preset selects channel 0; the V850 refuses it.
-            const int channel = mCBRPreset[preset - 1].load(relaxed);
-            scope.sendFormattedMessage("\n[CBR] reqCBRSelectPreset : %d%d\n", static_cast<int>(preset), channel);
-            radio->reqCBRSelectPreset(channel);
-            result.set(success);
-        } else {
-            result.set(failure);
-        }
-        reply(scope, context, result.text);
-    } else if (is(method, "reqCBRClearPreset")) {
-        // Memory only: no frame, no signal and, by design, no result.
-        scope.sendFormattedMessage("\n[CBR] reqCBRClearPreset Requested\n");
-        for (auto& preset : mCBRPreset)
-            preset.store(0, relaxed);
-        mCBRCurrentChannel.store(DEFAULT_CHANNEL, relaxed);
-        mCBRSquelchLevel.store(DEFAULT_SQUELCH_LEVEL, relaxed);
-    } else if (is(method, "reqCBRChangeRxToTx")) {
-        scope.sendFormattedMessage("\n[CBR] reqCBRChangeRxToTx\n");
-        if (mCBRStatus.load(relaxed) == 1) {
-            radio->setCBTxAudioSource();
-            radio->req_CBR_PTT_STATUS_toV850(CBR_PTT_ON);
-            scope.sendFormattedMessage("\n[CBR] reqCBRChangeRxToTx writeData done \n");
-            result.set(success);
-        }
-        reply(scope, context, result.text, "\n[CBR] reqCBRChangeRxToTx response failed!!!\n");
-    } else if (is(method, "reqCBRChangeTxToRx")) {
-        scope.sendFormattedMessage("\n[CBR] reqCBRChangeTxToRx\n");
-        if (mCBRStatus.load(relaxed) == 1 && mCBRTxAudioSrcIntrStatus.load(relaxed) == CBR_TX_INT_REQUEST_SUCCESS) {
-            radio->removeCBTxAudioSource();
-            radio->req_CBR_PTT_STATUS_toV850(CBR_PTT_OFF);
-            scope.sendFormattedMessage("\n[CBR] reqCBRChangeTxToRx writeData done \n");
-            result.set(success);
-        }
-        reply(scope, context, result.text, "\n[CBR] reqCBRChangeTxToRx response failed!!!\n");
-    } else {
+    if (m != nullptr)
+        m->handle(call);
+    else
         scope.sendFormattedMessage("\n[CBR] Method [%s] Not Implemented\n", method);
-    }
 }

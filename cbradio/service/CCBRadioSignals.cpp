@@ -32,11 +32,22 @@ namespace
         return raw == 0 ? 0 : static_cast<int>((raw - 1) / 51 + 1);
     }
 
-    // True when the bus took the signal.
-    bool emit(CCBRadio* radio, const char* name, const std::string& text)
+    // Emits `name` carrying `text` once the service is registered. Traces why not and returns
+    // false otherwise; the caller traces its own line for a signal sent. `sender` names the caller
+    // in the "not initialized" line.
+    bool emitSignal(const CCBRadio& radio, const CJTTraceScope& scope, const char* sender, const char* name,
+                    const std::string& text)
     {
-        const SVCIPC_tError status = SVCIPC_asyncEmit(radio->mConnection, name, text.c_str(), nullptr, nullptr);
-        return !SVCIPC_IS_ERROR(status);
+        if (!radio.mServiceRegistered.load(relaxed)) {
+            scope.sendFormattedMessage("\n[CBR] %s: Service Not initialized\n", sender);
+            return false;
+        }
+        const SVCIPC_tError status = SVCIPC_asyncEmit(radio.mConnection, name, text.c_str(), nullptr, nullptr);
+        if (SVCIPC_IS_ERROR(status)) {
+            scope.sendFormattedMessage("\n[CBR] ERROR emit %s\n", name);
+            return false;
+        }
+        return true;
     }
 
     using CBRadioJsonText::object;
@@ -45,56 +56,33 @@ namespace
 void CCBRadio::sendCBRadioStatusSignal()
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRadioStatusSignal);
-    if (!mServiceRegistered.load(relaxed)) {
-        scope.sendFormattedMessage("\n[CBR] sendCBRadioStatusSignal: Service Not initialized\n");
-        return;
-    }
     const int status = static_cast<unsigned char>(mCBRStatus.load(relaxed));
-    if (!emit(this, "CBRadioStatus", object("Status", status)))
-        scope.sendFormattedMessage("\n[CBR] ERROR emit CBRadioStatus\n");
-    else
+    if (emitSignal(*this, scope, "sendCBRadioStatusSignal", "CBRadioStatus", object("Status", status)))
         scope.sendFormattedMessage("\n[CBR] sending CBRadioStatus=%d \n", status);
 }
 
 void CCBRadio::sendCBRChannelNumberSignal()
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRChannelNumberSignal);
-    if (!mServiceRegistered.load(relaxed)) {
-        scope.sendFormattedMessage("\n[CBR] sendCBRChannelNumberSignal: Service Not initialized\n");
-        return;
-    }
     const int channel = mCBRCurrentChannel.load(relaxed);
-    if (!emit(this, "CBRChannelNumber", object("ChannelNumber", channel)))
-        scope.sendFormattedMessage("\n[CBR] ERROR emit CBRChannelNumber\n");
-    else
+    if (emitSignal(*this, scope, "sendCBRChannelNumberSignal", "CBRChannelNumber", object("ChannelNumber", channel)))
         scope.sendFormattedMessage("\n[CBR] sending CBRChannelNumber=%d \n", channel);
 }
 
 void CCBRadio::sendCBRSquelchLevelSignal()
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRSquelchLevelSignal);
-    if (!mServiceRegistered.load(relaxed)) {
-        scope.sendFormattedMessage("\n[CBR] sendCBRSquelchLevelSignal: Service Not initialized\n");
-        return;
-    }
     const int level = mCBRSquelchLevel.load(relaxed);
-    if (!emit(this, "CBRSquelchLevel", object("SquelchLevel", level)))
-        scope.sendFormattedMessage("\n[CBR] ERROR emit CBRSquelchLevel\n");
-    else
+    if (emitSignal(*this, scope, "sendCBRSquelchLevelSignal", "CBRSquelchLevel", object("SquelchLevel", level)))
         scope.sendFormattedMessage("\n[CBR] sending CBRSquelchLevel=%d \n", level);
 }
 
 void CCBRadio::sendCBRReceptionSensitivitySignal()
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRReceptionSensitivitySignal);
-    if (!mServiceRegistered.load(relaxed)) {
-        scope.sendFormattedMessage("\n[CBR] sendCBRReceptionSensitivitySignal: Service Not initialized\n");
-        return;
-    }
     const unsigned int raw = mCBRReceptionSensitivity.load(relaxed);
-    if (!emit(this, "CBRReceptionSensitivity", object("Sensitivity", sensitivityBars(raw))))
-        scope.sendFormattedMessage("\n[CBR] ERROR emit CBRReceptionSensitivity\n");
-    else
+    if (emitSignal(*this, scope, "sendCBRReceptionSensitivitySignal", "CBRReceptionSensitivity",
+                   object("Sensitivity", sensitivityBars(raw))))
         scope.sendFormattedMessage("\n[CBR] sending CBRReceptionSensitivity=%d \n", static_cast<int>(raw));
 }
 
@@ -111,46 +99,29 @@ void CCBRadio::sendCBRHWConnectionStatus()
             writeTxBuf(2);
         }
     }
-    if (!mServiceRegistered.load(relaxed)) {
-        scope.sendFormattedMessage("\n[CBR] sendCBRHWConnectionStatus: Service Not initialized\n");
-        return;
-    }
-    if (!emit(this, "CBRHWConnectionStatus", object("HWConnectionStatus", connected)))
-        scope.sendFormattedMessage("\n[CBR] ERROR emit CBRHWConnectionStatus\n");
-    else
+    if (emitSignal(*this, scope, "sendCBRHWConnectionStatus", "CBRHWConnectionStatus",
+                   object("HWConnectionStatus", connected)))
         scope.sendFormattedMessage("\n[CBR] sending CBRHWConnectionStatus=%d \n", connected);
 }
 
 void CCBRadio::sendCBRRxTxStatusSignal()
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRRxTxStatusSignal);
-    if (!mServiceRegistered.load(relaxed)) {
-        // Shares the radio status wording.
-        scope.sendFormattedMessage("\n[CBR] sendCBRadioStatusSignal: Service Not initialized\n");
-        return;
-    }
     const int rx = mCBRRxStatus.load(relaxed);
     const int tx = mCBRTxStatus.load(relaxed);
-    if (!emit(this, "CBRRxTxStatus", object("RxStatus", rx, "TxStatus", tx)))
-        scope.sendFormattedMessage("\n[CBR] ERROR emit CBRRxTxStatus\n");
-    else
+    // Not initialized: shares the radio status wording.
+    if (emitSignal(*this, scope, "sendCBRadioStatusSignal", "CBRRxTxStatus", object("RxStatus", rx, "TxStatus", tx)))
         scope.sendFormattedMessage("\n[CBR] sending CBRRxStatus=%d, CBRTxStatus=%d \n", rx, tx);
 }
 
 void CCBRadio::sendCBRWeatherAlertOnOffStatusSignal()
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRWeatherAlertOnOffStatusSignal);
-    if (!mServiceRegistered.load(relaxed)) {
-        scope.sendFormattedMessage("\n[CBR] sendCBRWeatherAlertOnOffStatusSignal: Service Not initialized\n");
-        return;
-    }
     const int onOff = mCBRWeatherAlertOnOff.load(relaxed);
-    if (!emit(this, "CBRWeatherAlertOnOffStatus", object("weatherAlertOnOffStatus", onOff))) {
-        scope.sendFormattedMessage("\n[CBR] ERROR emit CBRWeatherAlertOnOffStatus\n");
-    } else {
-        // The line names the alert itself, not the on/off value just sent.
+    // The line names the alert itself, not the on/off value just sent.
+    if (emitSignal(*this, scope, "sendCBRWeatherAlertOnOffStatusSignal", "CBRWeatherAlertOnOffStatus",
+                   object("weatherAlertOnOffStatus", onOff)))
         scope.sendFormattedMessage("\n[CBR] sending weatherAlertStatus=%d, channelNumber=%d \n",
                                    static_cast<int>(mCBRWeatherAlertStatus.load(relaxed)),
                                    static_cast<int>(mCBRWeatherAlertChannelNumber.load(relaxed)));
-    }
 }

@@ -56,10 +56,23 @@ namespace
         return CCBRadio::mpCBRadio->mTxBuf[index].load(std::memory_order_relaxed);
     }
 
-    void traceWriteOut(const CJTTraceScope& scope, const char* format)
+    // One three-byte command under the frame lock: id, length 1 and the payload `fill` leaves in
+    // mTxBuf (it may leave the previous byte there). The frame is traced as "<name> WriteOut" and
+    // written when `fill` returns true; it is dropped when the lock is not had in time.
+    template <typename Fill>
+    void command(const CJTTraceScope& scope, const char* name, unsigned char id, Fill fill)
     {
-        scope.sendFormattedMessage(format, txByte(0), txByte(1), txByte(2));
+        const std::unique_lock<CTimedMutex> frame = CCBRadio::mpCBRadio->lockTxBuf();
+        if (!frame.owns_lock())
+            return;
+        setTxBuf(id, 0x01);
+        const bool write = fill();
+        scope.sendFormattedMessage("\n[CBR]%s WriteOut %x %x %x \n", name, txByte(0), txByte(1), txByte(2));
+        if (write)
+            CCBRadio::mpCBRadio->writeTxBuf(3);
     }
+
+    bool inRange(unsigned int value, unsigned int low, unsigned int high) { return value >= low && value <= high; }
 }
 
 std::unique_lock<CTimedMutex> CCBRadio::lockTxBuf()
@@ -93,25 +106,13 @@ void CCBRadio::req_CBR_PTT_STATUS_toV850(ECBRPTTStatus status)
 void CCBRadio::reqCBRStateChange(int state)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRStateChange);
-    const std::unique_lock<CTimedMutex> frame = lockTxBuf();
-    if (!frame.owns_lock())
-        return;
-    setTxBuf(MSG_ON_OFF, 0x01);
-    setPayload(state);
-    traceWriteOut(scope, "\n[CBR]reqCBRStateChange WriteOut %x %x %x \n");
-    writeTxBuf(3);
+    command(scope, "reqCBRStateChange", MSG_ON_OFF, [state] { setPayload(state); return true; });
 }
 
 void CCBRadio::reqCBRWeatherAlertOnOffRequest(int onOff)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRWeatherAlertOnOffRequest);
-    const std::unique_lock<CTimedMutex> frame = lockTxBuf();
-    if (!frame.owns_lock())
-        return;
-    setTxBuf(MSG_WEATHER_ALERT_ON_OFF, 0x01);
-    setPayload(onOff);
-    traceWriteOut(scope, "\n[CBR]reqCBR_WA_OnOffRequest WriteOut %x %x %x \n");
-    writeTxBuf(3);
+    command(scope, "reqCBR_WA_OnOffRequest", MSG_WEATHER_ALERT_ON_OFF, [onOff] { setPayload(onOff); return true; });
 }
 
 void CCBRadio::reqCBRSetChannel(int channel)
@@ -121,88 +122,61 @@ void CCBRadio::reqCBRSetChannel(int channel)
         scope.sendFormattedMessage("\n[CBR]reqCBRSetChannel invalid %x \n", static_cast<unsigned int>(channel));
         return;
     }
-    const std::unique_lock<CTimedMutex> frame = lockTxBuf();
-    if (!frame.owns_lock())
-        return;
-    setTxBuf(MSG_CHANNEL_SELECT, 0x01);
-    setPayload(channel);
-    traceWriteOut(scope, "\n[CBR]reqCBRSetChannel WriteOut %x %x %x \n");
-    writeTxBuf(3);
+    command(scope, "reqCBRSetChannel", MSG_CHANNEL_SELECT, [channel] { setPayload(channel); return true; });
 }
 
 void CCBRadio::reqCBRSeek(int direction)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRSeek);
-    const std::unique_lock<CTimedMutex> frame = lockTxBuf();
-    if (!frame.owns_lock())
-        return;
-    setTxBuf(MSG_CHANNEL_SELECT, 0x01);
-    const int current = mCBRCurrentChannel.load(std::memory_order_relaxed);
-    if (direction != 0)
-        setPayload(current == MAX_CHANNEL ? MIN_CHANNEL : current + 1);
-    else
-        setPayload(current == MIN_CHANNEL ? MAX_CHANNEL : current - 1);
-    traceWriteOut(scope, "\n[CBR]reqCBRSeek WriteOut %x %x %x \n");
-    const unsigned int next = txByte(2);
-    if (next >= MIN_CHANNEL && next <= MAX_CHANNEL)
-        writeTxBuf(3);
+    command(scope, "reqCBRSeek", MSG_CHANNEL_SELECT, [direction] {
+        const int current = mCBRCurrentChannel.load(std::memory_order_relaxed);
+        if (direction != 0)
+            setPayload(current == MAX_CHANNEL ? MIN_CHANNEL : current + 1);
+        else
+            setPayload(current == MIN_CHANNEL ? MAX_CHANNEL : current - 1);
+        return inRange(txByte(2), MIN_CHANNEL, MAX_CHANNEL);
+    });
 }
 
 void CCBRadio::reqCBRSelectPreset(int channel)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRSelectPreset);
-    const std::unique_lock<CTimedMutex> frame = lockTxBuf();
-    if (!frame.owns_lock())
-        return;
-    setTxBuf(MSG_CHANNEL_SELECT, 0x01);
-    setPayload(channel);
-    traceWriteOut(scope, "\n[CBR]reqCBRSelectPreset WriteOut %x %x %x \n");
-    writeTxBuf(3);
+    command(scope, "reqCBRSelectPreset", MSG_CHANNEL_SELECT, [channel] { setPayload(channel); return true; });
 }
 
 void CCBRadio::reqCBRSetSquelchLevel(int level)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRSetSquelchLevel);
-    const std::unique_lock<CTimedMutex> frame = lockTxBuf();
-    if (!frame.owns_lock())
-        return;
-    setTxBuf(MSG_SET_SQUELCH_LEVEL, 0x01);
-    setPayload(level);
-    traceWriteOut(scope, "\n[CBR]reqCBRSetSquelchLevel WriteOut %x %x %x \n");
-    const unsigned int payload = txByte(2);
-    if (payload >= 1 && payload <= MAX_SQUELCH_LEVEL)
-        writeTxBuf(3);
+    // The payload is stored whatever it is, but only 1..14 is sent.
+    command(scope, "reqCBRSetSquelchLevel", MSG_SET_SQUELCH_LEVEL, [level] {
+        setPayload(level);
+        return inRange(txByte(2), 1, MAX_SQUELCH_LEVEL);
+    });
 }
 
 void CCBRadio::reqCBRAdjustSquelchLevel(int direction)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRAdjustSquelchLevel);
-    const std::unique_lock<CTimedMutex> frame = lockTxBuf();
-    if (!frame.owns_lock())
-        return;
-    setTxBuf(MSG_SET_SQUELCH_LEVEL, 0x01);
-    const unsigned char level = static_cast<unsigned char>(mCBRSquelchLevel.load(std::memory_order_relaxed));
-    if (direction != 0) {
-        if (level <= MAX_SQUELCH_LEVEL - 1)
-            setPayload(level + 1);
-    } else if (static_cast<unsigned char>(level - 1) <= MAX_SQUELCH_LEVEL - 1) {
-        setPayload(level - 1);
-    }
-    traceWriteOut(scope, "\n[CBR]reqCBRAdjustSquelchLevel WriteOut %x %x %x \n");
-    if (txByte(2) <= MAX_SQUELCH_LEVEL)
-        writeTxBuf(3);
+    // At either limit the payload byte is left as it is, so the previous frame's byte goes out.
+    command(scope, "reqCBRAdjustSquelchLevel", MSG_SET_SQUELCH_LEVEL, [direction] {
+        const unsigned char level = static_cast<unsigned char>(mCBRSquelchLevel.load(std::memory_order_relaxed));
+        if (direction != 0) {
+            if (level <= MAX_SQUELCH_LEVEL - 1)
+                setPayload(level + 1);
+        } else if (static_cast<unsigned char>(level - 1) <= MAX_SQUELCH_LEVEL - 1) {
+            setPayload(level - 1);
+        }
+        return txByte(2) <= MAX_SQUELCH_LEVEL;
+    });
 }
 
 void CCBRadio::reqCBRStartScan()
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRStartScan);
-    const std::unique_lock<CTimedMutex> frame = lockTxBuf();
-    if (!frame.owns_lock())
-        return;
-    setTxBuf(MSG_START_SCAN, 0x01);
-    setPayload(mCBRCurrentChannel.load(std::memory_order_relaxed));
-    traceWriteOut(scope, "\n[CBR]reqCBRStartScan WriteOut %x %x %x \n");
-    writeTxBuf(3);
+    command(scope, "reqCBRStartScan", MSG_START_SCAN, [] {
+        setPayload(mCBRCurrentChannel.load(std::memory_order_relaxed));
+        return true;
+    });
 }
 
 void CCBRadio::reqCBRStopScan()

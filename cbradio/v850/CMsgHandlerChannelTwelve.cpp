@@ -61,6 +61,180 @@ namespace
         if ((rx == 0 && tx == 0) || CCBRadio::mHuInspectionMode.load(relaxed) == 1)
             radio->sendCBRRxTxStatusSignal();
     }
+
+    // One frame as the handlers see it: the payload length byte and the first two payload bytes.
+    struct Frame
+    {
+        const CJTTraceScope& scope;
+        CCBRadio* radio;
+        const unsigned char* data;
+        unsigned int len;
+        unsigned int b2;
+        unsigned int b3;
+    };
+
+    // A refused frame traces why and changes nothing.
+    bool refuseLength(const Frame& f, unsigned int wanted, const char* name)
+    {
+        if (f.len == wanted)
+            return false;
+        f.scope.sendFormattedMessage("\n[CBRadio] [CH6] %s response data length %d is improper!\n", name, f.len);
+        return true;
+    }
+
+    bool refuseData(const Frame& f, bool bad, const char* text)
+    {
+        if (bad)
+            f.scope.sendFormattedMessage("%s", text);
+        return bad;
+    }
+
+    void hardwareVersion(const Frame& f)
+    {
+        if (f.len != 2) {
+            f.scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_HARDWARE_VERSION invalid Length !!!\n");
+            return;
+        }
+        f.radio->mCBRHWVersion[0].store(f.data[2], relaxed);
+        f.radio->mCBRHWVersion[1].store(f.data[3], relaxed);
+        f.scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_HARDWARE_VERSION rspns handled!!!\n");
+    }
+
+    void softwareVersion(const Frame& f)
+    {
+        if (f.len != 10) {
+            f.scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_SOFTWARE_VERSION invalid Length !!!\n");
+            return;
+        }
+        for (unsigned int i = 0; i < SW_VERSION_COPY; ++i)
+            f.radio->mCBRSWVersion[i].store(f.data[2 + i], relaxed);
+        f.scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_SOFTWARE_VERSION rspns handled!!!\n");
+    }
+
+    void receptionSensitivity(const Frame& f)
+    {
+        if (refuseLength(f, 1, "CBR_RECEPTION_SENSITIVITY_LEVEL"))
+            return;
+        CCBRadio::mCBRReceptionSensitivity.store(static_cast<unsigned char>(f.b2), relaxed);
+        f.radio->sendCBRReceptionSensitivitySignal();
+        f.scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_RECEPTION_SENSITIVITY_LEVEL is %d \n", f.b2);
+    }
+
+    // After an on/off or connection report, refused or not: radio off or hardware lost shuts the
+    // audio path down.
+    void checkAudioPath(const Frame& f)
+    {
+        if (CCBRadio::mCBRStatus.load(relaxed) == 0 || CCBRadio::mCBRHWConnectionStatus.load(relaxed) == 0)
+            shutDownAudioPath(f.radio);
+    }
+
+    void hwConnectionStatus(const Frame& f)
+    {
+        if (!refuseLength(f, 1, "CBR_HW_CONNECTION_STATUS")
+            && !refuseData(f, f.b2 > 1, "\n[CBRadio] [CH6] CBR_HW_CONNECTION_STATUS invalid response data or non +ve rspns. command failed at V850!\n")) {
+            CCBRadio::mCBRHWConnectionStatus.store(static_cast<unsigned char>(f.b2), relaxed);
+            f.radio->sendCBRHWConnectionStatus();
+            f.scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_HW_CONNECTION_STATUS is %d \n", f.b2);
+        }
+        checkAudioPath(f);
+    }
+
+    void onOff(const Frame& f)
+    {
+        // The V850 sends the state with a result byte after it; the length is not checked.
+        CCBRadio::mCBRStatus.store(static_cast<signed char>(f.b2), relaxed);
+        const int state = CCBRadio::mCBRStatus.load(relaxed);
+        f.radio->sendCBRadioStatusSignal();
+        if (state == 1) {
+            f.radio->sendCBRSquelchLevelSignal();
+            f.radio->sendCBRChannelNumberSignal();
+            f.radio->getVoxDetectedState();
+        }
+        f.scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_ON_OFF state = %d\n", state);
+        checkAudioPath(f);
+    }
+
+    void weatherAlertOnOff(const Frame& f)
+    {
+        if (refuseLength(f, 1, "CBR_WEATHER_ALERT_ON_OFF_STATUS")
+            || refuseData(f, f.b2 > 1, "\n[CBRadio] [CH6] CBR_WEATHER_ALERT_ON_OFF_STATUS invalid data or command failed at V850!\n"))
+            return;
+        CCBRadio::mCBRWeatherAlertOnOff.store(static_cast<signed char>(f.b2), relaxed);
+        f.scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_WEATHER_ALERT_ON_OFF is %d \n", f.b2);
+        f.radio->sendCBRWeatherAlertOnOffStatusSignal();
+    }
+
+    void weatherAlertStatus(const Frame& f)
+    {
+        if (refuseLength(f, 2, "CBR_WEATHER_ALERT_STATUS"))
+            return;
+        if (f.b2 > 1 || f.b3 < 1 || f.b3 > MAX_WEATHER_CHANNEL) {
+            f.scope.sendFormattedMessage("\n[CBRadio CH6] CBR_WEATHER_ALERT_STATUS invalid rspns Status = %d, CH_Num = %d\n",
+                                         f.b2, f.b3);
+            return;
+        }
+        if (CCBRadio::mCBRWeatherAlertOnOff.load(relaxed) != 1)
+            return;
+        CCBRadio::mCBRWeatherAlertStatus.store(static_cast<unsigned char>(f.b2), relaxed);
+        f.scope.sendFormattedMessage("\n[CBRadio CH6] CBR_WEATHER_ALERT_STATUS = %d CH Num = %d\n", f.b2, f.b3);
+        CCBRadio::mCBRWeatherAlertChannelNumber.store(static_cast<unsigned char>(f.b3), relaxed);
+        f.radio->sendCBRWeatherAlertStatusSignal();
+    }
+
+    void squelchLevel(const Frame& f)
+    {
+        if (refuseLength(f, 2, "CBR_SET_SQUELCH_LEVEL")
+            || refuseData(f, f.b3 != POSITIVE_RESPONSE || f.b2 > MAX_SQUELCH_LEVEL,
+                          "\n[CBRadio] [CH6] CBR_SET_SQUELCH_LEVEL invalid rspns data or non +ve rspns. command failed at V850!\n"))
+            return;
+        CCBRadio::mCBRSquelchLevel.store(static_cast<signed char>(f.b2), relaxed);
+        f.radio->sendCBRSquelchLevelSignal();
+        f.scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_SET_SQUELCH_LEVEL is %d \n", f.b2);
+    }
+
+    void txRxStatus(const Frame& f)
+    {
+        if (refuseLength(f, 2, "CBR_TX_RX_STATUS")
+            || refuseData(f, f.b2 > 1 || f.b3 > 1,
+                          "\n[CBRadio] [CH6] CBR_TX_RX_STATUS invalid rspns data or non +ve rspns. command failed at V850!\n"))
+            return;
+        CCBRadio::mCBRTxStatus.store(static_cast<signed char>(f.b2), relaxed);
+        f.scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_TX_STATUS is %d \n", f.b2);
+        CCBRadio::mCBRRxStatus.store(static_cast<signed char>(f.b3), relaxed);
+        f.scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_RX_STATUS is %d \n", f.b3);
+        handleTxRxStatus(f.radio, f.b2, f.b3);
+    }
+
+    void channelSelect(const Frame& f)
+    {
+        if (refuseLength(f, 2, "CBR_CHANNEL_SELECT")
+            || refuseData(f, f.b3 != POSITIVE_RESPONSE || f.b2 == 0 || f.b2 > MAX_CHANNEL,
+                          "\n[CBRadio] [CH6] CBR_CHANNEL_SELECT invalid rspns data or non +ve rspns. command failed at V850!\n"))
+            return;
+        CCBRadio::mCBRCurrentChannel.store(static_cast<signed char>(f.b2), relaxed);
+        f.radio->sendCBRChannelNumberSignal();
+        f.scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_CHANNEL_SELECT is %d \n", f.b2);
+    }
+
+    struct Report
+    {
+        unsigned char id;
+        bool onlyWhileOn;   // channel, squelch and Tx/Rx reports mean nothing while the radio is off
+        void (*handle)(const Frame&);
+    };
+
+    const Report REPORTS[] = {
+        {CBR_HARDWARE_VERSION, false, &hardwareVersion},
+        {CBR_SOFTWARE_VERSION, false, &softwareVersion},
+        {CBR_RECEPTION_SENSITIVITY_LEVEL, false, &receptionSensitivity},
+        {CBR_HW_CONNECTION_STATUS, false, &hwConnectionStatus},
+        {CBR_ON_OFF, false, &onOff},
+        {CBR_WEATHER_ALERT_ON_OFF_STATUS, false, &weatherAlertOnOff},
+        {CBR_WEATHER_ALERT_STATUS, false, &weatherAlertStatus},
+        {CBR_SET_SQUELCH_LEVEL, true, &squelchLevel},
+        {CBR_TX_RX_STATUS, true, &txRxStatus},
+        {CBR_CHANNEL_SELECT, true, &channelSelect},
+    };
 }
 
 CMsgHandlerChannelTwelve::CMsgHandlerChannelTwelve(CCBRadio* radio) : mpCBRadio(radio)
@@ -79,131 +253,11 @@ void CMsgHandlerChannelTwelve::processMsg(unsigned char* data, unsigned int leng
         scope.sendFormattedMessage("\n[CBRadio] [CH6] Msg received from V850 seems to be corrupted!!!\n");
         return;
     }
-    CCBRadio* const radio = mpCBRadio;
-    const unsigned int id = data[0];
-    const unsigned int len = data[1];
-    const unsigned int b2 = data[2];
-    const unsigned int b3 = data[3];
-
-    if (id == CBR_HARDWARE_VERSION) {
-        if (len != 2) {
-            scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_HARDWARE_VERSION invalid Length !!!\n");
-        } else {
-            radio->mCBRHWVersion[0].store(data[2], relaxed);
-            radio->mCBRHWVersion[1].store(data[3], relaxed);
-            scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_HARDWARE_VERSION rspns handled!!!\n");
-        }
-    }
-
-    if (id == CBR_SOFTWARE_VERSION) {
-        if (len != 10) {
-            scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_SOFTWARE_VERSION invalid Length !!!\n");
-        } else {
-            for (unsigned int i = 0; i < SW_VERSION_COPY; ++i)
-                radio->mCBRSWVersion[i].store(data[2 + i], relaxed);
-            scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_SOFTWARE_VERSION rspns handled!!!\n");
-        }
-    }
-
-    if (id == CBR_RECEPTION_SENSITIVITY_LEVEL) {
-        if (len != 1) {
-            scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_RECEPTION_SENSITIVITY_LEVEL response data length %d is improper!\n", len);
-        } else {
-            CCBRadio::mCBRReceptionSensitivity.store(static_cast<unsigned char>(b2), relaxed);
-            radio->sendCBRReceptionSensitivitySignal();
-            scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_RECEPTION_SENSITIVITY_LEVEL is %d \n", b2);
-        }
-    } else if (id == CBR_HW_CONNECTION_STATUS) {
-        if (len != 1) {
-            scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_HW_CONNECTION_STATUS response data length %d is improper!\n", len);
-        } else if (b2 > 1) {
-            scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_HW_CONNECTION_STATUS invalid response data or non +ve rspns. command failed at V850!\n");
-        } else {
-            CCBRadio::mCBRHWConnectionStatus.store(static_cast<unsigned char>(b2), relaxed);
-            radio->sendCBRHWConnectionStatus();
-            scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_HW_CONNECTION_STATUS is %d \n", b2);
-        }
-    } else if (id == CBR_ON_OFF) {
-        // The V850 sends the state with a result byte after it; the length is not checked.
-        CCBRadio::mCBRStatus.store(static_cast<signed char>(b2), relaxed);
-        const int state = CCBRadio::mCBRStatus.load(relaxed);
-        radio->sendCBRadioStatusSignal();
-        if (state == 1) {
-            radio->sendCBRSquelchLevelSignal();
-            radio->sendCBRChannelNumberSignal();
-            radio->getVoxDetectedState();
-        }
-        scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_ON_OFF state = %d\n", state);
-    }
-
-    if ((id == CBR_ON_OFF || id == CBR_HW_CONNECTION_STATUS)
-        && (CCBRadio::mCBRStatus.load(relaxed) == 0 || CCBRadio::mCBRHWConnectionStatus.load(relaxed) == 0))
-        shutDownAudioPath(radio);
-
-    if (id == CBR_WEATHER_ALERT_ON_OFF_STATUS) {
-        if (len != 1) {
-            scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_WEATHER_ALERT_ON_OFF_STATUS response data length %d is improper!\n", len);
-        } else if (b2 > 1) {
-            scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_WEATHER_ALERT_ON_OFF_STATUS invalid data or command failed at V850!\n");
-        } else {
-            CCBRadio::mCBRWeatherAlertOnOff.store(static_cast<signed char>(b2), relaxed);
-            scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_WEATHER_ALERT_ON_OFF is %d \n", b2);
-            radio->sendCBRWeatherAlertOnOffStatusSignal();
-        }
-    }
-
-    if (id == CBR_WEATHER_ALERT_STATUS) {
-        if (len != 2) {
-            scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_WEATHER_ALERT_STATUS response data length %d is improper!\n", len);
-        } else if (b2 > 1 || b3 < 1 || b3 > MAX_WEATHER_CHANNEL) {
-            scope.sendFormattedMessage("\n[CBRadio CH6] CBR_WEATHER_ALERT_STATUS invalid rspns Status = %d, CH_Num = %d\n", b2, b3);
-        } else if (CCBRadio::mCBRWeatherAlertOnOff.load(relaxed) == 1) {
-            CCBRadio::mCBRWeatherAlertStatus.store(static_cast<unsigned char>(b2), relaxed);
-            scope.sendFormattedMessage("\n[CBRadio CH6] CBR_WEATHER_ALERT_STATUS = %d CH Num = %d\n", b2, b3);
-            CCBRadio::mCBRWeatherAlertChannelNumber.store(static_cast<unsigned char>(b3), relaxed);
-            radio->sendCBRWeatherAlertStatusSignal();
-        }
-    }
-
-    // Channel, squelch and Tx/Rx reports mean nothing while the radio is off.
-    if (CCBRadio::mCBRStatus.load(relaxed) == 0)
+    for (const Report& report : REPORTS) {
+        if (report.id != data[0])
+            continue;
+        if (!report.onlyWhileOn || CCBRadio::mCBRStatus.load(relaxed) != 0)
+            report.handle(Frame{scope, mpCBRadio, data, data[1], data[2], data[3]});
         return;
-
-    if (id == CBR_SET_SQUELCH_LEVEL) {
-        if (len != 2) {
-            scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_SET_SQUELCH_LEVEL response data length %d is improper!\n", len);
-        } else if (b3 != POSITIVE_RESPONSE || b2 > MAX_SQUELCH_LEVEL) {
-            scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_SET_SQUELCH_LEVEL invalid rspns data or non +ve rspns. command failed at V850!\n");
-        } else {
-            CCBRadio::mCBRSquelchLevel.store(static_cast<signed char>(b2), relaxed);
-            radio->sendCBRSquelchLevelSignal();
-            scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_SET_SQUELCH_LEVEL is %d \n", b2);
-        }
-    }
-
-    if (id == CBR_TX_RX_STATUS) {
-        if (len != 2) {
-            scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_TX_RX_STATUS response data length %d is improper!\n", len);
-        } else if (b2 > 1 || b3 > 1) {
-            scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_TX_RX_STATUS invalid rspns data or non +ve rspns. command failed at V850!\n");
-        } else {
-            CCBRadio::mCBRTxStatus.store(static_cast<signed char>(b2), relaxed);
-            scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_TX_STATUS is %d \n", b2);
-            CCBRadio::mCBRRxStatus.store(static_cast<signed char>(b3), relaxed);
-            scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_RX_STATUS is %d \n", b3);
-            handleTxRxStatus(radio, b2, b3);
-        }
-    }
-
-    if (id == CBR_CHANNEL_SELECT) {
-        if (len != 2) {
-            scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_CHANNEL_SELECT response data length %d is improper!\n", len);
-        } else if (b3 != POSITIVE_RESPONSE || b2 == 0 || b2 > MAX_CHANNEL) {
-            scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_CHANNEL_SELECT invalid rspns data or non +ve rspns. command failed at V850!\n");
-        } else {
-            CCBRadio::mCBRCurrentChannel.store(static_cast<signed char>(b2), relaxed);
-            radio->sendCBRChannelNumberSignal();
-            scope.sendFormattedMessage("\n[CBRadio] [CH6] CBR_CHANNEL_SELECT is %d \n", b2);
-        }
     }
 }

@@ -73,10 +73,22 @@ DBusMessage* busCall(const char* method)
                                         method);
 }
 
-bool appendString(DBusMessage* msg, const std::string& text)
+// A call of the bus daemon's `method` with one text argument; null when memory ran out.
+DBusMessage* busCall(const char* method, const std::string& text)
 {
+    DBusMessage* msg = busCall(method);
     const char* s = text.c_str();
-    return dbus_message_append_args(msg, DBUS_TYPE_STRING, &s, DBUS_TYPE_INVALID);
+    if (msg && !dbus_message_append_args(msg, DBUS_TYPE_STRING, &s, DBUS_TYPE_INVALID)) {
+        dbus_message_unref(msg);
+        msg = nullptr;
+    }
+    return msg;
+}
+
+template <typename T>
+void eraseFrom(std::vector<std::shared_ptr<T>>& all, const std::shared_ptr<T>& one)
+{
+    all.erase(std::remove(all.begin(), all.end(), one), all.end());
 }
 
 int msUntil(std::chrono::steady_clock::time_point deadline)
@@ -223,7 +235,7 @@ void Connection::close()
     if (readerGone)
         flushForClose();
     dbus_connection_close(mConn);
-    shutdown(mPollFd, SHUT_RDWR);
+    (void)shutdown(mPollFd, SHUT_RDWR);  // ENOTCONN when the bus had gone already
     mConnected = false;
 }
 
@@ -295,68 +307,96 @@ bool Connection::readerWantedLocked() const
 
 void Connection::threadMain(const std::shared_ptr<Worker>& self)
 {
-    pthread_setname_np(pthread_self(), "svcipc-dispatch");
-    int prio = requestedPriority();
-    if (prio >= 0)
-        pthread_setschedprio(pthread_self(), prio);  // refused under a policy without priorities
-    tlsOwner = this;
+    setUpWorkerThread();
     std::vector<Completion> after;
+    tlsOwner = this;
     tlsAfter = &after;
 
     std::unique_lock<std::mutex> lock(mMutex);
     while (!mStopping) {
         expireLocked();
-        if (!mDispatching && !mWork.empty()) {
-            Work work = std::move(mWork.front());
-            mWork.pop_front();
-            mDispatching = true;
-            tlsDispatching = true;
-            const bool offer = readerWantedLocked();
-            lock.unlock();
-            if (offer)
-                mCond.notify_all();  // after unlocking, so that the woken do not block on it
-            dispatch(work);
-            lock.lock();
-            if (tlsYielded) {
-                tlsYielded = false;
-                --mYielded;
-            }
-            if (tlsDispatching) {
-                tlsDispatching = false;
-                mDispatching = false;
-                if (!mWork.empty())
-                    mCond.notify_all();
-            }
-            continue;
-        }
-        if (!mReading && isConnected()) {
-            mReading = true;
-            mReaderIsWorker = true;
-            const int timeoutMs = msUntilAsyncDeadlineLocked();
-            mReaderDeadline = timeoutMs < 0 ? Clock::time_point::max()
-                                            : Clock::now() + std::chrono::milliseconds(timeoutMs);
-            lock.unlock();
-            readOnce(timeoutMs);
-            lock.lock();
-            mReading = false;
-            mReaderIsWorker = false;
-            // Reads again at once unless there is work; blocked callers get their replies from
-            // it meanwhile (measured: cheaper than handing the role over to them and back).
-            continue;
-        }
-        if (readerWantedLocked())
-            mCond.notify_all();
-        ++mIdle;
-        const int timeoutMs = msUntilAsyncDeadlineLocked();
-        if (timeoutMs < 0)
-            mCond.wait(lock);
+        if (!mDispatching && !mWork.empty())
+            dispatchNextLocked(lock);
+        else if (!mReading && isConnected())
+            readAsWorkerLocked(lock);
         else
-            mCond.wait_for(lock, std::chrono::milliseconds(timeoutMs));
-        --mIdle;
+            idleLocked(lock);
     }
+    drainForStopLocked(lock);
+    self->exited = true;
+    mCond.notify_all();
+    lock.unlock();
+    tlsAfter = nullptr;
+    tlsOwner = nullptr;
+}
 
-    // Stopping: completions still owed run here, on a worker, whichever leaves first. Calls and
-    // signals that were not dispatched are dropped (the bus answers the callers for us).
+void Connection::setUpWorkerThread()
+{
+    // Both only label and tune the thread: a refusal (a long name, a policy without priorities)
+    // leaves it working as before.
+    (void)pthread_setname_np(pthread_self(), "svcipc-dispatch");
+    const int prio = requestedPriority();
+    if (prio >= 0)
+        (void)pthread_setschedprio(pthread_self(), prio);
+}
+
+void Connection::dispatchNextLocked(std::unique_lock<std::mutex>& lock)
+{
+    Work work = std::move(mWork.front());
+    mWork.pop_front();
+    mDispatching = true;
+    tlsDispatching = true;
+    const bool offer = readerWantedLocked();
+    lock.unlock();
+    if (offer)
+        mCond.notify_all();  // after unlocking, so that the woken do not block on it
+    dispatch(work);
+    lock.lock();
+    if (tlsYielded) {
+        tlsYielded = false;
+        --mYielded;
+    }
+    if (tlsDispatching) {
+        tlsDispatching = false;
+        mDispatching = false;
+        if (!mWork.empty())
+            mCond.notify_all();
+    }
+}
+
+void Connection::readAsWorkerLocked(std::unique_lock<std::mutex>& lock)
+{
+    mReading = true;
+    mReaderIsWorker = true;
+    const int timeoutMs = msUntilAsyncDeadlineLocked();
+    mReaderDeadline = timeoutMs < 0 ? Clock::time_point::max()
+                                    : Clock::now() + std::chrono::milliseconds(timeoutMs);
+    lock.unlock();
+    readOnce(timeoutMs);
+    lock.lock();
+    mReading = false;
+    mReaderIsWorker = false;
+    // The worker reads again at once unless there is work; blocked callers get their replies
+    // from it meanwhile (measured: cheaper than handing the role over to them and back).
+}
+
+void Connection::idleLocked(std::unique_lock<std::mutex>& lock)
+{
+    if (readerWantedLocked())
+        mCond.notify_all();
+    ++mIdle;
+    const int timeoutMs = msUntilAsyncDeadlineLocked();
+    if (timeoutMs < 0)
+        mCond.wait(lock);
+    else
+        mCond.wait_for(lock, std::chrono::milliseconds(timeoutMs));
+    --mIdle;
+}
+
+void Connection::drainForStopLocked(std::unique_lock<std::mutex>& lock)
+{
+    // Completions still owed run here, on a worker, whichever leaves first. Calls and signals that
+    // were not dispatched are dropped (the bus answers the callers for us).
     failAsyncLocked(SVCIPC_ERR_DISCONNECTED);
     while (!mWork.empty()) {
         Work work = std::move(mWork.front());
@@ -368,11 +408,6 @@ void Connection::threadMain(const std::shared_ptr<Worker>& self)
             dbus_message_unref(work.msg);
         lock.lock();
     }
-    self->exited = true;
-    mCond.notify_all();
-    lock.unlock();
-    tlsAfter = nullptr;
-    tlsOwner = nullptr;
 }
 
 void Connection::yieldDispatch()
@@ -394,7 +429,7 @@ void Connection::dispatch(Work& work)
     switch (work.kind) {
     case WorkKind::Message:
         if (work.in.kind == Kind::MethodCall)
-            handleCall(work.msg, work.in);
+            handleCall(work.msg, work.in, work.reg);
         else
             deliverSignal(work.in);
         break;
@@ -428,163 +463,211 @@ void Connection::dispatch(Work& work)
 // ------------------------------------------------------------------------------------------------
 // Reading
 
+// Our own non-blocking eventfd fails only with EAGAIN: on a write when the counter is full, which
+// wakes the reader just as well; on a read when another reader drained it first.
 void Connection::wake()
 {
-    uint64_t one = 1;
-    ssize_t n = write(mWakeFd, &one, sizeof one);
-    (void)n;  // a full counter already means "wake up"
+    const uint64_t one = 1;
+    const ssize_t n = write(mWakeFd, &one, sizeof one);
+    (void)n;
+}
+
+void Connection::drainWake()
+{
+    uint64_t value;
+    const ssize_t n = read(mWakeFd, &value, sizeof value);
+    (void)n;
 }
 
 void Connection::readOnce(int timeoutMs)
 {
     tlsReading = true;
     // What libdbus has read already comes first; the descriptor does not show it.
-    bool any = false;
+    if (popAll() == 0 && waitForInput(timeoutMs))
+        readAndPop();
+    tlsReading = false;
+}
+
+bool Connection::waitForInput(int timeoutMs)
+{
+    pollfd fds[2] = {{mWakeFd, POLLIN, 0}, {mPollFd, POLLIN, 0}};
+    const nfds_t count = isConnected() ? 2 : 1;
+    if (count == 2 && dbus_connection_has_messages_to_send(mConn))
+        fds[1].events |= POLLOUT;
+    if (poll(fds, count, timeoutMs) <= 0)
+        return false;  // time-out, or EINTR: the caller comes back
+    if (fds[0].revents & POLLIN)
+        drainWake();
+    return count == 2 && fds[1].revents != 0;
+}
+
+size_t Connection::readAndPop()
+{
+    dbus_connection_read_write(mConn, 0);
+    return popAll();
+}
+
+size_t Connection::popAll()
+{
+    size_t n = 0;
     while (DBusMessage* msg = dbus_connection_pop_message(mConn)) {
         sortIncoming(msg);
-        any = true;
+        ++n;
     }
-    if (!any) {
-        pollfd fds[2] = {{mWakeFd, POLLIN, 0}, {mPollFd, POLLIN, 0}};
-        const nfds_t count = isConnected() ? 2 : 1;
-        if (count == 2 && dbus_connection_has_messages_to_send(mConn))
-            fds[1].events |= POLLOUT;
-        if (poll(fds, count, timeoutMs) > 0) {
-            if (fds[0].revents & POLLIN) {
-                uint64_t value;
-                ssize_t n = read(mWakeFd, &value, sizeof value);
-                (void)n;
-            }
-            if (count == 2 && fds[1].revents != 0) {
-                dbus_connection_read_write(mConn, 0);
-                while (DBusMessage* msg = dbus_connection_pop_message(mConn))
-                    sortIncoming(msg);
-            }
-        }
-    }
-    tlsReading = false;
+    return n;
 }
 
 void Connection::sortIncoming(DBusMessage* msg)
 {
     Incoming in = classify(msg);
     std::unique_lock<std::mutex> lock(mMutex);
+    bool kept = false;
     switch (in.kind) {
     case Kind::Reply:
-    case Kind::ErrorReply: {
-        const SVCIPC_tError status =
-            in.kind == Kind::Reply ? 0 : SVCIPC_ERR(errorCodeForName(in.errName));
-        auto waiter = mWaiters.find(in.replySerial);
-        if (waiter != mWaiters.end()) {
-            waiter->second->done = true;
-            waiter->second->status = status;
-            waiter->second->reply = msg;  // the waiter takes our reference
-            mWaiters.erase(waiter);
-            lock.unlock();
-            mCond.notify_all();
-            return;
-        }
-        auto async = mAsync.find(in.replySerial);
-        if (async == mAsync.end())
-            break;  // late, or nobody asked
-        Work work;
-        work.kind = WorkKind::Result;
-        work.msg = msg;
-        work.in = in;
-        work.pending = async->second;
-        work.status = status;
-        mAsync.erase(async);
-        pushWorkLocked(std::move(work));
-        return;
-    }
-    case Kind::Signal: {
-        // The bus matches broadcasts against our rules, which name the sender; a signal aimed at
-        // us passes no rule, so only the bus daemon's own count.
-        if (dbus_message_get_destination(msg) && !in.ownerChange)
-            break;
-        bool wanted = false;
-        for (const auto& s : mSubs) {
-            wanted = s->ownerWatch ? in.ownerChange && s->busName == in.ownerName
-                                   : in.hasText && s->path == in.path && s->member == in.member;
-            if (wanted)
-                break;
-        }
-        if (!wanted)
-            break;
-        Work work;
-        work.msg = msg;
-        work.in = in;
-        pushWorkLocked(std::move(work));
-        return;
-    }
-    case Kind::MethodCall: {
-        const std::string* service = nullptr;
-        for (const auto& r : mRegs)
-            if (r->objPath == in.path)
-                service = &r->busName;
-        const std::string* interfaces = nullptr;
-        if (service && !mDescriptions.empty()) {
-            auto d = mDescriptions.find(in.path);
-            if (d != mDescriptions.end())
-                interfaces = &d->second->xml;
-        }
-        CallDecision decision = routeCall(in, service, interfaces, [this] {
-            std::vector<std::string> all;
-            for (const auto& r : mRegs)
-                all.push_back(r->objPath);
-            return all;
-        });
-        if (decision.route == Route::ToService) {
-            Work work;
-            work.msg = msg;
-            work.in = in;
-            pushWorkLocked(std::move(work));
-            return;
-        }
-        lock.unlock();
-        DBusMessage* reply = buildReply(msg, in, decision);
-        if (reply) {
-            sendMessage(reply);
-            dbus_message_unref(reply);
-        }
-        dbus_message_unref(msg);
-        return;
-    }
+    case Kind::ErrorReply:
+        kept = takeReplyLocked(msg, in, lock);
+        break;
+    case Kind::Signal:
+        kept = queueSignalLocked(msg, in);
+        break;
+    case Kind::MethodCall:
+        kept = routeCallLocked(msg, in, lock);
+        break;
     case Kind::Disconnected:
-        if (mConnected.exchange(false)) {
-            shutdown(mPollFd, SHUT_RDWR);
-            failWaitersLocked(SVCIPC_ERR_DISCONNECTED);
-            failAsyncLocked(SVCIPC_ERR_DISCONNECTED);
-            if (!mStopping) {
-                mLostOwed = true;
-                if (mOnLost) {
-                    Work work;
-                    work.kind = WorkKind::Lost;
-                    pushWorkLocked(std::move(work));
-                }
-            }
-            mCond.notify_all();
-        }
+        noteLossLocked();
         break;
     case Kind::Ignore:
         break;
     }
+    if (lock.owns_lock())
+        lock.unlock();
+    if (!kept)
+        dbus_message_unref(msg);
+}
+
+bool Connection::takeReplyLocked(DBusMessage* msg, const Incoming& in,
+                                 std::unique_lock<std::mutex>& lock)
+{
+    const SVCIPC_tError status =
+        in.kind == Kind::Reply ? 0 : SVCIPC_ERR(errorCodeForName(in.errName));
+    auto waiter = mWaiters.find(in.replySerial);
+    if (waiter != mWaiters.end()) {
+        waiter->second->done = true;
+        waiter->second->status = status;
+        waiter->second->reply = msg;  // the waiter takes our reference
+        mWaiters.erase(waiter);
+        lock.unlock();
+        mCond.notify_all();
+        return true;
+    }
+    auto async = mAsync.find(in.replySerial);
+    if (async == mAsync.end())
+        return false;  // late, or nobody asked
+    Work work;
+    work.kind = WorkKind::Result;
+    work.msg = msg;
+    work.in = in;
+    work.pending = async->second;
+    work.status = status;
+    mAsync.erase(async);
+    pushWorkLocked(std::move(work));
+    return true;
+}
+
+bool Connection::subscribed(const Subscription& s, const Incoming& in)
+{
+    return s.ownerWatch ? in.ownerChange && s.busName == in.ownerName
+                        : in.hasText && s.path == in.path && s.member == in.member;
+}
+
+bool Connection::queueSignalLocked(DBusMessage* msg, const Incoming& in)
+{
+    // The bus matches broadcasts against our rules, which name the sender; a signal aimed at us
+    // passes no rule, so only the bus daemon's own count.
+    if (dbus_message_get_destination(msg) && !in.ownerChange)
+        return false;
+    const bool wanted = std::any_of(mSubs.begin(), mSubs.end(),
+                                    [&](const auto& s) { return subscribed(*s, in); });
+    if (!wanted)
+        return false;
+    Work work;
+    work.msg = msg;
+    work.in = in;
+    pushWorkLocked(std::move(work));
+    return true;
+}
+
+std::vector<std::string> Connection::registeredPathsLocked() const
+{
+    std::vector<std::string> all;
+    for (const auto& r : mRegs)
+        all.push_back(r->objPath);
+    return all;
+}
+
+bool Connection::routeCallLocked(DBusMessage* msg, const Incoming& in,
+                                 std::unique_lock<std::mutex>& lock)
+{
+    std::shared_ptr<Registration> reg;
+    for (const auto& r : mRegs)
+        if (r->objPath == in.path)
+            reg = r;
+    const std::string* interfaces = nullptr;
+    if (reg && !mDescriptions.empty()) {
+        auto d = mDescriptions.find(in.path);
+        if (d != mDescriptions.end())
+            interfaces = &d->second->xml;
+    }
+    CallDecision decision = routeCall(in, reg ? &reg->busName : nullptr, interfaces,
+                                      [this] { return registeredPathsLocked(); });
+    if (decision.route == Route::ToService) {
+        Work work;
+        work.msg = msg;
+        work.in = in;
+        work.reg = std::move(reg);
+        pushWorkLocked(std::move(work));
+        return true;
+    }
     lock.unlock();
-    dbus_message_unref(msg);
+    answer(msg, in, decision);
+    return false;
+}
+
+void Connection::answer(DBusMessage* call, const Incoming& in, const CallDecision& decision)
+{
+    DBusMessage* reply = buildReply(call, in, decision);
+    if (reply) {
+        sendMessage(reply);
+        dbus_message_unref(reply);
+    }
+}
+
+void Connection::noteLossLocked()
+{
+    if (!mConnected.exchange(false))
+        return;
+    // Wakes a poll on the duplicate; ENOTCONN when the bus had closed the socket already.
+    (void)shutdown(mPollFd, SHUT_RDWR);
+    failWaitersLocked(SVCIPC_ERR_DISCONNECTED);
+    failAsyncLocked(SVCIPC_ERR_DISCONNECTED);
+    if (!mStopping) {
+        mLostOwed = true;
+        if (mOnLost) {
+            Work work;
+            work.kind = WorkKind::Lost;
+            pushWorkLocked(std::move(work));
+        }
+    }
+    mCond.notify_all();
 }
 
 // ------------------------------------------------------------------------------------------------
 // Dispatching
 
-void Connection::handleCall(DBusMessage* msg, const Incoming& in)
+void Connection::handleCall(DBusMessage* msg, const Incoming& in,
+                            const std::shared_ptr<Registration>& reg)
 {
-    std::shared_ptr<Registration> reg;
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        for (const auto& r : mRegs)
-            if (r->objPath == in.path)
-                reg = r;
-    }
+    // A registration being ended closes its gate before it lets go of its callback.
     if (reg && reg->gate.enter()) {
         auto ctx = std::make_shared<RequestContext>();
         ctx->call = dbus_message_ref(msg);
@@ -597,17 +680,10 @@ void Connection::handleCall(DBusMessage* msg, const Incoming& in)
     }
     // Unregistered since the call was read.
     CallDecision decision = routeCall(in, nullptr, nullptr, [this] {
-        std::vector<std::string> all;
         std::lock_guard<std::mutex> lock(mMutex);
-        for (const auto& r : mRegs)
-            all.push_back(r->objPath);
-        return all;
+        return registeredPathsLocked();
     });
-    DBusMessage* reply = buildReply(msg, in, decision);
-    if (reply) {
-        sendMessage(reply);
-        dbus_message_unref(reply);
-    }
+    answer(msg, in, decision);
 }
 
 void Connection::deliverSignal(const Incoming& in)
@@ -615,13 +691,9 @@ void Connection::deliverSignal(const Incoming& in)
     std::vector<std::shared_ptr<Subscription>> targets;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        for (const auto& s : mSubs) {
-            bool match = s->ownerWatch
-                             ? in.ownerChange && s->busName == in.ownerName
-                             : in.hasText && s->path == in.path && s->member == in.member;
-            if (match)
+        for (const auto& s : mSubs)
+            if (subscribed(*s, in))
                 targets.push_back(s);
-        }
     }
     for (const auto& s : targets) {
         if (!s->gate.enter())
@@ -910,31 +982,38 @@ SVCIPC_tError Connection::addRegistration(const std::shared_ptr<Registration>& r
             dbus_message_unref(reply);
         }
     }
-    if (status != 0) {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mRegs.erase(std::remove(mRegs.begin(), mRegs.end(), reg), mRegs.end());
-    }
+    if (status != 0)
+        forget(mRegs, reg);
+    return status;
+}
+
+template <typename T>
+void Connection::forget(std::vector<std::shared_ptr<T>>& all, const std::shared_ptr<T>& one)
+{
+    std::lock_guard<std::mutex> lock(mMutex);
+    eraseFrom(all, one);
+}
+
+SVCIPC_tError Connection::callBus(const char* method, const std::string& text)
+{
+    DBusMessage* msg = busCall(method, text);
+    if (!msg)
+        return SVCIPC_ERR_NO_MEMORY;
+    CallResult result;
+    const SVCIPC_tError status = call(msg, kBusCallTimeoutMs, nullptr, result);
+    dbus_message_unref(msg);
+    if (status != 0)
+        setLastError(result.errName, result.errMsg);
     return status;
 }
 
 SVCIPC_tError Connection::removeRegistration(const std::shared_ptr<Registration>& reg)
 {
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mRegs.erase(std::remove(mRegs.begin(), mRegs.end(), reg), mRegs.end());
-    }
+    forget(mRegs, reg);
     reg->gate.close(kCallbackGrace);
     if (!isConnected())
         return SVCIPC_ERR_DISCONNECTED;
-    DBusMessage* msg = busCall("ReleaseName");
-    if (!msg)
-        return SVCIPC_ERR_NO_MEMORY;
-    CallResult result;
-    SVCIPC_tError status = appendString(msg, reg->busName)
-                               ? call(msg, kBusCallTimeoutMs, nullptr, result)
-                               : SVCIPC_ERR_NO_MEMORY;
-    dbus_message_unref(msg);
-    return status;
+    return callBus("ReleaseName", reg->busName);
 }
 
 SVCIPC_tError Connection::addSubscription(const std::shared_ptr<Subscription>& sub)
@@ -944,34 +1023,21 @@ SVCIPC_tError Connection::addSubscription(const std::shared_ptr<Subscription>& s
         mSubs.push_back(sub);  // before the rule, so nothing the bus sends afterwards is missed
         needWorkerLocked();
     }
-    DBusMessage* msg = busCall("AddMatch");
-    SVCIPC_tError status = SVCIPC_ERR_NO_MEMORY;
-    CallResult result;
-    if (msg && appendString(msg, sub->rule))
-        status = call(msg, kBusCallTimeoutMs, nullptr, result);
-    if (msg)
-        dbus_message_unref(msg);
-    if (status != 0) {
-        setLastError(result.errName, result.errMsg);
-        std::lock_guard<std::mutex> lock(mMutex);
-        mSubs.erase(std::remove(mSubs.begin(), mSubs.end(), sub), mSubs.end());
-    }
+    const SVCIPC_tError status = callBus("AddMatch", sub->rule);
+    if (status != 0)
+        forget(mSubs, sub);
     return status;
 }
 
 void Connection::removeSubscription(const std::shared_ptr<Subscription>& sub)
 {
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mSubs.erase(std::remove(mSubs.begin(), mSubs.end(), sub), mSubs.end());
-    }
+    forget(mSubs, sub);
     sub->gate.close(kCallbackGrace);
-    DBusMessage* msg = busCall("RemoveMatch");
+    DBusMessage* msg = busCall("RemoveMatch", sub->rule);
     if (!msg)
         return;
     dbus_message_set_no_reply(msg, TRUE);
-    if (appendString(msg, sub->rule))
-        sendMessage(msg);
+    sendMessage(msg);
     dbus_message_unref(msg);
 }
 

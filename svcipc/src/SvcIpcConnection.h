@@ -180,6 +180,7 @@ private:
         WorkKind kind = WorkKind::Message;
         DBusMessage* msg = nullptr;  // owned reference
         Incoming in;                 // points into msg
+        std::shared_ptr<Registration> reg;  // a call's service, as found when it was read
         Pending pending;
         SVCIPC_tError status = 0;
         Completion completion;
@@ -204,15 +205,40 @@ private:
     void expireLocked();
     int msUntilAsyncDeadlineLocked() const;
 
+    // A worker's life: dispatching queued work, reading, or waiting, until the connection stops.
     void threadMain(const std::shared_ptr<Worker>& self);
+    static void setUpWorkerThread();
+    void dispatchNextLocked(std::unique_lock<std::mutex>& lock);
+    void readAsWorkerLocked(std::unique_lock<std::mutex>& lock);
+    void idleLocked(std::unique_lock<std::mutex>& lock);
+    void drainForStopLocked(std::unique_lock<std::mutex>& lock);
     void dispatch(Work& work);
+
+    // Reading: the holder of the reader role, without mMutex.
     void readOnce(int timeoutMs);
+    bool waitForInput(int timeoutMs);  // true when the bus descriptor has something
+    size_t readAndPop();               // lets libdbus read and write, then sorts what came
+    size_t popAll();                   // sorts what libdbus has read already
+    void drainWake();
+
+    // Sorting one message (we hold a reference); the *Locked steps return true when they kept it.
     void sortIncoming(DBusMessage* msg);
-    void answerLocally(DBusMessage* msg, const Incoming& in);
-    void handleCall(DBusMessage* msg, const Incoming& in);
+    bool takeReplyLocked(DBusMessage* msg, const Incoming& in, std::unique_lock<std::mutex>& lock);
+    bool queueSignalLocked(DBusMessage* msg, const Incoming& in);
+    bool routeCallLocked(DBusMessage* msg, const Incoming& in, std::unique_lock<std::mutex>& lock);
+    void noteLossLocked();
+    std::vector<std::string> registeredPathsLocked() const;
+    static bool subscribed(const Subscription& s, const Incoming& in);
+    void answer(DBusMessage* call, const Incoming& in, const CallDecision& decision);
+
+    void handleCall(DBusMessage* msg, const Incoming& in, const std::shared_ptr<Registration>& reg);
     void deliverSignal(const Incoming& in);
     void runLost();
     void flushForClose();
+    template <typename T>
+    void forget(std::vector<std::shared_ptr<T>>& all, const std::shared_ptr<T>& one);
+    // Calls the bus daemon with one text argument and waits; a failure is the thread's last error.
+    SVCIPC_tError callBus(const char* method, const std::string& text);
     void wake();
     // Called before every blocking library call: a worker holding the dispatcher role gives it up.
     static void yieldDispatch();

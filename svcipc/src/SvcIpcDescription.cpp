@@ -101,18 +101,21 @@ private:
         return true;
     }
 
+    // Steps over one character at mPos, or over a whole reference; false when that is malformed.
+    bool character()
+    {
+        if (mText[mPos] == '&')
+            return reference();
+        ++mPos;
+        return true;
+    }
+
     // Character data: only white space outside the elements.
     bool text()
     {
         while (mPos < mSize && mText[mPos] != '<') {
-            if (mOpen.empty() && !isSpace(mText[mPos]))
+            if ((mOpen.empty() && !isSpace(mText[mPos])) || !character())
                 return false;
-            if (mText[mPos] == '&') {
-                if (!reference())
-                    return false;
-                continue;
-            }
-            ++mPos;
         }
         return true;
     }
@@ -141,14 +144,8 @@ private:
         const char quote = mText[mPos++];
         const size_t start = mPos;
         while (mPos < mSize && mText[mPos] != quote) {
-            if (mText[mPos] == '<')
+            if (mText[mPos] == '<' || !character())
                 return false;
-            if (mText[mPos] == '&') {
-                if (!reference())
-                    return false;
-                continue;
-            }
-            ++mPos;
         }
         if (mPos >= mSize)
             return false;

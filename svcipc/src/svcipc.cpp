@@ -121,12 +121,20 @@ DBusMessage* newMethodCall(const char* busName, const char* objPath, const char*
     return msg;
 }
 
+// The common part of both kinds of subscription; `sub` is null when an argument was not acceptable
+// (a bad handle is reported first).
 SVCIPC_tError addSubscription(SVCIPC_tConnection conn, std::shared_ptr<Subscription> sub,
                               SVCIPC_tSigSubHnd* subHnd)
 {
+    if (!subHnd)
+        return SVCIPC_ERR_BAD_ARGUMENT;
+    *subHnd = nullptr;
+    setLastError("", "");
     HandleEntry e;
     if (!lookup(id(conn), HandleKind::Connection, e))
         return SVCIPC_ERR_BAD_HANDLE;
+    if (!sub)
+        return SVCIPC_ERR_BAD_ARGUMENT;
     SVCIPC_tError status = e.conn->addSubscription(sub);
     if (status != 0)
         return status;
@@ -348,16 +356,9 @@ SVCIPC_tError SVCIPC_subscribe(SVCIPC_tConnection conn, const char* objPath, con
                                SVCIPC_tSignalCallback onSignal, const void* token,
                                SVCIPC_tSigSubHnd* subHnd)
 {
-    if (!subHnd)
-        return SVCIPC_ERR_BAD_ARGUMENT;
-    *subHnd = nullptr;
-    setLastError("", "");
     const std::string owner = validPath(objPath) ? nameSpelledBy(objPath) : std::string();
-    if (owner.empty() || !validMember(sigName) || !onSignal) {
-        HandleEntry e;
-        return lookup(id(conn), HandleKind::Connection, e) ? SVCIPC_ERR_BAD_ARGUMENT
-                                                            : SVCIPC_ERR_BAD_HANDLE;
-    }
+    if (owner.empty() || !validMember(sigName) || !onSignal)
+        return addSubscription(conn, nullptr, subHnd);
     auto sub = std::make_shared<Subscription>();
     sub->path = objPath;
     sub->member = sigName;
@@ -382,15 +383,8 @@ SVCIPC_tError SVCIPC_subscribeOwnerChanged(SVCIPC_tConnection conn, const char* 
                                            SVCIPC_tNameOwnerChangedCallback onOwnerChanged,
                                            const void* token, SVCIPC_tSigSubHnd* subHnd)
 {
-    if (!subHnd)
-        return SVCIPC_ERR_BAD_ARGUMENT;
-    *subHnd = nullptr;
-    setLastError("", "");
-    if (!validBusName(busName) || !onOwnerChanged) {
-        HandleEntry e;
-        return lookup(id(conn), HandleKind::Connection, e) ? SVCIPC_ERR_BAD_ARGUMENT
-                                                            : SVCIPC_ERR_BAD_HANDLE;
-    }
+    if (!validBusName(busName) || !onOwnerChanged)
+        return addSubscription(conn, nullptr, subHnd);
     auto sub = std::make_shared<Subscription>();
     sub->ownerWatch = true;
     sub->busName = busName;

@@ -1,7 +1,7 @@
 // cbradio-panel: the CB radio service in a browser. Serves one page that looks like the radio,
 // follows the service's signals live and drives its methods; see docs/panel.md.
 #include "BusMonitor.h"
-#include "CtlEnvironment.h"
+#include "CBRadioEnvars.h"
 #include "EventHub.h"
 #include "PanelBus.h"
 #include "PanelServer.h"
@@ -102,7 +102,10 @@ int main(int argc, char** argv)
     sigaction(SIGHUP, &action, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
 
-    const std::string address = cbradioctl::resolveBusAddress();
+    std::string refusal;
+    const std::string address = CBRadioEnvars::busAddressForTool(refusal);
+    if (!refusal.empty())
+        std::fprintf(stderr, "cbradio-panel: %s\n", refusal.c_str());
     if (address.empty()) {
         std::fprintf(stderr, "cbradio-panel: no session bus: DBUS_SESSION_BUS_ADDRESS is not set "
                              "and $CBRADIO_ROOT/tmp/envars.sh names none\n");

@@ -1,7 +1,7 @@
 // cbradioctl: operate and watch the CB radio service from a shell. See --help and
 // docs/cbradioctl.md; exit codes in CtlCommand.h.
 #include "CtlCommand.h"
-#include "CtlEnvironment.h"
+#include "CBRadioEnvars.h"
 #include "svcipc.h"
 
 #include <sys/time.h>
@@ -219,7 +219,10 @@ int main(int argc, char** argv)
         fputs(cmd.text.c_str(), stderr);
         return EXIT_USAGE;
     }
-    if (resolveBusAddress().empty()) {
+    std::string refusal;
+    if (CBRadioEnvars::busAddressForTool(refusal).empty()) {
+        if (!refusal.empty())
+            fprintf(stderr, "cbradioctl: %s\n", refusal.c_str());
         fprintf(stderr, "cbradioctl: no session bus: DBUS_SESSION_BUS_ADDRESS is not set and "
                         "$CBRADIO_ROOT/tmp/envars.sh names none\n");
         return EXIT_BUS_ERROR;

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <unistd.h>
 
 void catchStopSignals(void (*onStop)(int))
 {
@@ -20,4 +21,22 @@ FILE* openLogFile(const char* tool, const std::string& path)
     if (file == nullptr)
         std::fprintf(stderr, "%s: cannot write %s: %s\n", tool, path.c_str(), std::strerror(errno));
     return file;
+}
+
+int refuseArgument(const char* tool, const std::string& arg, void (*usage)())
+{
+    if (arg == "--help" || arg == "-h") {
+        usage();
+        return 0;
+    }
+    std::fprintf(stderr, "%s: unknown argument '%s' (see --help)\n", tool, arg.c_str());
+    return 2;
+}
+
+void endTool(FILE* logFile, int status)
+{
+    if (logFile)
+        std::fclose(logFile);
+    std::fflush(stdout);
+    ::_exit(status);
 }

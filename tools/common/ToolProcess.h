@@ -13,4 +13,14 @@ void catchStopSignals(void (*onStop)(int));
 // standard error and returns nullptr.
 FILE* openLogFile(const char* tool, const std::string& path);
 
+// For an argument none of the tool's options took: "--help" or "-h" prints the usage and gives
+// exit status 0; anything else is reported on standard error as
+// "TOOL: unknown argument 'ARG' (see --help)" and gives 2.
+int refuseArgument(const char* tool, const std::string& arg, void (*usage)());
+
+// The end of a tool: closes its log file (when open), flushes standard output and ends the
+// process with `status` at once. The command thread may still sit in a read of standard input,
+// so it is not waited for.
+[[noreturn]] void endTool(FILE* logFile, int status);
+
 #endif

@@ -273,123 +273,147 @@ PeerAnswer PeerServices::keyValue(const std::string& method, const Json::Value& 
 
 PeerOutcome PeerServices::apply(const PeerCommand& c)
 {
+    typedef void (PeerServices::*Handler)(const PeerCommand&, PeerOutcome&);
+    static const struct { PeerCommand::Kind kind; Handler handle; } kHandlers[] = {
+        {PeerCommand::EMIT, &PeerServices::emit},
+        {PeerCommand::ANSWER, &PeerServices::setAnswerMode},
+        {PeerCommand::DELAY, &PeerServices::setDelay},
+        {PeerCommand::ROUTING, &PeerServices::setRouting},
+        {PeerCommand::INTERRUPT, &PeerServices::interrupt},
+        {PeerCommand::REFUSE, &PeerServices::setRefusals},
+        {PeerCommand::ACCEPT, &PeerServices::setRefusals},
+        {PeerCommand::INTERRUPT_SIGNAL, &PeerServices::setInterruptSignal},
+        {PeerCommand::TTS_RESULT, &PeerServices::setReply},
+        {PeerCommand::DIAG_REPLY, &PeerServices::setReply},
+        {PeerCommand::REAR, &PeerServices::setRear},
+        {PeerCommand::KV_SET, &PeerServices::keyValueCommand},
+        {PeerCommand::KV_GET, &PeerServices::keyValueCommand},
+        {PeerCommand::KV_DEL, &PeerServices::keyValueCommand},
+        {PeerCommand::KV_LIST, &PeerServices::keyValueCommand},
+    };
+    // Commands that set one number of a peer's state and announce it in a one-member signal.
+    static const struct {
+        PeerCommand::Kind kind;
+        long PeerServices::*state;
+        Peer peer;
+        const char* signal;
+        const char* member;
+    } kStateSignals[] = {
+        {PeerCommand::VOX, &PeerServices::mVox, Peer::AudioManager, "voxDetectedState", "state"},
+        {PeerCommand::TTS_AVAILABLE, &PeerServices::mTtsAvailable, Peer::TextToSpeechService, "ttsAvailable", "state"},
+        {PeerCommand::DIAG, &PeerServices::mDiagStatus, Peer::DiagnosticService, "diagInspectionModeStatus", "status"},
+        {PeerCommand::POWER, &PeerServices::mPowerMode, Peer::MERIDOOnOff, "powerMode", "value"},
+        {PeerCommand::RIDER, &PeerServices::mRider, Peer::CAN_HMI, "function_sw_9", "Value"},
+        {PeerCommand::PASSENGER, &PeerServices::mPassenger, Peer::CAN_HMI, "function_sw_15", "Value"},
+    };
+
     std::lock_guard<std::mutex> lock(mMutex);
     PeerOutcome out;
-    switch (c.kind) {
-    case PeerCommand::EMIT:
-        out.signals.push_back(PeerSignal{c.peers.at(0), c.name, c.text});
-        break;
-    case PeerCommand::ANSWER:
-        for (Peer p : c.peers) {
-            if (c.method.empty()) {
-                clearPeer(mModes, p);
-                clearPeer(mModeTexts, p);
-            }
-            MethodKey key(p, c.method);
-            mModes[key] = c.mode;
-            mModeTexts[key] = c.mode == AnswerMode::FAIL ? c.name + "\n" + c.text : c.text;
+    for (const auto& h : kHandlers)
+        if (h.kind == c.kind) {
+            (this->*h.handle)(c, out);
+            return out;
         }
-        out.message = answerSettings();
-        break;
-    case PeerCommand::DELAY:
-        for (Peer p : c.peers) {
-            if (c.method.empty())
-                clearPeer(mDelays, p);
-            mDelays[MethodKey(p, c.method)] = c.number;
+    for (const auto& s : kStateSignals)
+        if (s.kind == c.kind) {
+            this->*s.state = c.number;
+            out.signals.push_back(oneMember(s.peer, s.signal, s.member, number(c.number)));
+            return out;
         }
-        out.message = answerSettings();
-        break;
-    case PeerCommand::VOX:
-        mVox = c.number;
-        out.signals.push_back(oneMember(Peer::AudioManager, "voxDetectedState", "state", number(c.number)));
-        break;
-    case PeerCommand::ROUTING: {
-        mHeadsetD = c.headsetD;
-        mHeadsetP = c.headsetP;
-        mRoutingSource = c.source;
-        Json::Value routing(Json::objectValue);
-        routing["source"] = c.source;
-        routing["headset_d"] = c.headsetD;
-        routing["headset_p"] = c.headsetP;
-        out.signals.push_back(oneMember(Peer::AudioManager, "audioRoutingStatus", "audioRoutingStatus", routing));
-        break;
-    }
-    case PeerCommand::INTERRUPT: {
-        if (c.name == "added")
-            mHeldSources.insert(c.text);
-        else if (c.name == "removed")
-            mHeldSources.erase(c.text);
-        Json::Value payload(Json::objectValue);
-        payload["action"] = c.name;
-        payload["source"] = c.text;
-        out.signals.push_back(signal(Peer::AudioManager, "interruptSrc", payload));
-        break;
-    }
-    case PeerCommand::REFUSE:
-    case PeerCommand::ACCEPT: {
-        const bool refuse = c.kind == PeerCommand::REFUSE;
-        if (c.name != "remove")
-            mRefuseAdd = refuse;
-        if (c.name != "add")
-            mRefuseRemove = refuse;
-        out.message = std::string("AudioManager: add ") + (mRefuseAdd ? "refused" : "accepted") +
-                      ", remove " + (mRefuseRemove ? "refused" : "accepted");
-        break;
-    }
-    case PeerCommand::INTERRUPT_SIGNAL:
-        mInterruptSignal = c.flag;
-        out.message = std::string("AudioManager: interruptSrc after add/remove ") + (c.flag ? "on" : "off");
-        break;
-    case PeerCommand::TTS_AVAILABLE:
-        mTtsAvailable = c.number;
-        out.signals.push_back(oneMember(Peer::TextToSpeechService, "ttsAvailable", "state", number(c.number)));
-        break;
-    case PeerCommand::TTS_RESULT:
-        mTtsCode = c.number;
-        mTtsDescription = c.text;
-        out.message = "TextToSpeechService: ttsReadout answers " + compact(codeAndDescription(c.number, c.text));
-        break;
-    case PeerCommand::DIAG:
-        mDiagStatus = c.number;
-        out.signals.push_back(oneMember(Peer::DiagnosticService, "diagInspectionModeStatus", "status", number(c.number)));
-        break;
-    case PeerCommand::DIAG_REPLY:
-        mDiagCode = c.number;
-        mDiagDescription = c.text;
-        out.message = "DiagnosticService: reqGetDiagInspectionModeStatus answers " +
-                      compact(codeAndDescription(c.number, c.text));
-        break;
-    case PeerCommand::REAR:
-        mRear = c.name;
-        out.signals.push_back(oneMember(Peer::ModeManager, "rearControllerState", "state", c.name));
-        break;
-    case PeerCommand::POWER:
-        mPowerMode = c.number;
-        out.signals.push_back(oneMember(Peer::MERIDOOnOff, "powerMode", "value", number(c.number)));
-        break;
-    case PeerCommand::RIDER:
-    case PeerCommand::PASSENGER: {
-        const bool rider = c.kind == PeerCommand::RIDER;
-        (rider ? mRider : mPassenger) = c.number;
-        out.signals.push_back(oneMember(Peer::CAN_HMI, rider ? "function_sw_9" : "function_sw_15", "Value", number(c.number)));
-        break;
-    }
-    case PeerCommand::KV_SET:
-    case PeerCommand::KV_GET:
-    case PeerCommand::KV_DEL:
-    case PeerCommand::KV_LIST:
-        return keyValueCommand(c);
-    default:
-        out.ok = false;
-        out.message = "not a service command";
-        break;
-    }
+    out.ok = false;
+    out.message = "not a service command";
     return out;
 }
 
-PeerOutcome PeerServices::keyValueCommand(const PeerCommand& c)
+void PeerServices::emit(const PeerCommand& c, PeerOutcome& out)
 {
-    PeerOutcome out;
+    out.signals.push_back(PeerSignal{c.peers.at(0), c.name, c.text});
+}
+
+void PeerServices::setAnswerMode(const PeerCommand& c, PeerOutcome& out)
+{
+    for (Peer p : c.peers) {
+        if (c.method.empty()) {
+            clearPeer(mModes, p);
+            clearPeer(mModeTexts, p);
+        }
+        MethodKey key(p, c.method);
+        mModes[key] = c.mode;
+        mModeTexts[key] = c.mode == AnswerMode::FAIL ? c.name + "\n" + c.text : c.text;
+    }
+    out.message = answerSettings();
+}
+
+void PeerServices::setDelay(const PeerCommand& c, PeerOutcome& out)
+{
+    for (Peer p : c.peers) {
+        if (c.method.empty())
+            clearPeer(mDelays, p);
+        mDelays[MethodKey(p, c.method)] = c.number;
+    }
+    out.message = answerSettings();
+}
+
+void PeerServices::setRouting(const PeerCommand& c, PeerOutcome& out)
+{
+    mHeadsetD = c.headsetD;
+    mHeadsetP = c.headsetP;
+    mRoutingSource = c.source;
+    Json::Value routing(Json::objectValue);
+    routing["source"] = c.source;
+    routing["headset_d"] = c.headsetD;
+    routing["headset_p"] = c.headsetP;
+    out.signals.push_back(oneMember(Peer::AudioManager, "audioRoutingStatus", "audioRoutingStatus", routing));
+}
+
+void PeerServices::interrupt(const PeerCommand& c, PeerOutcome& out)
+{
+    if (c.name == "added")
+        mHeldSources.insert(c.text);
+    else if (c.name == "removed")
+        mHeldSources.erase(c.text);
+    Json::Value payload(Json::objectValue);
+    payload["action"] = c.name;
+    payload["source"] = c.text;
+    out.signals.push_back(signal(Peer::AudioManager, "interruptSrc", payload));
+}
+
+void PeerServices::setRefusals(const PeerCommand& c, PeerOutcome& out)
+{
+    const bool refuse = c.kind == PeerCommand::REFUSE;
+    if (c.name != "remove")
+        mRefuseAdd = refuse;
+    if (c.name != "add")
+        mRefuseRemove = refuse;
+    out.message = std::string("AudioManager: add ") + (mRefuseAdd ? "refused" : "accepted") +
+                  ", remove " + (mRefuseRemove ? "refused" : "accepted");
+}
+
+void PeerServices::setInterruptSignal(const PeerCommand& c, PeerOutcome& out)
+{
+    mInterruptSignal = c.flag;
+    out.message = std::string("AudioManager: interruptSrc after add/remove ") + (c.flag ? "on" : "off");
+}
+
+// The code and description a read-out or an inspection mode query is answered with.
+void PeerServices::setReply(const PeerCommand& c, PeerOutcome& out)
+{
+    const bool tts = c.kind == PeerCommand::TTS_RESULT;
+    (tts ? mTtsCode : mDiagCode) = c.number;
+    (tts ? mTtsDescription : mDiagDescription) = c.text;
+    out.message = std::string(tts ? "TextToSpeechService: ttsReadout answers "
+                                  : "DiagnosticService: reqGetDiagInspectionModeStatus answers ") +
+                  compact(codeAndDescription(c.number, c.text));
+}
+
+void PeerServices::setRear(const PeerCommand& c, PeerOutcome& out)
+{
+    mRear = c.name;
+    out.signals.push_back(oneMember(Peer::ModeManager, "rearControllerState", "state", c.name));
+}
+
+void PeerServices::keyValueCommand(const PeerCommand& c, PeerOutcome& out)
+{
     std::string error;
     Json::Value value;
     switch (c.kind) {
@@ -422,7 +446,6 @@ PeerOutcome PeerServices::keyValueCommand(const PeerCommand& c)
         break;
     }
     }
-    return out;
 }
 
 std::string PeerServices::answerSettings() const

@@ -95,7 +95,17 @@ private:
     PeerAnswer perform(Peer peer, const std::string& method, const std::string& params);
     PeerAnswer audioManager(const std::string& method, const Json::Value& args);
     PeerAnswer keyValue(const std::string& method, const Json::Value& args);
-    PeerOutcome keyValueCommand(const PeerCommand& command);
+    // The commands apply() hands on, one each.
+    void emit(const PeerCommand& c, PeerOutcome& out);
+    void setAnswerMode(const PeerCommand& c, PeerOutcome& out);
+    void setDelay(const PeerCommand& c, PeerOutcome& out);
+    void setRouting(const PeerCommand& c, PeerOutcome& out);
+    void interrupt(const PeerCommand& c, PeerOutcome& out);
+    void setRefusals(const PeerCommand& c, PeerOutcome& out);
+    void setInterruptSignal(const PeerCommand& c, PeerOutcome& out);
+    void setReply(const PeerCommand& c, PeerOutcome& out);
+    void setRear(const PeerCommand& c, PeerOutcome& out);
+    void keyValueCommand(const PeerCommand& c, PeerOutcome& out);
     std::string answerSettings() const;
 
     mutable std::mutex mMutex;

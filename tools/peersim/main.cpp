@@ -158,43 +158,56 @@ namespace
     }
 }
 
+namespace
+{
+    struct Options
+    {
+        std::string logPath, kvPath = KeyValueFile::defaultPath(), speakDir;
+        bool wanted[kPeerCount] = {true, true, true, true, true, true, true};
+    };
+
+    // The exit status when the arguments end the tool (help, an error); -1 to go on.
+    int parseArguments(int argc, char** argv, CommandInput& input, Options& o)
+    {
+        std::string value;
+        for (int i = 1; i < argc; ++i) {
+            if (input.takeOption(argc, argv, i))
+                continue;
+            const std::string a = argv[i];
+            if (takeOptionValue(a, "--log", value))
+                o.logPath = value;
+            else if (takeOptionValue(a, "--kv-file", value))
+                o.kvPath = value;
+            else if (takeOptionValue(a, "--speak-dir", value))
+                o.speakDir = value;
+            else if (takeOptionValue(a, "--only", value)) {
+                if (!parseOnly(value, o.wanted))
+                    return 2;
+            } else
+                return refuseArgument("peersim", a, usage);
+        }
+        return -1;
+    }
+}
+
 int main(int argc, char** argv)
 {
     CommandInput input;
-    std::string logPath, kvPath = KeyValueFile::defaultPath(), speakDir, value;
-    bool wanted[kPeerCount] = {true, true, true, true, true, true, true};
-    for (int i = 1; i < argc; ++i) {
-        if (input.takeOption(argc, argv, i))
-            continue;
-        const std::string a = argv[i];
-        if (takeOptionValue(a, "--log", value)) {
-            logPath = value;
-        } else if (takeOptionValue(a, "--kv-file", value)) {
-            kvPath = value;
-        } else if (takeOptionValue(a, "--speak-dir", value)) {
-            speakDir = value;
-        } else if (takeOptionValue(a, "--only", value)) {
-            if (!parseOnly(value, wanted))
-                return 2;
-        } else if (a == "--help" || a == "-h") {
-            usage();
-            return 0;
-        } else {
-            std::fprintf(stderr, "peersim: unknown argument '%s' (see --help)\n", a.c_str());
-            return 2;
-        }
-    }
+    Options o;
+    const int refused = parseArguments(argc, argv, input, o);
+    if (refused >= 0)
+        return refused;
 
     FILE* logFile = nullptr;
-    if (!logPath.empty() && (logFile = openLogFile("peersim", logPath)) == nullptr)
+    if (!o.logPath.empty() && (logFile = openLogFile("peersim", o.logPath)) == nullptr)
         return 1;
     PeerLog log(logFile);
-    PeerServices services(kvPath);
+    PeerServices services(o.kvPath);
     std::string error;
     if (!services.loadStore(error))
         log.note("error: " + error);
-    log.note("key-value store " + kvPath);
-    PeerSpeaker speaker(log, speakDir);
+    log.note("key-value store " + o.kvPath);
+    PeerSpeaker speaker(log, o.speakDir);
     PeerBus bus(log, [&](Peer peer, const std::string& method, const std::string& params) {
         PeerAnswer a = services.onCall(peer, method, params);
         if (!a.speak.empty())
@@ -210,7 +223,7 @@ int main(int argc, char** argv)
 
     std::string ready;
     for (int i = 0; i < kPeerCount; ++i)
-        if (wanted[i] && bus.join(peerAt(i)))
+        if (o.wanted[i] && bus.join(peerAt(i)))
             ready += std::string(" ") + peerName(peerAt(i));
     log.note("ready:" + (ready.empty() ? std::string(" no service") : ready));
     if (!bus.start())
@@ -225,9 +238,5 @@ int main(int argc, char** argv)
 
     const int status = bus.wait();
     log.note("stopped");
-    if (logFile)
-        std::fclose(logFile);
-    std::fflush(stdout);
-    // The command thread may still sit in a read of standard input; end without waiting for it.
-    ::_exit(status);
+    endTool(logFile, status);
 }

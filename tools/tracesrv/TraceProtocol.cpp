@@ -68,111 +68,147 @@ namespace
         bool mOk = true;
     };
 
+    // One decoder per record class: the fixed fields, then the variable tail. Reads past the end
+    // yield zeros and empty texts, so each decoder checks the reader once, at its end.
+    bool decodeMessage(Record& r, Reader& in)
+    {
+        r.hasTime = true;
+        r.timeMs = in.u32();
+        r.pid = in.u32();
+        r.tid = in.u32();
+        in.u16();
+        r.index = in.u16();
+        if (r.recordClass == REC_MESSAGE_EX)
+            r.value = in.u32();
+        r.hasText = in.left() > 0 || r.recordClass == REC_MESSAGE;
+        r.text = in.text();
+        return in.ok();
+    }
+
+    bool decodeProgress(Record& r, Reader& in)
+    {
+        r.pid = in.u32();
+        r.value = in.u32();
+        in.u32();
+        return in.ok();
+    }
+
+    bool decodeCount(Record& r, Reader& in)
+    {
+        r.value = in.u32();
+        r.pid = in.u32();
+        return in.ok();
+    }
+
+    bool decodeProcessInfo(Record& r, Reader& in)
+    {
+        r.pid = in.u32();
+        r.value = in.u16();
+        r.silent = in.u8();
+        r.name = in.text();
+        return in.ok();
+    }
+
+    bool decodeScope(Record& r, Reader& in)
+    {
+        r.pid = in.u32();
+        r.index = in.u16();
+        r.kernelEvent = in.u8();
+        r.media = in.u8();
+        r.filter = in.u8();
+        r.name = in.text();
+        return in.ok();
+    }
+
+    bool decodeCallback(Record& r, Reader& in)
+    {
+        r.pid = in.u32();
+        r.index = in.u16();
+        r.paramCount = in.u8();
+        r.retvalCount = in.u8();
+        in.u16();
+        r.name = in.paddedText(40);
+        r.text = in.text();
+        return in.ok();
+    }
+
+    bool decodeCallbackEntry(Record& r, Reader& in)  // a parameter or a return value
+    {
+        r.pid = in.u32();
+        r.index = in.u16();
+        r.name = in.text();
+        return in.ok();
+    }
+
+    bool decodeCallResult(Record& r, Reader& in)
+    {
+        r.pid = in.u32();
+        r.index = in.u32();
+        r.callId = in.u16();
+        in.u16();
+        r.value = in.u32();
+        return in.ok();
+    }
+
+    bool decodeCallRetval(Record& r, Reader& in)
+    {
+        r.row = in.u16();
+        r.callId = in.u16();
+        r.data = in.rest();
+        return in.ok();
+    }
+
+    bool decodeLog(Record& r, Reader& in)
+    {
+        r.hasTime = true;
+        r.timeMs = in.u32();
+        r.pid = in.u32();
+        r.value = in.u16();
+        in.u8();
+        in.u8();
+        r.hasText = in.left() > 0;
+        r.text = in.text();
+        return in.ok();
+    }
+
+    bool decodeHandlers(Record& r, Reader& in)
+    {
+        r.pid = in.u32();
+        while (in.left() > 0)
+        {
+            uint8_t bit = in.u8();
+            r.handlers.emplace_back(bit, in.text());
+        }
+        return in.ok();
+    }
+
+    bool decodeUnknown(Record& r, Reader& in)
+    {
+        r.data = in.rest();
+        return true;
+    }
+
+    struct BodyDecoder
+    {
+        uint8_t recordClass;
+        bool (*decode)(Record&, Reader&);
+    };
+    const BodyDecoder kDecoders[] = {
+        {REC_MESSAGE, decodeMessage},          {REC_MESSAGE_EX, decodeMessage},
+        {REC_PROGRESS, decodeProgress},        {REC_COUNT, decodeCount},
+        {REC_PROCESS_INFO, decodeProcessInfo}, {REC_SCOPE, decodeScope},
+        {REC_CALLBACK, decodeCallback},        {REC_CALLBACK_PARAM, decodeCallbackEntry},
+        {REC_CALLBACK_RETVAL, decodeCallbackEntry}, {REC_CALL_RESULT, decodeCallResult},
+        {REC_CALL_RETVAL, decodeCallRetval},   {REC_LOG, decodeLog},
+        {REC_HANDLERS, decodeHandlers},
+    };
+
     bool decodeBody(Record& r, Reader& in)
     {
-        switch (r.recordClass)
-        {
-        case REC_MESSAGE:
-        case REC_MESSAGE_EX:
-            r.hasTime = true;
-            r.timeMs = in.u32();
-            r.pid = in.u32();
-            r.tid = in.u32();
-            in.u16();
-            r.index = in.u16();
-            if (r.recordClass == REC_MESSAGE_EX)
-                r.value = in.u32();
-            if (!in.ok())
-                return false;
-            r.hasText = in.left() > 0 || r.recordClass == REC_MESSAGE;
-            r.text = in.text();
-            return true;
-        case REC_PROGRESS:
-            r.pid = in.u32();
-            r.value = in.u32();
-            in.u32();
-            return in.ok();
-        case REC_COUNT:
-            r.value = in.u32();
-            r.pid = in.u32();
-            return in.ok();
-        case REC_PROCESS_INFO:
-            r.pid = in.u32();
-            r.value = in.u16();
-            r.silent = in.u8();
-            if (!in.ok())
-                return false;
-            r.name = in.text();
-            return true;
-        case REC_SCOPE:
-            r.pid = in.u32();
-            r.index = in.u16();
-            r.kernelEvent = in.u8();
-            r.media = in.u8();
-            r.filter = in.u8();
-            if (!in.ok())
-                return false;
-            r.name = in.text();
-            return true;
-        case REC_CALLBACK:
-            r.pid = in.u32();
-            r.index = in.u16();
-            r.paramCount = in.u8();
-            r.retvalCount = in.u8();
-            in.u16();
-            if (!in.ok())
-                return false;
-            r.name = in.paddedText(40);
-            r.text = in.text();
-            return true;
-        case REC_CALLBACK_PARAM:
-        case REC_CALLBACK_RETVAL:
-            r.pid = in.u32();
-            r.index = in.u16();
-            if (!in.ok())
-                return false;
-            r.name = in.text();
-            return true;
-        case REC_CALL_RESULT:
-            r.pid = in.u32();
-            r.index = in.u32();
-            r.callId = in.u16();
-            in.u16();
-            r.value = in.u32();
-            return in.ok();
-        case REC_CALL_RETVAL:
-            r.row = in.u16();
-            r.callId = in.u16();
-            if (!in.ok())
-                return false;
-            r.data = in.rest();
-            return true;
-        case REC_LOG:
-            r.hasTime = true;
-            r.timeMs = in.u32();
-            r.pid = in.u32();
-            r.value = in.u16();
-            in.u8();
-            in.u8();
-            if (!in.ok())
-                return false;
-            r.hasText = in.left() > 0;
-            r.text = in.text();
-            return true;
-        case REC_HANDLERS:
-            r.pid = in.u32();
-            if (!in.ok())
-                return false;
-            while (in.left() > 0)
-            {
-                uint8_t bit = in.u8();
-                r.handlers.emplace_back(bit, in.text());
-            }
-            return true;
-        default:
-            r.data = in.rest();
-            return true;
-        }
+        for (const BodyDecoder& d : kDecoders)
+            if (d.recordClass == r.recordClass)
+                return d.decode(r, in);
+        return decodeUnknown(r, in);
     }
 
     std::string hex(const Bytes& b)
@@ -389,7 +425,7 @@ Bytes buildCommand(uint8_t code, uint32_t parameter, const Bytes& data)
 {
     Bytes out;
     out.push_back(code);
-    if (code == CMD_CALL)
+    if (code == Cmd::CALL_CALLBACK)
     {
         putU32(out, static_cast<uint32_t>(data.size()));
         out.insert(out.end(), data.begin(), data.end());

@@ -11,6 +11,8 @@
 #ifndef TRACEPROTOCOL_H
 #define TRACEPROTOCOL_H
 
+#include "JTTraceCommandCode.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -43,22 +45,8 @@ namespace TraceProtocol
     enum ProgressKind : uint8_t { PROGRESS_START = 0, PROGRESS_STEP = 1 };
     enum { CALLBACK_LAST = 255 };  // sub-code of the last callback of a list
 
-    enum CommandCode : uint8_t
-    {
-        CMD_PROCESS_INFO = 1,
-        CMD_LIST_SCOPES = 2,
-        CMD_SET_FILTER = 3,
-        CMD_SILENT = 4,
-        CMD_CALLBACK_COUNT = 7,
-        CMD_LIST_CALLBACKS = 8,
-        CMD_CALL = 9,
-        CMD_SET_FILTER_RANGE = 11,
-        CMD_PERSISTENCE = 13,
-        CMD_SET_MEDIA = 14,
-        CMD_SET_MEDIA_RANGE = 15,
-        CMD_LIST_HANDLERS = 16,
-        CMD_RELOAD = 17
-    };
+    // The command codes are the library's own (JTTraceCommandCode.h).
+    namespace Cmd = JTTraceCommandCode;
 
     // Parameter value types of callbacks and their return values.
     enum ValueType : uint8_t { TYPE_INT = 1, TYPE_STRING = 2, TYPE_ARRAY = 3 };
@@ -108,7 +96,7 @@ namespace TraceProtocol
     // One readable line for a record of the given process (no line break at the end).
     std::string describeRecord(const Record& record, const std::string& process, const Names& names);
 
-    // A command message. Data is only sent for CMD_CALL; its length becomes the parameter.
+    // A command message. Data is only sent for Cmd::CALL_CALLBACK; its length becomes the parameter.
     Bytes buildCommand(uint8_t code, uint32_t parameter, const Bytes& data = Bytes());
 
     // Parameters of the scope commands: index/first in bits 0-15, value in bits 16-23, count in 24-31.

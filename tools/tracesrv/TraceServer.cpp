@@ -277,7 +277,6 @@ void TraceServer::readStdin()
 
 void TraceServer::pumpQueue()
 {
-    using TraceUserCommand::Action;
     uint64_t now = nowMs();
     Node* node = current();
     if (mReplyDeadlineMs && node && node->session->awaiting())
@@ -291,71 +290,143 @@ void TraceServer::pumpQueue()
     while (!mQueue.empty() && !mQuit && now >= mPauseUntilMs)
     {
         node = current();
-        Action a = TraceUserCommand::translate(mQueue.front(), node ? node->session.get() : nullptr);
-        switch (a.kind)
-        {
-        case Action::NEEDS_PROCESS:
-            if (!mWaitingNoted)
-                print("(waiting for a traced process to connect)");
-            mWaitingNoted = true;
-            return;
-        case Action::NEEDS_SCOPES:
-        case Action::NEEDS_CALLBACKS:
-        {
-            bool scopes = a.kind == Action::NEEDS_SCOPES;
-            if (mFetchedForFront)
-            {
-                print(std::string("cannot learn the ") + (scopes ? "scope" : "callback") + " names");
-                break;
-            }
-            mFetchedForFront = true;
-            if (!sendTo(*node, buildCommand(scopes ? CMD_LIST_SCOPES : CMD_LIST_CALLBACKS, 0)))
-                return;
-            node->session->expect(scopes ? TraceSession::Await::SCOPES : TraceSession::Await::CALLBACKS);
-            mReplyDeadlineMs = now + REPLY_TIMEOUT_MS;
-            return;  // the line stays in front and is translated again once the list is in
-        }
-        case Action::SEND:
-            for (const Bytes& c : a.commands)
-                if (!sendTo(*node, c))
-                    break;
-            if (a.await != TraceSession::Await::NOTHING && node->clientFd >= 0)
-            {
-                node->session->expect(a.await, a.callId, a.callbackIndex);
-                mReplyDeadlineMs = now + REPLY_TIMEOUT_MS;
-            }
-            break;
-        case Action::HELP:
-            print(TraceUserCommand::helpText());
-            break;
-        case Action::QUIT:
-            mQuit = true;
-            break;
-        case Action::WAIT:
-            mPauseUntilMs = now + a.waitMs;
-            break;
-        case Action::USE:
-            if (findNode(a.text) && findNode(a.text)->clientFd >= 0)
-                mCurrent = a.text;
-            else
-                print("no connected process '" + a.text + "'");
-            break;
-        case Action::PROCESSES:
-            for (auto& n : mNodes)
-                print(n->name + (n->clientFd >= 0 ? " connected" : " registered") + (n->name == mCurrent ? " (current)" : ""));
-            break;
-        case Action::ERROR:
-            print("error: " + a.text);
-            break;
-        case Action::EMPTY:
-            break;
-        }
+        if (!perform(TraceUserCommand::translate(mQueue.front(), node ? node->session.get() : nullptr), node, now))
+            return;  // the line stays in front
         mQueue.pop_front();
         mFetchedForFront = false;
         mWaitingNoted = false;
         if (mReplyDeadlineMs)
             return;
     }
+}
+
+bool TraceServer::perform(const TraceUserCommand::Action& a, Node* node, uint64_t now)
+{
+    using TraceUserCommand::Action;
+    switch (a.kind)
+    {
+    case Action::NEEDS_PROCESS:
+        if (!mWaitingNoted)
+            print("(waiting for a traced process to connect)");
+        mWaitingNoted = true;
+        return false;
+    case Action::NEEDS_SCOPES:
+    case Action::NEEDS_CALLBACKS:
+        return !fetchNames(*node, a.kind == Action::NEEDS_SCOPES, now);
+    case Action::SEND:
+        for (const Bytes& c : a.commands)
+            if (!sendTo(*node, c))
+                break;
+        if (a.await != TraceSession::Await::NOTHING && node->clientFd >= 0)
+            awaitReply(*node, a.await, now, a.callId, a.callbackIndex);
+        return true;
+    case Action::HELP:
+        print(TraceUserCommand::helpText());
+        return true;
+    case Action::QUIT:
+        mQuit = true;
+        return true;
+    case Action::WAIT:
+        mPauseUntilMs = now + a.waitMs;
+        return true;
+    case Action::USE:
+        if (findNode(a.text) && findNode(a.text)->clientFd >= 0)
+            mCurrent = a.text;
+        else
+            print("no connected process '" + a.text + "'");
+        return true;
+    case Action::PROCESSES:
+        for (auto& n : mNodes)
+            print(n->name + (n->clientFd >= 0 ? " connected" : " registered") + (n->name == mCurrent ? " (current)" : ""));
+        return true;
+    case Action::ERROR:
+        print("error: " + a.text);
+        return true;
+    case Action::EMPTY:
+        return true;
+    }
+    return true;
+}
+
+bool TraceServer::fetchNames(Node& node, bool scopes, uint64_t now)
+{
+    if (mFetchedForFront)
+    {
+        print(std::string("cannot learn the ") + (scopes ? "scope" : "callback") + " names");
+        return false;
+    }
+    mFetchedForFront = true;
+    if (sendTo(node, buildCommand(scopes ? Cmd::LIST_SCOPES : Cmd::LIST_CALLBACKS, 0)))
+        awaitReply(node, scopes ? TraceSession::Await::SCOPES : TraceSession::Await::CALLBACKS, now);
+    return true;
+}
+
+void TraceServer::awaitReply(Node& node, TraceSession::Await what, uint64_t now, uint16_t callId, uint16_t callbackIndex)
+{
+    node.session->expect(what, callId, callbackIndex);
+    mReplyDeadlineMs = now + REPLY_TIMEOUT_MS;
+}
+
+void TraceServer::expireRegistrations(uint64_t now)
+{
+    for (size_t i = mRegistrations.size(); i-- > 0;)
+        if (now >= mRegistrations[i].deadlineMs)
+        {
+            ::close(mRegistrations[i].fd);
+            mRegistrations.erase(mRegistrations.begin() + static_cast<long>(i));
+        }
+}
+
+bool TraceServer::pollOnce()
+{
+    // What each poll entry stands for: the kind of descriptor and its index in its list.
+    enum Kind { REGISTER, STDIN, REGISTRATION, LISTEN, CLIENT };
+    std::vector<pollfd> fds;
+    std::vector<std::pair<Kind, size_t>> what;
+    auto watch = [&](int fd, Kind kind, size_t i) {
+        fds.push_back({fd, POLLIN, 0});
+        what.push_back({kind, i});
+    };
+    watch(mRegisterFd, REGISTER, 0);
+    if (mStdinOpen)
+        watch(STDIN_FILENO, STDIN, 0);
+    for (size_t i = 0; i < mRegistrations.size(); ++i)
+        watch(mRegistrations[i].fd, REGISTRATION, i);
+    for (size_t i = 0; i < mNodes.size(); ++i)
+    {
+        watch(mNodes[i]->listenFd, LISTEN, i);
+        if (mNodes[i]->clientFd >= 0)
+            watch(mNodes[i]->clientFd, CLIENT, i);
+    }
+    if (::poll(fds.data(), fds.size(), 100) < 0 && errno != EINTR)
+    {
+        print(std::string("poll failed: ") + std::strerror(errno));
+        return false;
+    }
+
+    // Registrations are served last and from the back, so erasing them keeps indices valid;
+    // a node removed by "rm:" is gone only after its own entries were handled.
+    std::vector<size_t> regs;
+    for (size_t k = 0; k < fds.size(); ++k)
+    {
+        if (!fds[k].revents)
+            continue;
+        size_t i = what[k].second;
+        switch (what[k].first)
+        {
+        case REGISTER: acceptRegistration(); break;
+        case STDIN: readStdin(); break;
+        case REGISTRATION: regs.push_back(i); break;
+        case LISTEN: acceptClient(*mNodes[i]); break;
+        case CLIENT:
+            if (mNodes[i]->clientFd == fds[k].fd)
+                readClient(*mNodes[i]);
+            break;
+        }
+    }
+    for (size_t r = regs.size(); r-- > 0;)
+        serveRegistration(regs[r]);
+    return true;
 }
 
 int TraceServer::run()
@@ -370,69 +441,14 @@ int TraceServer::run()
     print("tracesrv " + std::to_string(mOptions.version[0]) + "." + std::to_string(mOptions.version[1]) + "." +
           std::to_string(mOptions.version[2]) + " listening on " + mRegisterPath);
     uint64_t endMs = mOptions.exitAfterSeconds >= 0 ? nowMs() + static_cast<uint64_t>(mOptions.exitAfterSeconds) * 1000 : 0;
-
     while (!mQuit && !sStop)
     {
         uint64_t now = nowMs();
         if (endMs && now >= endMs)
             break;
-        for (size_t i = mRegistrations.size(); i-- > 0;)
-            if (now >= mRegistrations[i].deadlineMs)
-            {
-                ::close(mRegistrations[i].fd);
-                mRegistrations.erase(mRegistrations.begin() + static_cast<long>(i));
-            }
-
-        // What each poll entry stands for: -1 register, -2 stdin, else index into the lists.
-        std::vector<pollfd> fds;
-        std::vector<std::pair<int, size_t>> what;  // kind (0 registration, 1 listen, 2 client), index
-        fds.push_back({mRegisterFd, POLLIN, 0});
-        what.push_back({-1, 0});
-        if (mStdinOpen)
-        {
-            fds.push_back({STDIN_FILENO, POLLIN, 0});
-            what.push_back({-2, 0});
-        }
-        for (size_t i = 0; i < mRegistrations.size(); ++i)
-        {
-            fds.push_back({mRegistrations[i].fd, POLLIN, 0});
-            what.push_back({0, i});
-        }
-        for (size_t i = 0; i < mNodes.size(); ++i)
-        {
-            fds.push_back({mNodes[i]->listenFd, POLLIN, 0});
-            what.push_back({1, i});
-            if (mNodes[i]->clientFd >= 0)
-            {
-                fds.push_back({mNodes[i]->clientFd, POLLIN, 0});
-                what.push_back({2, i});
-            }
-        }
-        if (::poll(fds.data(), fds.size(), 100) < 0 && errno != EINTR)
+        expireRegistrations(now);
+        if (!pollOnce())
             break;
-
-        // Registrations are served last and from the back, so erasing them keeps indices valid;
-        // a node removed by "rm:" is gone only after its own entries were handled.
-        std::vector<size_t> regs;
-        for (size_t k = 0; k < fds.size(); ++k)
-        {
-            if (!fds[k].revents)
-                continue;
-            int kind = what[k].first;
-            size_t i = what[k].second;
-            if (kind == -1)
-                acceptRegistration();
-            else if (kind == -2)
-                readStdin();
-            else if (kind == 0)
-                regs.push_back(i);
-            else if (kind == 1)
-                acceptClient(*mNodes[i]);
-            else if (kind == 2 && mNodes[i]->clientFd == fds[k].fd)
-                readClient(*mNodes[i]);
-        }
-        for (size_t r = regs.size(); r-- > 0;)
-            serveRegistration(regs[r]);
         pumpQueue();
     }
     return 0;

@@ -15,6 +15,7 @@
 #define TRACESERVER_H
 
 #include "TraceSession.h"
+#include "TraceUserCommand.h"
 
 #include <csignal>
 #include <cstdint>
@@ -69,6 +70,14 @@ private:
     void dropClient(Node& node, const char* why);
     void readStdin();
     void pumpQueue();
+    // Carries out one console line; false when it must stay in front (no process yet, or the
+    // names it needs are being fetched).
+    bool perform(const TraceUserCommand::Action& action, Node* node, uint64_t now);
+    // Asks for the scope or callback list a line needs; false when that was tried for it already.
+    bool fetchNames(Node& node, bool scopes, uint64_t now);
+    void awaitReply(Node& node, TraceSession::Await what, uint64_t now, uint16_t callId = 0, uint16_t callbackIndex = 0);
+    void expireRegistrations(uint64_t now);
+    bool pollOnce();  // false when polling itself failed
     bool sendTo(Node& node, const TraceProtocol::Bytes& command);
     Node* current();
     Node* findNode(const std::string& name);

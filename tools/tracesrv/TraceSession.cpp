@@ -33,91 +33,88 @@ bool TraceSession::callbackListComplete() const
            last.retvalTypes.size() >= last.announcedRetvals;
 }
 
-void TraceSession::learn(const Record& r)
+void TraceSession::complete(bool& known)
+{
+    known = true;
+    mAwait = Await::NOTHING;
+}
+
+void TraceSession::startList(uint32_t count, bool& known)
+{
+    mExpectedCount = count;
+    if (count == 0)
+        complete(known);
+}
+
+void TraceSession::learnScopes(const Record& r)
+{
+    if (r.recordClass == REC_COUNT && r.subCode == COUNT_SCOPES && mAwait == Await::SCOPES)
+    {
+        mScopes.clear();
+        startList(r.value, mScopesKnown);
+    }
+    else if (r.recordClass == REC_SCOPE)
+    {
+        mScopes[r.index] = r.name;
+        if (mAwait == Await::SCOPES && ++mReceivedCount >= mExpectedCount)
+            complete(mScopesKnown);
+    }
+}
+
+void TraceSession::learnCallbacks(const Record& r)
+{
+    if (r.recordClass == REC_PROGRESS && r.subCode == PROGRESS_START && mAwait == Await::CALLBACKS)
+    {
+        mCallbacks.clear();
+        startList(r.value, mCallbacksKnown);
+    }
+    else if (r.recordClass == REC_CALLBACK)
+    {
+        if (r.index >= mCallbacks.size())
+            mCallbacks.resize(r.index + 1);
+        Callback& cb = mCallbacks[r.index] = Callback();
+        cb.name = r.name;
+        cb.description = r.text;
+        cb.announcedParams = r.paramCount;
+        cb.announcedRetvals = r.retvalCount;
+        mLastCallbackSeen = r.subCode == CALLBACK_LAST;
+    }
+    else if (r.recordClass == REC_CALLBACK_PARAM && r.index < mCallbacks.size())
+    {
+        Callback& cb = mCallbacks[r.index];
+        if (r.name == kGeneratedParam && cb.paramTypes.empty() && cb.announcedParams == 1)
+            cb.generatedParam = true;
+        else
+        {
+            cb.paramTypes.push_back(r.subCode);
+            cb.paramNames.push_back(r.name);
+        }
+    }
+    else if (r.recordClass == REC_CALLBACK_RETVAL && r.index < mCallbacks.size())
+        mCallbacks[r.index].retvalTypes.push_back(r.subCode);
+    if (mAwait == Await::CALLBACKS && callbackListComplete())
+        complete(mCallbacksKnown);
+}
+
+// The replies that are a single record.
+bool TraceSession::isReply(const Record& r) const
 {
     switch (r.recordClass)
     {
-    case REC_COUNT:
-        if (r.subCode == COUNT_SCOPES && mAwait == Await::SCOPES)
-        {
-            mScopes.clear();
-            mExpectedCount = r.value;
-            if (r.value == 0)
-            {
-                mScopesKnown = true;
-                mAwait = Await::NOTHING;
-            }
-        }
-        else if (r.subCode == COUNT_CALLBACKS && mAwait == Await::CALLBACK_COUNT)
-            mAwait = Await::NOTHING;
-        break;
-    case REC_PROGRESS:
-        if (r.subCode == PROGRESS_START && mAwait == Await::CALLBACKS)
-        {
-            mCallbacks.clear();
-            mExpectedCount = r.value;
-            if (r.value == 0)
-            {
-                mCallbacksKnown = true;
-                mAwait = Await::NOTHING;
-            }
-        }
-        break;
-    case REC_SCOPE:
-        mScopes[r.index] = r.name;
-        if (mAwait == Await::SCOPES && ++mReceivedCount >= mExpectedCount)
-        {
-            mScopesKnown = true;
-            mAwait = Await::NOTHING;
-        }
-        break;
-    case REC_CALLBACK:
-        if (r.index >= mCallbacks.size())
-            mCallbacks.resize(r.index + 1);
-        mCallbacks[r.index] = Callback();
-        mCallbacks[r.index].name = r.name;
-        mCallbacks[r.index].description = r.text;
-        mCallbacks[r.index].announcedParams = r.paramCount;
-        mCallbacks[r.index].announcedRetvals = r.retvalCount;
-        mLastCallbackSeen = r.subCode == CALLBACK_LAST;
-        break;
-    case REC_CALLBACK_PARAM:
-        if (r.index < mCallbacks.size())
-        {
-            Callback& cb = mCallbacks[r.index];
-            if (r.name == kGeneratedParam && cb.paramTypes.empty() && cb.announcedParams == 1)
-                cb.generatedParam = true;
-            else
-            {
-                cb.paramTypes.push_back(r.subCode);
-                cb.paramNames.push_back(r.name);
-            }
-        }
-        break;
-    case REC_CALLBACK_RETVAL:
-        if (r.index < mCallbacks.size())
-            mCallbacks[r.index].retvalTypes.push_back(r.subCode);
-        break;
-    case REC_PROCESS_INFO:
-        if (mAwait == Await::INFO)
-            mAwait = Await::NOTHING;
-        break;
-    case REC_CALL_RESULT:
-        if (mAwait == Await::CALL && r.callId == mAwaitCallId)
-            mAwait = Await::NOTHING;
-        break;
-    case REC_HANDLERS:
-        if (mAwait == Await::HANDLERS)
-            mAwait = Await::NOTHING;
-        break;
-    default:
-        break;
+    case REC_PROCESS_INFO: return mAwait == Await::INFO;
+    case REC_HANDLERS: return mAwait == Await::HANDLERS;
+    case REC_COUNT: return r.subCode == COUNT_CALLBACKS && mAwait == Await::CALLBACK_COUNT;
+    case REC_CALL_RESULT: return mAwait == Await::CALL && r.callId == mAwaitCallId;
+    default: return false;
     }
-    if (mAwait == Await::CALLBACKS && callbackListComplete())
-    {
-        mCallbacksKnown = true;
+}
+
+void TraceSession::learn(const Record& r)
+{
+    if (isReply(r))
         mAwait = Await::NOTHING;
-    }
+    learnScopes(r);
+    learnCallbacks(r);
 }
 
 std::string TraceSession::onRecord(const Record& record)

@@ -56,6 +56,11 @@ public:
 
 private:
     void learn(const TraceProtocol::Record& r);
+    void learnScopes(const TraceProtocol::Record& r);
+    void learnCallbacks(const TraceProtocol::Record& r);
+    bool isReply(const TraceProtocol::Record& r) const;
+    void startList(uint32_t count, bool& known);  // a list announced with its length
+    void complete(bool& known);                     // a list is in: stop waiting
     bool callbackListComplete() const;
     std::string scopeName(uint32_t index) const;
 

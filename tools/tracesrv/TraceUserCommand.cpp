@@ -20,6 +20,20 @@ namespace
         return a;
     }
 
+    Action action(Action::Kind kind)
+    {
+        Action a;
+        a.kind = kind;
+        return a;
+    }
+
+    // Sets the reason and gives false, for the helpers that return a verdict.
+    bool refuse(std::string& why, const std::string& reason)
+    {
+        why = reason;
+        return false;
+    }
+
     Action send(uint8_t code, uint32_t param, Await await = Await::NOTHING)
     {
         Action a;
@@ -123,14 +137,8 @@ namespace
         }
         else
         {
-            if (!s)
-                return error("no traced process");
             if (!s->scopesKnown())
-            {
-                Action need;
-                need.kind = Action::NEEDS_SCOPES;
-                return need;
-            }
+                return action(Action::NEEDS_SCOPES);
             ranges = rangesByName(*s, w[1]);
             if (ranges.empty())
                 return error("no scope matches '" + w[1] + "'");
@@ -141,14 +149,14 @@ namespace
         {
             if (r.first == r.last)
             {
-                act.commands.push_back(buildCommand(media ? CMD_SET_MEDIA : CMD_SET_FILTER,
+                act.commands.push_back(buildCommand(media ? Cmd::SET_MEDIA : Cmd::SET_FILTER,
                                                     scopeParam(static_cast<uint16_t>(r.first), value)));
                 continue;
             }
             for (uint32_t first = r.first; first <= r.last; first += 255)
             {
                 uint32_t n = r.last - first + 1 > 255 ? 255 : r.last - first + 1;
-                act.commands.push_back(buildCommand(media ? CMD_SET_MEDIA_RANGE : CMD_SET_FILTER_RANGE,
+                act.commands.push_back(buildCommand(media ? Cmd::SET_MEDIA_RANGE : Cmd::SET_FILTER_RANGE,
                                                     rangeParam(static_cast<uint16_t>(first), static_cast<uint8_t>(n), value)));
             }
         }
@@ -170,18 +178,73 @@ namespace
         return out;
     }
 
+    // One argument of the given parameter type into the call data; false with the reason.
+    bool addArgument(CallData& d, size_t i, uint8_t type, const std::string& arg, std::string& why)
+    {
+        uint8_t p = static_cast<uint8_t>(i);
+        long long v;
+        bool ok = true;
+        switch (type)
+        {
+        case TYPE_INT:
+            if (!parseNumber(arg, INT32_MIN, UINT32_MAX, v))
+                return refuse(why, "not an integer: '" + arg + "'");
+            d.addInt(p, 0, static_cast<int32_t>(v));
+            return true;
+        case TYPE_STRING:
+        {
+            Bytes b(arg.begin(), arg.end());
+            b.push_back(0);
+            d.addBytes(p, 0, b);
+            return true;
+        }
+        case TYPE_ARRAY:
+        {
+            Bytes b = arg.compare(0, 2, "0x") == 0 ? hexBytes(arg.substr(2), ok) : Bytes(arg.begin(), arg.end());
+            if (!ok)
+                return refuse(why, "not hex bytes: '" + arg + "'");
+            d.addBytes(p, 0, b);
+            return true;
+        }
+        default:
+            return refuse(why, "parameter " + std::to_string(i) + " has a type the console cannot send");
+        }
+    }
+
+    // The call data for the arguments w[2...]. A callback without declared parameters takes one
+    // integer, sent both as the default argument and as parameter 0.
+    bool callData(const TraceSession::Callback& cb, uint16_t index, uint16_t callId,
+                  const std::vector<std::string>& w, Bytes& data, std::string& why)
+    {
+        size_t nargs = w.size() - 2;
+        if (cb.paramTypes.empty())
+        {
+            long long v = 0;
+            if (nargs > 1)
+                return refuse(why, "callback '" + cb.name + "' takes one integer");
+            if (nargs == 1 && !parseNumber(w[2], INT32_MIN, UINT32_MAX, v))
+                return refuse(why, "not an integer: '" + w[2] + "'");
+            CallData d(index, callId, static_cast<int32_t>(v));
+            d.addInt(0, 0, static_cast<int32_t>(v));
+            data = d.bytes();
+            return true;
+        }
+        if (nargs > cb.paramTypes.size())
+            return refuse(why, "callback '" + cb.name + "' takes " + std::to_string(cb.paramTypes.size()) + " arguments");
+        CallData d(index, callId, 0);
+        for (size_t i = 0; i < nargs; ++i)
+            if (!addArgument(d, i, cb.paramTypes[i], w[2 + i], why))
+                return false;
+        data = d.bytes();
+        return true;
+    }
+
     Action call(const std::vector<std::string>& w, TraceSession* s)
     {
         if (w.size() < 2)
             return error("usage: call <index|name> [arguments...]");
-        if (!s)
-            return error("no traced process");
         if (!s->callbacksKnown())
-        {
-            Action need;
-            need.kind = Action::NEEDS_CALLBACKS;
-            return need;
-        }
+            return action(Action::NEEDS_CALLBACKS);
         const auto& cbs = s->callbacks();
         long long idx = -1;
         if (!parseNumber(w[1], 0, 0xFFFF, idx))
@@ -190,67 +253,74 @@ namespace
                     idx = static_cast<long long>(i);
         if (idx < 0 || static_cast<size_t>(idx) >= cbs.size())
             return error("no callback '" + w[1] + "'");
-        const TraceSession::Callback& cb = cbs[static_cast<size_t>(idx)];
-        size_t nargs = w.size() - 2;
-        uint16_t callId = s->nextCallId();
-        long long v = 0;
-        Bytes data;
-        if (cb.paramTypes.empty())
-        {
-            if (nargs > 1)
-                return error("callback '" + cb.name + "' takes one integer");
-            if (nargs == 1 && !parseNumber(w[2], INT32_MIN, UINT32_MAX, v))
-                return error("not an integer: '" + w[2] + "'");
-            CallData d(static_cast<uint16_t>(idx), callId, static_cast<int32_t>(v));
-            d.addInt(0, 0, static_cast<int32_t>(v));
-            data = d.bytes();
-        }
-        else
-        {
-            if (nargs > cb.paramTypes.size())
-                return error("callback '" + cb.name + "' takes " + std::to_string(cb.paramTypes.size()) + " arguments");
-            CallData d(static_cast<uint16_t>(idx), callId, 0);
-            for (size_t i = 0; i < nargs; ++i)
-            {
-                const std::string& arg = w[2 + i];
-                uint8_t p = static_cast<uint8_t>(i);
-                switch (cb.paramTypes[i])
-                {
-                case TYPE_INT:
-                    if (!parseNumber(arg, INT32_MIN, UINT32_MAX, v))
-                        return error("not an integer: '" + arg + "'");
-                    d.addInt(p, 0, static_cast<int32_t>(v));
-                    break;
-                case TYPE_STRING:
-                {
-                    Bytes b(arg.begin(), arg.end());
-                    b.push_back(0);
-                    d.addBytes(p, 0, b);
-                    break;
-                }
-                case TYPE_ARRAY:
-                {
-                    bool ok = true;
-                    Bytes b = arg.compare(0, 2, "0x") == 0 ? hexBytes(arg.substr(2), ok) : Bytes(arg.begin(), arg.end());
-                    if (!ok)
-                        return error("not hex bytes: '" + arg + "'");
-                    d.addBytes(p, 0, b);
-                    break;
-                }
-                default:
-                    return error("parameter " + std::to_string(i) + " has a type the console cannot send");
-                }
-            }
-            data = d.bytes();
-        }
         Action act;
-        act.kind = Action::SEND;
-        act.commands.push_back(buildCommand(CMD_CALL, 0, data));
-        act.await = Await::CALL;
-        act.callId = callId;
         act.callbackIndex = static_cast<uint16_t>(idx);
+        act.callId = s->nextCallId();
+        Bytes data;
+        std::string why;
+        if (!callData(cbs[act.callbackIndex], act.callbackIndex, act.callId, w, data, why))
+            return error(why);
+        act.kind = Action::SEND;
+        act.commands.push_back(buildCommand(Cmd::CALL_CALLBACK, 0, data));
+        act.await = Await::CALL;
         return act;
     }
+
+    using Words = std::vector<std::string>;
+
+    // The console's commands. Those that need no process run without one; for the others a
+    // missing process means waiting for one.
+    struct Command
+    {
+        const char* name;
+        bool needsProcess;
+        Action (*run)(const Words& w, TraceSession* s);
+    };
+    const Command kCommands[] = {
+        {"help", false, [](const Words&, TraceSession*) { return action(Action::HELP); }},
+        {"?", false, [](const Words&, TraceSession*) { return action(Action::HELP); }},
+        {"quit", false, [](const Words&, TraceSession*) { return action(Action::QUIT); }},
+        {"exit", false, [](const Words&, TraceSession*) { return action(Action::QUIT); }},
+        {"processes", false, [](const Words&, TraceSession*) { return action(Action::PROCESSES); }},
+        {"use", false, [](const Words& w, TraceSession*) {
+             if (w.size() != 2)
+                 return error("usage: use <process>");
+             Action a = action(Action::USE);
+             a.text = w[1];
+             return a;
+         }},
+        {"wait", false, [](const Words& w, TraceSession*) {
+             long long ms;
+             if (w.size() != 2 || !parseNumber(w[1], 0, 3600000, ms))
+                 return error("usage: wait <milliseconds>");
+             Action a = action(Action::WAIT);
+             a.waitMs = static_cast<unsigned>(ms);
+             return a;
+         }},
+        {"info", true, [](const Words&, TraceSession*) { return send(Cmd::PROCESS_INFO, 0, Await::INFO); }},
+        {"scopes", true, [](const Words&, TraceSession*) { return send(Cmd::LIST_SCOPES, 0, Await::SCOPES); }},
+        {"filter", true, [](const Words& w, TraceSession* s) { return setScopes(w, s, false); }},
+        {"media", true, [](const Words& w, TraceSession* s) { return setScopes(w, s, true); }},
+        {"silent", true, [](const Words& w, TraceSession*) {
+             if (w.size() != 2 || (w[1] != "on" && w[1] != "off"))
+                 return error("usage: silent on|off");
+             return send(Cmd::SILENT, w[1] == "on" ? 1 : 0);
+         }},
+        {"store", true, [](const Words&, TraceSession*) { return send(Cmd::PERSISTENCE, 1); }},
+        {"kill", true, [](const Words&, TraceSession*) { return send(Cmd::PERSISTENCE, 0); }},
+        {"reload", true, [](const Words&, TraceSession*) { return send(Cmd::RELOAD_PERSISTENCE, 0); }},
+        {"callbacks", true, [](const Words&, TraceSession*) { return send(Cmd::LIST_CALLBACKS, 0, Await::CALLBACKS); }},
+        {"count", true, [](const Words&, TraceSession*) { return send(Cmd::CALLBACK_COUNT, 0, Await::CALLBACK_COUNT); }},
+        {"call", true, call},
+        {"handlers", true, [](const Words&, TraceSession*) { return send(Cmd::LIST_HANDLERS, 0, Await::HANDLERS); }},
+        {"raw", true, [](const Words& w, TraceSession*) {
+             long long code, param = 0;
+             if (w.size() < 2 || w.size() > 3 || !parseNumber(w[1], 0, 255, code) ||
+                 (w.size() == 3 && !parseNumber(w[2], 0, UINT32_MAX, param)))
+                 return error("usage: raw <code> [parameter]");
+             return send(static_cast<uint8_t>(code), static_cast<uint32_t>(param));
+         }},
+    };
 }
 
 std::vector<std::string> split(const std::string& line)
@@ -294,70 +364,17 @@ Action translate(const std::string& line, TraceSession* s)
     std::vector<std::string> w = split(line);
     if (w.empty() || w[0][0] == '#')
         return Action();
-    const std::string& c = w[0];
-    Action a;
-    if (c == "help" || c == "?")
-        a.kind = Action::HELP;
-    else if (c == "quit" || c == "exit")
-        a.kind = Action::QUIT;
-    else if (c == "processes")
-        a.kind = Action::PROCESSES;
-    else if (c == "use")
-    {
-        if (w.size() != 2)
-            return error("usage: use <process>");
-        a.kind = Action::USE;
-        a.text = w[1];
-    }
-    else if (c == "wait")
-    {
-        long long ms;
-        if (w.size() != 2 || !parseNumber(w[1], 0, 3600000, ms))
-            return error("usage: wait <milliseconds>");
-        a.kind = Action::WAIT;
-        a.waitMs = static_cast<unsigned>(ms);
-    }
-    else if (!s)
-        a.kind = Action::NEEDS_PROCESS;
-    else if (c == "info")
-        return send(CMD_PROCESS_INFO, 0, Await::INFO);
-    else if (c == "scopes")
-        return send(CMD_LIST_SCOPES, 0, Await::SCOPES);
-    else if (c == "filter")
-        return setScopes(w, s, false);
-    else if (c == "media")
-        return setScopes(w, s, true);
-    else if (c == "silent")
-    {
-        if (w.size() != 2 || (w[1] != "on" && w[1] != "off"))
-            return error("usage: silent on|off");
-        return send(CMD_SILENT, w[1] == "on" ? 1 : 0);
-    }
-    else if (c == "store")
-        return send(CMD_PERSISTENCE, 1);
-    else if (c == "kill")
-        return send(CMD_PERSISTENCE, 0);
-    else if (c == "reload")
-        return send(CMD_RELOAD, 0);
-    else if (c == "callbacks")
-        return send(CMD_LIST_CALLBACKS, 0, Await::CALLBACKS);
-    else if (c == "count")
-        return send(CMD_CALLBACK_COUNT, 0, Await::CALLBACK_COUNT);
-    else if (c == "call")
-        return call(w, s);
-    else if (c == "handlers")
-        return send(CMD_LIST_HANDLERS, 0, Await::HANDLERS);
-    else if (c == "raw")
-    {
-        long long code, param = 0;
-        if (w.size() < 2 || w.size() > 3 || !parseNumber(w[1], 0, 255, code) ||
-            (w.size() == 3 && !parseNumber(w[2], 0, UINT32_MAX, param)))
-            return error("usage: raw <code> [parameter]");
-        return send(static_cast<uint8_t>(code), static_cast<uint32_t>(param));
-    }
-    else
-        return error("unknown command '" + c + "' (try help)");
-    return a;
+    const Command* command = nullptr;
+    for (const Command& c : kCommands)
+        if (w[0] == c.name)
+            command = &c;
+    if (command && !command->needsProcess)
+        return command->run(w, s);
+    if (!s)
+        return action(Action::NEEDS_PROCESS);
+    if (!command)
+        return error("unknown command '" + w[0] + "' (try help)");
+    return command->run(w, s);
 }
 
 const char* helpText()

@@ -1,6 +1,5 @@
 #include "V850Command.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <sstream>
@@ -92,6 +91,196 @@ namespace
         default: return V850Frame{0x02, 0x01, 0x05};       // channel select without result code
         }
     }
+
+    V850Command kindOnly(V850Command::Kind kind)
+    {
+        V850Command c;
+        c.kind = kind;
+        return c;
+    }
+
+    V850Command setting(const std::string& confirmation)
+    {
+        V850Command c = kindOnly(V850Command::SETTING);
+        c.text = confirmation;
+        return c;
+    }
+
+    // A report whose one byte is given as a number 0..255.
+    template <typename MakeFrame>
+    V850Command byteReport(const std::string& arg, const char* usage, MakeFrame make)
+    {
+        long n = 0;
+        return toNumber(arg, 0, 255, n) ? send({make(static_cast<uint8_t>(n))}) : error(usage);
+    }
+
+    typedef std::vector<std::string> Words;
+
+    V850Command sleepFor(const Words&, const std::string& arg, V850Model&)
+    {
+        double seconds = std::strtod(arg.c_str(), nullptr);
+        if (arg.empty() || seconds < 0 || seconds > 3600)
+            return error("sleep needs seconds");
+        return wait(V850Command::WAIT, static_cast<long>(seconds * 1000));
+    }
+
+    V850Command waitConnect(const Words&, const std::string& arg, V850Model&)
+    {
+        long n = DEFAULT_CONNECT_MS;
+        if (!arg.empty() && !toNumber(arg, 0, 3600000, n))
+            return error("waitconnect [ms]");
+        return wait(V850Command::WAIT_CONNECT, n);
+    }
+
+    V850Command expectFrame(const Words& w, const std::string&, V850Model&)
+    {
+        V850Command c = wait(V850Command::EXPECT, DEFAULT_EXPECT_MS);
+        if (w.size() < 2 || !toHexBytes(w, 1, c.pattern))
+            return error("expect needs hex bytes");
+        return c;
+    }
+
+    V850Command hardware(const Words&, const std::string& arg, V850Model& m)
+    {
+        if (arg == "lost" || arg == "back")
+            return send({m.hardwareConnection(arg == "back" ? 1 : 0)});
+        return byteReport(arg, "hw lost|back|N", [&](uint8_t n) { return m.hardwareConnection(n); });
+    }
+
+    V850Command weatherAlertOnOff(const Words&, const std::string& arg, V850Model& m)
+    {
+        uint8_t b = 0;
+        if (onOff(arg, b))
+            return send({m.weatherAlertOnOff(b)});
+        return byteReport(arg, "wa on|off|N", [&](uint8_t n) { return m.weatherAlertOnOff(n); });
+    }
+
+    V850Command weatherAlert(const Words& w, const std::string& arg, V850Model&)
+    {
+        long channel = 0, status = 1;
+        if (!toNumber(arg, 0, 255, channel) || (w.size() > 2 && !toNumber(w[2], 0, 255, status)))
+            return error("alert CHANNEL [STATUS]");
+        return send({V850Model::weatherAlert(static_cast<uint8_t>(status), static_cast<uint8_t>(channel))});
+    }
+
+    V850Command txRx(const Words& w, const std::string& arg, V850Model& m)
+    {
+        uint8_t b = 0;
+        if (!onOff(arg, b))
+            return error(w[0] + " on|off");
+        return send({w[0] == "rx" ? m.txRxStatus(0, b) : m.txRxStatus(b, 0)});
+    }
+
+    V850Command carrier(const Words&, const std::string& arg, V850Model& m)
+    {
+        long ms = DEFAULT_CARRIER_MS;
+        if (!arg.empty() && !toNumber(arg, 0, 3600000, ms))
+            return error("carrier [ms]");
+        V850Command c = send({m.txRxStatus(0, 1)});
+        c.steps[0].waitMs = static_cast<int>(ms);
+        c.steps.push_back(V850Step{m.txRxStatus(0, 0), 0});
+        return c;
+    }
+
+    V850Command refuse(const Words&, const std::string& arg, V850Model& m)
+    {
+        uint8_t code = V850Model::REFUSED;
+        if (!arg.empty() && !toHexByte(arg, code))
+            return error("refuse [hex code]");
+        m.refuseNext(code);
+        return setting("next answer refused with code " + V850Model::toHex(&code, 1));
+    }
+
+    V850Command malformedFrame(const Words&, const std::string& arg, V850Model&)
+    {
+        long n = 1;
+        if (!arg.empty() && !toNumber(arg, 1, 5, n))
+            return error("malformed [1..5]");
+        return send({malformed(n)});
+    }
+
+    V850Command rawFrame(const Words& w, const std::string&, V850Model&)
+    {
+        V850Frame frame;
+        if (w.size() < 2 || !toHexBytes(w, 1, frame))
+            return error("raw needs hex bytes");
+        return send({frame});
+    }
+
+    V850Command frameWithLength(const Words& w, const std::string&, V850Model&)
+    {
+        V850Frame frame(2);
+        if (w.size() < 2 || !toHexByte(w[1], frame[0]) || !toHexBytes(w, 2, frame))
+            return error("frame ID [PAYLOAD...] in hex");
+        frame[1] = static_cast<uint8_t>(frame.size() - 2);
+        return send({frame});
+    }
+
+    V850Command hardwareVersion(const Words&, const std::string& arg, V850Model& m)
+    {
+        if (arg.size() != 2)
+            return error("hwver needs two characters");
+        m.setHardwareVersion(static_cast<uint8_t>(arg[0]), static_cast<uint8_t>(arg[1]));
+        return setting("hardware version " + arg);
+    }
+
+    V850Command softwareVersion(const Words&, const std::string& arg, V850Model& m)
+    {
+        if (arg.empty() || arg.size() > 10)
+            return error("swver needs 1..10 characters");
+        m.setSoftwareVersion(arg);
+        return setting("software version " + arg);
+    }
+
+    // Every command: its name and what it makes of the words that follow.
+    struct Entry
+    {
+        const char* name;
+        V850Command (*parse)(const Words& w, const std::string& arg, V850Model& m);
+    };
+    const Entry kCommands[] = {
+        {"help", [](const Words&, const std::string&, V850Model&) { return kindOnly(V850Command::HELP); }},
+        {"?", [](const Words&, const std::string&, V850Model&) { return kindOnly(V850Command::HELP); }},
+        {"status", [](const Words&, const std::string&, V850Model&) { return kindOnly(V850Command::STATUS); }},
+        {"quit", [](const Words&, const std::string&, V850Model&) { return kindOnly(V850Command::QUIT); }},
+        {"exit", [](const Words&, const std::string&, V850Model&) { return kindOnly(V850Command::QUIT); }},
+        {"disconnect", [](const Words&, const std::string&, V850Model&) { return kindOnly(V850Command::DISCONNECT); }},
+        {"wait", [](const Words&, const std::string& arg, V850Model&) {
+             long n = 0;
+             return toNumber(arg, 0, 3600000, n) ? wait(V850Command::WAIT, n) : error("wait needs milliseconds");
+         }},
+        {"sleep", sleepFor},
+        {"waitconnect", waitConnect},
+        {"expect", expectFrame},
+        {"scan-interval", [](const Words&, const std::string& arg, V850Model&) {
+             long n = 0;
+             return toNumber(arg, 10, 60000, n) ? wait(V850Command::SCAN_INTERVAL, n)
+                                                : error("scan-interval needs 10..60000 ms");
+         }},
+        {"on", [](const Words&, const std::string&, V850Model& m) { return send({m.radioState(1)}); }},
+        {"off", [](const Words&, const std::string&, V850Model& m) { return send({m.radioState(0)}); }},
+        {"channel", [](const Words&, const std::string& arg, V850Model& m) {
+             return byteReport(arg, "channel needs 0..255", [&](uint8_t n) { return m.channelSelect(n); });
+         }},
+        {"squelch", [](const Words&, const std::string& arg, V850Model& m) {
+             return byteReport(arg, "squelch needs 0..255", [&](uint8_t n) { return m.squelchLevel(n); });
+         }},
+        {"sens", [](const Words&, const std::string& arg, V850Model&) {
+             return byteReport(arg, "sens needs 0..255", V850Model::receptionSensitivity);
+         }},
+        {"hw", hardware},
+        {"wa", weatherAlertOnOff},
+        {"alert", weatherAlert},
+        {"rx", txRx},
+        {"tx", txRx},
+        {"carrier", carrier},
+        {"refuse", refuse},
+        {"malformed", malformedFrame},
+        {"raw", rawFrame},
+        {"frame", frameWithLength},
+        {"hwver", hardwareVersion},
+        {"swver", softwareVersion},
+    };
 }
 
 V850Command V850Command::parse(const std::string& line, V850Model& model)
@@ -105,136 +294,11 @@ V850Command V850Command::parse(const std::string& line, V850Model& model)
     }
     if (w.empty())
         return V850Command();
-    const std::string& cmd = w[0];
     const std::string arg = w.size() > 1 ? w[1] : std::string();
-    long n = 0;
-    uint8_t b = 0;
-
-    if (cmd == "help" || cmd == "?")
-        { V850Command c; c.kind = HELP; return c; }
-    if (cmd == "status")
-        { V850Command c; c.kind = STATUS; return c; }
-    if (cmd == "quit" || cmd == "exit")
-        { V850Command c; c.kind = QUIT; return c; }
-    if (cmd == "disconnect")
-        { V850Command c; c.kind = DISCONNECT; return c; }
-    if (cmd == "wait")
-        return toNumber(arg, 0, 3600000, n) ? wait(WAIT, n) : error("wait needs milliseconds");
-    if (cmd == "sleep") {
-        double seconds = std::strtod(arg.c_str(), nullptr);
-        if (arg.empty() || seconds < 0 || seconds > 3600)
-            return error("sleep needs seconds");
-        return wait(WAIT, static_cast<long>(seconds * 1000));
-    }
-    if (cmd == "waitconnect") {
-        if (arg.empty())
-            return wait(WAIT_CONNECT, DEFAULT_CONNECT_MS);
-        return toNumber(arg, 0, 3600000, n) ? wait(WAIT_CONNECT, n) : error("waitconnect [ms]");
-    }
-    if (cmd == "expect") {
-        V850Command c = wait(EXPECT, DEFAULT_EXPECT_MS);
-        if (w.size() < 2 || !toHexBytes(w, 1, c.pattern))
-            return error("expect needs hex bytes");
-        return c;
-    }
-    if (cmd == "scan-interval") {
-        if (!toNumber(arg, 10, 60000, n))
-            return error("scan-interval needs 10..60000 ms");
-        return wait(SCAN_INTERVAL, n);
-    }
-    if (cmd == "on" || cmd == "off")
-        return send({model.radioState(cmd == "on" ? 1 : 0)});
-    if (cmd == "channel")
-        return toNumber(arg, 0, 255, n) ? send({model.channelSelect(static_cast<uint8_t>(n))})
-                                        : error("channel needs 0..255");
-    if (cmd == "squelch")
-        return toNumber(arg, 0, 255, n) ? send({model.squelchLevel(static_cast<uint8_t>(n))})
-                                        : error("squelch needs 0..255");
-    if (cmd == "sens")
-        return toNumber(arg, 0, 255, n) ? send({V850Model::receptionSensitivity(static_cast<uint8_t>(n))})
-                                        : error("sens needs 0..255");
-    if (cmd == "hw") {
-        if (arg == "lost") return send({model.hardwareConnection(0)});
-        if (arg == "back") return send({model.hardwareConnection(1)});
-        return toNumber(arg, 0, 255, n) ? send({model.hardwareConnection(static_cast<uint8_t>(n))})
-                                        : error("hw lost|back|N");
-    }
-    if (cmd == "wa") {
-        if (onOff(arg, b)) return send({model.weatherAlertOnOff(b)});
-        return toNumber(arg, 0, 255, n) ? send({model.weatherAlertOnOff(static_cast<uint8_t>(n))})
-                                        : error("wa on|off|N");
-    }
-    if (cmd == "alert") {
-        long status = 1;
-        if (!toNumber(arg, 0, 255, n) || (w.size() > 2 && !toNumber(w[2], 0, 255, status)))
-            return error("alert CHANNEL [STATUS]");
-        return send({V850Model::weatherAlert(static_cast<uint8_t>(status), static_cast<uint8_t>(n))});
-    }
-    if (cmd == "rx" || cmd == "tx") {
-        if (!onOff(arg, b))
-            return error(cmd + " on|off");
-        return send({cmd == "rx" ? model.txRxStatus(0, b) : model.txRxStatus(b, 0)});
-    }
-    if (cmd == "carrier") {
-        long ms = DEFAULT_CARRIER_MS;
-        if (!arg.empty() && !toNumber(arg, 0, 3600000, ms))
-            return error("carrier [ms]");
-        V850Command c = send({model.txRxStatus(0, 1)});
-        c.steps[0].waitMs = static_cast<int>(ms);
-        c.steps.push_back(V850Step{model.txRxStatus(0, 0), 0});
-        return c;
-    }
-    if (cmd == "refuse") {
-        b = V850Model::REFUSED;
-        if (!arg.empty() && !toHexByte(arg, b))
-            return error("refuse [hex code]");
-        model.refuseNext(b);
-        V850Command c;
-        c.kind = SETTING;
-        c.text = "next answer refused with code " + V850Model::toHex(&b, 1);
-        return c;
-    }
-    if (cmd == "malformed") {
-        if (!arg.empty() && !toNumber(arg, 1, 5, n))
-            return error("malformed [1..5]");
-        return send({malformed(arg.empty() ? 1 : n)});
-    }
-    if (cmd == "raw") {
-        V850Frame frame;
-        if (w.size() < 2 || !toHexBytes(w, 1, frame))
-            return error("raw needs hex bytes");
-        return send({frame});
-    }
-    if (cmd == "frame") {
-        V850Frame payload;
-        uint8_t id;
-        if (w.size() < 2 || !toHexByte(w[1], id) || !toHexBytes(w, 2, payload))
-            return error("frame ID [PAYLOAD...] in hex");
-        V850Frame frame(payload.size() + 2);
-        frame[0] = id;
-        frame[1] = static_cast<uint8_t>(payload.size());
-        std::copy(payload.begin(), payload.end(), frame.begin() + 2);
-        return send({frame});
-    }
-    if (cmd == "hwver") {
-        if (arg.size() != 2)
-            return error("hwver needs two characters");
-        model.setHardwareVersion(static_cast<uint8_t>(arg[0]), static_cast<uint8_t>(arg[1]));
-        V850Command c;
-        c.kind = SETTING;
-        c.text = "hardware version " + arg;
-        return c;
-    }
-    if (cmd == "swver") {
-        if (arg.empty() || arg.size() > 10)
-            return error("swver needs 1..10 characters");
-        model.setSoftwareVersion(arg);
-        V850Command c;
-        c.kind = SETTING;
-        c.text = "software version " + arg;
-        return c;
-    }
-    return error("unknown command '" + cmd + "' (try help)");
+    for (const Entry& e : kCommands)
+        if (w[0] == e.name)
+            return e.parse(w, arg, model);
+    return error("unknown command '" + w[0] + "' (try help)");
 }
 
 const char* V850Command::helpText()

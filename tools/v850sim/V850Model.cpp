@@ -46,79 +46,93 @@ uint8_t V850Model::resultCode(bool valid)
     return valid ? POSITIVE : REFUSED;
 }
 
+// The frames the head unit writes: id, payload length, and what the module does with them.
+const V850Model::Request V850Model::kRequests[] = {
+    {0x07, 0, &V850Model::onHardwareVersion},
+    {0x08, 0, &V850Model::onSoftwareVersion},
+    {0x01, 1, &V850Model::onRadioState},
+    {0x02, 1, &V850Model::onChannelSelect},
+    {0x03, 1, &V850Model::onSquelchLevel},
+    {0x04, 1, &V850Model::onStartScan},
+    {0x05, 0, &V850Model::onStopScan},
+    {0x0C, 1, &V850Model::onWeatherAlertOnOff},
+    {0x0E, 1, &V850Model::onPushToTalk},
+};
+
 std::vector<V850Frame> V850Model::onFrame(const uint8_t* data, size_t length)
 {
     std::vector<V850Frame> answers;
     if (data == nullptr || length < 2 || length != static_cast<size_t>(data[1]) + 2)
         return answers;
-    const uint8_t id = data[0];
-    const uint8_t payloadLength = data[1];
-    const uint8_t arg = payloadLength >= 1 ? data[2] : 0;
-
-    switch (id) {
-    case 0x07:
-        if (payloadLength == 0)
-            answers.push_back(makeFrame(0x07, {mHwVersion[0], mHwVersion[1]}));
-        break;
-    case 0x08:
-        if (payloadLength == 0) {
-            V850Frame frame(2 + sizeof(mSwVersion));
-            frame[0] = 0x08;
-            frame[1] = sizeof(mSwVersion);
-            std::memcpy(frame.data() + 2, mSwVersion, sizeof(mSwVersion));
-            answers.push_back(frame);
-        }
-        break;
-    case 0x01:
-        if (payloadLength == 1) {
-            uint8_t code = resultCode(arg <= 1);
-            if (code == POSITIVE)
-                mRadioOn = arg == 1;
-            if (!mRadioOn)
-                mScanning = false;
-            answers.push_back(makeFrame(0x01, {static_cast<uint8_t>(mRadioOn ? 1 : 0), code}));
-        }
-        break;
-    case 0x02:
-        if (payloadLength == 1) {
-            uint8_t code = resultCode(arg >= 1 && arg <= MAX_CHANNEL);
-            if (code == POSITIVE)
-                mChannel = arg;
-            answers.push_back(makeFrame(0x02, {arg, code}));
-        }
-        break;
-    case 0x03:
-        if (payloadLength == 1) {
-            uint8_t code = resultCode(arg <= MAX_SQUELCH);
-            if (code == POSITIVE)
-                mSquelch = arg;
-            answers.push_back(makeFrame(0x03, {arg, code}));
-        }
-        break;
-    case 0x04:
-        if (payloadLength == 1) {
-            mScanning = true;
-            mScanChannel = (arg >= 1 && arg <= MAX_CHANNEL) ? arg : mChannel;
-        }
-        break;
-    case 0x05:
-        if (payloadLength == 0)
-            mScanning = false;
-        break;
-    case 0x0C:
-        if (payloadLength == 1) {
-            mWeatherAlert = arg;
-            answers.push_back(makeFrame(0x0B, {arg}));
-        }
-        break;
-    case 0x0E:
-        if (payloadLength == 1)
-            answers.push_back(makeFrame(0x0A, {static_cast<uint8_t>(arg ? 1 : 0), 0}));
-        break;
-    default:
-        break;
-    }
+    for (const Request& r : kRequests)
+        if (r.id == data[0] && r.payloadLength == data[1])
+            (this->*r.handle)(data[1] >= 1 ? data[2] : 0, answers);
     return answers;
+}
+
+void V850Model::onHardwareVersion(uint8_t, std::vector<V850Frame>& answers)
+{
+    answers.push_back(makeFrame(0x07, {mHwVersion[0], mHwVersion[1]}));
+}
+
+void V850Model::onSoftwareVersion(uint8_t, std::vector<V850Frame>& answers)
+{
+    V850Frame frame(2 + sizeof(mSwVersion));
+    frame[0] = 0x08;
+    frame[1] = sizeof(mSwVersion);
+    std::memcpy(frame.data() + 2, mSwVersion, sizeof(mSwVersion));
+    answers.push_back(frame);
+}
+
+void V850Model::onRadioState(uint8_t state, std::vector<V850Frame>& answers)
+{
+    uint8_t code = resultCode(state <= 1);
+    if (code == POSITIVE)
+        mRadioOn = state == 1;
+    if (!mRadioOn)
+        mScanning = false;
+    answers.push_back(makeFrame(0x01, {static_cast<uint8_t>(mRadioOn ? 1 : 0), code}));
+}
+
+// A setting is taken only when accepted, and echoed with its result code either way.
+V850Frame V850Model::answerSetting(uint8_t id, uint8_t value, bool valid, uint8_t& setting)
+{
+    uint8_t code = resultCode(valid);
+    if (code == POSITIVE)
+        setting = value;
+    return makeFrame(id, {value, code});
+}
+
+void V850Model::onChannelSelect(uint8_t channel, std::vector<V850Frame>& answers)
+{
+    answers.push_back(answerSetting(0x02, channel, channel >= 1 && channel <= MAX_CHANNEL, mChannel));
+}
+
+void V850Model::onSquelchLevel(uint8_t level, std::vector<V850Frame>& answers)
+{
+    answers.push_back(answerSetting(0x03, level, level <= MAX_SQUELCH, mSquelch));
+}
+
+void V850Model::onStartScan(uint8_t channel, std::vector<V850Frame>&)
+{
+    mScanning = true;
+    mScanChannel = (channel >= 1 && channel <= MAX_CHANNEL) ? channel : mChannel;
+}
+
+void V850Model::onStopScan(uint8_t, std::vector<V850Frame>&)
+{
+    mScanning = false;
+}
+
+void V850Model::onWeatherAlertOnOff(uint8_t onOff, std::vector<V850Frame>& answers)
+{
+    mWeatherAlert = onOff;
+    answers.push_back(makeFrame(0x0B, {onOff}));
+}
+
+void V850Model::onPushToTalk(uint8_t pressed, std::vector<V850Frame>& answers)
+{
+    answers.push_back(makeFrame(0x0A, {static_cast<uint8_t>(pressed ? 1 : 0), 0}));
 }
 
 std::vector<V850Frame> V850Model::onScanTick()

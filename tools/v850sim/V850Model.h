@@ -73,7 +73,25 @@ public:
     static std::string toHex(const V850Frame& frame) { return toHex(frame.data(), frame.size()); }
 
 private:
+    struct Request
+    {
+        uint8_t id;
+        uint8_t payloadLength;
+        void (V850Model::*handle)(uint8_t arg, std::vector<V850Frame>& answers);  // arg: payload byte 0
+    };
+    static const Request kRequests[];
+
     uint8_t resultCode(bool valid);
+    V850Frame answerSetting(uint8_t id, uint8_t value, bool valid, uint8_t& setting);
+    void onHardwareVersion(uint8_t, std::vector<V850Frame>& answers);
+    void onSoftwareVersion(uint8_t, std::vector<V850Frame>& answers);
+    void onRadioState(uint8_t state, std::vector<V850Frame>& answers);
+    void onChannelSelect(uint8_t channel, std::vector<V850Frame>& answers);
+    void onSquelchLevel(uint8_t level, std::vector<V850Frame>& answers);
+    void onStartScan(uint8_t channel, std::vector<V850Frame>& answers);
+    void onStopScan(uint8_t, std::vector<V850Frame>& answers);
+    void onWeatherAlertOnOff(uint8_t onOff, std::vector<V850Frame>& answers);
+    void onPushToTalk(uint8_t pressed, std::vector<V850Frame>& answers);
 
     bool mRadioOn;
     uint8_t mHwConnection;

@@ -15,6 +15,7 @@
 #include "JTRootPrefix.h"
 #include "ToolProcess.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -115,39 +116,17 @@ namespace
             case V850Command::NONE:
                 break;
             case V850Command::SEND:
-                for (const V850Step& step : c.steps) {
-                    {
-                        std::lock_guard<std::mutex> lock(mMutex);
-                        sendLocked(step.frame);
-                    }
-                    if (step.waitMs > 0 && !pause(step.waitMs))
-                        return false;
-                }
+                if (!sendSteps(c.steps))
+                    return false;
                 break;
             case V850Command::WAIT:
                 return pause(c.number);
-            case V850Command::WAIT_CONNECT: {
-                std::unique_lock<std::mutex> lock(mMutex);
-                if (!mChanged.wait_for(lock, std::chrono::milliseconds(c.number),
-                                       [this] { return mClientFd >= 0 || quitting(); }))
-                    writeLine("# waitconnect: no head unit after " + std::to_string(c.number) + " ms");
+            case V850Command::WAIT_CONNECT:
+                waitForConnection(c.number);
                 break;
-            }
-            case V850Command::EXPECT: {
-                std::unique_lock<std::mutex> lock(mMutex);
-                size_t from = mReceived.size();
-                bool seen = mChanged.wait_for(lock, std::chrono::milliseconds(c.number), [&] {
-                    for (size_t i = from; i < mReceived.size(); ++i)
-                        if (mReceived[i].size() >= c.pattern.size() &&
-                            std::equal(c.pattern.begin(), c.pattern.end(), mReceived[i].begin()))
-                            return true;
-                    return quitting();
-                });
-                if (!seen)
-                    writeLine("# expect: no frame " + V850Model::toHex(c.pattern) + " within " +
-                              std::to_string(c.number) + " ms");
+            case V850Command::EXPECT:
+                expectFrame(c.pattern, c.number);
                 break;
-            }
             case V850Command::STATUS: {
                 std::lock_guard<std::mutex> lock(mMutex);
                 writeLine(std::string("# ") + (mClientFd >= 0 ? "connected " : "not connected ") + mModel.describe());
@@ -182,6 +161,43 @@ namespace
 
     private:
         static bool quitting() { return gQuit.load(std::memory_order_relaxed); }
+
+        // Sends the frames with their pauses; false when a pause was cut short by quitting.
+        bool sendSteps(const std::vector<V850Step>& steps)
+        {
+            for (const V850Step& step : steps) {
+                {
+                    std::lock_guard<std::mutex> lock(mMutex);
+                    sendLocked(step.frame);
+                }
+                if (step.waitMs > 0 && !pause(step.waitMs))
+                    return false;
+            }
+            return true;
+        }
+
+        void waitForConnection(int ms)
+        {
+            std::unique_lock<std::mutex> lock(mMutex);
+            if (!mChanged.wait_for(lock, std::chrono::milliseconds(ms), [this] { return mClientFd >= 0 || quitting(); }))
+                writeLine("# waitconnect: no head unit after " + std::to_string(ms) + " ms");
+        }
+
+        // Waits for a frame from the head unit that starts with pattern, received from now on.
+        void expectFrame(const V850Frame& pattern, int ms)
+        {
+            std::unique_lock<std::mutex> lock(mMutex);
+            size_t from = mReceived.size();
+            bool seen = mChanged.wait_for(lock, std::chrono::milliseconds(ms), [&] {
+                for (size_t i = from; i < mReceived.size(); ++i)
+                    if (mReceived[i].size() >= pattern.size() &&
+                        std::equal(pattern.begin(), pattern.end(), mReceived[i].begin()))
+                        return true;
+                return quitting();
+            });
+            if (!seen)
+                writeLine("# expect: no frame " + V850Model::toHex(pattern) + " within " + std::to_string(ms) + " ms");
+        }
 
         bool pause(int ms)
         {
@@ -322,15 +338,10 @@ int main(int argc, char** argv)
         const std::string a = argv[i];
         if (takeOptionValue(a, "--log", logPath))
             continue;
-        if ((a == "--log" || a == "--node") && i + 1 < argc) {
+        if ((a == "--log" || a == "--node") && i + 1 < argc)
             (a == "--log" ? logPath : node) = argv[++i];
-        } else if (a == "--help" || a == "-h") {
-            usage();
-            return 0;
-        } else {
-            std::fprintf(stderr, "v850sim: unknown argument '%s' (see --help)\n", a.c_str());
-            return 2;
-        }
+        else
+            return refuseArgument("v850sim", a, usage);
     }
 
     FILE* logFile = nullptr;
@@ -360,9 +371,5 @@ int main(int argc, char** argv)
     ::close(listenFd);
     ::unlink(hostPath.c_str());
     sim.note("stopped");
-    if (logFile)
-        std::fclose(logFile);
-    std::fflush(stdout);
-    // The command thread may still sit in a read of standard input; end without waiting for it.
-    ::_exit(0);
+    endTool(logFile, 0);
 }

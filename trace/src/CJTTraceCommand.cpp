@@ -19,7 +19,7 @@ bool CJTTraceCommand::readFrom(IJTIStream& in)
     }
     mCode = code;
     mParameter = p[0] | p[1] << 8 | p[2] << 16 | static_cast<uint32_t>(p[3]) << 24;
-    if (mCode == CMD_CALL_CALLBACK)
+    if (mCode == JTTraceCommandCode::CALL_CALLBACK)
     {
         // Only what actually arrives is kept, so a parameter claiming gigabytes costs nothing.
         uint8_t chunk[512];
@@ -58,7 +58,7 @@ bool CJTTraceCommand::readData(CJTByteStream& out, uint32_t length)
 
 void CJTTraceCommand::dataWritten()
 {
-    if (mCode == CMD_CALL_CALLBACK)
+    if (mCode == JTTraceCommandCode::CALL_CALLBACK)
         mParameter = mData.getSize();
 }
 

@@ -1,7 +1,6 @@
 // CJTTraceCommand: one command from the trace server.
 //
-// Wire form: code u8 | parameter u32 little-endian | data. Only command 9 (call a callback) has
-// data, and its parameter is the data length. readFrom takes the code, then the parameter, then
+// Wire form and codes: JTTraceCommandCode.h. readFrom takes the code, then the parameter, then
 // for command 9 keeps reading until the data is complete or a read yields nothing (a short
 // command keeps what arrived). A short code or parameter makes the command 0 with parameter 0,
 // which the executor reports as unknown.
@@ -12,29 +11,14 @@
 #define CJTTRACECOMMAND_H
 
 #include "CJTByteStream.h"
+#include "JTTraceCommandCode.h"
 
 #include <cstdint>
 
 class CJTTraceCommand
 {
 public:
-    enum
-    {
-        HEADER_SIZE = 5,
-        CMD_PROCESS_INFO = 1,
-        CMD_LIST_SCOPES = 2,
-        CMD_SET_FILTER = 3,
-        CMD_SILENT = 4,
-        CMD_CALLBACK_COUNT = 7,
-        CMD_LIST_CALLBACKS = 8,
-        CMD_CALL_CALLBACK = 9,
-        CMD_SET_FILTER_RANGE = 11,
-        CMD_PERSISTENCE = 13,
-        CMD_SET_MEDIA = 14,
-        CMD_SET_MEDIA_RANGE = 15,
-        CMD_LIST_HANDLERS = 16,
-        CMD_RELOAD_PERSISTENCE = 17
-    };
+    enum { HEADER_SIZE = JTTraceCommandCode::HEADER_SIZE };
 
     CJTTraceCommand();
     CJTTraceCommand(uint8_t code, uint32_t parameter);

@@ -27,6 +27,125 @@ namespace
 
     // Scope list progress: every scope below 10 scopes, every tenth below 100, every fiftieth above.
     uint32_t scopeListStep(uint32_t count) { return count < 10 ? 1 : count < 100 ? 10 : 50; }
+
+    CJTTraceCallbackManager& callbacksOf(const CJTTraceHelper& helper)
+    {
+        CJTTraceCallbackManager* manager = helper.getCallbackManager();
+        return manager ? *manager : CJTTraceCallbackManager::getInstance();
+    }
+
+    // The server's commands, one function each. Those that answer are only called with a
+    // connected channel; the others get the channel as it is (possibly null) and ignore it.
+    void sendProcessInfo(CJTTraceHelper& helper, IJTTraceChannel* channel, uint32_t)
+    {
+        CJTTraceScopeManager& scopes = helper.getScopeManager();
+        channel->writeMessage(CJTTraceMessageData::makeProcessInfo(scopes.getSettingsInStep(), helper.getProcessId(),
+                                                                   scopes.getNumberOfScopes(), scopes.getSilent(),
+                                                                   helper.getProcessName()));
+    }
+
+    void sendScopeList(CJTTraceHelper& helper, IJTTraceChannel* channel, uint32_t)
+    {
+        CJTTraceScopeManager& manager = helper.getScopeManager();
+        const uint32_t pid = helper.getProcessId();
+        uint32_t scopes = manager.getNumberOfScopes();
+        channel->writeMessage(CJTTraceMessageData::makeCount(CJTTraceMessageData::COUNT_SCOPES, scopes, pid));
+        channel->writeMessage(CJTTraceMessageData::makeProgress(CJTTraceMessageData::PROGRESS_START, pid, scopes));
+        uint32_t step = scopeListStep(scopes);
+        char name[512];
+        for (uint32_t i = 0; i < scopes; ++i)
+        {
+            const CJTTraceScopeDef& def = manager.getScopeDef(static_cast<uint16_t>(i));
+            name[0] = 0;
+            def.getScopeName(name, sizeof name - 1);  // at most 510 characters, as everywhere
+            channel->writeMessage(CJTTraceMessageData::makeScopeInfo(pid, static_cast<uint16_t>(i), def.getKernelEvent(),
+                                                                     def.getMedia(), def.getFilter(), name));
+            if (i % step == 0)
+                channel->writeMessage(CJTTraceMessageData::makeProgress(CJTTraceMessageData::PROGRESS_STEP, pid, i));
+        }
+    }
+
+    // One scope: index in bits 0-15, the value in bits 16-23.
+    void setScope(CJTTraceHelper& helper, uint32_t parameter, bool media)
+    {
+        CJTTraceScopeManager& manager = helper.getScopeManager();
+        CJTTraceScopeDef& def = manager.getScopeDef(static_cast<uint16_t>(parameter & 0xFFFF));
+        uint8_t value = static_cast<uint8_t>(parameter >> 16);
+        if (media)
+            def.setMedia(value);
+        else
+            def.setFilter(value);
+        manager.setSettingsInStep(false);
+    }
+
+    // A run of scopes: the first (signed) in bits 0-15, the value in bits 16-23, the count in 24-31.
+    void setScopeRange(CJTTraceHelper& helper, uint32_t parameter, bool media)
+    {
+        int first = static_cast<int16_t>(parameter & 0xFFFF);
+        int last = first + static_cast<int>(parameter >> 24) - 1;
+        uint8_t value = static_cast<uint8_t>(parameter >> 16);
+        if (media)
+            helper.getScopeManager().setMedia(first, last, value);
+        else
+            helper.getScopeManager().setFilter(first, last, value);
+    }
+
+    void sendCallbackCount(CJTTraceHelper& helper, IJTTraceChannel* channel, uint32_t)
+    {
+        channel->writeMessage(CJTTraceMessageData::makeCount(CJTTraceMessageData::COUNT_CALLBACKS,
+                                                             callbacksOf(helper).getNumberOfCallbacks(),
+                                                             helper.getProcessId()));
+    }
+
+    void sendHandlerList(CJTTraceHelper& helper, IJTTraceChannel* channel, uint32_t)
+    {
+        CJTTraceMessageData list = CJTTraceMessageData::makeHandlerList(helper.getProcessId());
+        for (unsigned slot = 0; slot < CJTTraceHelper::HANDLER_SLOTS; ++slot)
+        {
+            CJTTraceHelper::tTraceHandler handler = helper.getHandler(slot);
+            if (handler && handler != CJTTraceHelper::sendToNirvana)
+                list.addHandler(static_cast<uint8_t>(1u << slot), helper.getHandlerName(slot));
+        }
+        list.complete();
+        channel->writeMessage(list);
+    }
+
+    // Parameter 0 deletes the stored settings, 1 stores them; other values do nothing.
+    void persist(CJTTraceHelper& helper, IJTTraceChannel*, uint32_t parameter)
+    {
+        if (parameter == 0)
+            helper.killPersistent();
+        else if (parameter == 1)
+            helper.storePersistent();
+    }
+
+    struct tCommand
+    {
+        uint8_t code;
+        bool answers;  // writes to the server: skipped while not connected
+        void (*run)(CJTTraceHelper& helper, IJTTraceChannel* channel, uint32_t parameter);
+    };
+    const tCommand kCommands[] = {
+        {JTTraceCommandCode::PROCESS_INFO, true, sendProcessInfo},
+        {JTTraceCommandCode::LIST_SCOPES, true, sendScopeList},
+        {JTTraceCommandCode::SET_FILTER, false,
+         [](CJTTraceHelper& h, IJTTraceChannel*, uint32_t p) { setScope(h, p, false); }},
+        {JTTraceCommandCode::SILENT, false,
+         [](CJTTraceHelper& h, IJTTraceChannel*, uint32_t p) { h.getScopeManager().setSilent(p != 0); }},
+        {JTTraceCommandCode::CALLBACK_COUNT, true, sendCallbackCount},
+        {JTTraceCommandCode::LIST_CALLBACKS, true,
+         [](CJTTraceHelper& h, IJTTraceChannel* c, uint32_t) { callbacksOf(h).sendCallbackList(*c, h.getProcessId()); }},
+        {JTTraceCommandCode::SET_FILTER_RANGE, false,
+         [](CJTTraceHelper& h, IJTTraceChannel*, uint32_t p) { setScopeRange(h, p, false); }},
+        {JTTraceCommandCode::PERSISTENCE, false, persist},
+        {JTTraceCommandCode::SET_MEDIA, false,
+         [](CJTTraceHelper& h, IJTTraceChannel*, uint32_t p) { setScope(h, p, true); }},
+        {JTTraceCommandCode::SET_MEDIA_RANGE, false,
+         [](CJTTraceHelper& h, IJTTraceChannel*, uint32_t p) { setScopeRange(h, p, true); }},
+        {JTTraceCommandCode::LIST_HANDLERS, true, sendHandlerList},
+        {JTTraceCommandCode::RELOAD_PERSISTENCE, false,
+         [](CJTTraceHelper& h, IJTTraceChannel*, uint32_t) { h.reloadPersistence(); }},
+    };
 }
 
 bool CJTTraceHelper::requestRegister(const char* processName)
@@ -60,12 +179,12 @@ bool CJTTraceHelper::isServerCompatibleWith(const CJTVersion& required)
 
 void CJTTraceHelper::execute(const CJTTraceCommand& command)
 {
-    if (command.getCode() != CJTTraceCommand::CMD_CALL_CALLBACK)
+    if (command.getCode() != JTTraceCommandCode::CALL_CALLBACK)
     {
         executeCmd(command.getCode(), command.getParameter());
         return;
     }
-    CJTTraceCallbackManager& callbacks = mpCallbackManager ? *mpCallbackManager : CJTTraceCallbackManager::getInstance();
+    CJTTraceCallbackManager& callbacks = callbacksOf(*this);
     CJTByteStream data(command.getData());
     data.rewind();
     uint16_t index, callId;
@@ -91,97 +210,14 @@ void CJTTraceHelper::executeCmd(uint8_t code, uint32_t parameter)
 {
     IJTTraceChannel* channel = getChannel();
     bool connected = channel && channel->isConnected();
-    uint16_t index = static_cast<uint16_t>(parameter & 0xFFFF);
-    int first = static_cast<int16_t>(parameter & 0xFFFF);
-    uint8_t value = static_cast<uint8_t>(parameter >> 16);
-    int count = static_cast<int>(parameter >> 24);
-
-    switch (code)
-    {
-    case CJTTraceCommand::CMD_PROCESS_INFO:
-        if (connected)
-            channel->writeMessage(CJTTraceMessageData::makeProcessInfo(
-                mScopeManager.getSettingsInStep(), mProcessId, mScopeManager.getNumberOfScopes(),
-                mScopeManager.getSilent(), getProcessName()));
-        break;
-    case CJTTraceCommand::CMD_LIST_SCOPES:
-    {
-        if (!connected)
-            break;
-        uint32_t scopes = mScopeManager.getNumberOfScopes();
-        channel->writeMessage(CJTTraceMessageData::makeCount(CJTTraceMessageData::COUNT_SCOPES, scopes, mProcessId));
-        channel->writeMessage(CJTTraceMessageData::makeProgress(CJTTraceMessageData::PROGRESS_START, mProcessId, scopes));
-        uint32_t step = scopeListStep(scopes);
-        char name[512];
-        for (uint32_t i = 0; i < scopes; ++i)
+    for (const tCommand& command : kCommands)
+        if (command.code == code)
         {
-            const CJTTraceScopeDef& def = mScopeManager.getScopeDef(static_cast<uint16_t>(i));
-            name[0] = 0;
-            def.getScopeName(name, sizeof name - 1);  // at most 510 characters, as everywhere
-            channel->writeMessage(CJTTraceMessageData::makeScopeInfo(mProcessId, static_cast<uint16_t>(i),
-                                                                     def.getKernelEvent(), def.getMedia(),
-                                                                     def.getFilter(), name));
-            if (i % step == 0)
-                channel->writeMessage(CJTTraceMessageData::makeProgress(CJTTraceMessageData::PROGRESS_STEP, mProcessId, i));
+            if (connected || !command.answers)
+                command.run(*this, channel, parameter);
+            return;
         }
-        break;
-    }
-    case CJTTraceCommand::CMD_SET_FILTER:
-        mScopeManager.getScopeDef(index).setFilter(value);
-        mScopeManager.setSettingsInStep(false);
-        break;
-    case CJTTraceCommand::CMD_SILENT:
-        mScopeManager.setSilent(parameter != 0);
-        break;
-    case CJTTraceCommand::CMD_CALLBACK_COUNT:
-        if (connected)
-        {
-            CJTTraceCallbackManager& callbacks = mpCallbackManager ? *mpCallbackManager : CJTTraceCallbackManager::getInstance();
-            channel->writeMessage(CJTTraceMessageData::makeCount(CJTTraceMessageData::COUNT_CALLBACKS,
-                                                                 callbacks.getNumberOfCallbacks(), mProcessId));
-        }
-        break;
-    case CJTTraceCommand::CMD_LIST_CALLBACKS:
-        if (connected)
-            (mpCallbackManager ? *mpCallbackManager : CJTTraceCallbackManager::getInstance()).sendCallbackList(*channel, mProcessId);
-        break;
-    case CJTTraceCommand::CMD_SET_FILTER_RANGE:
-        mScopeManager.setFilter(first, first + count - 1, value);
-        break;
-    case CJTTraceCommand::CMD_PERSISTENCE:
-        if (parameter == 0)
-            killPersistent();
-        else if (parameter == 1)
-            storePersistent();
-        break;
-    case CJTTraceCommand::CMD_SET_MEDIA:
-        mScopeManager.getScopeDef(index).setMedia(value);
-        mScopeManager.setSettingsInStep(false);
-        break;
-    case CJTTraceCommand::CMD_SET_MEDIA_RANGE:
-        mScopeManager.setMedia(first, first + count - 1, value);
-        break;
-    case CJTTraceCommand::CMD_LIST_HANDLERS:
-        if (connected)
-        {
-            CJTTraceMessageData list = CJTTraceMessageData::makeHandlerList(mProcessId);
-            for (unsigned slot = 0; slot < HANDLER_SLOTS; ++slot)
-            {
-                tTraceHandler handler = getHandler(slot);
-                if (handler && handler != sendToNirvana)
-                    list.addHandler(static_cast<uint8_t>(1u << slot), getHandlerName(slot));
-            }
-            list.complete();
-            channel->writeMessage(list);
-        }
-        break;
-    case CJTTraceCommand::CMD_RELOAD_PERSISTENCE:
-        reloadPersistence();
-        break;
-    default:
-        std::fprintf(stderr, "Unknown command %d:%d\n", code, static_cast<int>(parameter));
-        break;
-    }
+    std::fprintf(stderr, "Unknown command %d:%d\n", code, static_cast<int>(parameter));
 }
 
 void CJTTraceHelper::sendLogMessage(uint8_t code, uint16_t value, const char* text)

@@ -4,25 +4,21 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <string>
 
-TEST(CBRadioJson, OnlyJsonObjectsAreUsable)
+TEST(CBRadioJson, OnlyJsonObjectsAreUsableAndTooDeepANestingIsAParseErrorNotAnException)
 {
     Json::Value root;
     EXPECT_TRUE(CBRadioJson::parseObject("{\"Value\":2}", root));
     EXPECT_TRUE(CBRadioJson::parseObject("{}", root));
+    const std::string deep = "{\"a\":" + std::string(100000, '[');
+    const std::string closed = std::string(3000, '[') + std::string(3000, ']');
     for (const char* text : {"", "[1,2]", "5", "\"text\"", "null", "{\"Value\":", "{'Value':2}"})
         EXPECT_FALSE(CBRadioJson::parseObject(text, root)) << text;
-    EXPECT_FALSE(CBRadioJson::parseObject(nullptr, root));
-}
-
-TEST(CBRadioJson, NestingTooDeepForTheReaderIsAParseErrorNotAnException)
-{
-    Json::Value root;
-    const std::string deep = "{\"a\":" + std::string(100000, '[');
     EXPECT_FALSE(CBRadioJson::parseObject(deep.c_str(), root));
-    const std::string closed = std::string(3000, '[') + std::string(3000, ']');
     EXPECT_FALSE(CBRadioJson::parseObject(closed.c_str(), root));
+    EXPECT_FALSE(CBRadioJson::parseObject(nullptr, root));
 }
 
 TEST(CBRadioJson, IntegersAreNumbersThatFitAnIntCutTowardsZero)
@@ -32,14 +28,10 @@ TEST(CBRadioJson, IntegersAreNumbersThatFitAnIntCutTowardsZero)
         "{\"i\":-3,\"u\":4000000000,\"r\":2.0,\"f\":2.9,\"g\":-0.5,\"x\":3e9,\"s\":\"2\",\"b\":true,"
         "\"n\":null,\"o\":{},\"a\":[1]}", root));
     int value = 0;
-    EXPECT_TRUE(CBRadioJson::readInt(root, "i", value));
-    EXPECT_EQ(-3, value);
-    EXPECT_TRUE(CBRadioJson::readInt(root, "r", value));
-    EXPECT_EQ(2, value);
-    EXPECT_TRUE(CBRadioJson::readInt(root, "f", value));
-    EXPECT_EQ(2, value);
-    EXPECT_TRUE(CBRadioJson::readInt(root, "g", value));
-    EXPECT_EQ(0, value);
+    for (const auto& expected : std::map<std::string, int>{{"i", -3}, {"r", 2}, {"f", 2}, {"g", 0}}) {
+        EXPECT_TRUE(CBRadioJson::readInt(root, expected.first.c_str(), value)) << expected.first;
+        EXPECT_EQ(expected.second, value) << expected.first;
+    }
     value = 77;
     for (const char* key : {"u", "x", "s", "b", "n", "o", "a", "missing"}) {
         EXPECT_FALSE(CBRadioJson::readInt(root, key, value)) << key;

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <functional>
 
 namespace
 {
@@ -38,8 +39,8 @@ namespace
             return Frame{mRadio.mTxBuf[0].load(), mRadio.mTxBuf[1].load(), mRadio.mTxBuf[2].load()};
         }
 
-        Frame next() { return mPeer.read(1000); }
-        bool nothingWritten() { return mPeer.read(50).empty(); }
+        Frame next(int timeoutMs = 1000) { return mPeer.read(timeoutMs); }
+        bool nothingWritten() { return next(50).empty(); }
 
         V850Peer mPeer;
         CCBRadio mRadio;
@@ -47,112 +48,59 @@ namespace
     };
 }
 
-TEST_F(CommandFrames, AlwaysSentCommandsCarryTheLowByteOfTheirArgument)
+// One builder after the other on the shared mTxBuf: what each writes (nothing, when it refuses) and
+// what it leaves in the buffer, which the next builder may carry over.
+TEST_F(CommandFrames, EachBuilderWritesItsFrameOrNothingAndLeavesItsBytesBehind)
 {
-    mRadio.reqCBRStateChange(1);
-    EXPECT_EQ((Frame{0x01, 0x01, 0x01}), next());
-    mRadio.reqCBRStateChange(0x100);
-    EXPECT_EQ((Frame{0x01, 0x01, 0x00}), next());
-    mRadio.reqCBRWeatherAlertOnOffRequest(1);
-    EXPECT_EQ((Frame{0x0C, 0x01, 0x01}), next());
-    mRadio.req_CBR_PTT_STATUS_toV850(CBR_PTT_ON);
-    EXPECT_EQ((Frame{0x0E, 0x01, 0x01}), next());
-    // PTT uses a frame of its own: mTxBuf still holds the weather-alert command.
-    EXPECT_EQ((Frame{0x0C, 0x01, 0x01}), txBuf());
-    mRadio.req_CBR_PTT_STATUS_toV850(CBR_PTT_OFF);
-    EXPECT_EQ((Frame{0x0E, 0x01, 0x00}), next());
-    mRadio.reqCBRSelectPreset(0);   // a cleared preset is sent as it is
-    EXPECT_EQ((Frame{0x02, 0x01, 0x00}), next());
-    EXPECT_TRUE(nothingWritten());
-}
-
-TEST_F(CommandFrames, SetChannelAcceptsOnlyTheBand)
-{
-    mRadio.reqCBRStateChange(1);
-    EXPECT_EQ((Frame{0x01, 0x01, 0x01}), next());
-    mRadio.reqCBRSetChannel(0);
-    mRadio.reqCBRSetChannel(41);
-    mRadio.reqCBRSetChannel(-1);
-    EXPECT_TRUE(nothingWritten());
-    EXPECT_EQ((Frame{0x01, 0x01, 0x01}), txBuf());   // refused channels leave mTxBuf alone
-    mRadio.reqCBRSetChannel(40);
-    EXPECT_EQ((Frame{0x02, 0x01, 0x28}), next());
-    mRadio.reqCBRSetChannel(1);
-    EXPECT_EQ((Frame{0x02, 0x01, 0x01}), next());
-}
-
-TEST_F(CommandFrames, SeekWrapsAroundTheFortyChannelBand)
-{
-    CCBRadio::mCBRCurrentChannel.store(40);
-    mRadio.reqCBRSeek(1);
-    EXPECT_EQ((Frame{0x02, 0x01, 0x01}), next());
-    CCBRadio::mCBRCurrentChannel.store(1);
-    mRadio.reqCBRSeek(0);
-    EXPECT_EQ((Frame{0x02, 0x01, 0x28}), next());
-    CCBRadio::mCBRCurrentChannel.store(17);
-    mRadio.reqCBRSeek(-5);   // any non-zero direction is up
-    EXPECT_EQ((Frame{0x02, 0x01, 0x12}), next());
-    mRadio.reqCBRSeek(0);
-    EXPECT_EQ((Frame{0x02, 0x01, 0x10}), next());
-    // The builders never change the current channel; only the V850's answer does.
-    EXPECT_EQ(17, CCBRadio::mCBRCurrentChannel.load());
-    CCBRadio::mCBRCurrentChannel.store(60);   // out of band: the result is not sent
-    mRadio.reqCBRSeek(1);
-    EXPECT_TRUE(nothingWritten());
-}
-
-TEST_F(CommandFrames, SetSquelchStoresThePayloadButSendsOnlyOneToFourteen)
-{
-    mRadio.reqCBRSetSquelchLevel(15);
-    EXPECT_TRUE(nothingWritten());
-    EXPECT_EQ((Frame{0x03, 0x01, 0x0F}), txBuf());
-    mRadio.reqCBRSetSquelchLevel(0);
-    EXPECT_TRUE(nothingWritten());
-    mRadio.reqCBRSetSquelchLevel(14);
-    EXPECT_EQ((Frame{0x03, 0x01, 0x0E}), next());
-    mRadio.reqCBRSetSquelchLevel(1);
-    EXPECT_EQ((Frame{0x03, 0x01, 0x01}), next());
-}
-
-TEST_F(CommandFrames, AdjustSquelchStepsAndCarriesThePreviousPayloadAtTheLimits)
-{
-    CCBRadio::mCBRSquelchLevel.store(1);
-    mRadio.reqCBRAdjustSquelchLevel(0);
-    EXPECT_EQ((Frame{0x03, 0x01, 0x00}), next());   // down to 0, which set refuses
-    CCBRadio::mCBRSquelchLevel.store(8);
-    mRadio.reqCBRAdjustSquelchLevel(1);
-    EXPECT_EQ((Frame{0x03, 0x01, 0x09}), next());
-
-    // At the top a step up re-sends whatever payload the previous frame left.
-    mRadio.reqCBRSetSquelchLevel(5);
-    EXPECT_EQ((Frame{0x03, 0x01, 0x05}), next());
-    CCBRadio::mCBRSquelchLevel.store(14);
-    mRadio.reqCBRAdjustSquelchLevel(1);
-    EXPECT_EQ((Frame{0x03, 0x01, 0x05}), next());
-
-    // The same at the bottom; a carried-over payload above 14 is not sent.
-    mRadio.reqCBRSetSquelchLevel(15);
-    CCBRadio::mCBRSquelchLevel.store(0);
-    mRadio.reqCBRAdjustSquelchLevel(0);
-    EXPECT_TRUE(nothingWritten());
-    EXPECT_EQ((Frame{0x03, 0x01, 0x0F}), txBuf());
-
-    // Another command's payload is carried over as well.
-    mRadio.reqCBRStateChange(1);
-    EXPECT_EQ((Frame{0x01, 0x01, 0x01}), next());
-    CCBRadio::mCBRSquelchLevel.store(14);
-    mRadio.reqCBRAdjustSquelchLevel(1);
-    EXPECT_EQ((Frame{0x03, 0x01, 0x01}), next());
-}
-
-TEST_F(CommandFrames, ScanStartsAtTheCurrentChannelAndStopIsTwoBytes)
-{
-    CCBRadio::mCBRCurrentChannel.store(23);
-    mRadio.reqCBRStartScan();
-    EXPECT_EQ((Frame{0x04, 0x01, 0x17}), next());
-    mRadio.reqCBRStopScan();
-    EXPECT_EQ((Frame{0x05, 0x00}), next());
-    EXPECT_EQ((Frame{0x05, 0x00, 0x17}), txBuf());   // the payload byte stays behind
+    struct Step
+    {
+        const char* what;
+        int channel;   // current channel and squelch level before the step
+        int squelch;
+        std::function<void(CCBRadio&)> act;
+        Frame written;   // empty: nothing may be written
+        Frame left;      // mTxBuf afterwards; empty: not checked
+    };
+    const Step steps[] = {
+        {"state change sends the low byte", 1, 8, [](CCBRadio& r) { r.reqCBRStateChange(0x101); }, {0x01, 0x01, 0x01}, {}},
+        {"weather alert", 1, 8, [](CCBRadio& r) { r.reqCBRWeatherAlertOnOffRequest(1); }, {0x0C, 0x01, 0x01}, {}},
+        {"PTT uses a frame of its own", 1, 8, [](CCBRadio& r) { r.req_CBR_PTT_STATUS_toV850(CBR_PTT_ON); },
+         {0x0E, 0x01, 0x01}, {0x0C, 0x01, 0x01}},
+        {"a cleared preset is sent as it is", 1, 8, [](CCBRadio& r) { r.reqCBRSelectPreset(0); }, {0x02, 0x01, 0x00}, {}},
+        {"channel 0 refused", 1, 8, [](CCBRadio& r) { r.reqCBRSetChannel(0); }, {}, {0x02, 0x01, 0x00}},
+        {"channel 41 refused", 1, 8, [](CCBRadio& r) { r.reqCBRSetChannel(41); }, {}, {0x02, 0x01, 0x00}},
+        {"channel 40", 1, 8, [](CCBRadio& r) { r.reqCBRSetChannel(40); }, {0x02, 0x01, 0x28}, {}},
+        {"seek up from 40 wraps", 40, 8, [](CCBRadio& r) { r.reqCBRSeek(1); }, {0x02, 0x01, 0x01}, {}},
+        {"seek down from 1 wraps", 1, 8, [](CCBRadio& r) { r.reqCBRSeek(0); }, {0x02, 0x01, 0x28}, {}},
+        {"any non-zero direction is up", 17, 8, [](CCBRadio& r) { r.reqCBRSeek(-5); }, {0x02, 0x01, 0x12}, {}},
+        {"seek from out of band is not sent", 60, 8, [](CCBRadio& r) { r.reqCBRSeek(1); }, {}, {}},
+        {"squelch 15 is stored, not sent", 1, 8, [](CCBRadio& r) { r.reqCBRSetSquelchLevel(15); }, {}, {0x03, 0x01, 0x0F}},
+        {"squelch 0 is not sent", 1, 8, [](CCBRadio& r) { r.reqCBRSetSquelchLevel(0); }, {}, {}},
+        {"squelch 14", 1, 8, [](CCBRadio& r) { r.reqCBRSetSquelchLevel(14); }, {0x03, 0x01, 0x0E}, {}},
+        {"step down to 0, which set refuses", 1, 1, [](CCBRadio& r) { r.reqCBRAdjustSquelchLevel(0); }, {0x03, 0x01, 0x00}, {}},
+        {"squelch 5", 1, 8, [](CCBRadio& r) { r.reqCBRSetSquelchLevel(5); }, {0x03, 0x01, 0x05}, {}},
+        {"step up at 14 re-sends the last payload", 1, 14, [](CCBRadio& r) { r.reqCBRAdjustSquelchLevel(1); },
+         {0x03, 0x01, 0x05}, {}},
+        {"squelch 15 again", 1, 8, [](CCBRadio& r) { r.reqCBRSetSquelchLevel(15); }, {}, {}},
+        {"a carried-over 15 is not sent", 1, 0, [](CCBRadio& r) { r.reqCBRAdjustSquelchLevel(0); }, {}, {0x03, 0x01, 0x0F}},
+        {"radio on", 1, 8, [](CCBRadio& r) { r.reqCBRStateChange(1); }, {0x01, 0x01, 0x01}, {}},
+        {"another command's payload is carried too", 1, 14, [](CCBRadio& r) { r.reqCBRAdjustSquelchLevel(1); },
+         {0x03, 0x01, 0x01}, {}},
+        {"scan starts at the current channel", 23, 8, [](CCBRadio& r) { r.reqCBRStartScan(); }, {0x04, 0x01, 0x17}, {}},
+        {"stop is two bytes, the payload stays", 23, 8, [](CCBRadio& r) { r.reqCBRStopScan(); }, {0x05, 0x00},
+         {0x05, 0x00, 0x17}},
+    };
+    for (const Step& step : steps) {
+        CCBRadio::mCBRCurrentChannel.store(static_cast<signed char>(step.channel));
+        CCBRadio::mCBRSquelchLevel.store(static_cast<signed char>(step.squelch));
+        step.act(mRadio);
+        EXPECT_EQ(step.written, next(step.written.empty() ? 50 : 1000)) << step.what;
+        if (!step.left.empty()) {
+            EXPECT_EQ(step.left, txBuf()) << step.what;
+        }
+        // The builders never change the current channel; only the V850's answer does.
+        EXPECT_EQ(step.channel, CCBRadio::mCBRCurrentChannel.load()) << step.what;
+    }
 }
 
 TEST_F(CommandFrames, StatusQueriesWriteZeroOneAndNothingWithoutDevice)

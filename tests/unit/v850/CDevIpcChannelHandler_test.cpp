@@ -13,39 +13,28 @@
 
 namespace
 {
+    // Keeps every frame handed on, as long as the reader said it was.
     class RecordingProcessor : public IMsgProcessor
     {
     public:
         void processMsg(unsigned char* data, unsigned int length) override
         {
             std::lock_guard<std::mutex> lock(mMutex);
-            mLengths.push_back(length);
             mFrames.emplace_back(data, data + (length > 128 ? 0 : length));
             mChanged.notify_all();
         }
 
-        bool waitForCount(size_t count)
+        // The frames once there are `count` of them (or after two seconds).
+        std::vector<V850Peer::Frame> frames(size_t count)
         {
             std::unique_lock<std::mutex> lock(mMutex);
-            return mChanged.wait_for(lock, std::chrono::seconds(2), [&] { return mFrames.size() >= count; });
-        }
-
-        std::vector<unsigned int> lengths()
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            return mLengths;
-        }
-
-        std::vector<V850Peer::Frame> frames()
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
+            mChanged.wait_for(lock, std::chrono::seconds(2), [&] { return mFrames.size() >= count; });
             return mFrames;
         }
 
     private:
         std::mutex mMutex;
         std::condition_variable mChanged;
-        std::vector<unsigned int> mLengths;
         std::vector<V850Peer::Frame> mFrames;
     };
 }
@@ -61,12 +50,9 @@ TEST(CDevIpcChannelHandler, EachReadReachesTheProcessorAsOneFrameAndAStopJoinsAS
     ASSERT_TRUE(peer.accept());
 
     ASSERT_TRUE(peer.write({0x02, 0x02, 0x05, 0xA0, 0x77}));
-    ASSERT_TRUE(processor->waitForCount(1));
+    ASSERT_EQ(1u, processor->frames(1).size());
     ASSERT_TRUE(peer.write({0x09, 0x01, 0x80}));
-    ASSERT_TRUE(processor->waitForCount(2));
-    EXPECT_EQ((std::vector<unsigned int>{5, 3}), processor->lengths());
-    EXPECT_EQ((V850Peer::Frame{0x02, 0x02, 0x05, 0xA0, 0x77}), processor->frames()[0]);
-    EXPECT_EQ((V850Peer::Frame{0x09, 0x01, 0x80}), processor->frames()[1]);
+    EXPECT_EQ((std::vector<V850Peer::Frame>{{0x02, 0x02, 0x05, 0xA0, 0x77}, {0x09, 0x01, 0x80}}), processor->frames(2));
 
     // Writes from this side arrive as single frames.
     unsigned char frame[3] = {0x0E, 0x01, 0x01};
@@ -81,7 +67,7 @@ TEST(CDevIpcChannelHandler, EachReadReachesTheProcessorAsOneFrameAndAStopJoinsAS
     EXPECT_EQ(0u, handler.getThreadHandle());
     ASSERT_TRUE(peer.write({0x09, 0x01, 0x40}));
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(2u, processor->lengths().size());
+    EXPECT_EQ(2u, processor->frames(0).size());
 
     peer.closeConnection();
     EXPECT_EQ(-1, handler.writeData(frame, 3));   // EPIPE, not SIGPIPE
