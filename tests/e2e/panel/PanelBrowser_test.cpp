@@ -109,16 +109,13 @@ public:
         return request("POST", "/execute/sync", body)["value"];
     }
 
-    bool click(const std::string& css)
-    {
-        const std::string id = element(css);
-        return !id.empty() && !request("POST", "/element/" + id + "/click", Json::Value()).isNull();
-    }
-
     // The left button goes down on the element and stays down until release().
     bool press(const std::string& css)
     {
-        const std::string id = element(css);
+        Json::Value find;
+        find["using"] = "css selector";
+        find["value"] = css;
+        const std::string id = request("POST", "/element", find)["value"][kElementKey].asString();
         Json::Value move;
         move["type"] = "pointerMove";
         move["duration"] = 0;
@@ -129,6 +126,7 @@ public:
     }
 
     bool release() { return pointer(Json::Value(), "pointerUp"); }
+    bool click(const std::string& css) { return press(css) && release(); }
 
     bool screenshot(const std::string& pngPath)
     {
@@ -169,14 +167,6 @@ private:
     Json::Value request(const std::string& method, const std::string& path, const Json::Value& body = Json::Value())
     {
         return call(method, "/session/" + mSession + path, body);
-    }
-
-    std::string element(const std::string& css)
-    {
-        Json::Value body;
-        body["using"] = "css selector";
-        body["value"] = css;
-        return request("POST", "/element", body)["value"][kElementKey].asString();
     }
 
     bool pointer(const Json::Value& move, const char* button)
