@@ -22,13 +22,40 @@
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
-#include <thread>
-
 #include <functional>
 #include <map>
+#include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
+
+// Polls `condition` every few milliseconds; false when it did not hold within timeoutMs.
+inline bool waitUntil(const std::function<bool()>& condition, int timeoutMs)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+// The whole file, or "" when it cannot be read.
+inline std::string readFile(const std::string& path)
+{
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// The build folder the tests run from (CBRADIO_BUILD_DIR).
+inline std::string buildDir()
+{
+    const char* dir = std::getenv("CBRADIO_BUILD_DIR");
+    return dir != nullptr ? dir : ".";
+}
 
 class ChildProcess
 {
@@ -43,158 +70,103 @@ public:
     };
 
     ChildProcess() = default;
-    ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
+    ~ChildProcess()
+    {
+        if (mPid > 0) {
+            ::kill(mPid, SIGKILL);
+            ::waitpid(mPid, nullptr, 0);
+        }
+    }
 
     // False when fork failed; a program that cannot be executed exits with status 127.
-    bool start(const std::vector<std::string>& argv, const std::vector<std::string>& env, const Io& io);
+    bool start(const std::vector<std::string>& args, const std::vector<std::string>& env, const Io& io)
+    {
+        std::vector<char*> argv, envp;
+        for (const std::string& a : args)
+            argv.push_back(const_cast<char*>(a.c_str()));
+        for (const std::string& e : env)
+            envp.push_back(const_cast<char*>(e.c_str()));
+        argv.push_back(nullptr);
+        envp.push_back(nullptr);
+        auto output = [](const std::string& path, int fd) {
+            return path.empty() ? fd : ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        };
+        const int in = io.in >= 0 ? io.in : ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+        const int out = output(io.outPath, io.outFd);
+        const int err = output(io.errPath, io.errFd);
+        mPid = ::fork();
+        if (mPid == 0) {
+            ::dup2(in, 0);
+            if (out >= 0)
+                ::dup2(out, 1);
+            if (err >= 0)
+                ::dup2(err, 2);
+            ::execve(argv[0], argv.data(), envp.data());
+            ::_exit(127);
+        }
+        for (int fd : {io.in < 0 ? in : -1, io.outPath.empty() ? -1 : out, io.errPath.empty() ? -1 : err})
+            if (fd >= 0)
+                ::close(fd);
+        return mPid > 0;
+    }
+
     pid_t pid() const { return mPid; }
     bool running() const { return mPid > 0; }
+
     // The exit status (128 + signal number when killed by one), or -1 when it has not ended in time.
-    int wait(int timeoutMs);
-    // SIGTERM, repeated, then SIGKILL after graceMs; reaps it. The exit status as wait() gives it,
-    // or -1 when SIGKILL was needed (or there was nothing to stop).
-    int stop(int graceMs = 3000);
-    // Forgets the child without waiting for it (it reaped itself, or someone else did).
-    void release() { mPid = -1; }
-
-    // Our environment with `set` replaced or added and the names in `unset` removed.
-    static std::vector<std::string> environmentWith(const std::map<std::string, std::string>& set,
-                                                    const std::vector<std::string>& unset = {});
-
-private:
-    pid_t mPid = -1;
-};
-
-// Polls `condition` every few milliseconds; false when it did not hold within timeoutMs.
-inline bool waitUntil(const std::function<bool()>& condition, int timeoutMs);
-// The whole file, or "" when it cannot be read.
-inline std::string readFile(const std::string& path);
-// The build folder the tests run from (CBRADIO_BUILD_DIR).
-inline std::string buildDir();
-
-
-namespace childprocess_detail
-{
-    inline int decode(int status)
+    int wait(int timeoutMs)
     {
+        int status = 0;
+        if (mPid <= 0 || !waitUntil([&] { return ::waitpid(mPid, &status, WNOHANG) == mPid; }, timeoutMs))
+            return -1;
+        mPid = -1;
         if (WIFEXITED(status))
             return WEXITSTATUS(status);
         return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
     }
-}
 
-inline ChildProcess::~ChildProcess()
-{
-    if (mPid > 0) {
-        ::kill(mPid, SIGKILL);
-        ::waitpid(mPid, nullptr, 0);
-    }
-}
-
-inline bool ChildProcess::start(const std::vector<std::string>& args, const std::vector<std::string>& env, const Io& io)
-{
-    std::vector<char*> argv;
-    for (const std::string& a : args)
-        argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    std::vector<char*> envp;
-    for (const std::string& e : env)
-        envp.push_back(const_cast<char*>(e.c_str()));
-    envp.push_back(nullptr);
-    const int in = io.in >= 0 ? io.in : ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    const int out = io.outPath.empty() ? io.outFd : ::open(io.outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    const int err = io.errPath.empty() ? io.errFd : ::open(io.errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-
-    mPid = ::fork();
-    if (mPid == 0) {
-        ::dup2(in, 0);
-        if (out >= 0)
-            ::dup2(out, 1);
-        if (err >= 0)
-            ::dup2(err, 2);
-        ::execve(argv[0], argv.data(), envp.data());
-        ::_exit(127);
-    }
-    if (io.in < 0)
-        ::close(in);
-    if (!io.outPath.empty() && out >= 0)
-        ::close(out);
-    if (!io.errPath.empty() && err >= 0)
-        ::close(err);
-    return mPid > 0;
-}
-
-inline int ChildProcess::wait(int timeoutMs)
-{
-    if (mPid <= 0)
+    // SIGTERM, repeated, then SIGKILL after graceMs; reaps it. The exit status as wait() gives it,
+    // or -1 when SIGKILL was needed (or there was nothing to stop).
+    int stop(int graceMs = 3000)
+    {
+        // A program may miss a signal that comes before its handlers are set; a repeated one is harmless.
+        for (int waited = 0; mPid > 0 && waited < graceMs; waited += 500) {
+            ::kill(mPid, SIGTERM);
+            const int status = wait(500);
+            if (mPid <= 0)
+                return status;
+        }
+        if (mPid > 0) {
+            ::kill(mPid, SIGKILL);
+            ::waitpid(mPid, nullptr, 0);
+            mPid = -1;
+        }
         return -1;
-    int status = 0;
-    if (!waitUntil([&] { return ::waitpid(mPid, &status, WNOHANG) == mPid; }, timeoutMs))
-        return -1;
-    mPid = -1;
-    return childprocess_detail::decode(status);
-}
-
-inline int ChildProcess::stop(int graceMs)
-{
-    if (mPid <= 0)
-        return -1;
-    // A program may miss a signal that comes before its handlers are set; a repeated one is harmless.
-    for (int waited = 0; waited < graceMs; waited += 500) {
-        ::kill(mPid, SIGTERM);
-        const int status = wait(500);
-        if (mPid <= 0)
-            return status;
     }
-    ::kill(mPid, SIGKILL);
-    ::waitpid(mPid, nullptr, 0);
-    mPid = -1;
-    return -1;
-}
 
-inline std::vector<std::string> ChildProcess::environmentWith(const std::map<std::string, std::string>& set,
-                                                       const std::vector<std::string>& unset)
-{
-    std::vector<std::string> env;
-    for (char** e = environ; *e != nullptr; ++e) {
-        const std::string entry(*e);
-        const std::string name = entry.substr(0, entry.find('='));
-        bool drop = set.count(name) > 0;
-        for (const std::string& u : unset)
-            drop = drop || u == name;
-        if (!drop)
-            env.push_back(entry);
+    // Our environment with `set` replaced or added and the names in `unset` removed.
+    static std::vector<std::string> environmentWith(const std::map<std::string, std::string>& set,
+                                                    const std::vector<std::string>& unset = {})
+    {
+        std::vector<std::string> env;
+        for (char** e = environ; *e != nullptr; ++e) {
+            const std::string entry(*e);
+            const std::string name = entry.substr(0, entry.find('='));
+            bool drop = set.count(name) > 0;
+            for (const std::string& u : unset)
+                drop = drop || u == name;
+            if (!drop)
+                env.push_back(entry);
+        }
+        for (const auto& kv : set)
+            env.push_back(kv.first + "=" + kv.second);
+        return env;
     }
-    for (const auto& kv : set)
-        env.push_back(kv.first + "=" + kv.second);
-    return env;
-}
 
-inline bool waitUntil(const std::function<bool()>& condition, int timeoutMs)
-{
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
-
-inline std::string readFile(const std::string& path)
-{
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-inline std::string buildDir()
-{
-    const char* dir = std::getenv("CBRADIO_BUILD_DIR");
-    return dir != nullptr ? dir : ".";
-}
+private:
+    pid_t mPid = -1;
+};
 
 #endif

@@ -10,13 +10,13 @@
 #include <fstream>
 #include <sstream>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 
 const char* const HeadUnit::kServiceName = "com.quorin.service.CBRadioService";
 const char* const HeadUnit::kServicePath = "/com/quorin/service/CBRadioService";
+const char* const HeadUnit::kSuccess = "{\"code\":0,\"description\":\"success\"}\n";
+const char* const HeadUnit::kFailure = "{\"code\":1,\"description\":\"failure\"}\n";
 
 namespace
 {
@@ -59,9 +59,14 @@ bool HeadUnit::start()
 bool HeadUnit::start(const Options& options)
 {
     mOptions = options;
-    for (const char* program : {"/cbradio/cbradiod", "/tools/v850sim/v850sim"})
-        if (::access((buildDir() + program).c_str(), X_OK) != 0)
-            return fail(buildDir() + program + " is missing (CBRADIO_BUILD_DIR names the build folder)");
+    // A simulator that has gone must fail a command, not end the test.
+    ::signal(SIGPIPE, SIG_IGN);
+    const std::pair<bool, const char*> programs[] = {{options.startDaemon, "/cbradio/cbradiod"},
+                                                     {options.startSimulator, "/tools/v850sim/v850sim"},
+                                                     {options.startPeers, "/tools/peersim/peersim"}};
+    for (const auto& program : programs)
+        if (program.first && ::access((buildDir() + program.second).c_str(), X_OK) != 0)
+            return fail(buildDir() + program.second + " is missing (CBRADIO_BUILD_DIR names the build folder)");
     char dir[] = "/tmp/cbradio-headunit-XXXXXX";
     if (::mkdtemp(dir) == nullptr)
         return fail(std::string("mkdtemp: ") + std::strerror(errno));
@@ -81,40 +86,61 @@ bool HeadUnit::start(const Options& options)
         return false;
 
     if (options.startSimulator) {
-        int pipeFds[2];
-        if (::pipe2(pipeFds, O_CLOEXEC) != 0)
-            return fail("pipe for the simulator");
         std::vector<std::string> args = {buildDir() + "/tools/v850sim/v850sim", "--log=" + path("sim.log")};
-        args.insert(args.end(), options.simulatorArgs.begin(), options.simulatorArgs.end());
-        ChildProcess::Io io;
-        io.in = pipeFds[0];
-        io.outPath = path("sim.out");
-        io.errPath = path("sim.err");
-        mSimulator.start(args, ChildProcess::environmentWith({{"CBRADIO_ROOT", mRoot}}), io);
-        ::close(pipeFds[0]);
-        mSimulatorInput = pipeFds[1];
+        if (!startFed(mSimulator, mSimulatorInput, args, "sim"))
+            return false;
         if (!waitUntil([&] { return ::access(path("dev/ipc/ch6").c_str(), F_OK) == 0; }, 5000))
             return fail("the simulator did not create dev/ipc/ch6:\n" + readFile(path("sim.err")));
+    }
+    if (options.startPeers) {
+        std::vector<std::string> args = {buildDir() + "/tools/peersim/peersim", "--log=" + path("peersim.log")};
+        args.insert(args.end(), options.peerArgs.begin(), options.peerArgs.end());
+        // Commands run in order, so once "status" answers, the first ones are done and every peer
+        // has joined the bus.
+        if (!startFed(mPeers, mPeerInput, args, "peersim") || !peers("status") ||
+            !waitForFile("peersim.log", "on the bus:", 0, 10000))
+            return fail("peersim did not come up:\n" + readFile(path("peersim.err")));
     }
 
     if (options.beforeDaemon && !options.beforeDaemon(*this))
         return fail(mError.empty() ? "the beforeDaemon hook failed" : mError);
+    return !options.startDaemon || startDaemon();
+}
 
-    if (options.startDaemon) {
-        std::vector<std::string> args = {buildDir() + "/cbradio/cbradiod", "--tp=" + path("trace.tp")};
-        args.insert(args.end(), options.daemonArgs.begin(), options.daemonArgs.end());
-        // The daemon learns the bus only from envars.sh, as on the target.
-        ChildProcess::Io io;
-        io.outPath = path("daemon.out");
-        io.errPath = path("daemon.err");
-        mDaemon.start(args,
-                      ChildProcess::environmentWith({{"CBRADIO_ROOT", mRoot}, {"CBRADIO_FOREGROUND", "1"}},
-                                                    {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SESSION_BUS_PID"}),
-                      io);
-        if (!options.readyTrace.empty() && !waitForTrace(options.readyTrace, 0, options.readyTimeoutMs))
-            return fail("the daemon did not come up:\n" + daemonOutput() + daemonErrors());
-    }
+bool HeadUnit::startDaemon()
+{
+    std::vector<std::string> args = {buildDir() + "/cbradio/cbradiod", "--tp=" + path("trace.tp")};
+    std::map<std::string, std::string> env = mOptions.daemonEnv;
+    env.emplace("CBRADIO_ROOT", mRoot);
+    std::vector<std::string> unset = {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SESSION_BUS_PID"};
+    if (mOptions.foreground)
+        env.emplace("CBRADIO_FOREGROUND", "1");
+    else
+        unset.push_back("CBRADIO_FOREGROUND");
+    // The daemon learns the bus only from envars.sh, as on the target.
+    ChildProcess::Io io;
+    io.outPath = path("daemon.out");
+    io.errPath = path("daemon.err");
+    if (!mDaemon.start(args, ChildProcess::environmentWith(env, unset), io))
+        return fail("cannot start the daemon");
+    if (!mOptions.readyTrace.empty() && !waitForTrace(mOptions.readyTrace, 0, 15000))
+        return fail("the daemon did not come up:\n" + daemonOutput() + daemonErrors());
     return true;
+}
+
+bool HeadUnit::startFed(ChildProcess& child, int& input, const std::vector<std::string>& argv, const std::string& name)
+{
+    int pipeFds[2];
+    if (::pipe2(pipeFds, O_CLOEXEC) != 0)
+        return fail("pipe for " + name);
+    ChildProcess::Io io;
+    io.in = pipeFds[0];
+    io.outPath = path(name + ".out");
+    io.errPath = path(name + ".err");
+    const bool started = child.start(argv, ChildProcess::environmentWith({{"CBRADIO_ROOT", mRoot}}), io);
+    ::close(pipeFds[0]);
+    input = pipeFds[1];
+    return started || fail("cannot start " + argv[0]);
 }
 
 bool HeadUnit::startClient()
@@ -162,6 +188,11 @@ void HeadUnit::stop()
         mSimulatorInput = -1;
     }
     mSimulator.stop(1000);
+    if (mPeerInput >= 0) {
+        ::close(mPeerInput);
+        mPeerInput = -1;
+    }
+    mPeers.stop(1000);
     for (SVCIPC_tSigSubHnd sub : mSubscriptions)
         SVCIPC_unsubscribe(sub);
     mSubscriptions.clear();
@@ -194,17 +225,6 @@ pid_t HeadUnit::spawn(const std::vector<std::string>& argv, const std::string& n
     return mSpawned.back()->pid();
 }
 
-bool HeadUnit::traced(const std::string& text, size_t from) const
-{
-    const std::string out = daemonOutput();
-    return from <= out.size() && out.find(text, from) != std::string::npos;
-}
-
-bool HeadUnit::waitForTrace(const std::string& text, size_t from, int timeoutMs) const
-{
-    return waitUntil([&] { return traced(text, from); }, timeoutMs);
-}
-
 size_t HeadUnit::traceCount(const std::string& text, size_t from) const
 {
     const std::string out = daemonOutput();
@@ -214,12 +234,25 @@ size_t HeadUnit::traceCount(const std::string& text, size_t from) const
     return count;
 }
 
+bool HeadUnit::writeLine(int fd, const std::string& command)
+{
+    const std::string line = command + "\n";
+    return fd >= 0 && ::write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size());
+}
+
 bool HeadUnit::simulator(const std::string& command)
 {
-    if (mSimulatorInput < 0)
-        return false;
-    const std::string line = command + "\n";
-    return ::write(mSimulatorInput, line.data(), line.size()) == static_cast<ssize_t>(line.size());
+    return writeLine(mSimulatorInput, command);
+}
+
+bool HeadUnit::peers(const std::string& command)
+{
+    return writeLine(mPeerInput, command);
+}
+
+bool HeadUnit::waitForFile(const std::string& relative, const std::string& text, size_t from, int timeoutMs) const
+{
+    return waitUntil([&] { return readFile(path(relative)).find(text, from) != std::string::npos; }, timeoutMs);
 }
 
 std::vector<std::string> HeadUnit::framesFromHeadUnit() const
@@ -255,12 +288,6 @@ HeadUnit::Reply HeadUnit::call(const std::string& method, const std::string& par
         SVCIPC_freeResponse(response);
     }
     return reply;
-}
-
-std::vector<HeadUnit::Signal> HeadUnit::signals() const
-{
-    std::lock_guard<std::mutex> lock(mSignalMutex);
-    return mSignals;
 }
 
 size_t HeadUnit::signalMark() const

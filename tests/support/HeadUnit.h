@@ -4,13 +4,13 @@
 //   1. a PrivateBus, and $CBRADIO_ROOT/tmp/envars.sh naming it (unless Options::writeEnvars is
 //      false: the daemon then runs without a bus);
 //   2. the real v850sim on $CBRADIO_ROOT/dev/ipc/ch6, logging to sim.log, its standard input a
-//      pipe that simulator() writes commands to (unless Options::startSimulator is false);
-//   3. Options::beforeDaemon, a hook for extra processes or bus names that must exist before the
-//      service starts (peer services, a name owner made with client());
-//   4. the real cbradiod, CBRADIO_FOREGROUND=1, --tp=<settings that send every scope to the
-//      console>, standard output and error in daemon.out / daemon.err; start() returns once it
-//      traced "[CBRadio] Up and Running..." (that takes 3 s with the simulator: the start frames
-//      are paced one second apart).
+//      pipe that simulator() writes to (unless Options::startSimulator is false);
+//   3. with Options::startPeers, the real peersim logging to peersim.log, its standard input a
+//      pipe that peers() writes to; start() goes on once its first commands (peerArgs) are done
+//      and every peer is on the bus;
+//   4. Options::beforeDaemon, a hook for extra processes or bus names that must exist before the
+//      service starts (a name owner made with client());
+//   5. the real cbradiod (startDaemon()).
 // The daemon gets the bus address only through envars.sh; processes started with spawn() get it in
 // their environment as well. A service-IPC client connection of the test's own (client()) listens
 // to every signal of the service from the start; signals are kept in arrival order.
@@ -44,16 +44,17 @@ public:
     {
         bool writeEnvars = true;
         bool startSimulator = true;
+        bool startPeers = false;
         bool startDaemon = true;
-        std::vector<std::string> simulatorArgs;     // e.g. {"--cmd", "hwver 21"}
-        std::vector<std::string> daemonArgs;        // besides --tp
+        bool foreground = true;                     // CBRADIO_FOREGROUND=1
+        std::vector<std::string> peerArgs;          // e.g. {"--cmd", "silent all"}
+        std::map<std::string, std::string> daemonEnv;
         // Trace settings file text; the default switches every scope on, to the console.
         std::string traceSettings = "JTTracePersistence 1.1.0\n* 7f 8\n";
         std::function<bool(HeadUnit&)> beforeDaemon;  // false: start() fails
-        // start() waits for this console line; empty: it returns once the daemon is launched
-        // (for trace settings that keep the console quiet).
+        // startDaemon() waits for this console line (15 s at most); empty: it returns once the
+        // daemon is launched (for trace settings that keep the console quiet).
         std::string readyTrace = "[CBRadio] Up and Running...";
-        int readyTimeoutMs = 15000;
         bool recordSignals = true;  // subscribe the client to the service's signals
     };
 
@@ -72,6 +73,13 @@ public:
 
     static const char* const kServiceName;
     static const char* const kServicePath;
+    // The service's standard replies, and its one-member signal texts ({"Status":1}).
+    static const char* const kSuccess;
+    static const char* const kFailure;
+    static std::string body(const std::string& key, int value)
+    {
+        return "{\"" + key + "\":" + std::to_string(value) + "}\n";
+    }
 
     HeadUnit() = default;
     ~HeadUnit();
@@ -81,12 +89,17 @@ public:
     bool start();
     bool start(const Options& options);
     void stop();
+    // Starts the daemon (again, after stopDaemon(): daemon.out and daemon.err start anew, so
+    // older trace marks no longer apply) and waits for Options::readyTrace.
+    bool startDaemon();
     // Ends the daemon alone (SIGTERM, repeated; SIGKILL after 3 s). True when it ended by itself.
     bool stopDaemon();
     // Waits for the daemon to end after a signal the caller sent: its exit status (128 + signal
     // when a signal ended it), or -1 when it is still running after timeoutMs.
     int waitDaemon(int timeoutMs) { return mDaemon.wait(timeoutMs); }
     const std::string& error() const { return mError; }
+    // The options start() was given; a beforeDaemon hook may still change the daemon's.
+    Options& options() { return mOptions; }
 
     // ---- places and processes -------------------------------------------------------------
     const std::string& root() const { return mRoot; }
@@ -100,17 +113,26 @@ public:
     pid_t spawn(const std::vector<std::string>& argv, const std::string& name,
                 const std::map<std::string, std::string>& env = {});
     static std::string readFile(const std::string& path) { return ::readFile(path); }
+    // Whether the file under the root holds `text` at or after `from` within timeoutMs.
+    bool waitForFile(const std::string& relative, const std::string& text, size_t from = 0,
+                     int timeoutMs = 5000) const;
 
     // ---- the daemon's console -------------------------------------------------------------
     std::string daemonOutput() const { return readFile(path("daemon.out")); }
     std::string daemonErrors() const { return readFile(path("daemon.err")); }
     size_t traceMark() const { return daemonOutput().size(); }
-    bool traced(const std::string& text, size_t from = 0) const;
-    bool waitForTrace(const std::string& text, size_t from = 0, int timeoutMs = 3000) const;
+    bool traced(const std::string& text, size_t from = 0) const
+    {
+        return daemonOutput().find(text, from) != std::string::npos;
+    }
+    bool waitForTrace(const std::string& text, size_t from = 0, int timeoutMs = 3000) const
+    {
+        return waitForFile("daemon.out", text, from, timeoutMs);
+    }
     // How often `text` occurs in the console output after `from`.
     size_t traceCount(const std::string& text, size_t from = 0) const;
 
-    // ---- the V850 simulator ---------------------------------------------------------------
+    // ---- the V850 simulator and the peers -------------------------------------------------
     // Sends one command line to the simulator's standard input (e.g. "on", "raw 02 02 05 A0").
     bool simulator(const std::string& command);
     std::string simulatorLog() const { return readFile(path("sim.log")); }
@@ -119,11 +141,14 @@ public:
     size_t frameMark() const { return framesFromHeadUnit().size(); }
     std::vector<std::string> framesSince(size_t mark) const;
     bool waitForFrame(const std::string& frame, size_t from = 0, int timeoutMs = 3000) const;
+    // Sends one command line to peersim (e.g. "power 1").
+    bool peers(const std::string& command);
+    std::string peerLog() const { return readFile(path("peersim.log")); }
 
     // ---- the bus client -------------------------------------------------------------------
     SVCIPC_tConnection client() const { return mClient; }
     Reply call(const std::string& method, const std::string& params = "", int timeoutMs = 3000) const;
-    std::vector<Signal> signals() const;
+    std::vector<Signal> signals() const { return signalsSince(0); }
     size_t signalMark() const;
     // The first signal named `name` at or after index `from`; false on time-out.
     bool waitForSignal(const std::string& name, std::string& data, size_t from = 0, int timeoutMs = 3000) const;
@@ -137,6 +162,9 @@ public:
 private:
     bool fail(const std::string& why);
     bool startClient();
+    // Starts a program whose standard input is a pipe; its writing end goes to `input`.
+    bool startFed(ChildProcess& child, int& input, const std::vector<std::string>& argv, const std::string& name);
+    static bool writeLine(int fd, const std::string& line);
     static void onSignal(const char* sigName, const char* data, SVCIPC_tUserToken token);
 
     Options mOptions;
@@ -145,7 +173,9 @@ private:
     PrivateBus mBus;
     ChildProcess mDaemon;
     ChildProcess mSimulator;
+    ChildProcess mPeers;
     int mSimulatorInput = -1;
+    int mPeerInput = -1;
     std::vector<std::unique_ptr<ChildProcess>> mSpawned;
     bool mSvcIpcStarted = false;
     SVCIPC_tConnection mClient = nullptr;

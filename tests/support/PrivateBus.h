@@ -12,7 +12,7 @@
 #ifndef PRIVATEBUS_H
 #define PRIVATEBUS_H
 
-#include <sys/types.h>
+#include "ChildProcess.h"
 
 #include <string>
 
@@ -28,18 +28,16 @@ public:
     bool start();
     void stop();
     void kill();  // SIGKILL, then reap; the folder stays until stop() or destruction
-    bool running() const { return mPid > 0; }
+    bool running() const { return mDaemon.running(); }
 
     const std::string& address() const { return mAddress; }
     const std::string& folder() const { return mFolder; }
     const std::string& error() const { return mError; }
-    pid_t pid() const { return mPid; }
+    pid_t pid() const { return mDaemon.pid(); }
     void exportAddress() const;
 
 private:
-    void reap();
-
-    pid_t mPid = -1;
+    ChildProcess mDaemon;
     std::string mAddress;
     std::string mFolder;
     std::string mError;

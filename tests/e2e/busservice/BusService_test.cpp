@@ -10,13 +10,9 @@
 
 namespace
 {
-    const std::string SUCCESS = "{\"code\":0,\"description\":\"success\"}\n";
-    const std::string FAILURE = "{\"code\":1,\"description\":\"failure\"}\n";
-
-    std::string body(const std::string& key, int value)
-    {
-        return "{\"" + key + "\":" + std::to_string(value) + "}\n";
-    }
+    const std::string SUCCESS = HeadUnit::kSuccess;
+    const std::string FAILURE = HeadUnit::kFailure;
+    std::string (*const body)(const std::string&, int) = HeadUnit::body;
 
     // The daemon stops cleanly, and in sanitizer builds without a report (leaks aside: the V850
     // reader is left running at exit by design).
@@ -173,7 +169,7 @@ TEST_F(Radio, StateChangeWritesTheFrameAndTheConfirmationPublishesTheRadio)
         expectFailureAndNoFrame("reqCBRStateChange", bad);
 }
 
-TEST_F(Radio, SeekAndSquelchStepFromTheConfirmedValues)
+TEST_F(Radio, SeekSquelchAndScanStepFromTheConfirmedValues)
 {
     size_t signals = unit->signalMark();
     unit->simulator("channel 40");
@@ -201,7 +197,7 @@ TEST_F(Radio, SeekAndSquelchStepFromTheConfirmedValues)
     const size_t logged = unit->simulatorLog().size();
     unit->simulator("refuse");
     // The simulator reads its commands apart from the frames: the seek must not overtake it.
-    ASSERT_TRUE(HeadUnit::waitUntil([&] { return unit->simulatorLog().find("# next answer refused", logged) != std::string::npos; }, 3000));
+    ASSERT_TRUE(unit->waitForFile("sim.log", "# next answer refused", logged));
     EXPECT_EQ(SUCCESS, unit->call("reqCBRStartSeek", "{\"seekDirection\":1}").text);
     EXPECT_TRUE(unit->waitForTrace("\n[CBRadio] [CH6] CBR_CHANNEL_SELECT invalid rspns data or non +ve rspns. "
                                    "command failed at V850!\n", mark));
@@ -213,11 +209,9 @@ TEST_F(Radio, SeekAndSquelchStepFromTheConfirmedValues)
         expectFailureAndNoFrame("reqCBRStartSeek", bad);
     for (const char* bad : {"{\"squelchChg\":2}", "{\"squelchChg\":2.5}", "{\"squelchChg\":-1.5}", "[]"})
         expectFailureAndNoFrame("reqCBRAdjustSquelchLevel", bad);
-}
 
-TEST_F(Radio, ScanStartsAtTheCurrentChannelAndStops)
-{
-    size_t signals = unit->signalMark();
+    // Scanning starts at the current channel.
+    signals = unit->signalMark();
     unit->simulator("scan-interval 50");
     unit->simulator("channel 7");
     ASSERT_TRUE(waitForSignal("CBRChannelNumber", body("ChannelNumber", 7), signals));
@@ -330,22 +324,17 @@ TEST_F(Radio, VersionsComeFromTheV850AndFallThroughToTheRadioMethods)
 
 TEST_F(Radio, GetPropertiesEmitsTheNamedSignal)
 {
-    struct Case
-    {
-        const char* props;
-        const char* signal;
-    };
-    const Case cases[] = {{"CBRadioStatus", "CBRadioStatus"},
-                          {"CBRChannelNumber", "CBRChannelNumber"},
-                          {"CBRSquelchLevel", "CBRSquelchLevel"},
-                          {"CBRReceptionSensitivityStatus", "CBRReceptionSensitivity"},
-                          {"CBRHWConnectionStatus", "CBRHWConnectionStatus"},
-                          {"CBRWeatherAlertOnOffStatus", "CBRWeatherAlertOnOffStatus"}};
-    for (const Case& c : cases) {
+    const std::pair<const char*, const char*> cases[] = {{"CBRadioStatus", "CBRadioStatus"},
+                                                         {"CBRChannelNumber", "CBRChannelNumber"},
+                                                         {"CBRSquelchLevel", "CBRSquelchLevel"},
+                                                         {"CBRReceptionSensitivityStatus", "CBRReceptionSensitivity"},
+                                                         {"CBRHWConnectionStatus", "CBRHWConnectionStatus"},
+                                                         {"CBRWeatherAlertOnOffStatus", "CBRWeatherAlertOnOffStatus"}};
+    for (const auto& c : cases) {
         const size_t signals = unit->signalMark();
-        EXPECT_EQ(SUCCESS, unit->call("getProperties", std::string("{\"props\":\"") + c.props + "\"}").text);
+        EXPECT_EQ(SUCCESS, unit->call("getProperties", std::string("{\"props\":\"") + c.first + "\"}").text);
         std::string data;
-        EXPECT_TRUE(unit->waitForSignal(c.signal, data, signals)) << c.props;
+        EXPECT_TRUE(unit->waitForSignal(c.second, data, signals)) << c.first;
     }
     // The hardware status query also asks a connected module for its software version.
     size_t frames = unit->frameMark();

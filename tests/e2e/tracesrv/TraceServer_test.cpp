@@ -45,9 +45,9 @@ namespace
             return p;
         }
 
-        std::unique_ptr<ChildProcess> startSample()
+        std::unique_ptr<ChildProcess> startSample(const std::string& name = "sample")
         {
-            return start({TRACED_SAMPLE_BIN, "--seconds=30"}, "sample",
+            return start({TRACED_SAMPLE_BIN, "--seconds=30"}, name,
                          {{"CBRADIO_ROOT", mRoot.path()}, {"CBRADIO_SYSLOG_STDERR", "1"}});
         }
 
@@ -81,22 +81,20 @@ TEST_F(TraceServerE2E, ServesScopesFiltersAndCallbacksAndTheProgramOutlivesTheSe
     EXPECT_NE(readFile(path("sample.out")).find("exit joined=1"), std::string::npos);
 }
 
-TEST_F(TraceServerE2E, ServerOfAnotherMajorVersionLeavesTheProgramUntraced)
+// Without a server, or with one of another major version, the program runs untraced.
+TEST_F(TraceServerE2E, WithoutAUsableServerTheProgramRunsUntraced)
 {
+    auto alone = startSample("alone");
+    EXPECT_TRUE(waitFor(path("alone.err"), "Cannot connect to trace server: 3"));
     auto server = startServer({"--version=2.0.0"});
-    auto sample = startSample();
+    auto sample = startSample("sample");
     EXPECT_TRUE(waitFor(path("sample.err"),
                         "Cannot use trace server: version is '2.0.0', app requires '1.0.0'. Please update!"));
-    EXPECT_TRUE(waitFor(path("sample.out"), "tick 3"));
+    for (const auto& program : {std::make_pair("alone", alone.get()), std::make_pair("sample", sample.get())}) {
+        const std::string out = path(std::string(program.first) + ".out");
+        EXPECT_TRUE(waitFor(out, "tick 3")) << program.first;
+        EXPECT_EQ(0, program.second->stop(5000)) << program.first;
+        EXPECT_NE(readFile(out).find("exit joined=1"), std::string::npos) << program.first;
+    }
     EXPECT_EQ(readFile(path("server.log")).find("Sample registered"), std::string::npos);
-    EXPECT_EQ(sample->stop(5000), 0);
-}
-
-TEST_F(TraceServerE2E, WithoutServerTheProgramRuns)
-{
-    auto sample = startSample();
-    EXPECT_TRUE(waitFor(path("sample.err"), "Cannot connect to trace server: 3"));
-    EXPECT_TRUE(waitFor(path("sample.out"), "tick 3"));
-    EXPECT_EQ(sample->stop(5000), 0);
-    EXPECT_NE(readFile(path("sample.out")).find("exit joined=1"), std::string::npos);
 }

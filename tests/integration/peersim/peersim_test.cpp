@@ -1,28 +1,19 @@
 // peersim as the CB radio service meets it: the real binary on a private dbus-daemon, called and
-// listened to through the service-IPC library, driven through its standard input.
-#include "ChildProcess.h"
-#include "PrivateBus.h"
-#include "TempRoot.h"
-#include "svcipc.h"
+// listened to through the service-IPC library, driven through its standard input. What the peers
+// answer is the peer model's, checked without a bus; here each answer and signal must travel on
+// its peer's own name and path.
+#include "HeadUnit.h"
 
 #include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
 #include <fstream>
 #include <mutex>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 using namespace std::chrono_literals;
@@ -31,82 +22,6 @@ namespace
 {
 const std::string kPrefix = "com.quorin.service.";
 const std::string kPathPrefix = "/com/quorin/service/";
-
-// One peersim process: commands go to its standard input, its standard output is collected.
-class Peersim
-{
-public:
-    ~Peersim() { stop(); }
-
-    bool start(const std::vector<std::string>& args, const std::string& root)
-    {
-        std::vector<std::string> argv{buildDir() + "/tools/peersim/peersim"};
-        argv.insert(argv.end(), args.begin(), args.end());
-        int in[2], out[2];
-        if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0)
-            return false;
-        ChildProcess::Io io;
-        io.in = in[0];
-        io.outFd = out[1];
-        io.errFd = out[1];
-        mProcess.start(argv, ChildProcess::environmentWith({{"CBRADIO_ROOT", root}}), io);
-        ::close(in[0]);
-        ::close(out[1]);
-        mIn = in[1];
-        mReader = std::thread([this, fd = out[0]] {
-            char buf[4096];
-            for (ssize_t n; (n = ::read(fd, buf, sizeof(buf))) > 0;) {
-                std::lock_guard<std::mutex> lock(mMutex);
-                mOutput.append(buf, static_cast<size_t>(n));
-                mChanged.notify_all();
-            }
-            ::close(fd);
-        });
-        return waitFor("# ready:", 0);
-    }
-
-    // Sends one command; returns where its output starts, for waitFor().
-    size_t send(const std::string& line)
-    {
-        size_t mark = output().size();
-        std::string text = line + "\n";
-        EXPECT_EQ(static_cast<ssize_t>(text.size()), ::write(mIn, text.data(), text.size()));
-        return mark;
-    }
-
-    // Whether `text` shows up in the output at or after `from` within 10 s.
-    bool waitFor(const std::string& text, size_t from)
-    {
-        std::unique_lock<std::mutex> lock(mMutex);
-        return mChanged.wait_for(lock, 10s, [&] { return mOutput.find(text, from) != std::string::npos; });
-    }
-
-    std::string output()
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        return mOutput;
-    }
-
-    // SIGTERM and reap; the exit status, or -1.
-    int stop()
-    {
-        if (!mProcess.running())
-            return -1;
-        const int status = mProcess.stop(10000);
-        ::close(mIn);
-        if (mReader.joinable())
-            mReader.join();
-        return status;
-    }
-
-private:
-    ChildProcess mProcess;
-    int mIn = -1;
-    std::thread mReader;
-    std::mutex mMutex;
-    std::condition_variable mChanged;
-    std::string mOutput;
-};
 
 // Whatever arrives through the library's callbacks, as text lines.
 struct Seen
@@ -121,14 +36,11 @@ struct Seen
         lines.push_back(line);
         changed.notify_all();
     }
-    bool waitFor(const std::string& line)
+    bool waitFor(const std::string& line, size_t count = 0)
     {
         std::unique_lock<std::mutex> lock(mutex);
         return changed.wait_for(lock, 10s, [&] {
-            for (const std::string& l : lines)
-                if (l == line)
-                    return true;
-            return false;
+            return lines.size() >= count && (line.empty() || std::find(lines.begin(), lines.end(), line) != lines.end());
         });
     }
     size_t count()
@@ -136,15 +48,19 @@ struct Seen
         std::lock_guard<std::mutex> lock(mutex);
         return lines.size();
     }
+    std::string last()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return lines.empty() ? "" : lines.back();
+    }
 
     static void onSignal(const char* name, const char* data, SVCIPC_tUserToken token)
     {
         static_cast<Seen*>(token)->add(std::string(name) + " " + data);
     }
-    static void onOwner(const char* name, const char* oldOwner, const char* newOwner, SVCIPC_tUserToken token)
+    static void onOwner(const char* name, const char*, const char* newOwner, SVCIPC_tUserToken token)
     {
-        static_cast<Seen*>(token)->add(std::string(name) + (*oldOwner ? " had owner" : " had none") +
-                                       (*newOwner ? ", has owner" : ", has none"));
+        static_cast<Seen*>(token)->add(std::string(name) + (*newOwner ? " joined" : " left"));
     }
     static void onResult(const SVCIPC_tCallbackStatus* status, const char* result, SVCIPC_tUserToken token)
     {
@@ -162,29 +78,38 @@ struct Reply
 class PeersimTest : public ::testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(bus.start()) << bus.error();
-        bus.exportAddress();
-        ASSERT_TRUE(root.ok());
-        ASSERT_EQ(0, SVCIPC_initialize());
-        ASSERT_EQ(0, SVCIPC_getConnection(SVCIPC_CONNECTION_SESSION, 1, &conn));
-    }
-
     void TearDown() override
     {
         for (SVCIPC_tSigSubHnd s : subscriptions)
             SVCIPC_unsubscribe(s);
-        SVCIPC_closeConnection(conn);
-        SVCIPC_shutdown();
-        sim.stop();
     }
+
+    // peersim alone on the bus, with `args` and its log in peersim.log.
+    bool start(const std::vector<std::string>& args = {})
+    {
+        HeadUnit::Options options;
+        options.startSimulator = false;
+        options.startDaemon = false;
+        options.recordSignals = false;
+        options.startPeers = true;
+        options.peerArgs = args;
+        return unit.start(options);
+    }
+
+    // Sends one command; returns where its output starts, for logged().
+    size_t send(const std::string& line)
+    {
+        const size_t mark = unit.peerLog().size();
+        EXPECT_TRUE(unit.peers(line));
+        return mark;
+    }
+    bool logged(const std::string& text, size_t from = 0) { return unit.waitForFile("peersim.log", text, from, 10000); }
 
     Reply call(const std::string& peer, const std::string& method, const std::string& params, unsigned timeoutMs = 3000)
     {
         Reply r;
         SVCIPC_tResponse* response = nullptr;
-        r.status = SVCIPC_invoke(conn, (kPrefix + peer).c_str(), (kPathPrefix + peer).c_str(), method.c_str(),
+        r.status = SVCIPC_invoke(unit.client(), (kPrefix + peer).c_str(), (kPathPrefix + peer).c_str(), method.c_str(),
                                  params.c_str(), 0, timeoutMs, &response);
         if (response) {
             r.text = response->result;
@@ -198,207 +123,165 @@ protected:
     void subscribe(const std::string& peer, const char* signal)
     {
         SVCIPC_tSigSubHnd h = nullptr;
-        ASSERT_EQ(0, SVCIPC_subscribe(conn, (kPathPrefix + peer).c_str(), signal, Seen::onSignal, &seen, &h));
+        ASSERT_EQ(0, SVCIPC_subscribe(unit.client(), (kPathPrefix + peer).c_str(), signal, Seen::onSignal, &seen, &h));
         subscriptions.push_back(h);
     }
 
     bool hasOwner(const std::string& peer)
     {
         SVCIPC_tBool owned = 0;
-        EXPECT_EQ(0, SVCIPC_nameHasOwner(conn, (kPrefix + peer).c_str(), &owned, 0));
+        EXPECT_EQ(0, SVCIPC_nameHasOwner(unit.client(), (kPrefix + peer).c_str(), &owned, 0));
         return owned != 0;
     }
 
-    PrivateBus bus;
-    TempRoot root{TempRoot::Export::No};
-    SVCIPC_tConnection conn = nullptr;
+    HeadUnit unit;
     std::vector<SVCIPC_tSigSubHnd> subscriptions;
     Seen seen;
-    Peersim sim;
 };
 }
 
-TEST_F(PeersimTest, EveryPeerAnswersItsMethodsAndFollowsThemWithItsSignals)
+TEST_F(PeersimTest, EveryPeerAnswersOnItsNameAndSignalsOnItsOwnPath)
 {
-    ASSERT_TRUE(sim.start({"--cmd", "delay tts 0"}, root.path())) << sim.output();
-    subscribe("AudioManager", "interruptSrc");
-    subscribe("MERIDOOnOff", "powerMode");
-
-    Reply add = call("AudioManager", "addInterruptSrc", "{\"exclusive\":true,\"source\":\"cbTX\"}");
-    EXPECT_EQ(0, add.status);
-    EXPECT_EQ("{\"action\":\"added\",\"source\":\"cbTX\"}", add.text);
-    EXPECT_TRUE(seen.waitFor("interruptSrc {\"action\":\"added\",\"source\":\"cbTX\"}"));
-    EXPECT_EQ("{\"action\":\"removed\",\"source\":\"cbTX\"}",
-              call("AudioManager", "removeInterruptSrc", "{\"source\":\"cbTX\"}").text);
-    EXPECT_TRUE(seen.waitFor("interruptSrc {\"action\":\"removed\",\"source\":\"cbTX\"}"));
-
-    // One call per other peer: each answers on its own name and path (the answers themselves are
-    // the peer model's, checked without a bus).
-    EXPECT_EQ("{\"rearControllerState\":{\"state\":\"ON\"}}",
-              call("ModeManager", "getProperties", "{\"props\":[\"rearControllerState\"]}").text);
-    EXPECT_EQ("{\"code\":0,\"description\":\"success\"}",
-              call("DiagnosticService", "reqGetDiagInspectionModeStatus", "").text);
-    EXPECT_EQ("{\"code\":0,\"description\":\"success\"}",
-              call("TextToSpeechService", "ttsReadout",
-                   "{\"data\":\"weather\",\"dataIsFile\":false,\"readoutType\":\"WEATHER_ALERT\"}").text);
+    ASSERT_TRUE(start()) << unit.error();
+    const struct
+    {
+        const char* peer;
+        const char* signal;
+        const char* command;
+        const char* payload;
+    } signals[] = {{"AudioManager", "voxDetectedState", "vox 1", "{\"state\":1}"},
+                   {"AudioManager", "audioRoutingStatus", "routing unchecked checked",
+                    "{\"audioRoutingStatus\":{\"headset_d\":\"unchecked\",\"headset_p\":\"checked\",\"source\":\"communication\"}}"},
+                   {"TextToSpeechService", "ttsAvailable", "tts-available 0", "{\"state\":0}"},
+                   {"DiagnosticService", "diagInspectionModeStatus", "diag 2", "{\"status\":2}"},
+                   {"ModeManager", "rearControllerState", "rear on", "{\"state\":\"on\"}"},
+                   {"MERIDOOnOff", "powerMode", "power 1", "{\"value\":1}"},
+                   {"CAN_HMI", "function_sw_9", "rider press", "{\"Value\":2}"},
+                   {"CAN_HMI", "function_sw_15", "passenger 2", "{\"Value\":2}"}};
+    for (const auto& s : signals)
+        subscribe(s.peer, s.signal);
+    for (const auto& s : signals)
+        send(s.command);
+    for (const auto& s : signals)
+        EXPECT_TRUE(seen.waitFor(std::string(s.signal) + " " + s.payload)) << s.command;
+    EXPECT_EQ(8u, seen.count()) << "each signal reaches only its own subscription";
 
     // The service asks for the power mode without waiting; the answer is the signal.
-    EXPECT_EQ(0, SVCIPC_asyncInvoke(conn, "com.quorin.service.MERIDOOnOff", "/com/quorin/service/MERIDOOnOff",
+    const size_t before = seen.count();
+    EXPECT_EQ(0, SVCIPC_asyncInvoke(unit.client(), "com.quorin.service.MERIDOOnOff", "/com/quorin/service/MERIDOOnOff",
                                     "getPowerMode", nullptr, 1, 0, nullptr, nullptr));
-    EXPECT_TRUE(seen.waitFor("powerMode {\"value\":3}"));
+    EXPECT_TRUE(seen.waitFor("", before + 1));
+    EXPECT_EQ("powerMode {\"value\":1}", seen.last());
 
     Reply unknown = call("CAN_HMI", "getProperties", "{}");
     EXPECT_EQ(SVCIPC_ERR_REMOTE, unknown.status);
     EXPECT_EQ("org.freedesktop.DBus.Error.UnknownMethod", unknown.errorName);
 }
 
-TEST_F(PeersimTest, CommandsEmitEachPeersSignalsOnItsOwnPath)
-{
-    ASSERT_TRUE(sim.start({}, root.path())) << sim.output();
-    subscribe("AudioManager", "voxDetectedState");
-    subscribe("AudioManager", "audioRoutingStatus");
-    subscribe("TextToSpeechService", "ttsAvailable");
-    subscribe("DiagnosticService", "diagInspectionModeStatus");
-    subscribe("ModeManager", "rearControllerState");
-    subscribe("MERIDOOnOff", "powerMode");
-    subscribe("CAN_HMI", "function_sw_9");
-    subscribe("CAN_HMI", "function_sw_15");
-
-    sim.send("vox 1");
-    sim.send("routing unchecked checked");
-    sim.send("tts-available 0");
-    sim.send("diag 2");
-    sim.send("rear on");
-    sim.send("power 1");
-    sim.send("rider press");
-    sim.send("passenger 2");
-    sim.send("emit can function_sw_9 {\"Value\":");
-    EXPECT_TRUE(seen.waitFor("voxDetectedState {\"state\":1}"));
-    EXPECT_TRUE(seen.waitFor("audioRoutingStatus {\"audioRoutingStatus\":{\"headset_d\":\"unchecked\","
-                             "\"headset_p\":\"checked\",\"source\":\"communication\"}}"));
-    EXPECT_TRUE(seen.waitFor("ttsAvailable {\"state\":0}"));
-    EXPECT_TRUE(seen.waitFor("diagInspectionModeStatus {\"status\":2}"));
-    EXPECT_TRUE(seen.waitFor("rearControllerState {\"state\":\"on\"}"));
-    EXPECT_TRUE(seen.waitFor("powerMode {\"value\":1}"));
-    EXPECT_TRUE(seen.waitFor("function_sw_9 {\"Value\":2}"));
-    EXPECT_TRUE(seen.waitFor("function_sw_15 {\"Value\":2}"));
-    EXPECT_TRUE(seen.waitFor("function_sw_9 {\"Value\":"));
-    EXPECT_EQ(9u, seen.count()) << "each signal reaches only its own subscription";
-}
-
 TEST_F(PeersimTest, SlowFailingMalformedAndSilentAnswers)
 {
-    ASSERT_TRUE(sim.start({}, root.path())) << sim.output();
+    ASSERT_TRUE(start()) << unit.error();
 
     // A read-out takes its 1.5 s unless told otherwise.
     const std::string readout = "{\"data\":\"x\",\"dataIsFile\":false,\"readoutType\":\"WEATHER_ALERT\"}";
     EXPECT_EQ(SVCIPC_ERR_TIMEOUT, call("TextToSpeechService", "ttsReadout", readout, 300).status);
-    sim.waitFor("REPLY TextToSpeechService.ttsReadout", 0);
-    size_t mark = sim.send("delay audio getProperties 600");
-    ASSERT_TRUE(sim.waitFor("AudioManager.getProperties after 600 ms", mark));
+    logged("REPLY TextToSpeechService.ttsReadout");
+    size_t mark = send("delay audio getProperties 600");
+    ASSERT_TRUE(logged("AudioManager.getProperties after 600 ms", mark));
     EXPECT_EQ(SVCIPC_ERR_TIMEOUT, call("AudioManager", "getProperties", "{\"props\":[]}", 200).status);
     EXPECT_EQ("{}", call("AudioManager", "getProperties", "{\"props\":[]}", 5000).text);
 
-    mark = sim.send("fail audio addInterruptSrc com.quorin.Error.Busy audio path busy");
-    ASSERT_TRUE(sim.waitFor("error reply", mark));
+    mark = send("fail audio addInterruptSrc com.quorin.Error.Busy audio path busy");
+    ASSERT_TRUE(logged("error reply", mark));
     Reply failed = call("AudioManager", "addInterruptSrc", "{\"exclusive\":true,\"source\":\"cbRX\"}");
     EXPECT_EQ(SVCIPC_ERR_REMOTE, failed.status);
     EXPECT_EQ("com.quorin.Error.Busy", failed.errorName);
-    ASSERT_EQ(0, SVCIPC_asyncInvoke(conn, "com.quorin.service.AudioManager", "/com/quorin/service/AudioManager",
+    ASSERT_EQ(0, SVCIPC_asyncInvoke(unit.client(), "com.quorin.service.AudioManager", "/com/quorin/service/AudioManager",
                                     "addInterruptSrc", "{\"source\":\"cbRX\"}", 0, 2000, Seen::onResult, &seen));
     EXPECT_TRUE(seen.waitFor("completion " + std::to_string(SVCIPC_ERROR_REMOTE) + " "));
 
-    mark = sim.send("malformed diag");
-    ASSERT_TRUE(sim.waitFor("malformed reply", mark));
+    mark = send("malformed diag");
+    ASSERT_TRUE(logged("malformed reply", mark));
     Reply broken = call("DiagnosticService", "reqGetDiagInspectionModeStatus", "");
     EXPECT_EQ(0, broken.status);
     EXPECT_EQ("{\"broken\":", broken.text);
 
-    mark = sim.send("silent mode");
-    ASSERT_TRUE(sim.waitFor("no answer", mark));
+    mark = send("silent mode");
+    ASSERT_TRUE(logged("no answer", mark));
     EXPECT_EQ(SVCIPC_ERR_TIMEOUT, call("ModeManager", "getProperties", "{\"props\":[\"rearControllerState\"]}", 300).status);
-    EXPECT_TRUE(sim.waitFor("NO ANSWER ModeManager.getProperties", mark));
+    EXPECT_TRUE(logged("NO ANSWER ModeManager.getProperties", mark));
 
-    mark = sim.send("normal all");
-    ASSERT_TRUE(sim.waitFor("answers:", mark));
-    EXPECT_EQ("{\"action\":\"added\",\"source\":\"cbRX\"}",
-              call("AudioManager", "addInterruptSrc", "{\"source\":\"cbRX\"}").text);
+    mark = send("normal all");
+    ASSERT_TRUE(logged("answers:", mark));
+    EXPECT_EQ("{\"action\":\"added\",\"source\":\"cbRX\"}", call("AudioManager", "addInterruptSrc", "{\"source\":\"cbRX\"}").text);
     EXPECT_EQ("{\"rearControllerState\":{\"state\":\"ON\"}}",
               call("ModeManager", "getProperties", "{\"props\":[\"rearControllerState\"]}").text);
 }
 
 TEST_F(PeersimTest, APeerLeavesTheBusAndComesBack)
 {
-    ASSERT_TRUE(sim.start({}, root.path())) << sim.output();
+    ASSERT_TRUE(start()) << unit.error();
     SVCIPC_tSigSubHnd watch = nullptr;
-    ASSERT_EQ(0, SVCIPC_subscribeOwnerChanged(conn, "com.quorin.service.AudioManager", Seen::onOwner, &seen, &watch));
+    ASSERT_EQ(0, SVCIPC_subscribeOwnerChanged(unit.client(), "com.quorin.service.AudioManager", Seen::onOwner, &seen, &watch));
     subscriptions.push_back(watch);
     subscribe("AudioManager", "voxDetectedState");
 
-    size_t mark = sim.send("leave audio");
-    ASSERT_TRUE(seen.waitFor("com.quorin.service.AudioManager had owner, has none"));
+    const size_t mark = send("leave audio");
+    ASSERT_TRUE(seen.waitFor("com.quorin.service.AudioManager left"));
     EXPECT_FALSE(hasOwner("AudioManager"));
     EXPECT_TRUE(hasOwner("ModeManager"));
     EXPECT_EQ(SVCIPC_ERR_NO_SERVICE, call("AudioManager", "getProperties", "{\"props\":[]}").status);
-    sim.send("vox 1");
-    EXPECT_TRUE(sim.waitFor("AudioManager is not on the bus; voxDetectedState not sent", mark));
+    send("vox 1");
+    EXPECT_TRUE(logged("AudioManager is not on the bus; voxDetectedState not sent", mark));
 
-    sim.send("join audio");
-    ASSERT_TRUE(seen.waitFor("com.quorin.service.AudioManager had none, has owner"));
+    send("join audio");
+    ASSERT_TRUE(seen.waitFor("com.quorin.service.AudioManager joined"));
     EXPECT_EQ("{}", call("AudioManager", "getProperties", "{\"props\":[]}").text);
-    sim.send("vox 0");
+    send("vox 0");
     EXPECT_TRUE(seen.waitFor("voxDetectedState {\"state\":0}"));
     EXPECT_EQ(3u, seen.count()) << "the signal sent while away never arrived";
 
-    sim.send("bounce audio 50");
-    EXPECT_TRUE(sim.waitFor("AudioManager left the bus", mark));
-    EXPECT_TRUE(seen.waitFor("com.quorin.service.AudioManager had owner, has none"));
-    std::unique_lock<std::mutex> lock(seen.mutex);
-    EXPECT_TRUE(seen.changed.wait_for(lock, 10s, [&] { return seen.lines.size() >= 5; }));
-    EXPECT_EQ("com.quorin.service.AudioManager had none, has owner", seen.lines.back());
+    send("bounce audio 50");
+    EXPECT_TRUE(logged("AudioManager left the bus", mark));
+    EXPECT_TRUE(seen.waitFor("", 5));
+    EXPECT_EQ("com.quorin.service.AudioManager joined", seen.last());
 }
 
 TEST_F(PeersimTest, OnlyTheNamedPeersScriptsAndTheLogFile)
 {
-    const std::string script = root.path("script.txt"), logFile = root.path("peersim.log");
+    const std::string script = "/tmp/peersim-test-script-" + std::to_string(::getpid());
     std::ofstream(script) << "# a script\nsleep 0.1\npower 4\nunknown words\n";
-    ASSERT_TRUE(sim.start({"--only=AudioManager,power", "--script", script, "--log=" + logFile, "--no-stdin"}, root.path()))
-        << sim.output();
+    ASSERT_TRUE(start({"--only=AudioManager,power", "--script", script})) << unit.error();
+    std::remove(script.c_str());
     EXPECT_TRUE(hasOwner("AudioManager"));
     EXPECT_TRUE(hasOwner("MERIDOOnOff"));
     EXPECT_FALSE(hasOwner("PersistentKeyValue"));
     EXPECT_FALSE(hasOwner("CAN_HMI"));
-    EXPECT_TRUE(sim.waitFor("SIGNAL MERIDOOnOff.powerMode {\"value\":4}", 0));
-    EXPECT_TRUE(sim.waitFor("# error: unknown command 'unknown'", 0));
+    EXPECT_TRUE(logged("SIGNAL MERIDOOnOff.powerMode {\"value\":4}"));
+    EXPECT_TRUE(logged("# error: unknown command 'unknown'"));
     call("AudioManager", "getProperties", "{\"props\":[\"voxDetectedState\"]}");
 
     // A second simulator cannot take names that are held, and says so.
-    Peersim second;
-    ASSERT_TRUE(second.start({"--only=audio,diag", "--no-stdin"}, root.path())) << second.output();
-    EXPECT_NE(std::string::npos, second.output().find("com.quorin.service.AudioManager is owned by another connection"));
-    EXPECT_NE(std::string::npos, second.output().find("# ready: DiagnosticService"));
-    second.stop();
+    unit.spawn({HeadUnit::buildDir() + "/tools/peersim/peersim", "--only=audio,diag", "--no-stdin",
+                "--log=" + unit.path("second.log")}, "second");
+    EXPECT_TRUE(unit.waitForFile("second.log", "com.quorin.service.AudioManager is owned by another connection"));
+    EXPECT_TRUE(unit.waitForFile("second.log", "# ready: DiagnosticService"));
 
-    EXPECT_EQ(0, sim.stop());
-    std::stringstream text(readFile(logFile));
-    // "HH:MM:SS.mmm KIND ..."
-    auto stamped = [](const std::string& line) {
-        const std::string shape = "00:00:00.000 ";
-        if (line.size() <= shape.size())
-            return false;
-        for (size_t i = 0; i < shape.size(); ++i)
-            if (shape[i] == '0' ? !std::isdigit(static_cast<unsigned char>(line[i])) : line[i] != shape[i])
-                return false;
-        return true;
-    };
-    std::vector<std::string> kinds;
+    // "HH:MM:SS.mmm KIND ...", of the kinds below only.
+    send("quit");
+    ASSERT_TRUE(logged("stopped"));
+    std::stringstream text(unit.peerLog());
+    std::string kinds;
     for (std::string line; std::getline(text, line);) {
-        EXPECT_TRUE(stamped(line)) << line;
-        kinds.push_back(line.substr(13, line.find(' ', 13) - 13));
-    }
-    for (const std::string& kind : kinds)
+        const std::string shape = "00:00:00.000 ";
+        bool stamped = line.size() > shape.size();
+        for (size_t i = 0; stamped && i < shape.size(); ++i)
+            stamped = shape[i] == '0' ? std::isdigit(static_cast<unsigned char>(line[i])) != 0 : line[i] == shape[i];
+        EXPECT_TRUE(stamped) << line;
+        const std::string kind = line.substr(13, line.find(' ', 13) - 13);
         EXPECT_TRUE(kind == "CALL" || kind == "REPLY" || kind == "SIGNAL" || kind == "#") << kind;
-    EXPECT_NE(kinds.end(), std::find(kinds.begin(), kinds.end(), "CALL"));
-    EXPECT_NE(kinds.end(), std::find(kinds.begin(), kinds.end(), "REPLY"));
-    EXPECT_NE(kinds.end(), std::find(kinds.begin(), kinds.end(), "SIGNAL"));
+        kinds += kind + " ";
+    }
+    for (const char* kind : {"CALL ", "REPLY ", "SIGNAL "})
+        EXPECT_NE(std::string::npos, kinds.find(kind)) << kind;
 }
