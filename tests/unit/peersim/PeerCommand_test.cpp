@@ -20,8 +20,8 @@ TEST(PeerCommand, ServicesAreNamedByNameAliasOrBusNameInAnyCase)
     EXPECT_EQ(7u, parse("silent *").peers.size());
 }
 
-// The integration test drives delays, answer modes and bus presence with a method and an error
-// name given; here the defaults and the words that are easy to swallow.
+// The e2e cooperation tests drive delays and answer modes on the bus, the integration test bus
+// presence; here the defaults and the words that are easy to swallow.
 TEST(PeerCommand, DelaysAndAnswerModesTakeOptionalWords)
 {
     PeerCommand every = parse("delay tts 0x10");
@@ -41,8 +41,8 @@ TEST(PeerCommand, DelaysAndAnswerModesTakeOptionalWords)
     EXPECT_EQ(PeerCommand::VOX, parse("vox 1 # voice").kind) << "a '#' word ends a command without free text";
 }
 
-// What the signal commands send is checked on the bus by the peersim integration test; here the
-// words that are easy to get wrong.
+// What the signal commands send reaches the daemon in the e2e cooperation tests; here the words
+// that are easy to get wrong.
 TEST(PeerCommand, SignalsTakeTheirValuesAndPayloadsAsTyped)
 {
     PeerCommand emit = parse("  emit can function_sw_9 {\"Value\": 2}  # rider ");

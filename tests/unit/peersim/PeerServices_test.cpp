@@ -25,8 +25,8 @@ protected:
 
 TEST_F(PeerServicesTest, AudioSourcesAreAddedAndRemovedWithTheirSignal)
 {
-    // Plain add and remove with their signals are checked on the bus by the peersim integration
-    // test; here the refusals and the switch for the signal.
+    // Plain add and remove with their signals are met on the bus by the e2e cooperation tests;
+    // here the refusals and the switch for the signal.
     PeerServices s("");
     run(s, "refuse add");
     PeerAnswer refused = s.onCall(Peer::AudioManager, "addInterruptSrc", "{\"source\":\"cbTX\"}");
@@ -50,7 +50,7 @@ TEST_F(PeerServicesTest, AudioSourcesAreAddedAndRemovedWithTheirSignal)
 }
 
 // Each query answers with what was last announced or set, in order (a command, then a call and
-// its answer). The signals themselves are checked on the bus by the peersim integration test.
+// its answer). The signals themselves reach the daemon in the e2e cooperation tests.
 TEST_F(PeerServicesTest, QueriesReportWhatTheLastSignalsSaid)
 {
     const std::string vox = "{\"props\":[\"voxDetectedState\"]}", routing = "{\"props\":[\"audioRoutingStatus\"]}";
@@ -102,7 +102,7 @@ TEST_F(PeerServicesTest, ReadOutsTakeTheirTimeAndCanBeAnsweredWithAnErrorCode)
     EXPECT_EQ(PeerAnswer::ERROR, s.onCall(Peer::TextToSpeechService, "ttsReadout", "{\"data\":5}").kind);
 }
 
-// What each answer mode does on the bus is checked by the peersim integration test; here which
+// What each answer mode does on the bus is met by the e2e cooperation tests; here which
 // setting wins and that a refused call announces nothing.
 TEST_F(PeerServicesTest, AnswerModesAndDelaysPerServiceAndPerMethod)
 {
