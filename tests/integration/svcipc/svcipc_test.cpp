@@ -287,32 +287,7 @@ TEST_F(SvcIpc, MethodCallsReachTheServiceAndResultsComeBack)
     EXPECT_NE(std::this_thread::get_id(), svc.log.threads[0]);
 }
 
-TEST_F(SvcIpc, WrongSignaturesAreRefusedBeforeTheCallback)
-{
-    Service svc;
-    ASSERT_EQ(0, svc.registerOn(conn));
-    RawPeer raw(bus.address());
-    ASSERT_NE(nullptr, raw.conn);
-
-    DBusMessage* withInt = dbus_message_new_method_call(kName, kPath, kName, "m");
-    dbus_int32_t i = 5;
-    dbus_message_append_args(withInt, DBUS_TYPE_INT32, &i, DBUS_TYPE_INVALID);
-    EXPECT_EQ("error:org.freedesktop.DBus.Error.InvalidArgs", raw.call(withInt));
-
-    DBusMessage* twoStrings = dbus_message_new_method_call(kName, kPath, kName, "m");
-    const char* a = "a";
-    dbus_message_append_args(twoStrings, DBUS_TYPE_STRING, &a, DBUS_TYPE_STRING, &a,
-                             DBUS_TYPE_INVALID);
-    EXPECT_EQ("error:org.freedesktop.DBus.Error.InvalidArgs", raw.call(twoStrings));
-
-    EXPECT_EQ("error:org.freedesktop.DBus.Error.UnknownInterface",
-              raw.call(dbus_message_new_method_call(kName, kPath, "other.Iface", "m")));
-    EXPECT_EQ("error:org.freedesktop.DBus.Error.UnknownObject",
-              raw.call(dbus_message_new_method_call(kName, "/elsewhere", kName, "m")));
-    EXPECT_TRUE(svc.log.snapshot().empty());
-}
-
-TEST_F(SvcIpc, IntrospectionAndUnansweredCallsFollowTheDescription)
+TEST_F(SvcIpc, IntrospectionWrongShapesAndUnansweredCallsFollowTheDescription)
 {
     const char* const description =
         "<?xml version=\"1.0\"?>\n"
@@ -361,6 +336,18 @@ TEST_F(SvcIpc, IntrospectionAndUnansweredCallsFollowTheDescription)
     EXPECT_NE(std::string::npos, introspect("/com").find("<node name=\"quorin\"/>"));
     EXPECT_EQ("reply:", raw.call(dbus_message_new_method_call(kName, kPath,
                                                               "org.freedesktop.DBus.Peer", "Ping")));
+
+    // Calls of the wrong shape are refused before the callback.
+    dbus_int32_t i = 5;
+    const char* a = "a";
+    DBusMessage* withInt = dbus_message_new_method_call(kName, kPath, kName, "m");
+    dbus_message_append_args(withInt, DBUS_TYPE_INT32, &i, DBUS_TYPE_INVALID);
+    DBusMessage* twoStrings = dbus_message_new_method_call(kName, kPath, kName, "m");
+    dbus_message_append_args(twoStrings, DBUS_TYPE_STRING, &a, DBUS_TYPE_STRING, &a, DBUS_TYPE_INVALID);
+    EXPECT_EQ("error:org.freedesktop.DBus.Error.InvalidArgs", raw.call(withInt));
+    EXPECT_EQ("error:org.freedesktop.DBus.Error.InvalidArgs", raw.call(twoStrings));
+    EXPECT_EQ("error:org.freedesktop.DBus.Error.UnknownInterface",
+              raw.call(dbus_message_new_method_call(kName, kPath, "other.Iface", "m")));
     EXPECT_TRUE(svc.log.snapshot().empty());
 
     // A call freed without a result is answered at once, by whether its method is described.
@@ -373,8 +360,11 @@ TEST_F(SvcIpc, IntrospectionAndUnansweredCallsFollowTheDescription)
     EXPECT_EQ(2u, svc.log.snapshot().size());
 }
 
-TEST_F(SvcIpc, NameOwnedElsewhereOrTwiceIsRefused)
+TEST_F(SvcIpc, NameOwnedElsewhereOrTwiceIsRefusedAndOwnerChangesAreTold)
 {
+    Log owners;
+    SVCIPC_tSigSubHnd watch = nullptr;
+    ASSERT_EQ(0, SVCIPC_subscribeOwnerChanged(conn, kName, &onOwner, &owners, &watch));
     Service first, second;
     ASSERT_EQ(0, first.registerOn(conn));
     SVCIPC_tConnection other = privateConnection();
@@ -389,6 +379,17 @@ TEST_F(SvcIpc, NameOwnedElsewhereOrTwiceIsRefused)
     ASSERT_EQ(0, second.registerOn(other));
     EXPECT_EQ("echo:z", invoke(conn, "m", "z"));
     EXPECT_EQ(1u, second.log.snapshot().size());
+
+    // Came, went and came again, each owner by its unique name.
+    ASSERT_TRUE(owners.waitFor(3));
+    const std::vector<std::string> seen = owners.snapshot();
+    const std::string one = seen[0].substr(seen[0].rfind('|') + 1);
+    EXPECT_EQ(std::string(kName) + "||" + one, seen[0]);
+    EXPECT_EQ(':', one[0]);
+    EXPECT_EQ(std::string(kName) + "|" + one + "|", seen[1]);
+    EXPECT_EQ(0u, seen[2].find(std::string(kName) + "||:"));
+    EXPECT_NE(seen[0], seen[2]);
+    EXPECT_EQ(0, SVCIPC_unsubscribe(watch));
 }
 
 TEST_F(SvcIpc, CallsFailWithTimeOutsMissingServicesAndNamedRemoteErrors)
@@ -486,33 +487,6 @@ TEST_F(SvcIpc, SignalsComeFromTheOwnerOnlyUntilUnsubscribed)
     ASSERT_EQ(0, SVCIPC_asyncEmit(emitter, "marker", "2", nullptr, nullptr));
     ASSERT_TRUE(marker.waitFor(2));
     EXPECT_EQ(2u, log.snapshot().size());
-}
-
-TEST_F(SvcIpc, OwnerChangesFollowAPeerComingAndGoing)
-{
-    Log log;
-    SVCIPC_tSigSubHnd watch = nullptr;
-    ASSERT_EQ(0, SVCIPC_subscribeOwnerChanged(conn, kName, &onOwner, &log, &watch));
-    SVCIPC_tBool owned = 1;
-    ASSERT_EQ(0, SVCIPC_nameHasOwner(conn, kName, &owned, 0));
-    EXPECT_EQ(0, owned);
-
-    SVCIPC_tConnection peer = privateConnection();
-    Service svc;
-    ASSERT_EQ(0, svc.registerOn(peer));
-    ASSERT_TRUE(log.waitFor(1));
-    ASSERT_EQ(0, SVCIPC_nameHasOwner(conn, kName, &owned, 0));
-    EXPECT_EQ(1, owned);
-    ASSERT_EQ(0, SVCIPC_closeConnection(peer));
-    ASSERT_TRUE(log.waitFor(2));
-
-    std::vector<std::string> seen = log.snapshot();
-    std::string came = seen[0], went = seen[1];
-    std::string unique = came.substr(came.rfind('|') + 1);
-    EXPECT_EQ(std::string(kName) + "||" + unique, came);
-    EXPECT_EQ(':', unique[0]);
-    EXPECT_EQ(std::string(kName) + "|" + unique + "|", went);
-    EXPECT_EQ(0, SVCIPC_unsubscribe(watch));
 }
 
 TEST_F(SvcIpc, BlockingCallsFromCallbacksDoNotDeadlock)
