@@ -76,16 +76,16 @@ TEST(V850Model, ScanStepsUpwardsWithWrapUntilStoppedOrSwitchedOff)
     EXPECT_FALSE(m.isScanning());
 }
 
-// The reports the e2e tests send (on, hw, sens, rx, alert with its default status) are checked there.
+// The reports the e2e tests send (on, hw, sens, rx, channel, raw, alert with its default status)
+// are checked there.
 TEST(V850Command, ReportsBecomeTheirFrames)
 {
     V850Model m;
     struct { const char* line; V850Frame frame; } cases[] = {
         {"alert 3 0", {0x0C, 0x02, 0x00, 0x03}},
         {"tx on", {0x0A, 0x02, 0x01, 0x00}},
-        {"channel 0x10", {0x02, 0x02, 0x10, 0xA0}},
+        {"channel 0x10", {0x02, 0x02, 0x10, 0xA0}},  // numbers in hex too
         {"wa off", {0x0B, 0x01, 0x00}},
-        {"raw 02 02 05 a0", {0x02, 0x02, 0x05, 0xA0}},
         {"frame 09 80  # comment", {0x09, 0x01, 0x80}},
         {"malformed 3", {0x0C, 0x02, 0x01, 0x08}},
     };
