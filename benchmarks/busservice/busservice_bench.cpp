@@ -75,9 +75,9 @@ struct Setup
 {
     HeadUnit unit;
     int v850Listen = -1;
-    int v850 = -1;       // the daemon's channel, as the V850 sees it
+    int v850 = -1;  // the daemon's channel, as the V850 sees it
     int relayListen = -1;
-    int relay = -1;      // the relay's channel
+    int relay = -1;  // the relay's channel
     int bareRelayListen = -1;
     int bareRelay = -1;
     pid_t echoPid = -1;
@@ -115,10 +115,12 @@ struct Setup
             return fail("no client connection");
         // The start frames take 3 s; the service is on the bus once it answers.
         std::string reply;
-        const bool up = HeadUnit::waitUntil([&] {
-            reply = unit.call(kMethod, "", 500).text;
-            return reply.find("CBRadioPresetList") != std::string::npos;
-        }, 15000);
+        const bool up = HeadUnit::waitUntil(
+            [&] {
+                reply = unit.call(kMethod, "", 500).text;
+                return reply.find("CBRadioPresetList") != std::string::npos;
+            },
+            15000);
         if (!up)
             return fail("the service did not answer:\n" + unit.daemonOutput() + unit.daemonErrors());
 
@@ -127,8 +129,8 @@ struct Setup
         unit.spawn({peer, "echo", kTwinName, kEchoPath, reply}, "plaintwin");
         for (const std::string& name : {kEchoName, kTwinName}) {
             if (!HeadUnit::waitUntil([&] { return PlainDbus::call(client, name, kEchoPath, kMethod, ""); }, 5000))
-                return fail("a plain echo server did not answer: " + HeadUnit::readFile(unit.path("plainecho.err"))
-                            + HeadUnit::readFile(unit.path("plaintwin.err")));
+                return fail("a plain echo server did not answer: " + HeadUnit::readFile(unit.path("plainecho.err")) +
+                            HeadUnit::readFile(unit.path("plaintwin.err")));
         }
         const std::string relaySocket = unit.path("relay");
         relayListen = JTDeviceNode::listenHost(relaySocket.c_str());
@@ -292,11 +294,13 @@ void BM_FourClients(benchmark::State& state)
     bool serviceFirst = true;
     for (auto _ : state) {
         if (serviceFirst) {
-            add(loadRound(HeadUnit::kServiceName, HeadUnit::kServicePath, daemon), serviceRate, serviceCpu, serviceTotal);
+            add(loadRound(HeadUnit::kServiceName, HeadUnit::kServicePath, daemon), serviceRate, serviceCpu,
+                serviceTotal);
             add(loadRound(kEchoName, kEchoPath, echo), plainRate, plainCpu, plainTotal);
         } else {
             add(loadRound(kEchoName, kEchoPath, echo), plainRate, plainCpu, plainTotal);
-            add(loadRound(HeadUnit::kServiceName, HeadUnit::kServicePath, daemon), serviceRate, serviceCpu, serviceTotal);
+            add(loadRound(HeadUnit::kServiceName, HeadUnit::kServicePath, daemon), serviceRate, serviceCpu,
+                serviceTotal);
         }
         serviceFirst = !serviceFirst;
     }
@@ -304,9 +308,11 @@ void BM_FourClients(benchmark::State& state)
     BenchStats::report(state, {"cpu", "4 clients: server CPU per call", "us"}, kService, kEcho, serviceCpu, plainCpu);
     const double serviceWhole = serviceTotal.calls > 0 ? serviceTotal.cpuSeconds * 1e6 / serviceTotal.calls : 0;
     const double plainWhole = plainTotal.calls > 0 ? plainTotal.cpuSeconds * 1e6 / plainTotal.calls : 0;
-    std::fprintf(stderr, "4 clients: server CPU per call over the run: ratio %.3f | service %.2f us | plain echo %.2f us"
-                 " (%ld and %ld calls)\n", plainWhole > 0 ? serviceWhole / plainWhole : 0, serviceWhole, plainWhole,
-                 serviceTotal.calls, plainTotal.calls);
+    std::fprintf(stderr,
+                 "4 clients: server CPU per call over the run: ratio %.3f | service %.2f us | plain echo %.2f us"
+                 " (%ld and %ld calls)\n",
+                 plainWhole > 0 ? serviceWhole / plainWhole : 0, serviceWhole, plainWhole, serviceTotal.calls,
+                 plainTotal.calls);
 }
 
 BENCHMARK(BM_MethodCallToReply)->Iterations(2000)->UseManualTime()->Unit(benchmark::kMicrosecond);

@@ -45,8 +45,8 @@ void report(benchmark::State& state, const Figure& figure, const Subject& subjec
     std::fprintf(stderr,
                  "%s: ratio median %.3f p99 %.3f | %s median %.1f %s p99 %.1f %s | %s median %.1f %s p99 %.1f %s"
                  " (%zu samples each)\n",
-                 figure.what.c_str(), ratio(median, baseMedian), ratio(p99, baseP99), subject.label, median, unit,
-                 p99, unit, baseline.label, baseMedian, unit, baseP99, unit, measured.size());
+                 figure.what.c_str(), ratio(median, baseMedian), ratio(p99, baseP99), subject.label, median, unit, p99,
+                 unit, baseline.label, baseMedian, unit, baseP99, unit, measured.size());
 }
 
 void interleaved(benchmark::State& state, const char* what, const Subject& subject, const Subject& baseline,

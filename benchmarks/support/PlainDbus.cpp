@@ -27,8 +27,8 @@ DBusHandlerResult EchoPeer::filter(DBusConnection* connection, DBusMessage* mess
         self->mTicks->signal();
         return DBUS_HANDLER_RESULT_HANDLED;
     }
-    if (dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL
-        || !dbus_message_has_path(message, self->mNames.methodPath.c_str()))
+    if (dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL ||
+        !dbus_message_has_path(message, self->mNames.methodPath.c_str()))
         return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
     const char* text = "";
     dbus_message_get_args(message, nullptr, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
@@ -175,7 +175,8 @@ DBusHandlerResult SignalWatch::filter(DBusConnection*, DBusMessage* message, voi
     if (dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_SIGNAL)
         return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
     for (const Rule& rule : static_cast<SignalWatch*>(data)->mRules) {
-        if (dbus_message_has_path(message, rule.path.c_str()) && dbus_message_has_member(message, rule.member.c_str())) {
+        if (dbus_message_has_path(message, rule.path.c_str()) &&
+            dbus_message_has_member(message, rule.member.c_str())) {
             rule.arrival->signal();
             return DBUS_HANDLER_RESULT_HANDLED;
         }

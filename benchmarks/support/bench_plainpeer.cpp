@@ -33,8 +33,8 @@ struct Echo
 DBusHandlerResult answer(DBusConnection* connection, DBusMessage* message, void* data)
 {
     const Echo* echo = static_cast<const Echo*>(data);
-    if (dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL
-        || !dbus_message_has_path(message, echo->path.c_str()))
+    if (dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL ||
+        !dbus_message_has_path(message, echo->path.c_str()))
         return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
     DBusMessage* reply = dbus_message_new_method_return(message);
     const char* text = echo->reply.c_str();
@@ -65,8 +65,8 @@ int echo(const char* name, const char* path, const char* reply)
         return 1;
     DBusError error;
     dbus_error_init(&error);
-    if (dbus_bus_request_name(connection, name, DBUS_NAME_FLAG_DO_NOT_QUEUE, &error)
-        != DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER) {
+    if (dbus_bus_request_name(connection, name, DBUS_NAME_FLAG_DO_NOT_QUEUE, &error) !=
+        DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER) {
         std::fprintf(stderr, "bench_plainpeer: cannot own %s\n", name);
         return 1;
     }
@@ -117,8 +117,7 @@ int main(int argc, char** argv)
         return echo(argv[2], argv[3], argv[4]);
     if ((argc == 6 || argc == 7) && std::strcmp(argv[1], "relay") == 0)
         return relay(argv[2], argv[3], argv[4], argv[5], argc == 7 ? static_cast<useconds_t>(std::atoi(argv[6])) : 0);
-    std::fprintf(stderr,
-                 "usage: bench_plainpeer echo <bus name> <object path> <reply>\n"
-                 "       bench_plainpeer relay <socket> <object path> <interface> <member> [<pause us>]\n");
+    std::fprintf(stderr, "usage: bench_plainpeer echo <bus name> <object path> <reply>\n"
+                         "       bench_plainpeer relay <socket> <object path> <interface> <member> [<pause us>]\n");
     return 2;
 }

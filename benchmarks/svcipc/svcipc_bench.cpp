@@ -37,27 +37,22 @@ struct Setup
     Arrival libSignals;
     Arrival plainSignals;
 
-    static void echo(SVCIPC_tReqContext ctx, const char*, const char* parms, SVCIPC_tBool,
-                     SVCIPC_tUserToken)
+    static void echo(SVCIPC_tReqContext ctx, const char*, const char* parms, SVCIPC_tBool, SVCIPC_tUserToken)
     {
         SVCIPC_asyncReturnResult(ctx, parms, nullptr, nullptr);
         SVCIPC_freeReqContext(ctx);
     }
-    static void onTick(const char*, const char*, SVCIPC_tUserToken token)
-    {
-        static_cast<Arrival*>(token)->signal();
-    }
+    static void onTick(const char*, const char*, SVCIPC_tUserToken token) { static_cast<Arrival*>(token)->signal(); }
 
     bool start()
     {
         if (!bus.start())
             return false;
         bus.exportAddress();
-        if (SVCIPC_initialize() != 0 || SVCIPC_getConnection(0, 1, &service) != 0
-            || SVCIPC_getConnection(0, 1, &client) != 0
-            || SVCIPC_registerService(service, kLibName, kPath, 0, &Setup::echo, nullptr, &reg)
-                   != 0
-            || SVCIPC_subscribe(client, kPath, "tick", &Setup::onTick, &libSignals, &sub) != 0)
+        if (SVCIPC_initialize() != 0 || SVCIPC_getConnection(0, 1, &service) != 0 ||
+            SVCIPC_getConnection(0, 1, &client) != 0 ||
+            SVCIPC_registerService(service, kLibName, kPath, 0, &Setup::echo, nullptr, &reg) != 0 ||
+            SVCIPC_subscribe(client, kPath, "tick", &Setup::onTick, &libSignals, &sub) != 0)
             return false;
         plainClient = PlainDbus::openConnection(bus.address());
         ok = plainClient && plain.start(bus.address(), kPlain, &plainSignals);
@@ -124,8 +119,7 @@ int main(int argc, char** argv)
     Setup setup;
     gSetup = &setup;
     if (!setup.start()) {
-        fprintf(stderr, "svcipc_bench: could not set up the private bus and peers (%s)\n",
-                setup.bus.error().c_str());
+        fprintf(stderr, "svcipc_bench: could not set up the private bus and peers (%s)\n", setup.bus.error().c_str());
         setup.stop();
         return 1;
     }

@@ -30,37 +30,37 @@ class CJTTraceScope;
 
 namespace CBRadioJson
 {
-    // Parses `text` (comments not kept) into `root`. True only for a JSON object.
-    bool parseObject(const char* text, Json::Value& root);
+// Parses `text` (comments not kept) into `root`. True only for a JSON object.
+bool parseObject(const char* text, Json::Value& root);
 
-    // The member `key` of `object`, or a null value when `object` is not an object or lacks it.
-    const Json::Value& member(const Json::Value& object, const char* key);
+// The member `key` of `object`, or a null value when `object` is not an object or lacks it.
+const Json::Value& member(const Json::Value& object, const char* key);
 
-    // True, with the value, when `number` is an integer as defined above.
-    bool toInt(const Json::Value& number, int& value);
+// True, with the value, when `number` is an integer as defined above.
+bool toInt(const Json::Value& number, int& value);
 
-    // True, with the value, when member `key` is an integer as defined above.
-    bool readInt(const Json::Value& object, const char* key, int& value);
+// True, with the value, when member `key` is an integer as defined above.
+bool readInt(const Json::Value& object, const char* key, int& value);
 
-    // True, with the text, when member `key` is a string.
-    bool readString(const Json::Value& object, const char* key, std::string& value);
+// True, with the text, when member `key` is a string.
+bool readString(const Json::Value& object, const char* key, std::string& value);
 
-    // Member `key` as a string; "" when absent or not a string.
-    std::string stringOr(const Json::Value& object, const char* key);
+// Member `key` as a string; "" when absent or not a string.
+std::string stringOr(const Json::Value& object, const char* key);
 
-    // A signal handler's payload: true with `root` when the signal is `expected` and `data` is a
-    // JSON object; otherwise traces `wrongName` or `notAnObject` and returns false.
-    bool signalObject(const CJTTraceScope& scope, const char* sigName, const char* expected, const char* data,
-                      Json::Value& root, const char* wrongName, const char* notAnObject);
+// A signal handler's payload: true with `root` when the signal is `expected` and `data` is a
+// JSON object; otherwise traces `wrongName` or `notAnObject` and returns false.
+bool signalObject(const CJTTraceScope& scope, const char* sigName, const char* expected, const char* data,
+                  Json::Value& root, const char* wrongName, const char* notAnObject);
 
-    // A completion's reply: true with `root` when the call succeeded (a null status counts as
-    // failed) and `result` is a JSON object; otherwise traces `failed` or `notAnObject` and
-    // returns false.
-    bool replyObject(const CJTTraceScope& scope, const SVCIPC_tCallbackStatus* status, const char* result,
-                     Json::Value& root, const char* failed, const char* notAnObject);
+// A completion's reply: true with `root` when the call succeeded (a null status counts as
+// failed) and `result` is a JSON object; otherwise traces `failed` or `notAnObject` and
+// returns false.
+bool replyObject(const CJTTraceScope& scope, const SVCIPC_tCallbackStatus* status, const char* result,
+                 Json::Value& root, const char* failed, const char* notAnObject);
 
-    // The compact form other services expect: one line ending in a newline, members sorted.
-    std::string write(const Json::Value& value);
+// The compact form other services expect: one line ending in a newline, members sorted.
+std::string write(const Json::Value& value);
 }
 
 #endif

@@ -26,22 +26,29 @@
 #include <cstring>
 #include <string>
 
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_getPersistedCBRadioProperties("CBRadio_CCBRadio", "getPersistedCBRadioProperties");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_storePersistedCBRadioProperties("CBRadio_CCBRadio", "storePersistedCBRadioProperties");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_onCBRadioPersistDataRead("CBRadio_CCBRadio", "onCBRadioPersistDataRead");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_onNotifyPERSISTAvailability("CBRadio_CCBRadio", "onNotifyPERSISTAvailability");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_getPersistedCBRadioProperties(
+    "CBRadio_CCBRadio", "getPersistedCBRadioProperties");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_storePersistedCBRadioProperties(
+    "CBRadio_CCBRadio", "storePersistedCBRadioProperties");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_onCBRadioPersistDataRead("CBRadio_CCBRadio",
+                                                                                        "onCBRadioPersistDataRead");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_onNotifyPERSISTAvailability(
+    "CBRadio_CCBRadio", "onNotifyPERSISTAvailability");
 
 using namespace CBRadioBusNames;
 
 namespace
 {
-    const char* const SETTINGS_KEY = "cbRadioProperties";
-    const unsigned int READ_TIMEOUT_MS = 60000;
-    const unsigned int RECORD_SIZE = 8;
-    const unsigned int PRESET_COUNT = 6;
-    const std::memory_order relaxed = std::memory_order_relaxed;
+const char* const SETTINGS_KEY = "cbRadioProperties";
+const unsigned int READ_TIMEOUT_MS = 60000;
+const unsigned int RECORD_SIZE = 8;
+const unsigned int PRESET_COUNT = 6;
+const std::memory_order relaxed = std::memory_order_relaxed;
 
-    const char* orEmpty(const char* text) { return text != nullptr ? text : ""; }
+const char* orEmpty(const char* text)
+{
+    return text != nullptr ? text : "";
+}
 }
 
 void CCBRadio::getPersistedCBRadioProperties()

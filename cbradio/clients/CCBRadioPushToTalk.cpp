@@ -23,11 +23,16 @@
 #include <string>
 
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_onRiderPTTSignal("CBRadio_CCBRadio", "onRiderPTTSignal");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_onPassengerPTTSignal("CBRadio_CCBRadio", "onPassengerPTTSignal");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_onVoxDetectedStateSignal("CBRadio_CCBRadio", "onVoxDetectedStateSignal");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_onPowerModeSignal("CBRadio_CCBRadio", "onPowerModeSignal");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_GetPowerModeValue("CBRadio_CCBRadio", "GetPowerModeValue");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_getVoxDetectedState("CBRadio_CCBRadio", "getVoxDetectedState");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_onPassengerPTTSignal("CBRadio_CCBRadio",
+                                                                                    "onPassengerPTTSignal");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_onVoxDetectedStateSignal("CBRadio_CCBRadio",
+                                                                                        "onVoxDetectedStateSignal");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_onPowerModeSignal("CBRadio_CCBRadio",
+                                                                                 "onPowerModeSignal");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_GetPowerModeValue("CBRadio_CCBRadio",
+                                                                                 "GetPowerModeValue");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_getVoxDetectedState("CBRadio_CCBRadio",
+                                                                                   "getVoxDetectedState");
 
 std::atomic<unsigned char> CCBRadio::mCBRRiderPttStatus(0);
 std::atomic<unsigned char> CCBRadio::mCBRPassengerPttStatus(0);
@@ -39,40 +44,40 @@ using namespace CBRadioBusNames;
 
 namespace
 {
-    const unsigned int VOX_QUERY_TIMEOUT_MS = 1000;
+const unsigned int VOX_QUERY_TIMEOUT_MS = 1000;
 
-    const int SWITCH_RELEASED = 0;
-    const int SWITCH_PRESSED = 2;
-    const int POWER_MODE_STORE = 1;
-    const int POWER_MODE_KEYING = 3;
-    const int POWER_MODE_UNKEY = 4;
-    const unsigned char PASSENGER_LATCHED = 1;
-    const unsigned char PASSENGER_UNLATCHED = 2;
-    const std::memory_order relaxed = std::memory_order_relaxed;
+const int SWITCH_RELEASED = 0;
+const int SWITCH_PRESSED = 2;
+const int POWER_MODE_STORE = 1;
+const int POWER_MODE_KEYING = 3;
+const int POWER_MODE_UNKEY = 4;
+const unsigned char PASSENGER_LATCHED = 1;
+const unsigned char PASSENGER_UNLATCHED = 2;
+const std::memory_order relaxed = std::memory_order_relaxed;
 
-    bool isSignal(const char* sigName, const char* expected)
-    {
-        return sigName != nullptr && std::strcmp(sigName, expected) == 0;
-    }
+bool isSignal(const char* sigName, const char* expected)
+{
+    return sigName != nullptr && std::strcmp(sigName, expected) == 0;
+}
 
-    // The integer member `key` of the payload; false when the payload is unusable.
-    bool readPayloadInt(const char* data, const char* key, int& value)
-    {
-        Json::Value root;
-        return CBRadioJson::parseObject(data, root) && CBRadioJson::readInt(root, key, value);
-    }
+// The integer member `key` of the payload; false when the payload is unusable.
+bool readPayloadInt(const char* data, const char* key, int& value)
+{
+    Json::Value root;
+    return CBRadioJson::parseObject(data, root) && CBRadioJson::readInt(root, key, value);
+}
 
-    bool radioOnAndConnected()
-    {
-        return CCBRadio::mCBRStatus.load(relaxed) == 1 && CCBRadio::mCBRHWConnectionStatus.load(relaxed) != 0;
-    }
+bool radioOnAndConnected()
+{
+    return CCBRadio::mCBRStatus.load(relaxed) == 1 && CCBRadio::mCBRHWConnectionStatus.load(relaxed) != 0;
+}
 
-    void sendPtt(ECBRPTTStatus status)
-    {
-        CCBRadio* radio = CCBRadio::mpCBRadio;
-        if (radio != nullptr)
-            radio->req_CBR_PTT_STATUS_toV850(status);
-    }
+void sendPtt(ECBRPTTStatus status)
+{
+    CCBRadio* radio = CCBRadio::mpCBRadio;
+    if (radio != nullptr)
+        radio->req_CBR_PTT_STATUS_toV850(status);
+}
 }
 
 void CCBRadio::onRiderPTTSignal(const char* sigName, const char* data, SVCIPC_tUserToken)
@@ -205,8 +210,8 @@ void CCBRadio::GetPowerModeValue()
         return;
     }
     // Only a prompt: the value itself arrives with the "powerMode" signal.
-    const SVCIPC_tError status =
-        SVCIPC_asyncInvoke(mConnection, POWER_SERVICE, POWER_OBJECT, "getPowerMode", nullptr, 1, 0, nullptr, CLIENT_TOKEN);
+    const SVCIPC_tError status = SVCIPC_asyncInvoke(mConnection, POWER_SERVICE, POWER_OBJECT, "getPowerMode", nullptr,
+                                                    1, 0, nullptr, CLIENT_TOKEN);
     if (SVCIPC_IS_ERROR(status))
         scope.sendFormattedMessage("\n[CBR GetPowerModeValue] failed to GetPowerModeValue\n");
     else
@@ -228,8 +233,9 @@ void CCBRadio::getVoxDetectedState()
     Json::Value params(Json::objectValue);
     params["props"] = props;
     SVCIPC_tResponse* reply = nullptr;
-    const SVCIPC_tError status = SVCIPC_invoke(mConnection, AUDIO_MANAGER_SERVICE, AUDIO_MANAGER_OBJECT, "getProperties",
-                                               CBRadioJson::write(params).c_str(), 0, VOX_QUERY_TIMEOUT_MS, &reply);
+    const SVCIPC_tError status = SVCIPC_invoke(mConnection, AUDIO_MANAGER_SERVICE, AUDIO_MANAGER_OBJECT,
+                                               "getProperties", CBRadioJson::write(params).c_str(), 0,
+                                               VOX_QUERY_TIMEOUT_MS, &reply);
     if (SVCIPC_IS_ERROR(status)) {
         scope.sendFormattedMessage("\n[CBR getVoxDetectedState] SVCIPC Error \n");
     } else {

@@ -25,21 +25,36 @@
 #include <cstring>
 #include <string>
 
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeRiderPTT("CBRadio_CCBRadio", "subscribeRiderPTT");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_subscribePassengerPTT("CBRadio_CCBRadio", "subscribePassengerPTT");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_subscribePowerMode("CBRadio_CCBRadio", "subscribePowerMode");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeVoxDetectedState("CBRadio_CCBRadio", "subscribeVoxDetectedState");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_subscribettsAvailable("CBRadio_CCBRadio", "subscribettsAvailable");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeinterruptSrcState("CBRadio_CCBRadio", "subscribeinterruptSrcState");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeAudioRoutingStatus("CBRadio_CCBRadio", "subscribeAudioRoutingStatus");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_subscriberearControllerState("CBRadio_CCBRadio", "subscriberearControllerState");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeHuInpectionModeState("CBRadio_CCBRadio", "subscribeHuInpectionModeState");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_getAudioRoutingStatus("CBRadio_CCBRadio", "getAudioRoutingStatus");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_getRearControllerState("CBRadio_CCBRadio", "getRearControllerState");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_getDiagInspmodeState("CBRadio_CCBRadio", "getDiagInspmodeState");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_ondiagInspectionModeStatusSignal("CBRadio_CCBRadio", "ondiagInspectionModeStatusSignal");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_onRearControllerStateSignal("CBRadio_CCBRadio", "onRearControllerStateSignal");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_onAudioRoutingStatusSignal("CBRadio_CCBRadio", "onAudioRoutingStatusSignal");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeRiderPTT("CBRadio_CCBRadio",
+                                                                                 "subscribeRiderPTT");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_subscribePassengerPTT("CBRadio_CCBRadio",
+                                                                                     "subscribePassengerPTT");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_subscribePowerMode("CBRadio_CCBRadio",
+                                                                                  "subscribePowerMode");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeVoxDetectedState("CBRadio_CCBRadio",
+                                                                                         "subscribeVoxDetectedState");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_subscribettsAvailable("CBRadio_CCBRadio",
+                                                                                     "subscribettsAvailable");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeinterruptSrcState("CBRadio_CCBRadio",
+                                                                                          "subscribeinterruptSrcState");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeAudioRoutingStatus(
+    "CBRadio_CCBRadio", "subscribeAudioRoutingStatus");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_subscriberearControllerState(
+    "CBRadio_CCBRadio", "subscriberearControllerState");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeHuInpectionModeState(
+    "CBRadio_CCBRadio", "subscribeHuInpectionModeState");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_getAudioRoutingStatus("CBRadio_CCBRadio",
+                                                                                     "getAudioRoutingStatus");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_getRearControllerState("CBRadio_CCBRadio",
+                                                                                      "getRearControllerState");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_getDiagInspmodeState("CBRadio_CCBRadio",
+                                                                                    "getDiagInspmodeState");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_ondiagInspectionModeStatusSignal(
+    "CBRadio_CCBRadio", "ondiagInspectionModeStatusSignal");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_onRearControllerStateSignal(
+    "CBRadio_CCBRadio", "onRearControllerStateSignal");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_onAudioRoutingStatusSignal("CBRadio_CCBRadio",
+                                                                                          "onAudioRoutingStatusSignal");
 
 std::atomic<int> CCBRadio::mHuInspectionMode(0);
 std::atomic<unsigned char> CCBRadio::mRearControlStatus(0);
@@ -50,96 +65,97 @@ using namespace CBRadioBusNames;
 
 namespace
 {
-    const unsigned int ROUTING_QUERY_TIMEOUT_MS = 1000;
-    const unsigned int REAR_QUERY_TIMEOUT_MS = 2000;
-    const unsigned int DIAG_QUERY_TIMEOUT_MS = 1000;
+const unsigned int ROUTING_QUERY_TIMEOUT_MS = 1000;
+const unsigned int REAR_QUERY_TIMEOUT_MS = 2000;
+const unsigned int DIAG_QUERY_TIMEOUT_MS = 1000;
 
-    const int INSPECTION_OFF = 0;
-    const int INSPECTION_RADIO_OFF = 1;
-    const int INSPECTION_ONLY = 2;
-    const std::memory_order relaxed = std::memory_order_relaxed;
+const int INSPECTION_OFF = 0;
+const int INSPECTION_RADIO_OFF = 1;
+const int INSPECTION_ONLY = 2;
+const std::memory_order relaxed = std::memory_order_relaxed;
 
-    bool isSignal(const char* sigName, const char* expected)
-    {
-        return sigName != nullptr && std::strcmp(sigName, expected) == 0;
+bool isSignal(const char* sigName, const char* expected)
+{
+    return sigName != nullptr && std::strcmp(sigName, expected) == 0;
+}
+
+// {"props":[name]}, the argument of the peers' "getProperties".
+std::string propsParams(const char* name)
+{
+    Json::Value props(Json::arrayValue);
+    props.append(name);
+    Json::Value params(Json::objectValue);
+    params["props"] = props;
+    return CBRadioJson::write(params);
+}
+
+// A blocking call; `reply` is the reply text ("" when there is none). False on a failure status.
+bool query(SVCIPC_tConnection connection, const char* service, const char* objPath, const char* method,
+           const char* params, unsigned int timeoutMs, std::string& reply)
+{
+    SVCIPC_tResponse* response = nullptr;
+    const SVCIPC_tError status = SVCIPC_invoke(connection, service, objPath, method, params, 0, timeoutMs, &response);
+    if (response != nullptr) {
+        reply = response->result != nullptr ? response->result : "";
+        SVCIPC_freeResponse(response);
     }
+    return !SVCIPC_IS_ERROR(status);
+}
 
-    // {"props":[name]}, the argument of the peers' "getProperties".
-    std::string propsParams(const char* name)
-    {
-        Json::Value props(Json::arrayValue);
-        props.append(name);
-        Json::Value params(Json::objectValue);
-        params["props"] = props;
-        return CBRadioJson::write(params);
+// Applies the headset texts of a "communication" routing; `prefix` names the caller in the
+// log lines. Other sources and other texts change nothing.
+void applyRouting(const Json::Value& routing, const CJTTraceScope& scope, const char* prefix)
+{
+    const std::string source = CBRadioJson::stringOr(routing, "source");
+    const std::string driver = CBRadioJson::stringOr(routing, "headset_d");
+    const std::string passenger = CBRadioJson::stringOr(routing, "headset_p");
+    if (source != "communication")
+        return;
+    if (driver == "checked") {
+        CCBRadio::mheadset_r_status.store(1, relaxed);
+        scope.sendFormattedMessage("%s : headset_driver->checked", prefix);
+    } else if (driver == "unchecked") {
+        CCBRadio::mheadset_r_status.store(0, relaxed);
+        scope.sendFormattedMessage("%s : headset_driver->unchecked", prefix);
     }
+    if (passenger == "checked") {
+        CCBRadio::mheadset_p_status.store(1, relaxed);
+        scope.sendFormattedMessage("%s : headset_passenger->checked", prefix);
+    } else if (passenger == "unchecked") {
+        CCBRadio::mheadset_p_status.store(0, relaxed);
+        scope.sendFormattedMessage("%s : headset_passenger->unchecked", prefix);
+    }
+}
 
-    // A blocking call; `reply` is the reply text ("" when there is none). False on a failure status.
-    bool query(SVCIPC_tConnection connection, const char* service, const char* objPath, const char* method,
-               const char* params, unsigned int timeoutMs, std::string& reply)
-    {
-        SVCIPC_tResponse* response = nullptr;
-        const SVCIPC_tError status =
-            SVCIPC_invoke(connection, service, objPath, method, params, 0, timeoutMs, &response);
-        if (response != nullptr) {
-            reply = response->result != nullptr ? response->result : "";
-            SVCIPC_freeResponse(response);
-        }
-        return !SVCIPC_IS_ERROR(status);
-    }
+// Re-decides PTT after the headsets changed, with the radio on and connected. Each rule that
+// holds sends its own command, so one change may send several.
+void applyHeadsetPtt(CCBRadio& radio)
+{
+    const bool rider = CCBRadio::mheadset_r_status.load(relaxed) != 0;
+    const bool passenger = CCBRadio::mheadset_p_status.load(relaxed) != 0;
+    const bool riderPtt = CCBRadio::mCBRRiderPttStatus.load(relaxed) == 1;
+    const bool passengerPtt = CCBRadio::mCBRPassengerPttStatus.load(relaxed) == 1;
+    const bool vox = CCBRadio::mCBRVoxDetectStatus.load(relaxed) == 1;
+    if (rider && (riderPtt || vox))
+        radio.req_CBR_PTT_STATUS_toV850(CBR_PTT_ON);
+    if (passenger && (passengerPtt || vox))
+        radio.req_CBR_PTT_STATUS_toV850(CBR_PTT_ON);
+    if (!rider && CCBRadio::mCBRPassengerPttStatus.load(relaxed) == 0 &&
+        CCBRadio::mCBRVoxDetectStatus.load(relaxed) == 0)
+        radio.req_CBR_PTT_STATUS_toV850(CBR_PTT_OFF);
+    if (!passenger && CCBRadio::mCBRRiderPttStatus.load(relaxed) == 0 &&
+        CCBRadio::mCBRVoxDetectStatus.load(relaxed) == 0)
+        radio.req_CBR_PTT_STATUS_toV850(CBR_PTT_OFF);
+    if (!rider && !passenger)
+        radio.req_CBR_PTT_STATUS_toV850(CBR_PTT_OFF);
+}
 
-    // Applies the headset texts of a "communication" routing; `prefix` names the caller in the
-    // log lines. Other sources and other texts change nothing.
-    void applyRouting(const Json::Value& routing, const CJTTraceScope& scope, const char* prefix)
-    {
-        const std::string source = CBRadioJson::stringOr(routing, "source");
-        const std::string driver = CBRadioJson::stringOr(routing, "headset_d");
-        const std::string passenger = CBRadioJson::stringOr(routing, "headset_p");
-        if (source != "communication")
-            return;
-        if (driver == "checked") {
-            CCBRadio::mheadset_r_status.store(1, relaxed);
-            scope.sendFormattedMessage("%s : headset_driver->checked", prefix);
-        } else if (driver == "unchecked") {
-            CCBRadio::mheadset_r_status.store(0, relaxed);
-            scope.sendFormattedMessage("%s : headset_driver->unchecked", prefix);
-        }
-        if (passenger == "checked") {
-            CCBRadio::mheadset_p_status.store(1, relaxed);
-            scope.sendFormattedMessage("%s : headset_passenger->checked", prefix);
-        } else if (passenger == "unchecked") {
-            CCBRadio::mheadset_p_status.store(0, relaxed);
-            scope.sendFormattedMessage("%s : headset_passenger->unchecked", prefix);
-        }
-    }
-
-    // Re-decides PTT after the headsets changed, with the radio on and connected. Each rule that
-    // holds sends its own command, so one change may send several.
-    void applyHeadsetPtt(CCBRadio& radio)
-    {
-        const bool rider = CCBRadio::mheadset_r_status.load(relaxed) != 0;
-        const bool passenger = CCBRadio::mheadset_p_status.load(relaxed) != 0;
-        const bool riderPtt = CCBRadio::mCBRRiderPttStatus.load(relaxed) == 1;
-        const bool passengerPtt = CCBRadio::mCBRPassengerPttStatus.load(relaxed) == 1;
-        const bool vox = CCBRadio::mCBRVoxDetectStatus.load(relaxed) == 1;
-        if (rider && (riderPtt || vox))
-            radio.req_CBR_PTT_STATUS_toV850(CBR_PTT_ON);
-        if (passenger && (passengerPtt || vox))
-            radio.req_CBR_PTT_STATUS_toV850(CBR_PTT_ON);
-        if (!rider && CCBRadio::mCBRPassengerPttStatus.load(relaxed) == 0 && CCBRadio::mCBRVoxDetectStatus.load(relaxed) == 0)
-            radio.req_CBR_PTT_STATUS_toV850(CBR_PTT_OFF);
-        if (!passenger && CCBRadio::mCBRRiderPttStatus.load(relaxed) == 0 && CCBRadio::mCBRVoxDetectStatus.load(relaxed) == 0)
-            radio.req_CBR_PTT_STATUS_toV850(CBR_PTT_OFF);
-        if (!rider && !passenger)
-            radio.req_CBR_PTT_STATUS_toV850(CBR_PTT_OFF);
-    }
-
-    void releaseSwitches()
-    {
-        CCBRadio::mCBRRiderPttStatus.store(0, relaxed);
-        CCBRadio::mCBRPassengerPttStatus.store(0, relaxed);
-        CCBRadio::mPassengerPTTcount.store(0, relaxed);
-    }
+void releaseSwitches()
+{
+    CCBRadio::mCBRRiderPttStatus.store(0, relaxed);
+    CCBRadio::mCBRPassengerPttStatus.store(0, relaxed);
+    CCBRadio::mPassengerPTTcount.store(0, relaxed);
+}
 }
 
 bool CCBRadio::isServiceAvailable(const char* busName)
@@ -151,66 +167,65 @@ bool CCBRadio::isServiceAvailable(const char* busName)
 
 namespace
 {
-    // The client subscriptions, in the order the service makes them. Each routine traces its flag
-    // first, then subscribes (true) or unsubscribes (false); the results are not checked.
-    struct Subscription
-    {
-        void (CCBRadio::*routine)(bool);
-        const CJTTraceScopeDef& scope;
-        const char* objPath;
-        const char* sigName;
-        SVCIPC_tSignalCallback onSignal;
-        SVCIPC_tSigSubHnd CCBRadio::*handle;
-        const char* logLine;   // "<logLine><flag><logEnd>"
-        const char* logEnd;
-        bool keptAtStop;       // left to the closing of the connection, on purpose
-    };
+// The client subscriptions, in the order the service makes them. Each routine traces its flag
+// first, then subscribes (true) or unsubscribes (false); the results are not checked.
+struct Subscription
+{
+    void (CCBRadio::*routine)(bool);
+    const CJTTraceScopeDef& scope;
+    const char* objPath;
+    const char* sigName;
+    SVCIPC_tSignalCallback onSignal;
+    SVCIPC_tSigSubHnd CCBRadio::*handle;
+    const char* logLine;  // "<logLine><flag><logEnd>"
+    const char* logEnd;
+    bool keptAtStop;  // left to the closing of the connection, on purpose
+};
 
-    const Subscription SUBSCRIPTIONS[] = {
-        {&CCBRadio::subscribeRiderPTT, gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeRiderPTT, CAN_HMI_OBJECT,
-         "function_sw_9", &CCBRadio::onRiderPTTSignal, &CCBRadio::mRiderPTTSub, "\n[CBR subscribeRiderPTT] = ", "\n",
-         false},
-        {&CCBRadio::subscribePassengerPTT, gsTraceServerScopeDef_CBRadio_CCBRadio_subscribePassengerPTT, CAN_HMI_OBJECT,
-         "function_sw_15", &CCBRadio::onPassengerPTTSignal, &CCBRadio::mPassengerPTTSub,
-         "\n[CBR subscribePassengerPTT] = ", "\n", false},
-        {&CCBRadio::subscribePowerMode, gsTraceServerScopeDef_CBRadio_CCBRadio_subscribePowerMode, POWER_OBJECT,
-         "powerMode", &CCBRadio::onPowerModeSignal, &CCBRadio::mPowerModeSub, "\n[CBR subscribePowerMode] = ", "\n",
-         false},
-        {&CCBRadio::subscribeVoxDetectedState, gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeVoxDetectedState,
-         AUDIO_MANAGER_OBJECT, "voxDetectedState", &CCBRadio::onVoxDetectedStateSignal,
-         &CCBRadio::mVoxDetectedStateSub, "\n[CBR subscribeVoxDetectedState] = ", "\n", true},
-        {&CCBRadio::subscribettsAvailable, gsTraceServerScopeDef_CBRadio_CCBRadio_subscribettsAvailable, TTS_OBJECT,
-         "ttsAvailable", &CCBRadio::onttsAvailableSignal, &CCBRadio::mttsAvailableSub,
-         "\n[CBR subscribettsAvailable] = ", " \n", false},
-        {&CCBRadio::subscribeinterruptSrcState, gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeinterruptSrcState,
-         AUDIO_MANAGER_OBJECT, "interruptSrc", &CCBRadio::oninterruptSrcStateSignal, &CCBRadio::minterruptSrcStateSub,
-         "\n[CBR subscribeinterruptSrcState] = ", "\n", false},
-        {&CCBRadio::subscribeAudioRoutingStatus, gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeAudioRoutingStatus,
-         AUDIO_MANAGER_OBJECT, "audioRoutingStatus", &CCBRadio::onAudioRoutingStatusSignal,
-         &CCBRadio::mAudioRoutingStatusSub, "\n[CBR subscribeAudioRoutingStatus] = ", "\n", false},
-        {&CCBRadio::subscriberearControllerState, gsTraceServerScopeDef_CBRadio_CCBRadio_subscriberearControllerState,
-         MODE_MANAGER_OBJECT, "rearControllerState", &CCBRadio::onRearControllerStateSignal,
-         &CCBRadio::mrearControllerStateSub, "\n[CBR subscriberearControllerState] = ", "\n", false},
-        {&CCBRadio::subscribeHuInpectionModeState, gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeHuInpectionModeState,
-         DIAGNOSIS_OBJECT, "diagInspectionModeStatus", &CCBRadio::ondiagInspectionModeStatusSignal,
-         &CCBRadio::mHuInspectionModeStateSub, "\n[CBR subscribeHuInpectionModeState] = ", " \n", false},
-    };
+const Subscription SUBSCRIPTIONS[] = {
+    {&CCBRadio::subscribeRiderPTT, gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeRiderPTT, CAN_HMI_OBJECT,
+     "function_sw_9", &CCBRadio::onRiderPTTSignal, &CCBRadio::mRiderPTTSub, "\n[CBR subscribeRiderPTT] = ", "\n",
+     false},
+    {&CCBRadio::subscribePassengerPTT, gsTraceServerScopeDef_CBRadio_CCBRadio_subscribePassengerPTT, CAN_HMI_OBJECT,
+     "function_sw_15", &CCBRadio::onPassengerPTTSignal, &CCBRadio::mPassengerPTTSub,
+     "\n[CBR subscribePassengerPTT] = ", "\n", false},
+    {&CCBRadio::subscribePowerMode, gsTraceServerScopeDef_CBRadio_CCBRadio_subscribePowerMode, POWER_OBJECT,
+     "powerMode", &CCBRadio::onPowerModeSignal, &CCBRadio::mPowerModeSub, "\n[CBR subscribePowerMode] = ", "\n", false},
+    {&CCBRadio::subscribeVoxDetectedState, gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeVoxDetectedState,
+     AUDIO_MANAGER_OBJECT, "voxDetectedState", &CCBRadio::onVoxDetectedStateSignal, &CCBRadio::mVoxDetectedStateSub,
+     "\n[CBR subscribeVoxDetectedState] = ", "\n", true},
+    {&CCBRadio::subscribettsAvailable, gsTraceServerScopeDef_CBRadio_CCBRadio_subscribettsAvailable, TTS_OBJECT,
+     "ttsAvailable", &CCBRadio::onttsAvailableSignal, &CCBRadio::mttsAvailableSub,
+     "\n[CBR subscribettsAvailable] = ", " \n", false},
+    {&CCBRadio::subscribeinterruptSrcState, gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeinterruptSrcState,
+     AUDIO_MANAGER_OBJECT, "interruptSrc", &CCBRadio::oninterruptSrcStateSignal, &CCBRadio::minterruptSrcStateSub,
+     "\n[CBR subscribeinterruptSrcState] = ", "\n", false},
+    {&CCBRadio::subscribeAudioRoutingStatus, gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeAudioRoutingStatus,
+     AUDIO_MANAGER_OBJECT, "audioRoutingStatus", &CCBRadio::onAudioRoutingStatusSignal,
+     &CCBRadio::mAudioRoutingStatusSub, "\n[CBR subscribeAudioRoutingStatus] = ", "\n", false},
+    {&CCBRadio::subscriberearControllerState, gsTraceServerScopeDef_CBRadio_CCBRadio_subscriberearControllerState,
+     MODE_MANAGER_OBJECT, "rearControllerState", &CCBRadio::onRearControllerStateSignal,
+     &CCBRadio::mrearControllerStateSub, "\n[CBR subscriberearControllerState] = ", "\n", false},
+    {&CCBRadio::subscribeHuInpectionModeState, gsTraceServerScopeDef_CBRadio_CCBRadio_subscribeHuInpectionModeState,
+     DIAGNOSIS_OBJECT, "diagInspectionModeStatus", &CCBRadio::ondiagInspectionModeStatusSignal,
+     &CCBRadio::mHuInspectionModeStateSub, "\n[CBR subscribeHuInpectionModeState] = ", " \n", false},
+};
 
-    void subscribe(CCBRadio& radio, void (CCBRadio::*routine)(bool), bool on)
-    {
-        for (const Subscription& row : SUBSCRIPTIONS) {
-            if (row.routine != routine)
-                continue;
-            CJTTraceScope scope(row.scope);
-            scope.sendFormattedMessage("%s%d%s", row.logLine, on, row.logEnd);
-            if (on)
-                SVCIPC_subscribe(radio.mConnection, row.objPath, row.sigName, row.onSignal, CLIENT_TOKEN,
-                                 &(radio.*row.handle));
-            else
-                SVCIPC_unsubscribe(radio.*row.handle);
-            return;
-        }
+void subscribe(CCBRadio& radio, void (CCBRadio::*routine)(bool), bool on)
+{
+    for (const Subscription& row : SUBSCRIPTIONS) {
+        if (row.routine != routine)
+            continue;
+        CJTTraceScope scope(row.scope);
+        scope.sendFormattedMessage("%s%d%s", row.logLine, on, row.logEnd);
+        if (on)
+            SVCIPC_subscribe(radio.mConnection, row.objPath, row.sigName, row.onSignal, CLIENT_TOKEN,
+                             &(radio.*row.handle));
+        else
+            SVCIPC_unsubscribe(radio.*row.handle);
+        return;
     }
+}
 }
 
 void CCBRadio::subscribeClients(bool on)
@@ -220,15 +235,42 @@ void CCBRadio::subscribeClients(bool on)
             (this->*row.routine)(on);
 }
 
-void CCBRadio::subscribeRiderPTT(bool on) { subscribe(*this, &CCBRadio::subscribeRiderPTT, on); }
-void CCBRadio::subscribePassengerPTT(bool on) { subscribe(*this, &CCBRadio::subscribePassengerPTT, on); }
-void CCBRadio::subscribePowerMode(bool on) { subscribe(*this, &CCBRadio::subscribePowerMode, on); }
-void CCBRadio::subscribeVoxDetectedState(bool on) { subscribe(*this, &CCBRadio::subscribeVoxDetectedState, on); }
-void CCBRadio::subscribettsAvailable(bool on) { subscribe(*this, &CCBRadio::subscribettsAvailable, on); }
-void CCBRadio::subscribeinterruptSrcState(bool on) { subscribe(*this, &CCBRadio::subscribeinterruptSrcState, on); }
-void CCBRadio::subscribeAudioRoutingStatus(bool on) { subscribe(*this, &CCBRadio::subscribeAudioRoutingStatus, on); }
-void CCBRadio::subscriberearControllerState(bool on) { subscribe(*this, &CCBRadio::subscriberearControllerState, on); }
-void CCBRadio::subscribeHuInpectionModeState(bool on) { subscribe(*this, &CCBRadio::subscribeHuInpectionModeState, on); }
+void CCBRadio::subscribeRiderPTT(bool on)
+{
+    subscribe(*this, &CCBRadio::subscribeRiderPTT, on);
+}
+void CCBRadio::subscribePassengerPTT(bool on)
+{
+    subscribe(*this, &CCBRadio::subscribePassengerPTT, on);
+}
+void CCBRadio::subscribePowerMode(bool on)
+{
+    subscribe(*this, &CCBRadio::subscribePowerMode, on);
+}
+void CCBRadio::subscribeVoxDetectedState(bool on)
+{
+    subscribe(*this, &CCBRadio::subscribeVoxDetectedState, on);
+}
+void CCBRadio::subscribettsAvailable(bool on)
+{
+    subscribe(*this, &CCBRadio::subscribettsAvailable, on);
+}
+void CCBRadio::subscribeinterruptSrcState(bool on)
+{
+    subscribe(*this, &CCBRadio::subscribeinterruptSrcState, on);
+}
+void CCBRadio::subscribeAudioRoutingStatus(bool on)
+{
+    subscribe(*this, &CCBRadio::subscribeAudioRoutingStatus, on);
+}
+void CCBRadio::subscriberearControllerState(bool on)
+{
+    subscribe(*this, &CCBRadio::subscriberearControllerState, on);
+}
+void CCBRadio::subscribeHuInpectionModeState(bool on)
+{
+    subscribe(*this, &CCBRadio::subscribeHuInpectionModeState, on);
+}
 
 void CCBRadio::getAudioRoutingStatus()
 {
@@ -354,7 +396,8 @@ void CCBRadio::onRearControllerStateSignal(const char* sigName, const char* data
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_onRearControllerStateSignal);
     Json::Value root;
-    if (!CBRadioJson::signalObject(scope, sigName, "rearControllerState", data, root, "[CBR onRearControllerStateSignal] : error",
+    if (!CBRadioJson::signalObject(scope, sigName, "rearControllerState", data, root,
+                                   "[CBR onRearControllerStateSignal] : error",
                                    "[CBR onRearControllerStateSignal] : parse error"))
         return;
     const std::string state = CBRadioJson::stringOr(root, "state");
@@ -369,7 +412,8 @@ void CCBRadio::onAudioRoutingStatusSignal(const char* sigName, const char* data,
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_onAudioRoutingStatusSignal);
     Json::Value root;
-    if (!CBRadioJson::signalObject(scope, sigName, "audioRoutingStatus", data, root, "[CBR onAudioRoutingStatusSignal] : error",
+    if (!CBRadioJson::signalObject(scope, sigName, "audioRoutingStatus", data, root,
+                                   "[CBR onAudioRoutingStatusSignal] : error",
                                    "[CBR onAudioRoutingStatusSignal] : parse error"))
         return;
     const Json::Value& routing = CBRadioJson::member(root, "audioRoutingStatus");

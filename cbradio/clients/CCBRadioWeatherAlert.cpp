@@ -21,9 +21,12 @@
 #include <cstring>
 #include <string>
 
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRWeatherAlertStatusSignal("CBRadio_CCBRadio", "sendCBRWeatherAlertStatusSignal");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_onCompletionttsRequest("CBRadio_CCBRadio", "onCompletionttsRequest");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_onttsAvailableSignal("CBRadio_CCBRadio", "onttsAvailableSignal");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRWeatherAlertStatusSignal(
+    "CBRadio_CCBRadio", "sendCBRWeatherAlertStatusSignal");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_onCompletionttsRequest("CBRadio_CCBRadio",
+                                                                                      "onCompletionttsRequest");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_onttsAvailableSignal("CBRadio_CCBRadio",
+                                                                                    "onttsAvailableSignal");
 
 std::atomic<unsigned char> CCBRadio::ttsReadRequest(0);
 
@@ -42,10 +45,10 @@ using namespace CBRadioBusNames;
 
 namespace
 {
-    const unsigned int READOUT_TIMEOUT_MS = 15000;
-    const unsigned char FIRST_WEATHER_CHANNEL = 1;
-    const unsigned char LAST_WEATHER_CHANNEL = 7;
-    const std::memory_order relaxed = std::memory_order_relaxed;
+const unsigned int READOUT_TIMEOUT_MS = 15000;
+const unsigned char FIRST_WEATHER_CHANNEL = 1;
+const unsigned char LAST_WEATHER_CHANNEL = 7;
+const std::memory_order relaxed = std::memory_order_relaxed;
 }
 
 void CCBRadio::sendCBRWeatherAlertStatusSignal()
@@ -78,7 +81,8 @@ void CCBRadio::sendCBRWeatherAlertStatusSignal()
     }
     ttsReadRequest.store(1, relaxed);
     const SVCIPC_tError status = SVCIPC_asyncInvoke(mConnection, TTS_SERVICE, TTS_OBJECT, "ttsReadout", text.c_str(), 0,
-                                                    READOUT_TIMEOUT_MS, &CCBRadio::onCompletionttsRequest, CLIENT_TOKEN);
+                                                    READOUT_TIMEOUT_MS, &CCBRadio::onCompletionttsRequest,
+                                                    CLIENT_TOKEN);
     if (SVCIPC_IS_ERROR(status)) {
         scope.sendFormattedMessage("\n[CBR]TTS Request is failed \n");
         ttsReadRequest.store(0, relaxed);

@@ -10,17 +10,17 @@
 
 namespace
 {
-    const char* const KEYS[] = {"DBUS_SESSION_BUS_ADDRESS=", "DBUS_SESSION_BUS_PID=", "SVCIPC_DISPATCH_PRIORITY="};
+const char* const KEYS[] = {"DBUS_SESSION_BUS_ADDRESS=", "DBUS_SESSION_BUS_PID=", "SVCIPC_DISPATCH_PRIORITY="};
 
-    CBRadioEnvars::File refuse(int fd, CBRadioEnvars::Verdict verdict, const std::string& why)
-    {
-        if (fd >= 0)
-            ::close(fd);
-        CBRadioEnvars::File file;
-        file.verdict = verdict;
-        file.why = why;
-        return file;
-    }
+CBRadioEnvars::File refuse(int fd, CBRadioEnvars::Verdict verdict, const std::string& why)
+{
+    if (fd >= 0)
+        ::close(fd);
+    CBRadioEnvars::File file;
+    file.verdict = verdict;
+    file.why = why;
+    return file;
+}
 }
 
 CBRadioEnvars::File CBRadioEnvars::open(const char* hostPath, uid_t user)

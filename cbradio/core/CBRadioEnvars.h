@@ -31,37 +31,36 @@
 
 namespace CBRadioEnvars
 {
-    enum Verdict
-    {
-        READABLE,     // fd is open for reading
-        MISSING,      // absent, empty or a FIFO: no file to speak of
-        UNTRUSTED,    // refused; why says so
-        UNOPENABLE    // there, but open(2) failed (errno kept in why)
-    };
+enum Verdict {
+    READABLE,   // fd is open for reading
+    MISSING,    // absent, empty or a FIFO: no file to speak of
+    UNTRUSTED,  // refused; why says so
+    UNOPENABLE  // there, but open(2) failed (errno kept in why)
+};
 
-    struct File
-    {
-        Verdict verdict = MISSING;
-        int fd = -1;          // only for READABLE; the caller closes it
-        std::string why;      // for UNTRUSTED and UNOPENABLE
-    };
+struct File
+{
+    Verdict verdict = MISSING;
+    int fd = -1;      // only for READABLE; the caller closes it
+    std::string why;  // for UNTRUSTED and UNOPENABLE
+};
 
-    // Checks and opens the file at a host path for a process running as `user`.
-    File open(const char* hostPath, uid_t user);
+// Checks and opens the file at a host path for a process running as `user`.
+File open(const char* hostPath, uid_t user);
 
-    // Splits one line in place. True with name and value pointing into the line when it assigns
-    // one of the three variables; false (line untouched or partly cut) otherwise.
-    bool parseLine(char* line, char** name, char** value);
+// Splits one line in place. True with name and value pointing into the line when it assigns
+// one of the three variables; false (line untouched or partly cut) otherwise.
+bool parseLine(char* line, char** name, char** value);
 
-    // Checks and opens the file like open(), then exports its assignments; the descriptor is closed
-    // on return. A file that cannot be read after opening is UNOPENABLE. `refused` (when given)
-    // receives the names setenv() refused.
-    File exportFrom(const char* hostPath, uid_t user, std::vector<std::string>* refused = nullptr);
+// Checks and opens the file like open(), then exports its assignments; the descriptor is closed
+// on return. A file that cannot be read after opening is UNOPENABLE. `refused` (when given)
+// receives the names setenv() refused.
+File exportFrom(const char* hostPath, uid_t user, std::vector<std::string>* refused = nullptr);
 
-    // The address now in DBUS_SESSION_BUS_ADDRESS ("" when none), taken from the environment or
-    // else exported from "$CBRADIO_ROOT/tmp/envars.sh". `refusal` is empty, or says why the file
-    // was not read ("not reading <path>: it <why>" or "cannot open <path>: <reason>").
-    std::string busAddressForTool(std::string& refusal);
+// The address now in DBUS_SESSION_BUS_ADDRESS ("" when none), taken from the environment or
+// else exported from "$CBRADIO_ROOT/tmp/envars.sh". `refusal` is empty, or says why the file
+// was not read ("not reading <path>: it <why>" or "cannot open <path>: <reason>").
+std::string busAddressForTool(std::string& refusal);
 }
 
 #endif

@@ -50,19 +50,9 @@ class CDevIpcChannelHandler;
 extern std::atomic<int> sig_exit;
 
 // Request states of the interrupting audio sources "cbRX" and "cbTX".
-enum ECBRRxIntStatus
-{
-    CBR_RX_INT_NOT_REQUESTED = 0,
-    CBR_RX_INT_REQUESTED = 1,
-    CBR_RX_INT_REQUEST_SUCCESS = 2
-};
+enum ECBRRxIntStatus { CBR_RX_INT_NOT_REQUESTED = 0, CBR_RX_INT_REQUESTED = 1, CBR_RX_INT_REQUEST_SUCCESS = 2 };
 
-enum ECBRTxIntStatus
-{
-    CBR_TX_INT_NOT_REQUESTED = 0,
-    CBR_TX_INT_REQUESTED = 1,
-    CBR_TX_INT_REQUEST_SUCCESS = 2
-};
+enum ECBRTxIntStatus { CBR_TX_INT_NOT_REQUESTED = 0, CBR_TX_INT_REQUESTED = 1, CBR_TX_INT_REQUEST_SUCCESS = 2 };
 
 class CCBRadio : public ITimerHandler, public IThreadInterface
 {
@@ -177,8 +167,8 @@ public:
     static void onCompletionSetDeviceState(const SVCIPC_tCallbackStatus* status, const char* result,
                                            SVCIPC_tUserToken token);
     static void oninterruptSrcStateSignal(const char* sigName, const char* data, SVCIPC_tUserToken token);
-    static void onNotifyAudioManagerAvailability(const char* busName, const char* oldOwner,
-                                                 const char* newOwner, SVCIPC_tUserToken token);
+    static void onNotifyAudioManagerAvailability(const char* busName, const char* oldOwner, const char* newOwner,
+                                                 SVCIPC_tUserToken token);
 
     // ---- push-to-talk and power mode --------------------------------------------------------
     static void onRiderPTTSignal(const char* sigName, const char* data, SVCIPC_tUserToken token);
@@ -218,17 +208,17 @@ public:
     // ==== data ================================================================================
 
     // -- core (lifecycle, bus, worker)
-    static CCBRadio* mpCBRadio;                         // the one service object, set by the constructor
-    static std::atomic<bool> persistency_Ready_Flag;    // the key-value store had an owner at bus start
-    static std::atomic<bool> mDbusInitilaised;          // bus initialisation got as far as a connection
-    static std::atomic<bool> mWAttsReadonoff;           // weather-alert read-out enabled
-    static std::atomic<bool> mCBRDataInitialized;       // radio methods accepted
+    static CCBRadio* mpCBRadio;                       // the one service object, set by the constructor
+    static std::atomic<bool> persistency_Ready_Flag;  // the key-value store had an owner at bus start
+    static std::atomic<bool> mDbusInitilaised;        // bus initialisation got as far as a connection
+    static std::atomic<bool> mWAttsReadonoff;         // weather-alert read-out enabled
+    static std::atomic<bool> mCBRDataInitialized;     // radio methods accepted
 
-    std::atomic<bool> mServiceRegistered;               // bus service registered; cleared first at stop
-    CMutex mReqMutex;                                   // guards mReqList, wakes the worker
+    std::atomic<bool> mServiceRegistered;  // bus service registered; cleared first at stop
+    CMutex mReqMutex;                      // guards mReqList, wakes the worker
     std::list<ERequest> mReqList;
     std::map<EChannel, CDevIpcChannelHandler*> mChannelHandlers;
-    std::atomic<CDevIpcChannelHandler*> mpIpcHandler;   // "/dev/ipc/ch6"; null when not open
+    std::atomic<CDevIpcChannelHandler*> mpIpcHandler;  // "/dev/ipc/ch6"; null when not open
     // Set on the main thread while bus callbacks and the V850 reader may already read it.
     std::atomic<SVCIPC_tConnection> mConnection;
     SVCIPC_tSvcRegHnd mRegistration;
@@ -251,22 +241,22 @@ public:
     // Versions as the V850 sent them; first byte 0xFF = not received yet.
     std::atomic<unsigned char> mCBRHWVersion[2];
     std::atomic<unsigned char> mCBRSWVersion[15];
-    CTimer mReqHandlerTime;                             // never started
+    CTimer mReqHandlerTime;  // never started
 
     // -- radio state (values the V850 owns, and the persisted settings)
-    static std::atomic<signed char> mCBRCurrentChannel;          // 1..40, start 1
-    static std::atomic<signed char> mCBRSquelchLevel;            // 0..14, start 8
-    static std::atomic<signed char> mCBRPreset[6];               // channel per preset, 0 = empty
-    static std::atomic<signed char> mCBRStatus;                  // 1 on, 0 off
-    static std::atomic<signed char> mPrevCBRStatus;              // saved on entering inspection mode 1
-    static std::atomic<signed char> mCBRRxStatus;                // 1 receiving
-    static std::atomic<signed char> mCBRTxStatus;                // 1 transmitting
-    static std::atomic<unsigned char> mCBRHWConnectionStatus;    // 1 hardware connected
-    static std::atomic<unsigned char> mCBRReceptionSensitivity;  // raw 0..255
-    static std::atomic<signed char> mCBRWeatherAlertOnOff;       // 1 monitoring on
-    static std::atomic<unsigned char> mCBRWeatherAlertStatus;    // 1 alert active
+    static std::atomic<signed char> mCBRCurrentChannel;               // 1..40, start 1
+    static std::atomic<signed char> mCBRSquelchLevel;                 // 0..14, start 8
+    static std::atomic<signed char> mCBRPreset[6];                    // channel per preset, 0 = empty
+    static std::atomic<signed char> mCBRStatus;                       // 1 on, 0 off
+    static std::atomic<signed char> mPrevCBRStatus;                   // saved on entering inspection mode 1
+    static std::atomic<signed char> mCBRRxStatus;                     // 1 receiving
+    static std::atomic<signed char> mCBRTxStatus;                     // 1 transmitting
+    static std::atomic<unsigned char> mCBRHWConnectionStatus;         // 1 hardware connected
+    static std::atomic<unsigned char> mCBRReceptionSensitivity;       // raw 0..255
+    static std::atomic<signed char> mCBRWeatherAlertOnOff;            // 1 monitoring on
+    static std::atomic<unsigned char> mCBRWeatherAlertStatus;         // 1 alert active
     static std::atomic<unsigned char> mCBRWeatherAlertChannelNumber;  // 1..7
-    static std::atomic<bool> mAudioManagerServiceAvailStatus;    // start true
+    static std::atomic<bool> mAudioManagerServiceAvailStatus;         // start true
 
     // -- audio sources
     static std::atomic<unsigned char> mCBRRxAudioSrcIntrStatus;  // ECBRRxIntStatus
@@ -280,13 +270,13 @@ public:
     static std::atomic<signed char> mCBRPowerModeValue;
 
     // -- vehicle state inputs
-    static std::atomic<int> mHuInspectionMode;                   // 0 normal, 1 radio forced off, 2 inspection
+    static std::atomic<int> mHuInspectionMode;  // 0 normal, 1 radio forced off, 2 inspection
     static std::atomic<unsigned char> mRearControlStatus;
     static std::atomic<unsigned char> mheadset_r_status;
     static std::atomic<unsigned char> mheadset_p_status;
 
     // -- weather-alert read-out
-    static std::atomic<unsigned char> ttsReadRequest;            // 1 while a read-out is outstanding
+    static std::atomic<unsigned char> ttsReadRequest;  // 1 while a read-out is outstanding
     // Announcement per weather channel 1..7 (index 0 unused).
     static const char* const Weather_Alert_channel_Info[8];
 };

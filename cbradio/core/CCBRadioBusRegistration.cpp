@@ -15,15 +15,17 @@
 
 #include <unistd.h>
 
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_initializeDBUSService("CBRadio_CCBRadio", "initializeDBUSService");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_deInitializeDBUSService("CBRadio_CCBRadio", "deInitializeDBUSService");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_initializeDBUSService("CBRadio_CCBRadio",
+                                                                                     "initializeDBUSService");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_deInitializeDBUSService("CBRadio_CCBRadio",
+                                                                                       "deInitializeDBUSService");
 
 using namespace CBRadioBusNames;
 
 namespace
 {
-    const char* const ENVARS_FILE = "/tmp/envars.sh";
-    const useconds_t SETTLE_PAUSE_US = 300 * 1000;
+const char* const ENVARS_FILE = "/tmp/envars.sh";
+const useconds_t SETTLE_PAUSE_US = 300 * 1000;
 }
 
 int CCBRadio::initializeDBUSService()
@@ -71,8 +73,8 @@ int CCBRadio::initializeDBUSService()
     }
 
     persistency_Ready_Flag.store(isServiceAvailable(KV_SERVICE), std::memory_order_relaxed);
-    status = SVCIPC_subscribeOwnerChanged(mConnection, AUDIO_MANAGER_SERVICE, &CCBRadio::onNotifyAudioManagerAvailability,
-                                          nullptr, &mAudioMgrOwnerSub);
+    status = SVCIPC_subscribeOwnerChanged(mConnection, AUDIO_MANAGER_SERVICE,
+                                          &CCBRadio::onNotifyAudioManagerAvailability, nullptr, &mAudioMgrOwnerSub);
     if (status < 0)
         scope.sendFormattedMessage("\n[CBR] ERROR subscribe AudioManager\n");
     ::usleep(SETTLE_PAUSE_US);

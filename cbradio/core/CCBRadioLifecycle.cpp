@@ -28,43 +28,44 @@ std::atomic<bool> CCBRadio::mCBRDataInitialized(false);
 
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_startService("CBRadio_CCBRadio", "startService");
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_isDbusAvailable("CBRadio_CCBRadio", "isDbusAvailable");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_onBusConnectionLost("CBRadio_CCBRadio", "onBusConnectionLost");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_onBusConnectionLost("CBRadio_CCBRadio",
+                                                                                   "onBusConnectionLost");
 
 namespace
 {
-    const char* const ENVARS_FILE = "/tmp/envars.sh";
-    // The V850 needs this pacing between start frames; a stop asked meanwhile ends a pause early.
-    const unsigned int START_FRAME_PAUSE_MS = 1000;
+const char* const ENVARS_FILE = "/tmp/envars.sh";
+// The V850 needs this pacing between start frames; a stop asked meanwhile ends a pause early.
+const unsigned int START_FRAME_PAUSE_MS = 1000;
 
-    // D-Bus activation (DBUS_STARTER_ADDRESS) and systemd (INVOCATION_ID, NOTIFY_SOCKET) hand the
-    // process the bus it is to serve in its environment; on the head unit nothing does, and the
-    // environment file is the only source.
-    bool startedByServiceManager()
-    {
-        for (const char* name : {"DBUS_STARTER_ADDRESS", "INVOCATION_ID", "NOTIFY_SOCKET"})
-            if (std::getenv(name) != nullptr)
-                return true;
-        return false;
-    }
+// D-Bus activation (DBUS_STARTER_ADDRESS) and systemd (INVOCATION_ID, NOTIFY_SOCKET) hand the
+// process the bus it is to serve in its environment; on the head unit nothing does, and the
+// environment file is the only source.
+bool startedByServiceManager()
+{
+    for (const char* name : {"DBUS_STARTER_ADDRESS", "INVOCATION_ID", "NOTIFY_SOCKET"})
+        if (std::getenv(name) != nullptr)
+            return true;
+    return false;
+}
 
-    // A session bus that activated the process names itself in DBUS_STARTER_ADDRESS; it normally
-    // sets DBUS_SESSION_BUS_ADDRESS too, but the starter's word is enough.
-    void takeStarterBusAddress()
-    {
-        const char* type = std::getenv("DBUS_STARTER_BUS_TYPE");
-        const char* starter = std::getenv("DBUS_STARTER_ADDRESS");
-        if (std::getenv("DBUS_SESSION_BUS_ADDRESS") == nullptr && starter != nullptr && type != nullptr &&
-            std::strcmp(type, "session") == 0)
-            ::setenv("DBUS_SESSION_BUS_ADDRESS", starter, 1);
-    }
+// A session bus that activated the process names itself in DBUS_STARTER_ADDRESS; it normally
+// sets DBUS_SESSION_BUS_ADDRESS too, but the starter's word is enough.
+void takeStarterBusAddress()
+{
+    const char* type = std::getenv("DBUS_STARTER_BUS_TYPE");
+    const char* starter = std::getenv("DBUS_STARTER_ADDRESS");
+    if (std::getenv("DBUS_SESSION_BUS_ADDRESS") == nullptr && starter != nullptr && type != nullptr &&
+        std::strcmp(type, "session") == 0)
+        ::setenv("DBUS_SESSION_BUS_ADDRESS", starter, 1);
+}
 }
 
 CCBRadio::CCBRadio()
     : ITimerHandler(), IThreadInterface(nullptr), mServiceRegistered(false), mpIpcHandler(nullptr),
       mConnection(nullptr), mRegistration(nullptr), mAudioMgrOwnerSub(nullptr), mRiderPTTSub(nullptr),
-      mPassengerPTTSub(nullptr), mPowerModeSub(nullptr), mVoxDetectedStateSub(nullptr),
-      mttsAvailableSub(nullptr), minterruptSrcStateSub(nullptr), mAudioRoutingStatusSub(nullptr),
-      mrearControllerStateSub(nullptr), mHuInspectionModeStateSub(nullptr), mReqHandlerTime(this)
+      mPassengerPTTSub(nullptr), mPowerModeSub(nullptr), mVoxDetectedStateSub(nullptr), mttsAvailableSub(nullptr),
+      minterruptSrcStateSub(nullptr), mAudioRoutingStatusSub(nullptr), mrearControllerStateSub(nullptr),
+      mHuInspectionModeStateSub(nullptr), mReqHandlerTime(this)
 {
     mpCBRadio = this;
     for (auto& b : mTxBuf)

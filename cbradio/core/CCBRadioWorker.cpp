@@ -8,30 +8,37 @@
 
 #include <mutex>
 
-
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_run("CBRadio_CCBRadio", "run");
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_handleTimerEvent("CBRadio_CCBRadio", "handleTimerEvent");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_req_CBR_CHN_SELECT_toV850("CBRadio_CCBRadio", "req_CBR_CHN_SELECT_toV850");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_req_CBR_SET_SQUELCH_LEVEL_toV850("CBRadio_CCBRadio", "req_CBR_SET_SQUELCH_LEVEL_toV850");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_req_CBR_STOP_SCAN_toV850("CBRadio_CCBRadio", "req_CBR_STOP_SCAN_toV850");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_req_CBR_VERSION_INFO_toV850("CBRadio_CCBRadio", "req_CBR_VERSION_INFO_toV850");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_req_CBR_ANTENNA_STATUS_toV850("CBRadio_CCBRadio", "req_CBR_ANTENNA_STATUS_toV850");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_req_CBR_ANTENNA_SENSITIVITY_toV850("CBRadio_CCBRadio", "req_CBR_ANTENNA_SENSITIVITY_toV850");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_req_CBR_TX_STATUS_toV850("CBRadio_CCBRadio", "req_CBR_TX_STATUS_toV850");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_req_CBR_RX_STATUS_toV850("CBRadio_CCBRadio", "req_CBR_RX_STATUS_toV850");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_req_CBR_CHN_SELECT_toV850("CBRadio_CCBRadio",
+                                                                                         "req_CBR_CHN_SELECT_toV850");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_req_CBR_SET_SQUELCH_LEVEL_toV850(
+    "CBRadio_CCBRadio", "req_CBR_SET_SQUELCH_LEVEL_toV850");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_req_CBR_STOP_SCAN_toV850("CBRadio_CCBRadio",
+                                                                                        "req_CBR_STOP_SCAN_toV850");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_req_CBR_VERSION_INFO_toV850(
+    "CBRadio_CCBRadio", "req_CBR_VERSION_INFO_toV850");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_req_CBR_ANTENNA_STATUS_toV850(
+    "CBRadio_CCBRadio", "req_CBR_ANTENNA_STATUS_toV850");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_req_CBR_ANTENNA_SENSITIVITY_toV850(
+    "CBRadio_CCBRadio", "req_CBR_ANTENNA_SENSITIVITY_toV850");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_req_CBR_TX_STATUS_toV850("CBRadio_CCBRadio",
+                                                                                        "req_CBR_TX_STATUS_toV850");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_req_CBR_RX_STATUS_toV850("CBRadio_CCBRadio",
+                                                                                        "req_CBR_RX_STATUS_toV850");
 
 namespace
 {
-    // Every status query is the same two bytes; the V850 tells them apart by nothing else.
-    void writeStatusQuery(const CJTTraceScopeDef& def)
-    {
-        CJTTraceScope scope(def);
-        CDevIpcChannelHandler* handler = CCBRadio::mpCBRadio->mpIpcHandler.load();
-        if (handler == nullptr)
-            return;
-        unsigned char frame[2] = {0x00, 0x01};
-        handler->writeData(frame, 2);
-    }
+// Every status query is the same two bytes; the V850 tells them apart by nothing else.
+void writeStatusQuery(const CJTTraceScopeDef& def)
+{
+    CJTTraceScope scope(def);
+    CDevIpcChannelHandler* handler = CCBRadio::mpCBRadio->mpIpcHandler.load();
+    if (handler == nullptr)
+        return;
+    unsigned char frame[2] = {0x00, 0x01};
+    handler->writeData(frame, 2);
+}
 }
 
 int CCBRadio::postRequest(ERequest req)
@@ -66,15 +73,32 @@ int CCBRadio::requestHandler()
 {
     while (!mReqList.empty()) {
         switch (mReqList.front()) {
-        case REQ_CBR_CHN_SELECT: req_CBR_CHN_SELECT_toV850(); break;
-        case REQ_CBR_SET_SQUELCH_LEVEL: req_CBR_SET_SQUELCH_LEVEL_toV850(); break;
-        case REQ_CBR_STOP_SCAN: req_CBR_STOP_SCAN_toV850(); break;
-        case REQ_CBR_VERSION_INFO: req_CBR_VERSION_INFO_toV850(); break;
-        case REQ_CBR_ANTENNA_STATUS: req_CBR_ANTENNA_STATUS_toV850(); break;
-        case REQ_CBR_ANTENNA_SENSITIVITY: req_CBR_ANTENNA_SENSITIVITY_toV850(); break;
-        case REQ_CBR_TX_STATUS: req_CBR_TX_STATUS_toV850(); break;
-        case REQ_CBR_RX_STATUS: req_CBR_RX_STATUS_toV850(); break;
-        default: break;
+        case REQ_CBR_CHN_SELECT:
+            req_CBR_CHN_SELECT_toV850();
+            break;
+        case REQ_CBR_SET_SQUELCH_LEVEL:
+            req_CBR_SET_SQUELCH_LEVEL_toV850();
+            break;
+        case REQ_CBR_STOP_SCAN:
+            req_CBR_STOP_SCAN_toV850();
+            break;
+        case REQ_CBR_VERSION_INFO:
+            req_CBR_VERSION_INFO_toV850();
+            break;
+        case REQ_CBR_ANTENNA_STATUS:
+            req_CBR_ANTENNA_STATUS_toV850();
+            break;
+        case REQ_CBR_ANTENNA_SENSITIVITY:
+            req_CBR_ANTENNA_SENSITIVITY_toV850();
+            break;
+        case REQ_CBR_TX_STATUS:
+            req_CBR_TX_STATUS_toV850();
+            break;
+        case REQ_CBR_RX_STATUS:
+            req_CBR_RX_STATUS_toV850();
+            break;
+        default:
+            break;
         }
         mReqList.pop_front();
     }

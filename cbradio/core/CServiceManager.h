@@ -10,8 +10,8 @@
 
 namespace CServiceManager
 {
-    void notifyReady();
-    void notifyStopping();
+void notifyReady();
+void notifyStopping();
 }
 
 #endif

@@ -13,45 +13,45 @@
 
 namespace
 {
-    // The byte that tells the watch thread to end; never a signal number.
-    const unsigned char END_WATCH = 0xFF;
+// The byte that tells the watch thread to end; never a signal number.
+const unsigned char END_WATCH = 0xFF;
 
-    std::atomic<int> gPipeRead(-1);
-    std::atomic<int> gPipeWrite(-1);
-    std::atomic<bool> gStopping(false);
-    std::atomic<int> gExitStatus(0);
-    CTerminationSignals::tOnSignal gOnSignal = nullptr;
-    pthread_t gWatchThread;
-    bool gWatching = false;
+std::atomic<int> gPipeRead(-1);
+std::atomic<int> gPipeWrite(-1);
+std::atomic<bool> gStopping(false);
+std::atomic<int> gExitStatus(0);
+CTerminationSignals::tOnSignal gOnSignal = nullptr;
+pthread_t gWatchThread;
+bool gWatching = false;
 
-    std::mutex gPauseMutex;
-    std::condition_variable gPauseEnded;
+std::mutex gPauseMutex;
+std::condition_variable gPauseEnded;
 
-    void markStopping()
+void markStopping()
+{
     {
-        {
-            std::lock_guard<std::mutex> lock(gPauseMutex);
-            gStopping.store(true, std::memory_order_relaxed);
-        }
-        gPauseEnded.notify_all();
+        std::lock_guard<std::mutex> lock(gPauseMutex);
+        gStopping.store(true, std::memory_order_relaxed);
     }
+    gPauseEnded.notify_all();
+}
 
-    void* watch(void*)
-    {
-        const int fd = gPipeRead.load(std::memory_order_relaxed);
-        for (;;) {
-            unsigned char sig = 0;
-            const ssize_t n = ::read(fd, &sig, 1);
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n <= 0 || sig == END_WATCH)
-                break;
-            markStopping();
-            if (gOnSignal != nullptr)
-                gOnSignal(sig);
-        }
-        return nullptr;
+void* watch(void*)
+{
+    const int fd = gPipeRead.load(std::memory_order_relaxed);
+    for (;;) {
+        unsigned char sig = 0;
+        const ssize_t n = ::read(fd, &sig, 1);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0 || sig == END_WATCH)
+            break;
+        markStopping();
+        if (gOnSignal != nullptr)
+            gOnSignal(sig);
     }
+    return nullptr;
+}
 }
 
 bool CTerminationSignals::install()

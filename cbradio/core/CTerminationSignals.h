@@ -25,30 +25,30 @@
 
 namespace CTerminationSignals
 {
-    typedef void (*tOnSignal)(int sig);
+typedef void (*tOnSignal)(int sig);
 
-    bool install();
-    // Async-signal-safe: records sig for the watch thread.
-    void record(int sig);
+bool install();
+// Async-signal-safe: records sig for the watch thread.
+void record(int sig);
 
-    // Starts the watch thread with the termination signals blocked on it.
-    bool startWatch(tOnSignal onSignal);
-    void stopWatch();
+// Starts the watch thread with the termination signals blocked on it.
+bool startWatch(tOnSignal onSignal);
+void stopWatch();
 
-    // Marks the process as stopping; a non-zero exitStatus becomes the process's exit status (the
-    // first one given wins).
-    void requestStop(int exitStatus = 0);
-    bool stopping();
-    int exitStatus();
-    // Sleeps ms milliseconds, or less when a stop is asked meanwhile. True when the whole pause
-    // elapsed, false when it ended early (or a stop had been asked before).
-    bool pause(unsigned int ms);
+// Marks the process as stopping; a non-zero exitStatus becomes the process's exit status (the
+// first one given wins).
+void requestStop(int exitStatus = 0);
+bool stopping();
+int exitStatus();
+// Sleeps ms milliseconds, or less when a stop is asked meanwhile. True when the whole pause
+// elapsed, false when it ended early (or a stop had been asked before).
+bool pause(unsigned int ms);
 
-    // Blocks the termination signals (and SIGUSR1 too when withTimerSignal) on the calling thread,
-    // which threads created by it inherit, and returns the mask it had, for pthread_sigmask
-    // (SIG_SETMASK) to restore. Used around the creation of every thread but the main one, so
-    // handlers never cut into their system calls.
-    sigset_t blockOnThisThread(bool withTimerSignal = false);
+// Blocks the termination signals (and SIGUSR1 too when withTimerSignal) on the calling thread,
+// which threads created by it inherit, and returns the mask it had, for pthread_sigmask
+// (SIG_SETMASK) to restore. Used around the creation of every thread but the main one, so
+// handlers never cut into their system calls.
+sigset_t blockOnThisThread(bool withTimerSignal = false);
 }
 
 #endif

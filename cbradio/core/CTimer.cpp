@@ -4,14 +4,13 @@
 
 #include <unistd.h>
 
-CTimer::CTimer() : mRunning(false), mPeriod(0), mPeriodic(false), mpHandler(nullptr), mTimerId(-1),
-                   mTimerSetting(), mCodeId(0)
+CTimer::CTimer()
+    : mRunning(false), mPeriod(0), mPeriodic(false), mpHandler(nullptr), mTimerId(-1), mTimerSetting(), mCodeId(0)
 {
 }
 
 CTimer::CTimer(ITimerHandler* handler)
-    : mRunning(false), mPeriod(0), mPeriodic(false), mpHandler(handler), mTimerId(-1), mTimerSetting(),
-      mCodeId(0)
+    : mRunning(false), mPeriod(0), mPeriodic(false), mpHandler(handler), mTimerId(-1), mTimerSetting(), mCodeId(0)
 {
 }
 

@@ -48,7 +48,7 @@ private:
     unsigned long long mPeriod;
     bool mPeriodic;
     ITimerHandler* mpHandler;
-    int mTimerId;            // timerfd descriptor, -1 until the first start
+    int mTimerId;  // timerfd descriptor, -1 until the first start
     itimerspec mTimerSetting;
     short mCodeId;
 };

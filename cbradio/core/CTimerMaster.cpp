@@ -22,103 +22,103 @@ std::atomic<unsigned int> CTimerMaster::m_RefCount(0);
 
 namespace
 {
-    // The epoll key of the wake-up descriptor; timer keys hold the descriptor shifted left by 8,
-    // so their low byte (the code) never collides with a key whose upper bits are all ones.
-    const uint64_t WAKE_KEY = ~static_cast<uint64_t>(0);
+// The epoll key of the wake-up descriptor; timer keys hold the descriptor shifted left by 8,
+// so their low byte (the code) never collides with a key whose upper bits are all ones.
+const uint64_t WAKE_KEY = ~static_cast<uint64_t>(0);
 
-    uint64_t timerKey(int fd, short code)
-    {
-        return (static_cast<uint64_t>(fd) << 8) | static_cast<uint8_t>(code);
+uint64_t timerKey(int fd, short code)
+{
+    return (static_cast<uint64_t>(fd) << 8) | static_cast<uint8_t>(code);
+}
+
+// The master's failures go to standard output like every "[GEN]" diagnostic of the core.
+void reportFailure(const char* what)
+{
+    std::printf("[GEN] [TimerMaster] %s failed: %s\n", what, std::strerror(errno));
+    std::fflush(stdout);
+}
+
+// SIGUSR1 only records the request in this pipe; the thread "TimerRelease" reads it and does
+// the deletion (which joins the master thread) outside any signal handler. Both are made once
+// per process and live to its end, so the handler never writes to a reused descriptor.
+int gReleasePipe[2] = {-1, -1};
+std::once_flag gReleaseOnce;
+
+void* releaseLoop(void*)
+{
+    for (;;) {
+        char request;
+        const ssize_t n = ::read(gReleasePipe[0], &request, 1);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return nullptr;
+        CTimerMaster::releaseTimerMaster();
     }
+}
 
-    // The master's failures go to standard output like every "[GEN]" diagnostic of the core.
-    void reportFailure(const char* what)
-    {
-        std::printf("[GEN] [TimerMaster] %s failed: %s\n", what, std::strerror(errno));
-        std::fflush(stdout);
+void startReleaseThread()
+{
+    // Without the pipe SIGUSR1 is ignored and a master whose last timer its own handler
+    // stopped lives on, idle, until the next stop from outside.
+    if (::pipe2(gReleasePipe, O_CLOEXEC) != 0) {
+        reportFailure("release pipe");
+        return;
     }
-
-    // SIGUSR1 only records the request in this pipe; the thread "TimerRelease" reads it and does
-    // the deletion (which joins the master thread) outside any signal handler. Both are made once
-    // per process and live to its end, so the handler never writes to a reused descriptor.
-    int gReleasePipe[2] = {-1, -1};
-    std::once_flag gReleaseOnce;
-
-    void* releaseLoop(void*)
-    {
-        for (;;) {
-            char request;
-            const ssize_t n = ::read(gReleasePipe[0], &request, 1);
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n <= 0)
-                return nullptr;
-            CTimerMaster::releaseTimerMaster();
-        }
+    // A handler must never block on a full pipe.
+    if (::fcntl(gReleasePipe[1], F_SETFL, O_NONBLOCK) != 0) {
+        reportFailure("release pipe");
+        ::close(gReleasePipe[0]);
+        ::close(gReleasePipe[1]);
+        gReleasePipe[0] = gReleasePipe[1] = -1;
+        return;
     }
-
-    void startReleaseThread()
-    {
-        // Without the pipe SIGUSR1 is ignored and a master whose last timer its own handler
-        // stopped lives on, idle, until the next stop from outside.
-        if (::pipe2(gReleasePipe, O_CLOEXEC) != 0) {
-            reportFailure("release pipe");
-            return;
-        }
-        // A handler must never block on a full pipe.
-        if (::fcntl(gReleasePipe[1], F_SETFL, O_NONBLOCK) != 0) {
-            reportFailure("release pipe");
-            ::close(gReleasePipe[0]);
-            ::close(gReleasePipe[1]);
-            gReleasePipe[0] = gReleasePipe[1] = -1;
-            return;
-        }
-        sigset_t all, previous;
-        sigfillset(&all);
-        pthread_sigmask(SIG_BLOCK, &all, &previous);
-        pthread_t thread;
-        if (::pthread_create(&thread, nullptr, &releaseLoop, nullptr) == 0) {
-            ::pthread_setname_np(thread, "TimerRelease");
-            ::pthread_detach(thread);
-        }
-        pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    sigset_t all, previous;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &previous);
+    pthread_t thread;
+    if (::pthread_create(&thread, nullptr, &releaseLoop, nullptr) == 0) {
+        ::pthread_setname_np(thread, "TimerRelease");
+        ::pthread_detach(thread);
     }
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+}
 
-    // Owns a descriptor until it is released to its keeper.
-    struct Descriptor
+// Owns a descriptor until it is released to its keeper.
+struct Descriptor
+{
+    int fd;
+    explicit Descriptor(int descriptor) : fd(descriptor) {}
+    ~Descriptor()
     {
-        int fd;
-        explicit Descriptor(int descriptor) : fd(descriptor) {}
-        ~Descriptor()
-        {
-            if (fd >= 0)
-                ::close(fd);
-        }
-        Descriptor(const Descriptor&) = delete;
-        Descriptor& operator=(const Descriptor&) = delete;
-        int release()
-        {
-            const int kept = fd;
-            fd = -1;
-            return kept;
-        }
-    };
-
-    class SigUsr1Blocker
+        if (fd >= 0)
+            ::close(fd);
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int release()
     {
-    public:
-        SigUsr1Blocker()
-        {
-            sigset_t set;
-            sigemptyset(&set);
-            sigaddset(&set, SIGUSR1);
-            pthread_sigmask(SIG_BLOCK, &set, &mSaved);
-        }
-        ~SigUsr1Blocker() { pthread_sigmask(SIG_SETMASK, &mSaved, nullptr); }
+        const int kept = fd;
+        fd = -1;
+        return kept;
+    }
+};
 
-    private:
-        sigset_t mSaved;
-    };
+class SigUsr1Blocker
+{
+public:
+    SigUsr1Blocker()
+    {
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, SIGUSR1);
+        pthread_sigmask(SIG_BLOCK, &set, &mSaved);
+    }
+    ~SigUsr1Blocker() { pthread_sigmask(SIG_SETMASK, &mSaved, nullptr); }
+
+private:
+    sigset_t mSaved;
+};
 }
 
 void timer_master_signal_handler(int sig)
@@ -133,8 +133,7 @@ void timer_master_signal_handler(int sig)
 }
 
 CTimerMaster::CTimerMaster()
-    : IThreadInterface("TimerMaster"), mChannelId(0), mWakeId(-1), mPulseCode(0), mCodeCounter(0),
-      mThreadStarted(false)
+    : IThreadInterface("TimerMaster"), mChannelId(0), mWakeId(-1), mPulseCode(0), mCodeCounter(0), mThreadStarted(false)
 {
     std::call_once(gReleaseOnce, startReleaseThread);
     ::signal(SIGUSR1, timer_master_signal_handler);
@@ -298,7 +297,7 @@ void CTimerMaster::run()
             const uint64_t key = events[i].data.u64;
             uint64_t expirations;
             if (::read(static_cast<int>(key >> 8), &expirations, sizeof(expirations)) < 0)
-                continue;   // disarmed between the wake-up and now
+                continue;  // disarmed between the wake-up and now
             const short code = static_cast<signed char>(key & 0xFF);
             CTimer* timer = nullptr;
             {

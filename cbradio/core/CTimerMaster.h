@@ -59,9 +59,9 @@ public:
     static std::atomic<unsigned int> m_RefCount;
 
 private:
-    std::atomic<int> mChannelId;    // epoll set; 0 before first use, -1 after reset
-    int mWakeId;                    // eventfd that ends the dispatch loop
-    short mPulseCode;               // the last code handed out
+    std::atomic<int> mChannelId;  // epoll set; 0 before first use, -1 after reset
+    int mWakeId;                  // eventfd that ends the dispatch loop
+    short mPulseCode;             // the last code handed out
     unsigned char mCodeCounter;
     std::map<short, CTimer*> mTimers;
     CMutex mTimersMutex;

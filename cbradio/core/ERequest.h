@@ -4,8 +4,7 @@
 #ifndef EREQUEST_H
 #define EREQUEST_H
 
-enum ERequest : int
-{
+enum ERequest : int {
     REQ_CBR_RESERVED_0 = 0,
     REQ_CBR_RESERVED_1 = 1,
     REQ_CBR_CHN_SELECT = 2,

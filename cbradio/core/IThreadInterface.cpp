@@ -4,14 +4,14 @@
 
 namespace
 {
-    const char* const DEFAULT_NAME = "MERIDOThread";
+const char* const DEFAULT_NAME = "MERIDOThread";
 
-    void cleanupNothing(void*) {}
+void cleanupNothing(void*) {}
 
-    bool isOtherThread(pthread_t thread)
-    {
-        return thread != 0 && !pthread_equal(thread, pthread_self());
-    }
+bool isOtherThread(pthread_t thread)
+{
+    return thread != 0 && !pthread_equal(thread, pthread_self());
+}
 }
 
 IThreadInterface::IThreadInterface(const char* name) : mThread(0)

@@ -37,7 +37,7 @@ public:
     const char* getThreadName() const { return mName; }
 
 protected:
-    pthread_t mThread;   // 0 while no thread exists
+    pthread_t mThread;  // 0 while no thread exists
     char mName[64];
 };
 

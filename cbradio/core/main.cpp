@@ -31,47 +31,48 @@
 #include <unistd.h>
 
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_main_main("CBRadio_main", "main");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_signal_handler_signal_handler("CBRadio_signal_handler", "signal_handler");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_signal_handler_signal_handler("CBRadio_signal_handler",
+                                                                                    "signal_handler");
 
 namespace
 {
-    const int MAIN_PRIORITY = 50;
-    // stop() wakes the trace thread's read, so it ends at once; the bound only keeps a stuck one
-    // from holding up the exit.
-    const int TRACE_THREAD_JOIN_MS = 500;
+const int MAIN_PRIORITY = 50;
+// stop() wakes the trace thread's read, so it ends at once; the bound only keeps a stuck one
+// from holding up the exit.
+const int TRACE_THREAD_JOIN_MS = 500;
 
-    bool runInForeground()
-    {
-        const char* value = std::getenv("CBRADIO_FOREGROUND");
-        return value != nullptr && std::strcmp(value, "1") == 0;
-    }
+bool runInForeground()
+{
+    const char* value = std::getenv("CBRADIO_FOREGROUND");
+    return value != nullptr && std::strcmp(value, "1") == 0;
+}
 
-    void becomeDaemon()
-    {
-        if (!runInForeground()) {
-            pid_t pid = ::fork();
-            if (pid > 0)
-                ::_exit(0);
-            // A failed fork leaves us running in the foreground; a daemon that does not start at
-            // all helps nobody.
-            if (pid == 0)
-                ::setsid();
-        }
-        if (::chdir("/") != 0) {
-            // Staying in the start directory is harmless.
-        }
-        ::umask(022);
+void becomeDaemon()
+{
+    if (!runInForeground()) {
+        pid_t pid = ::fork();
+        if (pid > 0)
+            ::_exit(0);
+        // A failed fork leaves us running in the foreground; a daemon that does not start at
+        // all helps nobody.
+        if (pid == 0)
+            ::setsid();
     }
+    if (::chdir("/") != 0) {
+        // Staying in the start directory is harmless.
+    }
+    ::umask(022);
+}
 
-    // Runs on the signal watch thread, once per signal received.
-    void onTerminationSignal(int sig)
-    {
-        CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_signal_handler_signal_handler);
-        scope.sendFormattedMessage("[CBRadio] CAUTION!!! - CBRadio Service rcvd signal to exit (%d)\n", sig);
-        sig_exit.store(1, std::memory_order_relaxed);
-        if (CCBRadio::mpCBRadio != nullptr)
-            CCBRadio::mpCBRadio->postRequest(REQ_CBR_EXIT);
-    }
+// Runs on the signal watch thread, once per signal received.
+void onTerminationSignal(int sig)
+{
+    CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_signal_handler_signal_handler);
+    scope.sendFormattedMessage("[CBRadio] CAUTION!!! - CBRadio Service rcvd signal to exit (%d)\n", sig);
+    sig_exit.store(1, std::memory_order_relaxed);
+    if (CCBRadio::mpCBRadio != nullptr)
+        CCBRadio::mpCBRadio->postRequest(REQ_CBR_EXIT);
+}
 }
 
 // Installed for SIGINT, SIGHUP and SIGTERM. Only records the signal: see CTerminationSignals.

@@ -18,22 +18,22 @@
 
 namespace CBRadioJsonText
 {
-    // {"code":0,"description":"success"} and {"code":1,"description":"failure"}.
-    const std::string& success();
-    const std::string& failure();
+// {"code":0,"description":"success"} and {"code":1,"description":"failure"}.
+const std::string& success();
+const std::string& failure();
 
-    // {"<key>":<value>}
-    std::string object(const char* key, int value);
+// {"<key>":<value>}
+std::string object(const char* key, int value);
 
-    // The object with both members, in key order whatever the order given.
-    std::string object(const char* key1, int value1, const char* key2, int value2);
+// The object with both members, in key order whatever the order given.
+std::string object(const char* key1, int value1, const char* key2, int value2);
 
-    // {"CBRadioPresetList":[{"Channel_number":c,"PresetNo":n},...]} with n = 1..count and c the
-    // channels in order.
-    std::string presetList(const int* channels, size_t count);
+// {"CBRadioPresetList":[{"Channel_number":c,"PresetNo":n},...]} with n = 1..count and c the
+// channels in order.
+std::string presetList(const int* channels, size_t count);
 
-    // The success object with one more string member, {"<key>":"<text>","code":0,...}.
-    std::string successWith(const char* key, const std::string& text);
+// The success object with one more string member, {"<key>":"<text>","code":0,...}.
+std::string successWith(const char* key, const std::string& text);
 }
 
 #endif

@@ -13,44 +13,51 @@
 
 #include <string>
 
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRadioStatusSignal("CBRadio_CCBRadio", "sendCBRadioStatusSignal");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRChannelNumberSignal("CBRadio_CCBRadio", "sendCBRChannelNumberSignal");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRSquelchLevelSignal("CBRadio_CCBRadio", "sendCBRSquelchLevelSignal");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRReceptionSensitivitySignal("CBRadio_CCBRadio", "sendCBRReceptionSensitivitySignal");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRHWConnectionStatus("CBRadio_CCBRadio", "sendCBRHWConnectionStatus");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRRxTxStatusSignal("CBRadio_CCBRadio", "sendCBRRxTxStatusSignal");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRWeatherAlertOnOffStatusSignal("CBRadio_CCBRadio", "sendCBRWeatherAlertOnOffStatusSignal");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRadioStatusSignal("CBRadio_CCBRadio",
+                                                                                       "sendCBRadioStatusSignal");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRChannelNumberSignal("CBRadio_CCBRadio",
+                                                                                          "sendCBRChannelNumberSignal");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRSquelchLevelSignal("CBRadio_CCBRadio",
+                                                                                         "sendCBRSquelchLevelSignal");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRReceptionSensitivitySignal(
+    "CBRadio_CCBRadio", "sendCBRReceptionSensitivitySignal");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRHWConnectionStatus("CBRadio_CCBRadio",
+                                                                                         "sendCBRHWConnectionStatus");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRRxTxStatusSignal("CBRadio_CCBRadio",
+                                                                                       "sendCBRRxTxStatusSignal");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_sendCBRWeatherAlertOnOffStatusSignal(
+    "CBRadio_CCBRadio", "sendCBRWeatherAlertOnOffStatusSignal");
 
 namespace
 {
-    const std::memory_order relaxed = std::memory_order_relaxed;
+const std::memory_order relaxed = std::memory_order_relaxed;
 
-    // Raw reception sensitivity 0..255 as the 0..5 bars the head unit shows: 0 is no signal, then
-    // five bands of 51 values each.
-    int sensitivityBars(unsigned int raw)
-    {
-        return raw == 0 ? 0 : static_cast<int>((raw - 1) / 51 + 1);
+// Raw reception sensitivity 0..255 as the 0..5 bars the head unit shows: 0 is no signal, then
+// five bands of 51 values each.
+int sensitivityBars(unsigned int raw)
+{
+    return raw == 0 ? 0 : static_cast<int>((raw - 1) / 51 + 1);
+}
+
+// Emits `name` carrying `text` once the service is registered. Traces why not and returns
+// false otherwise; the caller traces its own line for a signal sent. `sender` names the caller
+// in the "not initialized" line.
+bool emitSignal(const CCBRadio& radio, const CJTTraceScope& scope, const char* sender, const char* name,
+                const std::string& text)
+{
+    if (!radio.mServiceRegistered.load(relaxed)) {
+        scope.sendFormattedMessage("\n[CBR] %s: Service Not initialized\n", sender);
+        return false;
     }
-
-    // Emits `name` carrying `text` once the service is registered. Traces why not and returns
-    // false otherwise; the caller traces its own line for a signal sent. `sender` names the caller
-    // in the "not initialized" line.
-    bool emitSignal(const CCBRadio& radio, const CJTTraceScope& scope, const char* sender, const char* name,
-                    const std::string& text)
-    {
-        if (!radio.mServiceRegistered.load(relaxed)) {
-            scope.sendFormattedMessage("\n[CBR] %s: Service Not initialized\n", sender);
-            return false;
-        }
-        const SVCIPC_tError status = SVCIPC_asyncEmit(radio.mConnection, name, text.c_str(), nullptr, nullptr);
-        if (SVCIPC_IS_ERROR(status)) {
-            scope.sendFormattedMessage("\n[CBR] ERROR emit %s\n", name);
-            return false;
-        }
-        return true;
+    const SVCIPC_tError status = SVCIPC_asyncEmit(radio.mConnection, name, text.c_str(), nullptr, nullptr);
+    if (SVCIPC_IS_ERROR(status)) {
+        scope.sendFormattedMessage("\n[CBR] ERROR emit %s\n", name);
+        return false;
     }
+    return true;
+}
 
-    using CBRadioJsonText::object;
+using CBRadioJsonText::object;
 }
 
 void CCBRadio::sendCBRadioStatusSignal()

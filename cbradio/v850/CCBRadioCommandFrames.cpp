@@ -14,65 +14,74 @@
 
 #include <chrono>
 
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_req_CBR_PTT_STATUS_toV850("CBRadio_CCBRadio", "req_CBR_PTT_STATUS_toV850");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRStateChange("CBRadio_CCBRadio", "reqCBRStateChange");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRWeatherAlertOnOffRequest("CBRadio_CCBRadio", "reqCBRWeatherAlertOnOffRequest");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_req_CBR_PTT_STATUS_toV850("CBRadio_CCBRadio",
+                                                                                         "req_CBR_PTT_STATUS_toV850");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRStateChange("CBRadio_CCBRadio",
+                                                                                 "reqCBRStateChange");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRWeatherAlertOnOffRequest(
+    "CBRadio_CCBRadio", "reqCBRWeatherAlertOnOffRequest");
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRSetChannel("CBRadio_CCBRadio", "reqCBRSetChannel");
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRSeek("CBRadio_CCBRadio", "reqCBRSeek");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRSelectPreset("CBRadio_CCBRadio", "reqCBRSelectPreset");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRSetSquelchLevel("CBRadio_CCBRadio", "reqCBRSetSquelchLevel");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRAdjustSquelchLevel("CBRadio_CCBRadio", "reqCBRAdjustSquelchLevel");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRSelectPreset("CBRadio_CCBRadio",
+                                                                                  "reqCBRSelectPreset");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRSetSquelchLevel("CBRadio_CCBRadio",
+                                                                                     "reqCBRSetSquelchLevel");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRAdjustSquelchLevel("CBRadio_CCBRadio",
+                                                                                        "reqCBRAdjustSquelchLevel");
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRStartScan("CBRadio_CCBRadio", "reqCBRStartScan");
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRStopScan("CBRadio_CCBRadio", "reqCBRStopScan");
 
 namespace
 {
-    const unsigned char MSG_ON_OFF = 0x01;
-    const unsigned char MSG_CHANNEL_SELECT = 0x02;
-    const unsigned char MSG_SET_SQUELCH_LEVEL = 0x03;
-    const unsigned char MSG_START_SCAN = 0x04;
-    const unsigned char MSG_STOP_SCAN = 0x05;
-    const unsigned char MSG_WEATHER_ALERT_ON_OFF = 0x0C;
-    const unsigned char MSG_PTT_STATUS = 0x0E;
-    const int MIN_CHANNEL = 1;
-    const int MAX_CHANNEL = 40;
-    const unsigned int MAX_SQUELCH_LEVEL = 14;
-    // Longer than one bounded device write, so a frame waits out one stalled writer ahead of it.
-    const std::chrono::milliseconds TX_LOCK_TIMEOUT(1500);
+const unsigned char MSG_ON_OFF = 0x01;
+const unsigned char MSG_CHANNEL_SELECT = 0x02;
+const unsigned char MSG_SET_SQUELCH_LEVEL = 0x03;
+const unsigned char MSG_START_SCAN = 0x04;
+const unsigned char MSG_STOP_SCAN = 0x05;
+const unsigned char MSG_WEATHER_ALERT_ON_OFF = 0x0C;
+const unsigned char MSG_PTT_STATUS = 0x0E;
+const int MIN_CHANNEL = 1;
+const int MAX_CHANNEL = 40;
+const unsigned int MAX_SQUELCH_LEVEL = 14;
+// Longer than one bounded device write, so a frame waits out one stalled writer ahead of it.
+const std::chrono::milliseconds TX_LOCK_TIMEOUT(1500);
 
-    void setTxBuf(unsigned char id, unsigned char length)
-    {
-        CCBRadio::mpCBRadio->mTxBuf[0].store(id, std::memory_order_relaxed);
-        CCBRadio::mpCBRadio->mTxBuf[1].store(length, std::memory_order_relaxed);
-    }
+void setTxBuf(unsigned char id, unsigned char length)
+{
+    CCBRadio::mpCBRadio->mTxBuf[0].store(id, std::memory_order_relaxed);
+    CCBRadio::mpCBRadio->mTxBuf[1].store(length, std::memory_order_relaxed);
+}
 
-    void setPayload(int value)
-    {
-        CCBRadio::mpCBRadio->mTxBuf[2].store(static_cast<unsigned char>(value), std::memory_order_relaxed);
-    }
+void setPayload(int value)
+{
+    CCBRadio::mpCBRadio->mTxBuf[2].store(static_cast<unsigned char>(value), std::memory_order_relaxed);
+}
 
-    unsigned int txByte(int index)
-    {
-        return CCBRadio::mpCBRadio->mTxBuf[index].load(std::memory_order_relaxed);
-    }
+unsigned int txByte(int index)
+{
+    return CCBRadio::mpCBRadio->mTxBuf[index].load(std::memory_order_relaxed);
+}
 
-    // One three-byte command under the frame lock: id, length 1 and the payload `fill` leaves in
-    // mTxBuf (it may leave the previous byte there). The frame is traced as "<name> WriteOut" and
-    // written when `fill` returns true; it is dropped when the lock is not had in time.
-    template <typename Fill>
-    void command(const CJTTraceScope& scope, const char* name, unsigned char id, Fill fill)
-    {
-        const std::unique_lock<CTimedMutex> frame = CCBRadio::mpCBRadio->lockTxBuf();
-        if (!frame.owns_lock())
-            return;
-        setTxBuf(id, 0x01);
-        const bool write = fill();
-        scope.sendFormattedMessage("\n[CBR]%s WriteOut %x %x %x \n", name, txByte(0), txByte(1), txByte(2));
-        if (write)
-            CCBRadio::mpCBRadio->writeTxBuf(3);
-    }
+// One three-byte command under the frame lock: id, length 1 and the payload `fill` leaves in
+// mTxBuf (it may leave the previous byte there). The frame is traced as "<name> WriteOut" and
+// written when `fill` returns true; it is dropped when the lock is not had in time.
+template <typename Fill>
+void command(const CJTTraceScope& scope, const char* name, unsigned char id, Fill fill)
+{
+    const std::unique_lock<CTimedMutex> frame = CCBRadio::mpCBRadio->lockTxBuf();
+    if (!frame.owns_lock())
+        return;
+    setTxBuf(id, 0x01);
+    const bool write = fill();
+    scope.sendFormattedMessage("\n[CBR]%s WriteOut %x %x %x \n", name, txByte(0), txByte(1), txByte(2));
+    if (write)
+        CCBRadio::mpCBRadio->writeTxBuf(3);
+}
 
-    bool inRange(unsigned int value, unsigned int low, unsigned int high) { return value >= low && value <= high; }
+bool inRange(unsigned int value, unsigned int low, unsigned int high)
+{
+    return value >= low && value <= high;
+}
 }
 
 std::unique_lock<CTimedMutex> CCBRadio::lockTxBuf()
@@ -106,13 +115,19 @@ void CCBRadio::req_CBR_PTT_STATUS_toV850(ECBRPTTStatus status)
 void CCBRadio::reqCBRStateChange(int state)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRStateChange);
-    command(scope, "reqCBRStateChange", MSG_ON_OFF, [state] { setPayload(state); return true; });
+    command(scope, "reqCBRStateChange", MSG_ON_OFF, [state] {
+        setPayload(state);
+        return true;
+    });
 }
 
 void CCBRadio::reqCBRWeatherAlertOnOffRequest(int onOff)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRWeatherAlertOnOffRequest);
-    command(scope, "reqCBR_WA_OnOffRequest", MSG_WEATHER_ALERT_ON_OFF, [onOff] { setPayload(onOff); return true; });
+    command(scope, "reqCBR_WA_OnOffRequest", MSG_WEATHER_ALERT_ON_OFF, [onOff] {
+        setPayload(onOff);
+        return true;
+    });
 }
 
 void CCBRadio::reqCBRSetChannel(int channel)
@@ -122,7 +137,10 @@ void CCBRadio::reqCBRSetChannel(int channel)
         scope.sendFormattedMessage("\n[CBR]reqCBRSetChannel invalid %x \n", static_cast<unsigned int>(channel));
         return;
     }
-    command(scope, "reqCBRSetChannel", MSG_CHANNEL_SELECT, [channel] { setPayload(channel); return true; });
+    command(scope, "reqCBRSetChannel", MSG_CHANNEL_SELECT, [channel] {
+        setPayload(channel);
+        return true;
+    });
 }
 
 void CCBRadio::reqCBRSeek(int direction)
@@ -141,7 +159,10 @@ void CCBRadio::reqCBRSeek(int direction)
 void CCBRadio::reqCBRSelectPreset(int channel)
 {
     CJTTraceScope scope(gsTraceServerScopeDef_CBRadio_CCBRadio_reqCBRSelectPreset);
-    command(scope, "reqCBRSelectPreset", MSG_CHANNEL_SELECT, [channel] { setPayload(channel); return true; });
+    command(scope, "reqCBRSelectPreset", MSG_CHANNEL_SELECT, [channel] {
+        setPayload(channel);
+        return true;
+    });
 }
 
 void CCBRadio::reqCBRSetSquelchLevel(int level)

@@ -8,23 +8,24 @@
 
 #include <vector>
 
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_initializeIPCService("CBRadio_CCBRadio", "initializeIPCService");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CCBRadio_initializeIPCService("CBRadio_CCBRadio",
+                                                                                    "initializeIPCService");
 
 namespace
 {
-    const char* const CB_RADIO_DEVICE = "/dev/ipc/ch6";
-    // The reader is woken at once; a frame it is decoding may still need a
-    // bus call, which fails fast once the connection is closed.
-    const int READER_JOIN_MS = 1000;
+const char* const CB_RADIO_DEVICE = "/dev/ipc/ch6";
+// The reader is woken at once; a frame it is decoding may still need a
+// bus call, which fails fast once the connection is closed.
+const int READER_JOIN_MS = 1000;
 
-    // Stopped handlers are never deleted: a bus callback that took mpIpcHandler just before the
-    // stop may still be writing through it. They are kept here, in a list that is never destroyed
-    // either, so they stay reachable to the end of the process.
-    std::vector<CDevIpcChannelHandler*>& stoppedHandlers()
-    {
-        static std::vector<CDevIpcChannelHandler*>* handlers = new std::vector<CDevIpcChannelHandler*>;
-        return *handlers;
-    }
+// Stopped handlers are never deleted: a bus callback that took mpIpcHandler just before the
+// stop may still be writing through it. They are kept here, in a list that is never destroyed
+// either, so they stay reachable to the end of the process.
+std::vector<CDevIpcChannelHandler*>& stoppedHandlers()
+{
+    static std::vector<CDevIpcChannelHandler*>* handlers = new std::vector<CDevIpcChannelHandler*>;
+    return *handlers;
+}
 }
 
 int CCBRadio::initializeIPCService()

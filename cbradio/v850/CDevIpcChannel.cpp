@@ -4,9 +4,7 @@
 #include <cstdio>
 #include <fcntl.h>
 
-CDevIpcChannel::CDevIpcChannel() : mPath()
-{
-}
+CDevIpcChannel::CDevIpcChannel() : mPath() {}
 
 CDevIpcChannel::CDevIpcChannel(const char* path) : mPath()
 {

@@ -11,7 +11,8 @@
 #include <unistd.h>
 
 static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CDevIpcChannelHandler_run("CBRadio_CDevIpcChannelHandler", "run");
-static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CDevIpcChannelHandler_stop("CBRadio_CDevIpcChannelHandler", "stop");
+static CJTTraceScopeDef gsTraceServerScopeDef_CBRadio_CDevIpcChannelHandler_stop("CBRadio_CDevIpcChannelHandler",
+                                                                                 "stop");
 
 CDevIpcChannelHandler::CDevIpcChannelHandler(IMsgProcessor* processor, const char* path)
     : IThreadInterface(path), mpChannel(new CDevIpcChannel(path)), mpProcessor(processor), mStopFlag(false),

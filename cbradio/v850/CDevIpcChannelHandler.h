@@ -54,7 +54,7 @@ private:
     CDevIpcChannel* mpChannel;
     IMsgProcessor* mpProcessor;
     std::atomic<bool> mStopFlag;
-    std::atomic<bool> mReading;   // from trigger() until run() has left its loop and traced
+    std::atomic<bool> mReading;  // from trigger() until run() has left its loop and traced
 };
 
 #endif

@@ -2,10 +2,6 @@
 #ifndef ECBRPTTSTATUS_H
 #define ECBRPTTSTATUS_H
 
-enum ECBRPTTStatus
-{
-    CBR_PTT_OFF = 0,
-    CBR_PTT_ON = 1
-};
+enum ECBRPTTStatus { CBR_PTT_OFF = 0, CBR_PTT_ON = 1 };
 
 #endif

@@ -3,9 +3,6 @@
 #ifndef ECHANNEL_H
 #define ECHANNEL_H
 
-enum EChannel
-{
-    CBR_IPC_CHANNEL_6 = 6
-};
+enum EChannel { CBR_IPC_CHANNEL_6 = 6 };
 
 #endif

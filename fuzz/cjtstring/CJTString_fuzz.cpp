@@ -9,29 +9,29 @@
 
 namespace
 {
-    void check(bool condition)
-    {
-        if (!condition)
-            std::abort();
-    }
+void check(bool condition)
+{
+    if (!condition)
+        std::abort();
+}
 
-    void walk(const CJTString& s)
-    {
-        uint32_t chars = 0;
-        uint32_t lastPos = 0;
-        for (CJTString::const_iterator it = s.begin(); it != s.end(); ++it) {
-            check(it.getSequenceLength() != 0);
-            check(it.getBytePos() + it.getSequenceLength() <= s.getByteCount());
-            char bytes[6];
-            uint32_t len = CJTString::encode(*it, bytes);
-            check(len != 0 || *it == 0);
-            lastPos = it.getBytePos();
-            ++chars;
-        }
-        check(chars == s.getCharCount());
-        check(s.getByteCount() == 0 || lastPos < s.getByteCount());
-        check(std::strlen(s.c_str()) == s.getByteCount());
+void walk(const CJTString& s)
+{
+    uint32_t chars = 0;
+    uint32_t lastPos = 0;
+    for (CJTString::const_iterator it = s.begin(); it != s.end(); ++it) {
+        check(it.getSequenceLength() != 0);
+        check(it.getBytePos() + it.getSequenceLength() <= s.getByteCount());
+        char bytes[6];
+        uint32_t len = CJTString::encode(*it, bytes);
+        check(len != 0 || *it == 0);
+        lastPos = it.getBytePos();
+        ++chars;
     }
+    check(chars == s.getCharCount());
+    check(s.getByteCount() == 0 || lastPos < s.getByteCount());
+    check(std::strlen(s.c_str()) == s.getByteCount());
+}
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)

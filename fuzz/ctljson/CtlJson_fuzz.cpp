@@ -11,11 +11,11 @@ using namespace cbradioctl;
 
 namespace
 {
-    void check(bool condition)
-    {
-        if (!condition)
-            std::abort();
-    }
+void check(bool condition)
+{
+    if (!condition)
+        std::abort();
+}
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)

@@ -16,23 +16,23 @@
 
 namespace
 {
-    const std::memory_order relaxed = std::memory_order_relaxed;
+const std::memory_order relaxed = std::memory_order_relaxed;
 
-    CCBRadio& radio()
-    {
-        static CCBRadio* service = [] {
-            CCBRadio* s = new CCBRadio;   // never started: no thread, device or bus
-            s->mServiceRegistered.store(true, relaxed);
-            return s;
-        }();
-        return *service;
-    }
+CCBRadio& radio()
+{
+    static CCBRadio* service = [] {
+        CCBRadio* s = new CCBRadio;  // never started: no thread, device or bus
+        s->mServiceRegistered.store(true, relaxed);
+        return s;
+    }();
+    return *service;
+}
 
-    void check(bool condition)
-    {
-        if (!condition)
-            std::abort();
-    }
+void check(bool condition)
+{
+    if (!condition)
+        std::abort();
+}
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -50,8 +50,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 
     // A context the library never issued: results and frees must fail, not crash.
     SVCIPC_tReqContext context = reinterpret_cast<SVCIPC_tReqContext>(static_cast<uintptr_t>(0x5A5A5A5A));
-    CCBRadio::handleCBRadioRequest(context, (flags & 4) != 0 ? nullptr : method.c_str(), params.c_str(),
-                                   flags >> 7, nullptr);
+    CCBRadio::handleCBRadioRequest(context, (flags & 4) != 0 ? nullptr : method.c_str(), params.c_str(), flags >> 7,
+                                   nullptr);
 
     for (const auto& preset : CCBRadio::mCBRPreset)
         check(preset.load(relaxed) >= 0 && preset.load(relaxed) <= 40);

@@ -16,19 +16,19 @@
 
 namespace
 {
-    const std::memory_order relaxed = std::memory_order_relaxed;
+const std::memory_order relaxed = std::memory_order_relaxed;
 
-    CCBRadio& radio()
-    {
-        static CCBRadio* service = new CCBRadio;   // never started: no thread, device or bus
-        return *service;
-    }
+CCBRadio& radio()
+{
+    static CCBRadio* service = new CCBRadio;  // never started: no thread, device or bus
+    return *service;
+}
 
-    void check(bool condition)
-    {
-        if (!condition)
-            std::abort();
-    }
+void check(bool condition)
+{
+    if (!condition)
+        std::abort();
+}
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)

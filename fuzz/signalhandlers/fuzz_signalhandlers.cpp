@@ -21,83 +21,83 @@
 
 namespace
 {
-    typedef void (*tSignal)(const char*, const char*, SVCIPC_tUserToken);
-    typedef void (*tCompletion)(const SVCIPC_tCallbackStatus*, const char*, SVCIPC_tUserToken);
-    typedef void (*tOwner)(const char*, const char*, const char*, SVCIPC_tUserToken);
+typedef void (*tSignal)(const char*, const char*, SVCIPC_tUserToken);
+typedef void (*tCompletion)(const SVCIPC_tCallbackStatus*, const char*, SVCIPC_tUserToken);
+typedef void (*tOwner)(const char*, const char*, const char*, SVCIPC_tUserToken);
 
-    struct Callback
-    {
-        const char* ownName;
-        tSignal signal;
-        tCompletion completion;
-        tOwner owner;
-    };
+struct Callback
+{
+    const char* ownName;
+    tSignal signal;
+    tCompletion completion;
+    tOwner owner;
+};
 
-    const Callback CALLBACKS[] = {
-        {"function_sw_9", &CCBRadio::onRiderPTTSignal, nullptr, nullptr},
-        {"function_sw_15", &CCBRadio::onPassengerPTTSignal, nullptr, nullptr},
-        {"voxDetectedState", &CCBRadio::onVoxDetectedStateSignal, nullptr, nullptr},
-        {"powerMode", &CCBRadio::onPowerModeSignal, nullptr, nullptr},
-        {"ttsAvailable", &CCBRadio::onttsAvailableSignal, nullptr, nullptr},
-        {"interruptSrc", &CCBRadio::oninterruptSrcStateSignal, nullptr, nullptr},
-        {"audioRoutingStatus", &CCBRadio::onAudioRoutingStatusSignal, nullptr, nullptr},
-        {"rearControllerState", &CCBRadio::onRearControllerStateSignal, nullptr, nullptr},
-        {"diagInspectionModeStatus", &CCBRadio::ondiagInspectionModeStatusSignal, nullptr, nullptr},
-        {"", nullptr, &CCBRadio::onCBRadioPersistDataRead, nullptr},
-        {"", nullptr, &CCBRadio::onCompletionCBRxAddInterruptSrc, nullptr},
-        {"", nullptr, &CCBRadio::onCompletionCBTxAddInterruptSrc, nullptr},
-        {"", nullptr, &CCBRadio::onCompletionCBRxRemoveInterruptSrc, nullptr},
-        {"", nullptr, &CCBRadio::onCompletionCBTxRemoveInterruptSrc, nullptr},
-        {"", nullptr, &CCBRadio::onCompletionSetDeviceState, nullptr},
-        {"", nullptr, &CCBRadio::onCompletionttsRequest, nullptr},
-        {"", nullptr, nullptr, &CCBRadio::onNotifyPERSISTAvailability},
-        {"", nullptr, nullptr, &CCBRadio::onNotifyAudioManagerAvailability},
-    };
-    const size_t CALLBACK_COUNT = sizeof(CALLBACKS) / sizeof(CALLBACKS[0]);
-    const std::memory_order relaxed = std::memory_order_relaxed;
+const Callback CALLBACKS[] = {
+    {"function_sw_9", &CCBRadio::onRiderPTTSignal, nullptr, nullptr},
+    {"function_sw_15", &CCBRadio::onPassengerPTTSignal, nullptr, nullptr},
+    {"voxDetectedState", &CCBRadio::onVoxDetectedStateSignal, nullptr, nullptr},
+    {"powerMode", &CCBRadio::onPowerModeSignal, nullptr, nullptr},
+    {"ttsAvailable", &CCBRadio::onttsAvailableSignal, nullptr, nullptr},
+    {"interruptSrc", &CCBRadio::oninterruptSrcStateSignal, nullptr, nullptr},
+    {"audioRoutingStatus", &CCBRadio::onAudioRoutingStatusSignal, nullptr, nullptr},
+    {"rearControllerState", &CCBRadio::onRearControllerStateSignal, nullptr, nullptr},
+    {"diagInspectionModeStatus", &CCBRadio::ondiagInspectionModeStatusSignal, nullptr, nullptr},
+    {"", nullptr, &CCBRadio::onCBRadioPersistDataRead, nullptr},
+    {"", nullptr, &CCBRadio::onCompletionCBRxAddInterruptSrc, nullptr},
+    {"", nullptr, &CCBRadio::onCompletionCBTxAddInterruptSrc, nullptr},
+    {"", nullptr, &CCBRadio::onCompletionCBRxRemoveInterruptSrc, nullptr},
+    {"", nullptr, &CCBRadio::onCompletionCBTxRemoveInterruptSrc, nullptr},
+    {"", nullptr, &CCBRadio::onCompletionSetDeviceState, nullptr},
+    {"", nullptr, &CCBRadio::onCompletionttsRequest, nullptr},
+    {"", nullptr, nullptr, &CCBRadio::onNotifyPERSISTAvailability},
+    {"", nullptr, nullptr, &CCBRadio::onNotifyAudioManagerAvailability},
+};
+const size_t CALLBACK_COUNT = sizeof(CALLBACKS) / sizeof(CALLBACKS[0]);
+const std::memory_order relaxed = std::memory_order_relaxed;
 
-    CCBRadio& radio()
-    {
-        static CCBRadio* service = new CCBRadio();   // lives for the whole run, like in the daemon
-        return *service;
-    }
+CCBRadio& radio()
+{
+    static CCBRadio* service = new CCBRadio();  // lives for the whole run, like in the daemon
+    return *service;
+}
 
-    void setState(uint8_t flags, uint8_t mode)
-    {
-        CCBRadio::mCBRStatus.store((flags & 0x01) ? 1 : 0, relaxed);
-        CCBRadio::mCBRHWConnectionStatus.store((flags & 0x02) ? 1 : 0, relaxed);
-        CCBRadio::mheadset_r_status.store((flags & 0x04) ? 1 : 0, relaxed);
-        CCBRadio::mheadset_p_status.store((flags & 0x08) ? 1 : 0, relaxed);
-        CCBRadio::mRearControlStatus.store((flags & 0x10) ? 1 : 0, relaxed);
-        radio().mServiceRegistered.store((flags & 0x20) != 0, relaxed);
-        CCBRadio::mCBRVoxDetectStatus.store((flags & 0x40) ? 1 : 0, relaxed);
-        CCBRadio::mWAttsReadonoff.store((flags & 0x80) != 0, relaxed);
-        CCBRadio::mCBRPowerModeValue.store(static_cast<signed char>(mode), relaxed);
-        CCBRadio::mHuInspectionMode.store(mode % 3, relaxed);
-        CCBRadio::mCBRWeatherAlertStatus.store(1, relaxed);
-        CCBRadio::mCBRWeatherAlertChannelNumber.store(mode % 9, relaxed);
-        CCBRadio::ttsReadRequest.store(0, relaxed);
-        CCBRadio::mAudioManagerServiceAvailStatus.store((mode & 0x80) == 0, relaxed);
-    }
+void setState(uint8_t flags, uint8_t mode)
+{
+    CCBRadio::mCBRStatus.store((flags & 0x01) ? 1 : 0, relaxed);
+    CCBRadio::mCBRHWConnectionStatus.store((flags & 0x02) ? 1 : 0, relaxed);
+    CCBRadio::mheadset_r_status.store((flags & 0x04) ? 1 : 0, relaxed);
+    CCBRadio::mheadset_p_status.store((flags & 0x08) ? 1 : 0, relaxed);
+    CCBRadio::mRearControlStatus.store((flags & 0x10) ? 1 : 0, relaxed);
+    radio().mServiceRegistered.store((flags & 0x20) != 0, relaxed);
+    CCBRadio::mCBRVoxDetectStatus.store((flags & 0x40) ? 1 : 0, relaxed);
+    CCBRadio::mWAttsReadonoff.store((flags & 0x80) != 0, relaxed);
+    CCBRadio::mCBRPowerModeValue.store(static_cast<signed char>(mode), relaxed);
+    CCBRadio::mHuInspectionMode.store(mode % 3, relaxed);
+    CCBRadio::mCBRWeatherAlertStatus.store(1, relaxed);
+    CCBRadio::mCBRWeatherAlertChannelNumber.store(mode % 9, relaxed);
+    CCBRadio::ttsReadRequest.store(0, relaxed);
+    CCBRadio::mAudioManagerServiceAvailStatus.store((mode & 0x80) == 0, relaxed);
+}
 
-    // Splits off the text up to the next zero byte (or the end).
-    std::string take(const uint8_t*& data, size_t& size)
-    {
-        size_t n = 0;
-        while (n < size && data[n] != 0)
-            ++n;
-        std::string text(reinterpret_cast<const char*>(data), n);
-        const size_t used = n < size ? n + 1 : n;
-        data += used;
-        size -= used;
-        return text;
-    }
+// Splits off the text up to the next zero byte (or the end).
+std::string take(const uint8_t*& data, size_t& size)
+{
+    size_t n = 0;
+    while (n < size && data[n] != 0)
+        ++n;
+    std::string text(reinterpret_cast<const char*>(data), n);
+    const size_t used = n < size ? n + 1 : n;
+    data += used;
+    size -= used;
+    return text;
+}
 
-    void check(bool condition)
-    {
-        if (!condition)
-            std::abort();
-    }
+void check(bool condition)
+{
+    if (!condition)
+        std::abort();
+}
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)

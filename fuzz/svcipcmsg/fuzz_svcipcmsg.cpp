@@ -15,8 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (!data || size == 0 || size > (1u << 27))
         return 0;
-    DBusMessage* msg = dbus_message_demarshal(reinterpret_cast<const char*>(data),
-                                              static_cast<int>(size), nullptr);
+    DBusMessage* msg = dbus_message_demarshal(reinterpret_cast<const char*>(data), static_cast<int>(size), nullptr);
     if (!msg)
         return 0;
     const std::string service = "com.quorin.service.CBRadioService";
@@ -29,9 +28,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         bool served = false;
         for (const std::string& p : paths)
             served = served || p == in.path;
-        svcipc::CallDecision d =
-            svcipc::routeCall(in, served ? &service : nullptr, served ? &interfaces : nullptr,
-                              [&] { return paths; });
+        svcipc::CallDecision d = svcipc::routeCall(in, served ? &service : nullptr, served ? &interfaces : nullptr,
+                                                   [&] { return paths; });
         if (d.route == svcipc::Route::ToService && !svcipc::isValidText(in.text))
             __builtin_trap();  // the request callback must only ever see valid text
         DBusMessage* reply = svcipc::buildReply(msg, in, d);

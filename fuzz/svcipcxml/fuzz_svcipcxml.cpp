@@ -16,8 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (!svcipc::parseDescription(text.c_str(), first))
         return 0;
     svcipc::InterfaceDescription again;
-    if (!svcipc::parseDescription(first.xml.c_str(), again) || again.xml != first.xml
-        || again.methods != first.methods)
+    if (!svcipc::parseDescription(first.xml.c_str(), again) || again.xml != first.xml || again.methods != first.methods)
         __builtin_trap();
     for (const std::string& method : first.methods)
         if (!first.hasMethod(method.c_str()))

@@ -13,46 +13,45 @@
 
 namespace
 {
-    class CDroppingChannel : public IJTTraceChannel
+class CDroppingChannel : public IJTTraceChannel
+{
+public:
+    bool writeMessage(const CJTTraceMessageData& message) override
     {
-    public:
-        bool writeMessage(const CJTTraceMessageData& message) override
-        {
-            CJTByteStream out;
-            message.serialize(out);
-            return out.getSize() == message.getSerializedSize();
-        }
-        bool connect() override { return true; }
-        void disconnect() override {}
-        bool getTraceServerVersion(CJTVersion& version) override
-        {
-            version = CJTVersion(1, 0, 0);
-            return true;
-        }
-        bool isConnected() const override { return true; }
-    };
-
-    int readAll(int argument);
-    CJTTraceCallbackDef gsAll(readAll, "Fuzz_all", "reads every parameter row");
-    CJTTraceCallbackParam gsInt(gsAll, "int", CJTTraceCallbackParam::TYPE_INT);
-    CJTTraceCallbackParam gsString(gsAll, "string", CJTTraceCallbackParam::TYPE_STRING);
-    CJTTraceCallbackParam gsArray(gsAll, "array", CJTTraceCallbackParam::TYPE_ARRAY);
-    CJTTraceCallbackParam gsOther(gsAll, "other", 7);
-    CJTTraceCallbackRetVal gsOut(gsAll, "out", CJTTraceCallbackParam::TYPE_STRING);
-    CJTTraceScopeDef gsScope("Fuzz_scope", "one");
-
-    int readAll(int argument)
-    {
-        int sum = argument;
-        for (uint16_t row = 0; row < 4; ++row)
-        {
-            sum += gsInt.getInt(row);
-            sum += static_cast<int>(gsString.getString(row).getByteCount());
-            sum += static_cast<int>(gsArray.getByteStream(row).getSize());
-            gsOut.returnString(gsString.getString(row).c_str());
-        }
-        return sum;
+        CJTByteStream out;
+        message.serialize(out);
+        return out.getSize() == message.getSerializedSize();
     }
+    bool connect() override { return true; }
+    void disconnect() override {}
+    bool getTraceServerVersion(CJTVersion& version) override
+    {
+        version = CJTVersion(1, 0, 0);
+        return true;
+    }
+    bool isConnected() const override { return true; }
+};
+
+int readAll(int argument);
+CJTTraceCallbackDef gsAll(readAll, "Fuzz_all", "reads every parameter row");
+CJTTraceCallbackParam gsInt(gsAll, "int", CJTTraceCallbackParam::TYPE_INT);
+CJTTraceCallbackParam gsString(gsAll, "string", CJTTraceCallbackParam::TYPE_STRING);
+CJTTraceCallbackParam gsArray(gsAll, "array", CJTTraceCallbackParam::TYPE_ARRAY);
+CJTTraceCallbackParam gsOther(gsAll, "other", 7);
+CJTTraceCallbackRetVal gsOut(gsAll, "out", CJTTraceCallbackParam::TYPE_STRING);
+CJTTraceScopeDef gsScope("Fuzz_scope", "one");
+
+int readAll(int argument)
+{
+    int sum = argument;
+    for (uint16_t row = 0; row < 4; ++row) {
+        sum += gsInt.getInt(row);
+        sum += static_cast<int>(gsString.getString(row).getByteCount());
+        sum += static_cast<int>(gsArray.getByteStream(row).getSize());
+        gsOut.returnString(gsString.getString(row).c_str());
+    }
+    return sum;
+}
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)

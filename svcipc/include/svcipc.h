@@ -64,9 +64,9 @@ extern "C" {
  * Basic types
  * ------------------------------------------------------------------------------------------- */
 
-typedef int32_t  SVCIPC_tBool;    /* 0 false, anything else true */
+typedef int32_t SVCIPC_tBool; /* 0 false, anything else true */
 typedef uint32_t SVCIPC_tUInt32;
-typedef int32_t  SVCIPC_tInt32;
+typedef int32_t SVCIPC_tInt32;
 
 /* The caller's own value, handed back untouched to the callback it was given with. Functions take
  * it as `const void*` so that a string literal can serve as a token. */
@@ -74,9 +74,9 @@ typedef void* SVCIPC_tUserToken;
 
 /* Opaque handles. 0 (NULL) is never a valid handle. */
 typedef struct SVCIPC_sConnection* SVCIPC_tConnection; /* a bus connection */
-typedef struct SVCIPC_sSvcReg*     SVCIPC_tSvcRegHnd;  /* a registered service */
-typedef struct SVCIPC_sSigSub*     SVCIPC_tSigSubHnd;  /* a signal subscription or owner watch */
-typedef void*                      SVCIPC_tReqContext; /* one received method call */
+typedef struct SVCIPC_sSvcReg* SVCIPC_tSvcRegHnd;      /* a registered service */
+typedef struct SVCIPC_sSigSub* SVCIPC_tSigSubHnd;      /* a signal subscription or owner watch */
+typedef void* SVCIPC_tReqContext;                      /* one received method call */
 
 /* ---------------------------------------------------------------------------------------------
  * Statuses
@@ -94,31 +94,35 @@ typedef int32_t SVCIPC_tError;
 #define SVCIPC_SEVERITY_FATAL   3u
 
 #define SVCIPC_MAKE_STATUS(severity, code) \
-    ((SVCIPC_tError)((((uint32_t)(severity) & 3u) << 30) | ((uint32_t)(code) & 0x0FFFFFFFu)))
+    ((SVCIPC_tError)((((uint32_t)(severity)&3u) << 30) | ((uint32_t)(code)&0x0FFFFFFFu)))
 #define SVCIPC_GET_SEVERITY(status) (((uint32_t)(status)) >> 30)
 #define SVCIPC_GET_CODE(status)     (((uint32_t)(status)) & 0x0FFFFFFFu)
 #define SVCIPC_IS_ERROR(status)     (SVCIPC_GET_SEVERITY(status) >= SVCIPC_SEVERITY_ERROR)
 #define SVCIPC_IS_SUCCESS(status)   (!SVCIPC_IS_ERROR(status))
 
 /* Error codes (the low 28 bits of a failure status). */
-#define SVCIPC_ERROR_NONE             0u  /* success */
-#define SVCIPC_ERROR_NOT_INITIALIZED  1u  /* SVCIPC_initialize was not called (or shut down) */
-#define SVCIPC_ERROR_NO_MEMORY        2u  /* an allocation failed (fatal) */
-#define SVCIPC_ERROR_BAD_ARGUMENT     3u  /* null output pointer, invalid bus name, path, member,
+#define SVCIPC_ERROR_NONE            0u /* success */
+#define SVCIPC_ERROR_NOT_INITIALIZED 1u /* SVCIPC_initialize was not called (or shut down) */
+#define SVCIPC_ERROR_NO_MEMORY       2u /* an allocation failed (fatal) */
+#define SVCIPC_ERROR_BAD_ARGUMENT \
+    3u /* null output pointer, invalid bus name, path, member,
                                              text that is not UTF-8, unknown bus type or flag */
-#define SVCIPC_ERROR_BAD_HANDLE       4u  /* handle never issued, already closed/freed, or of
+#define SVCIPC_ERROR_BAD_HANDLE \
+    4u /* handle never issued, already closed/freed, or of
                                              another kind */
-#define SVCIPC_ERROR_NO_CONNECTION    5u  /* the bus could not be reached: no address in the
+#define SVCIPC_ERROR_NO_CONNECTION \
+    5u                                      /* the bus could not be reached: no address in the
                                              environment, daemon not running, refused */
-#define SVCIPC_ERROR_DISCONNECTED     6u  /* the connection to the bus daemon was lost */
-#define SVCIPC_ERROR_NAME_TAKEN       7u  /* the bus name is owned by another connection */
-#define SVCIPC_ERROR_ALREADY_REGISTERED 8u /* this connection already serves that name or path */
-#define SVCIPC_ERROR_TIMEOUT          9u  /* no reply within the time-out */
-#define SVCIPC_ERROR_NO_SERVICE      10u  /* the called bus name has no owner */
-#define SVCIPC_ERROR_REMOTE          11u  /* the peer answered with an error reply; see
+#define SVCIPC_ERROR_DISCONNECTED       6u  /* the connection to the bus daemon was lost */
+#define SVCIPC_ERROR_NAME_TAKEN         7u  /* the bus name is owned by another connection */
+#define SVCIPC_ERROR_ALREADY_REGISTERED 8u  /* this connection already serves that name or path */
+#define SVCIPC_ERROR_TIMEOUT            9u  /* no reply within the time-out */
+#define SVCIPC_ERROR_NO_SERVICE         10u /* the called bus name has no owner */
+#define SVCIPC_ERROR_REMOTE \
+    11u                                 /* the peer answered with an error reply; see
                                              SVCIPC_getLastErrorName / errName */
-#define SVCIPC_ERROR_NOT_REGISTERED  12u  /* SVCIPC_asyncEmit on a connection serving nothing */
-#define SVCIPC_ERROR_INTERNAL        13u  /* libdbus refused an operation for another reason */
+#define SVCIPC_ERROR_NOT_REGISTERED 12u /* SVCIPC_asyncEmit on a connection serving nothing */
+#define SVCIPC_ERROR_INTERNAL       13u /* libdbus refused an operation for another reason */
 
 #define SVCIPC_ERR(code)   SVCIPC_MAKE_STATUS(SVCIPC_SEVERITY_ERROR, (code))
 #define SVCIPC_FATAL(code) SVCIPC_MAKE_STATUS(SVCIPC_SEVERITY_FATAL, (code))
@@ -145,19 +149,19 @@ typedef int32_t SVCIPC_tError;
  * only during the callback. */
 typedef struct SVCIPC_sCallbackStatus
 {
-    SVCIPC_tInt32 errCode;  /* 0: the call completed; else the error code (SVCIPC_ERROR_TIMEOUT,
+    SVCIPC_tInt32 errCode; /* 0: the call completed; else the error code (SVCIPC_ERROR_TIMEOUT,
                                SVCIPC_ERROR_REMOTE, SVCIPC_ERROR_NO_SERVICE,
                                SVCIPC_ERROR_DISCONNECTED, ...) */
-    const char* result;     /* the reply text; "" when there is none or the call failed */
-    SVCIPC_tError status;   /* the full status: 0, or SVCIPC_ERR(errCode) */
-    const char* errName;    /* on an error reply the bus error name, else "" */
-    const char* errMsg;     /* on an error reply its message, else "" */
+    const char* result;    /* the reply text; "" when there is none or the call failed */
+    SVCIPC_tError status;  /* the full status: 0, or SVCIPC_ERR(errCode) */
+    const char* errName;   /* on an error reply the bus error name, else "" */
+    const char* errMsg;    /* on an error reply its message, else "" */
 } SVCIPC_tCallbackStatus;
 
 /* The reply of a blocking SVCIPC_invoke; owned by the caller until SVCIPC_freeResponse. */
 typedef struct SVCIPC_sResponse
 {
-    const char* result;     /* the reply's first string argument; "" when there is none */
+    const char* result; /* the reply's first string argument; "" when there is none */
 } SVCIPC_tResponse;
 
 /* ---------------------------------------------------------------------------------------------
@@ -169,22 +173,19 @@ typedef struct SVCIPC_sResponse
  * for no reply. The context stays valid until SVCIPC_freeReqContext, which the service must call
  * exactly once, with or without a result (without one the library answers with an error); the
  * result may be returned later from any thread. The texts are valid during the callback only. */
-typedef void (*SVCIPC_tRequestCallback)(SVCIPC_tReqContext context, const char* method,
-                                        const char* parms, SVCIPC_tBool noReplyExpected,
-                                        SVCIPC_tUserToken token);
+typedef void (*SVCIPC_tRequestCallback)(SVCIPC_tReqContext context, const char* method, const char* parms,
+                                        SVCIPC_tBool noReplyExpected, SVCIPC_tUserToken token);
 
 /* A subscribed signal arrived: its member name and its first (string) argument. */
-typedef void (*SVCIPC_tSignalCallback)(const char* sigName, const char* data,
-                                       SVCIPC_tUserToken token);
+typedef void (*SVCIPC_tSignalCallback)(const char* sigName, const char* data, SVCIPC_tUserToken token);
 
 /* The owner of a watched bus name changed. Owners are unique connection names; "" where the name
  * had (oldOwner) or has (newOwner) no owner. */
-typedef void (*SVCIPC_tNameOwnerChangedCallback)(const char* busName, const char* oldOwner,
-                                                 const char* newOwner, SVCIPC_tUserToken token);
+typedef void (*SVCIPC_tNameOwnerChangedCallback)(const char* busName, const char* oldOwner, const char* newOwner,
+                                                 SVCIPC_tUserToken token);
 
 /* A fire-and-forget operation (result or signal) was handed to the bus, or failed. */
-typedef void (*SVCIPC_tStatusCallback)(const SVCIPC_tCallbackStatus* status,
-                                       SVCIPC_tUserToken token);
+typedef void (*SVCIPC_tStatusCallback)(const SVCIPC_tCallbackStatus* status, SVCIPC_tUserToken token);
 
 /* An asynchronous invoke completed: `result` equals status->result. */
 typedef void (*SVCIPC_tResultCallback)(const SVCIPC_tCallbackStatus* status, const char* result,
@@ -211,8 +212,7 @@ SVCIPC_tError SVCIPC_shutdown(void);
  * nonzero, all callers share one underlying connection per bus; each call still returns a handle
  * of its own, to be closed once. Errors: SVCIPC_ERR_NOT_INITIALIZED, SVCIPC_ERR_BAD_ARGUMENT,
  * SVCIPC_ERR_NO_CONNECTION. */
-SVCIPC_tError SVCIPC_getConnection(SVCIPC_tUInt32 connType, SVCIPC_tBool openPrivate,
-                                   SVCIPC_tConnection* conn);
+SVCIPC_tError SVCIPC_getConnection(SVCIPC_tUInt32 connType, SVCIPC_tBool openPrivate, SVCIPC_tConnection* conn);
 
 /* Closes a handle from SVCIPC_getConnection. When it was the last handle of its underlying
  * connection, that connection's services are unregistered, its subscriptions end, blocking calls
@@ -232,8 +232,7 @@ SVCIPC_tError SVCIPC_closeConnection(SVCIPC_tConnection conn);
  * at once (on a library thread). The callback is shared by every handle of the same underlying
  * connection. Errors: SVCIPC_ERR_BAD_HANDLE. */
 typedef void (*SVCIPC_tConnectionLostCallback)(SVCIPC_tUserToken token);
-SVCIPC_tError SVCIPC_setConnectionLostCallback(SVCIPC_tConnection conn,
-                                               SVCIPC_tConnectionLostCallback onLost,
+SVCIPC_tError SVCIPC_setConnectionLostCallback(SVCIPC_tConnection conn, SVCIPC_tConnectionLostCallback onLost,
                                                const void* token);
 
 /* ---------------------------------------------------------------------------------------------
@@ -247,9 +246,8 @@ SVCIPC_tError SVCIPC_setConnectionLostCallback(SVCIPC_tConnection conn,
  * function returns. Errors: SVCIPC_ERR_BAD_HANDLE, SVCIPC_ERR_BAD_ARGUMENT,
  * SVCIPC_ERR_NAME_TAKEN (owned by another connection), SVCIPC_ERR_ALREADY_REGISTERED (this
  * connection already serves the name or the path), SVCIPC_ERR_TIMEOUT, SVCIPC_ERR_DISCONNECTED. */
-SVCIPC_tError SVCIPC_registerService(SVCIPC_tConnection conn, const char* busName,
-                                     const char* objPath, SVCIPC_tUInt32 flags,
-                                     SVCIPC_tRequestCallback onRequest, const void* token,
+SVCIPC_tError SVCIPC_registerService(SVCIPC_tConnection conn, const char* busName, const char* objPath,
+                                     SVCIPC_tUInt32 flags, SVCIPC_tRequestCallback onRequest, const void* token,
                                      SVCIPC_tSvcRegHnd* regHnd);
 
 /* Hands the library the interface description of the object `objPath`: D-Bus introspection XML
@@ -266,8 +264,7 @@ SVCIPC_tError SVCIPC_registerService(SVCIPC_tConnection conn, const char* busNam
  * 32 levels deep) and every interface and method must have a valid name.
  * Errors: SVCIPC_ERR_BAD_HANDLE, SVCIPC_ERR_BAD_ARGUMENT (bad path; null, malformed or non-UTF-8
  * text; no interface in it). */
-SVCIPC_tError SVCIPC_setInterfaceDescription(SVCIPC_tConnection conn, const char* objPath,
-                                             const char* xml);
+SVCIPC_tError SVCIPC_setInterfaceDescription(SVCIPC_tConnection conn, const char* objPath, const char* xml);
 
 /* Releases the bus name and the object path; later calls are answered
  * "org.freedesktop.DBus.Error.UnknownObject". Request contexts already handed out stay usable.
@@ -282,8 +279,8 @@ SVCIPC_tError SVCIPC_unregisterService(SVCIPC_tSvcRegHnd regHnd);
  * returned success: asked for from a callback, right after that callback on the same thread;
  * from another thread, soon, several sharing one wake-up. A null `onStatus` costs nothing.
  * Errors: SVCIPC_ERR_BAD_HANDLE, SVCIPC_ERR_BAD_ARGUMENT (not UTF-8), SVCIPC_ERR_DISCONNECTED. */
-SVCIPC_tError SVCIPC_asyncReturnResult(SVCIPC_tReqContext context, const char* result,
-                                       SVCIPC_tStatusCallback onStatus, const void* token);
+SVCIPC_tError SVCIPC_asyncReturnResult(SVCIPC_tReqContext context, const char* result, SVCIPC_tStatusCallback onStatus,
+                                       const void* token);
 
 /* Frees a request context. A call whose context is freed without a result (SVCIPC_asyncReturnResult
  * never succeeded for it) is answered at once with an error, so that its caller never waits out
@@ -313,8 +310,7 @@ SVCIPC_tError SVCIPC_asyncEmit(SVCIPC_tConnection conn, const char* sigName, con
  * missed. Errors: SVCIPC_ERR_BAD_HANDLE, SVCIPC_ERR_BAD_ARGUMENT (also a path that spells no bus
  * name, such as "/a"), SVCIPC_ERR_TIMEOUT, SVCIPC_ERR_DISCONNECTED. */
 SVCIPC_tError SVCIPC_subscribe(SVCIPC_tConnection conn, const char* objPath, const char* sigName,
-                               SVCIPC_tSignalCallback onSignal, const void* token,
-                               SVCIPC_tSigSubHnd* subHnd);
+                               SVCIPC_tSignalCallback onSignal, const void* token, SVCIPC_tSigSubHnd* subHnd);
 
 /* Ends a subscription or an owner watch; no callback for it starts after this returns (one that
  * is running is waited for only briefly, see "Stopping" above). Errors: SVCIPC_ERR_BAD_HANDLE. */
@@ -324,14 +320,14 @@ SVCIPC_tError SVCIPC_unsubscribe(SVCIPC_tSigSubHnd subHnd);
  * at the time of the call; ask SVCIPC_nameHasOwner for that). Ended with SVCIPC_unsubscribe.
  * Errors: as SVCIPC_subscribe. */
 SVCIPC_tError SVCIPC_subscribeOwnerChanged(SVCIPC_tConnection conn, const char* busName,
-                                           SVCIPC_tNameOwnerChangedCallback onOwnerChanged,
-                                           const void* token, SVCIPC_tSigSubHnd* subHnd);
+                                           SVCIPC_tNameOwnerChangedCallback onOwnerChanged, const void* token,
+                                           SVCIPC_tSigSubHnd* subHnd);
 
 /* Asks the bus whether `busName` has an owner now; `*hasOwner` is set to 1 or 0. `msecTimeout` 0
  * means the default time-out. Errors: SVCIPC_ERR_BAD_HANDLE, SVCIPC_ERR_BAD_ARGUMENT,
  * SVCIPC_ERR_TIMEOUT, SVCIPC_ERR_DISCONNECTED. */
-SVCIPC_tError SVCIPC_nameHasOwner(SVCIPC_tConnection conn, const char* busName,
-                                  SVCIPC_tBool* hasOwner, SVCIPC_tUInt32 msecTimeout);
+SVCIPC_tError SVCIPC_nameHasOwner(SVCIPC_tConnection conn, const char* busName, SVCIPC_tBool* hasOwner,
+                                  SVCIPC_tUInt32 msecTimeout);
 
 /* ---------------------------------------------------------------------------------------------
  * Method calls
@@ -349,9 +345,9 @@ SVCIPC_tError SVCIPC_nameHasOwner(SVCIPC_tConnection conn, const char* busName,
  * then in SVCIPC_getLastErrorName), SVCIPC_ERR_DISCONNECTED. The call goes out on the
  * connection itself, and the calling thread reads the reply itself while no library thread
  * reads the connection (see "Threads" above). */
-SVCIPC_tError SVCIPC_invoke(SVCIPC_tConnection conn, const char* busName, const char* objPath,
-                            const char* method, const char* parms, SVCIPC_tBool noReplyExpected,
-                            SVCIPC_tUInt32 msecTimeout, SVCIPC_tResponse** response);
+SVCIPC_tError SVCIPC_invoke(SVCIPC_tConnection conn, const char* busName, const char* objPath, const char* method,
+                            const char* parms, SVCIPC_tBool noReplyExpected, SVCIPC_tUInt32 msecTimeout,
+                            SVCIPC_tResponse** response);
 
 /* Sends the same call without waiting. Unless `noReplyExpected` is nonzero, `onResult` (may be
  * null) is called once on a dispatch thread with the reply, or with SVCIPC_ERROR_TIMEOUT after
@@ -359,9 +355,8 @@ SVCIPC_tError SVCIPC_invoke(SVCIPC_tConnection conn, const char* busName, const 
  * called only when this function returned success. Errors: SVCIPC_ERR_BAD_HANDLE,
  * SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_ERR_DISCONNECTED, SVCIPC_ERR_INTERNAL (no library thread could
  * be started to complete it). */
-SVCIPC_tError SVCIPC_asyncInvoke(SVCIPC_tConnection conn, const char* busName,
-                                 const char* objPath, const char* method, const char* parms,
-                                 SVCIPC_tBool noReplyExpected, SVCIPC_tUInt32 msecTimeout,
+SVCIPC_tError SVCIPC_asyncInvoke(SVCIPC_tConnection conn, const char* busName, const char* objPath, const char* method,
+                                 const char* parms, SVCIPC_tBool noReplyExpected, SVCIPC_tUInt32 msecTimeout,
                                  SVCIPC_tResultCallback onResult, const void* token);
 
 /* Frees a reply from SVCIPC_invoke. Errors: SVCIPC_ERR_BAD_HANDLE (null, or not a live reply). */

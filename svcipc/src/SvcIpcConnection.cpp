@@ -69,8 +69,7 @@ DBusConnection* openBus(const char* address)
 
 DBusMessage* busCall(const char* method)
 {
-    return dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS,
-                                        method);
+    return dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, method);
 }
 
 // A call of the bus daemon's `method` with one text argument; null when memory ran out.
@@ -93,9 +92,8 @@ void eraseFrom(std::vector<std::shared_ptr<T>>& all, const std::shared_ptr<T>& o
 
 int msUntil(std::chrono::steady_clock::time_point deadline)
 {
-    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
-                  deadline - std::chrono::steady_clock::now())
-                  .count();
+    auto ms =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
     return ms <= 0 ? 0 : static_cast<int>(std::min<long long>(ms + 1, 1 << 30));
 }
 }  // namespace
@@ -127,8 +125,7 @@ bool CallbackGate::close(std::chrono::milliseconds bound)
     mOpen = false;
     const std::thread::id self = std::this_thread::get_id();
     return mCond.wait_for(lock, bound, [&] {
-        return std::all_of(mInside.begin(), mInside.end(),
-                           [&](const std::thread::id& id) { return id == self; });
+        return std::all_of(mInside.begin(), mInside.end(), [&](const std::thread::id& id) { return id == self; });
     });
 }
 
@@ -213,9 +210,8 @@ void Connection::close()
     mCond.wait_for(lock, kCallbackGrace, [&] {
         if (mReading)
             return false;
-        return std::all_of(mWorkers.begin(), mWorkers.end(), [&](const auto& w) {
-            return w->exited || w->thread.get_id() == self;
-        });
+        return std::all_of(mWorkers.begin(), mWorkers.end(),
+                           [&](const auto& w) { return w->exited || w->thread.get_id() == self; });
     });
     std::vector<std::shared_ptr<Worker>> workers;
     workers.swap(mWorkers);
@@ -258,9 +254,7 @@ bool Connection::startWorkerLocked()
 {
     auto worker = std::make_shared<Worker>();
     try {
-        worker->thread = std::thread([self = shared_from_this(), worker] {
-            self->threadMain(worker);
-        });
+        worker->thread = std::thread([self = shared_from_this(), worker] { self->threadMain(worker); });
     } catch (const std::system_error&) {
         return false;
     }
@@ -369,8 +363,7 @@ void Connection::readAsWorkerLocked(std::unique_lock<std::mutex>& lock)
     mReading = true;
     mReaderIsWorker = true;
     const int timeoutMs = msUntilAsyncDeadlineLocked();
-    mReaderDeadline = timeoutMs < 0 ? Clock::time_point::max()
-                                    : Clock::now() + std::chrono::milliseconds(timeoutMs);
+    mReaderDeadline = timeoutMs < 0 ? Clock::time_point::max() : Clock::now() + std::chrono::milliseconds(timeoutMs);
     lock.unlock();
     readOnce(timeoutMs);
     lock.lock();
@@ -545,11 +538,9 @@ void Connection::sortIncoming(DBusMessage* msg)
         dbus_message_unref(msg);
 }
 
-bool Connection::takeReplyLocked(DBusMessage* msg, const Incoming& in,
-                                 std::unique_lock<std::mutex>& lock)
+bool Connection::takeReplyLocked(DBusMessage* msg, const Incoming& in, std::unique_lock<std::mutex>& lock)
 {
-    const SVCIPC_tError status =
-        in.kind == Kind::Reply ? 0 : SVCIPC_ERR(errorCodeForName(in.errName));
+    const SVCIPC_tError status = in.kind == Kind::Reply ? 0 : SVCIPC_ERR(errorCodeForName(in.errName));
     auto waiter = mWaiters.find(in.replySerial);
     if (waiter != mWaiters.end()) {
         waiter->second->done = true;
@@ -586,8 +577,7 @@ bool Connection::queueSignalLocked(DBusMessage* msg, const Incoming& in)
     // passes no rule, so only the bus daemon's own count.
     if (dbus_message_get_destination(msg) && !in.ownerChange)
         return false;
-    const bool wanted = std::any_of(mSubs.begin(), mSubs.end(),
-                                    [&](const auto& s) { return subscribed(*s, in); });
+    const bool wanted = std::any_of(mSubs.begin(), mSubs.end(), [&](const auto& s) { return subscribed(*s, in); });
     if (!wanted)
         return false;
     Work work;
@@ -605,8 +595,7 @@ std::vector<std::string> Connection::registeredPathsLocked() const
     return all;
 }
 
-bool Connection::routeCallLocked(DBusMessage* msg, const Incoming& in,
-                                 std::unique_lock<std::mutex>& lock)
+bool Connection::routeCallLocked(DBusMessage* msg, const Incoming& in, std::unique_lock<std::mutex>& lock)
 {
     std::shared_ptr<Registration> reg;
     for (const auto& r : mRegs)
@@ -664,8 +653,7 @@ void Connection::noteLossLocked()
 // ------------------------------------------------------------------------------------------------
 // Dispatching
 
-void Connection::handleCall(DBusMessage* msg, const Incoming& in,
-                            const std::shared_ptr<Registration>& reg)
+void Connection::handleCall(DBusMessage* msg, const Incoming& in, const std::shared_ptr<Registration>& reg)
 {
     // A registration being ended closes its gate before it lets go of its callback.
     if (reg && reg->gate.enter()) {
@@ -673,8 +661,8 @@ void Connection::handleCall(DBusMessage* msg, const Incoming& in,
         ctx->call = dbus_message_ref(msg);
         ctx->noReply = in.noReply;
         uintptr_t handle = Handles::add(HandleKind::Request, shared_from_this(), ctx);
-        reg->onRequest(reinterpret_cast<SVCIPC_tReqContext>(handle), in.member, in.text,
-                       in.noReply ? 1 : 0, reg->token);
+        reg->onRequest(reinterpret_cast<SVCIPC_tReqContext>(handle), in.member, in.text, in.noReply ? 1 : 0,
+                       reg->token);
         reg->gate.leave();
         return;
     }
@@ -831,20 +819,17 @@ SVCIPC_tError Connection::emit(const char* sigName, const char* data)
             return SVCIPC_ERR_NOT_REGISTERED;
         reg = mRegs.front();
     }
-    DBusMessage* msg =
-        dbus_message_new_signal(reg->objPath.c_str(), reg->busName.c_str(), sigName);
+    DBusMessage* msg = dbus_message_new_signal(reg->objPath.c_str(), reg->busName.c_str(), sigName);
     if (!msg)
         return SVCIPC_ERR_NO_MEMORY;
-    SVCIPC_tError status = dbus_message_append_args(msg, DBUS_TYPE_STRING, &data,
-                                                    DBUS_TYPE_INVALID)
+    SVCIPC_tError status = dbus_message_append_args(msg, DBUS_TYPE_STRING, &data, DBUS_TYPE_INVALID)
                                ? sendMessage(msg)
                                : SVCIPC_ERR_NO_MEMORY;
     dbus_message_unref(msg);
     return status;
 }
 
-SVCIPC_tError Connection::call(DBusMessage* msg, int timeoutMs, DBusMessage** reply,
-                               CallResult& result)
+SVCIPC_tError Connection::call(DBusMessage* msg, int timeoutMs, DBusMessage** reply, CallResult& result)
 {
     yieldDispatch();
     Waiter waiter;
@@ -895,8 +880,7 @@ SVCIPC_tError Connection::call(DBusMessage* msg, int timeoutMs, DBusMessage** re
     return 0;
 }
 
-SVCIPC_tError Connection::callAsync(DBusMessage* msg, int timeoutMs,
-                                    SVCIPC_tResultCallback onResult, void* token)
+SVCIPC_tError Connection::callAsync(DBusMessage* msg, int timeoutMs, SVCIPC_tResultCallback onResult, void* token)
 {
     std::lock_guard<std::mutex> lock(mMutex);
     if (!isConnected() || mStopping)
@@ -965,19 +949,16 @@ SVCIPC_tError Connection::addRegistration(const std::shared_ptr<Registration>& r
         dbus_uint32_t flags = DBUS_NAME_FLAG_DO_NOT_QUEUE;
         DBusMessage* reply = nullptr;
         CallResult result;
-        if (dbus_message_append_args(msg, DBUS_TYPE_STRING, &name, DBUS_TYPE_UINT32, &flags,
-                                     DBUS_TYPE_INVALID))
+        if (dbus_message_append_args(msg, DBUS_TYPE_STRING, &name, DBUS_TYPE_UINT32, &flags, DBUS_TYPE_INVALID))
             status = call(msg, kBusCallTimeoutMs, &reply, result);
         dbus_message_unref(msg);
         if (status != 0) {
             setLastError(result.errName, result.errMsg);
         } else {
             dbus_uint32_t code = 0;
-            if (!dbus_message_get_args(reply, nullptr, DBUS_TYPE_UINT32, &code,
-                                       DBUS_TYPE_INVALID))
+            if (!dbus_message_get_args(reply, nullptr, DBUS_TYPE_UINT32, &code, DBUS_TYPE_INVALID))
                 status = SVCIPC_ERR_INTERNAL;
-            else if (code != DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER
-                     && code != DBUS_REQUEST_NAME_REPLY_ALREADY_OWNER)
+            else if (code != DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER && code != DBUS_REQUEST_NAME_REPLY_ALREADY_OWNER)
                 status = SVCIPC_ERR_NAME_TAKEN;
             dbus_message_unref(reply);
         }
@@ -1041,8 +1022,7 @@ void Connection::removeSubscription(const std::shared_ptr<Subscription>& sub)
     dbus_message_unref(msg);
 }
 
-void Connection::setDescription(const char* objPath,
-                                std::shared_ptr<const InterfaceDescription> d)
+void Connection::setDescription(const char* objPath, std::shared_ptr<const InterfaceDescription> d)
 {
     std::lock_guard<std::mutex> lock(mMutex);
     mDescriptions[objPath] = std::move(d);

@@ -84,7 +84,7 @@ struct Registration
 struct Subscription
 {
     bool ownerWatch = false;
-    std::string path;     // signal subscriptions
+    std::string path;  // signal subscriptions
     std::string member;
     std::string busName;  // owner watches
     std::string rule;
@@ -147,8 +147,7 @@ public:
     // holds a reference to the method return (when `reply` is not null).
     SVCIPC_tError call(DBusMessage* msg, int timeoutMs, DBusMessage** reply, CallResult& result);
     // A call whose completion runs on a dispatch thread.
-    SVCIPC_tError callAsync(DBusMessage* msg, int timeoutMs, SVCIPC_tResultCallback onResult,
-                            void* token);
+    SVCIPC_tError callAsync(DBusMessage* msg, int timeoutMs, SVCIPC_tResultCallback onResult, void* token);
     // Calls `onStatus` with success on a dispatch thread, after the current callback when the
     // caller is the thread dispatching this connection.
     void complete(SVCIPC_tStatusCallback onStatus, void* token);
@@ -168,8 +167,7 @@ private:
         SVCIPC_tResultCallback onResult = nullptr;
         void* token = nullptr;
     };
-    enum class WorkKind
-    {
+    enum class WorkKind {
         Message,     // a call for a service or a subscribed signal
         Result,      // a reply to an asynchronous call (msg null: failed with `status`)
         Completion,  // a fire-and-forget operation was handed to the bus
@@ -178,8 +176,8 @@ private:
     struct Work
     {
         WorkKind kind = WorkKind::Message;
-        DBusMessage* msg = nullptr;  // owned reference
-        Incoming in;                 // points into msg
+        DBusMessage* msg = nullptr;         // owned reference
+        Incoming in;                        // points into msg
         std::shared_ptr<Registration> reg;  // a call's service, as found when it was read
         Pending pending;
         SVCIPC_tError status = 0;
@@ -259,18 +257,18 @@ private:
     std::vector<std::shared_ptr<Subscription>> mSubs;
     std::map<std::string, std::shared_ptr<const InterfaceDescription>, std::less<>> mDescriptions;
     std::unordered_map<uint32_t, Waiter*> mWaiters;  // by serial
-    std::map<uint32_t, Pending> mAsync;               // by serial
+    std::map<uint32_t, Pending> mAsync;              // by serial
     std::deque<Work> mWork;
     SVCIPC_tConnectionLostCallback mOnLost = nullptr;
     void* mLostToken = nullptr;
-    bool mLostOwed = false;       // the connection was lost and the callback has not run yet
-    bool mReading = false;        // someone holds the reader role
+    bool mLostOwed = false;  // the connection was lost and the callback has not run yet
+    bool mReading = false;   // someone holds the reader role
     bool mReaderIsWorker = false;
     Clock::time_point mReaderDeadline;  // when a reading worker's poll ends by itself
-    int mRoleWanted = 0;          // blocked callers waiting for the reader role or their reply
-    bool mDispatching = false;    // a worker holds the dispatcher role
-    int mIdle = 0;                // workers waiting for something to do
-    int mYielded = 0;             // workers inside a callback that gave the dispatcher role up
+    int mRoleWanted = 0;                // blocked callers waiting for the reader role or their reply
+    bool mDispatching = false;          // a worker holds the dispatcher role
+    int mIdle = 0;                      // workers waiting for something to do
+    int mYielded = 0;                   // workers inside a callback that gave the dispatcher role up
     std::vector<std::shared_ptr<Worker>> mWorkers;
 };
 

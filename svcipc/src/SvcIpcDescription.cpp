@@ -65,10 +65,7 @@ public:
     }
 
 private:
-    bool startsWith(const char* s) const
-    {
-        return std::strncmp(mText + mPos, s, std::strlen(s)) == 0;
-    }
+    bool startsWith(const char* s) const { return std::strncmp(mText + mPos, s, std::strlen(s)) == 0; }
 
     bool skipPast(const char* end)
     {

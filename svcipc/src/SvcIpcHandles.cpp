@@ -25,7 +25,7 @@ struct Table
 // a call never contends with the other handles.
 Table& table(HandleKind kind)
 {
-    static Table* main = new Table;      // both outlive every static and thread-local destructor
+    static Table* main = new Table;  // both outlive every static and thread-local destructor
     static Table* requests = new Table;
     return kind == HandleKind::Request ? *requests : *main;
 }
@@ -95,8 +95,7 @@ std::vector<std::shared_ptr<Connection>> connections()
     Table& t = table(HandleKind::Connection);
     std::lock_guard<std::mutex> lock(t.mutex);
     for (const auto& e : t.entries)
-        if (e.second.kind == HandleKind::Connection
-            && std::find(all.begin(), all.end(), e.second.conn) == all.end())
+        if (e.second.kind == HandleKind::Connection && std::find(all.begin(), all.end(), e.second.conn) == all.end())
             all.push_back(e.second.conn);
     return all;
 }

@@ -17,13 +17,7 @@ namespace svcipc
 
 class Connection;
 
-enum class HandleKind
-{
-    Connection,
-    Registration,
-    Subscription,
-    Request
-};
+enum class HandleKind { Connection, Registration, Subscription, Request };
 
 struct HandleEntry
 {

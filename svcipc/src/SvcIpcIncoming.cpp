@@ -45,8 +45,8 @@ bool firstString(DBusMessage* msg, bool scanAll, const char*& out)
 
 void readOwnerChange(DBusMessage* msg, Incoming& in)
 {
-    if (!same(in.sender, kBusName) || !same(in.interface, kBusName)
-        || !same(in.member, "NameOwnerChanged") || !same(in.signature, "sss"))
+    if (!same(in.sender, kBusName) || !same(in.interface, kBusName) || !same(in.member, "NameOwnerChanged") ||
+        !same(in.signature, "sss"))
         return;
     DBusMessageIter it;
     const char** fields[3] = {&in.ownerName, &in.oldOwner, &in.newOwner};
@@ -66,18 +66,17 @@ const char* const kIntrospectHeader =
     " \"http://www.freedesktop.org/standards/dbus/1.0/introspect.dtd\">\n"
     "<node>\n";
 
-const char* const kStandardInterfaces =
-    "  <interface name=\"org.freedesktop.DBus.Introspectable\">\n"
-    "    <method name=\"Introspect\">\n"
-    "      <arg name=\"xml_data\" type=\"s\" direction=\"out\"/>\n"
-    "    </method>\n"
-    "  </interface>\n"
-    "  <interface name=\"org.freedesktop.DBus.Peer\">\n"
-    "    <method name=\"Ping\"/>\n"
-    "    <method name=\"GetMachineId\">\n"
-    "      <arg name=\"machine_uuid\" type=\"s\" direction=\"out\"/>\n"
-    "    </method>\n"
-    "  </interface>\n";
+const char* const kStandardInterfaces = "  <interface name=\"org.freedesktop.DBus.Introspectable\">\n"
+                                        "    <method name=\"Introspect\">\n"
+                                        "      <arg name=\"xml_data\" type=\"s\" direction=\"out\"/>\n"
+                                        "    </method>\n"
+                                        "  </interface>\n"
+                                        "  <interface name=\"org.freedesktop.DBus.Peer\">\n"
+                                        "    <method name=\"Ping\"/>\n"
+                                        "    <method name=\"GetMachineId\">\n"
+                                        "      <arg name=\"machine_uuid\" type=\"s\" direction=\"out\"/>\n"
+                                        "    </method>\n"
+                                        "  </interface>\n";
 
 // The names of the nodes directly below `path` that lead to a registered path.
 std::vector<std::string> childNodes(const std::string& path, const std::vector<std::string>& all)
@@ -126,8 +125,7 @@ Incoming classify(DBusMessage* msg)
             in.hasText = firstString(msg, false, in.text);
         break;
     case DBUS_MESSAGE_TYPE_SIGNAL:
-        if (dbus_message_is_signal(msg, DBUS_INTERFACE_LOCAL, "Disconnected")
-            && same(in.path, DBUS_PATH_LOCAL)) {
+        if (dbus_message_is_signal(msg, DBUS_INTERFACE_LOCAL, "Disconnected") && same(in.path, DBUS_PATH_LOCAL)) {
             in.kind = Kind::Disconnected;
             break;
         }
@@ -150,8 +148,7 @@ Incoming classify(DBusMessage* msg)
     return in;
 }
 
-CallDecision routeCall(const Incoming& call, const std::string* serviceName,
-                       const std::string* interfacesXml,
+CallDecision routeCall(const Incoming& call, const std::string* serviceName, const std::string* interfacesXml,
                        const std::function<std::vector<std::string>()>& registeredPaths)
 {
     const char* path = call.path;
@@ -172,8 +169,7 @@ CallDecision routeCall(const Incoming& call, const std::string* serviceName,
     if (same(call.interface, kIntrospectable)) {
         if (!same(call.member, "Introspect") || *call.signature)
             return error(DBUS_ERROR_UNKNOWN_METHOD,
-                         "Unknown method '" + std::string(call.member) + "' of interface "
-                             + kIntrospectable);
+                         "Unknown method '" + std::string(call.member) + "' of interface " + kIntrospectable);
         std::vector<std::string> children = childNodes(path, registeredPaths());
         if (!serviceName && children.empty())
             return error(DBUS_ERROR_UNKNOWN_OBJECT, std::string("No such object path '") + path + "'");
@@ -195,12 +191,10 @@ CallDecision routeCall(const Incoming& call, const std::string* serviceName,
         return error(DBUS_ERROR_UNKNOWN_OBJECT, std::string("No such object path '") + path + "'");
     if (*call.interface && *serviceName != call.interface)
         return error(DBUS_ERROR_UNKNOWN_INTERFACE,
-                     "No such interface '" + std::string(call.interface) + "' at object path '"
-                         + path + "'");
+                     "No such interface '" + std::string(call.interface) + "' at object path '" + path + "'");
     if (*call.signature && !(same(call.signature, "s") && call.hasText))
-        return error(DBUS_ERROR_INVALID_ARGS, "Call to '" + std::string(call.member)
-                                                  + "' has wrong args (expected \"s\", got \""
-                                                  + call.signature + "\")");
+        return error(DBUS_ERROR_INVALID_ARGS, "Call to '" + std::string(call.member) +
+                                                  "' has wrong args (expected \"s\", got \"" + call.signature + "\")");
     CallDecision d;
     d.route = Route::ToService;
     return d;
@@ -252,10 +246,8 @@ DBusMessage* buildNoResultReply(DBusMessage* call, bool memberDescribed)
         return nullptr;
     const std::string member = str(dbus_message_get_member(call));
     if (memberDescribed)
-        return dbus_message_new_error(call, kNoResultError,
-                                      ("Method '" + member + "' gave no result").c_str());
-    return dbus_message_new_error(call, DBUS_ERROR_UNKNOWN_METHOD,
-                                  ("No such method '" + member + "'").c_str());
+        return dbus_message_new_error(call, kNoResultError, ("Method '" + member + "' gave no result").c_str());
+    return dbus_message_new_error(call, DBUS_ERROR_UNKNOWN_METHOD, ("No such method '" + member + "'").c_str());
 }
 
 uint32_t errorCodeForName(const char* errName)
@@ -264,8 +256,7 @@ uint32_t errorCodeForName(const char* errName)
         return SVCIPC_ERROR_REMOTE;
     if (same(errName, DBUS_ERROR_SERVICE_UNKNOWN) || same(errName, DBUS_ERROR_NAME_HAS_NO_OWNER))
         return SVCIPC_ERROR_NO_SERVICE;
-    if (same(errName, DBUS_ERROR_NO_REPLY) || same(errName, DBUS_ERROR_TIMEOUT)
-        || same(errName, DBUS_ERROR_TIMED_OUT))
+    if (same(errName, DBUS_ERROR_NO_REPLY) || same(errName, DBUS_ERROR_TIMEOUT) || same(errName, DBUS_ERROR_TIMED_OUT))
         return SVCIPC_ERROR_TIMEOUT;
     if (same(errName, DBUS_ERROR_DISCONNECTED))
         return SVCIPC_ERROR_DISCONNECTED;

@@ -20,12 +20,11 @@
 namespace svcipc
 {
 
-enum class Kind
-{
+enum class Kind {
     Ignore,
     MethodCall,
     Signal,
-    Reply,        // a method return
+    Reply,  // a method return
     ErrorReply,
     Disconnected  // libdbus's own note that the bus connection was lost
 };
@@ -38,14 +37,14 @@ struct Incoming
     const char* member = "";
     const char* sender = "";
     const char* signature = "";
-    const char* text = "";        // call: the argument ("" without one); signal/reply: first string
-    bool hasText = false;         // signal: the first argument is a string
+    const char* text = "";  // call: the argument ("" without one); signal/reply: first string
+    bool hasText = false;   // signal: the first argument is a string
     bool noReply = false;
     uint32_t serial = 0;
     uint32_t replySerial = 0;
-    const char* errName = "";     // error replies
+    const char* errName = "";  // error replies
     const char* errMsg = "";
-    bool ownerChange = false;     // NameOwnerChanged from the bus daemon
+    bool ownerChange = false;  // NameOwnerChanged from the bus daemon
     const char* ownerName = "";
     const char* oldOwner = "";
     const char* newOwner = "";
@@ -53,13 +52,12 @@ struct Incoming
 
 Incoming classify(DBusMessage* msg);
 
-enum class Route
-{
-    ToService,     // hand to the request callback with Incoming::text
-    Introspect,    // answer with CallDecision::body (XML)
+enum class Route {
+    ToService,   // hand to the request callback with Incoming::text
+    Introspect,  // answer with CallDecision::body (XML)
     PeerPing,
     PeerMachineId,
-    Error          // answer with CallDecision::errName / errMsg
+    Error  // answer with CallDecision::errName / errMsg
 };
 
 struct CallDecision
@@ -74,8 +72,7 @@ struct CallDecision
 // there. interfacesXml: the <interface> elements of the path's description, or null when it has
 // none (Introspect then shows an empty interface named after the service). registeredPaths:
 // every path served on the connection (only asked for introspection).
-CallDecision routeCall(const Incoming& call, const std::string* serviceName,
-                       const std::string* interfacesXml,
+CallDecision routeCall(const Incoming& call, const std::string* serviceName, const std::string* interfacesXml,
                        const std::function<std::vector<std::string>()>& registeredPaths);
 
 // The reply the library sends itself for a decision other than ToService; null when the caller

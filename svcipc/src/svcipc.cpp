@@ -94,8 +94,7 @@ int timeoutMs(SVCIPC_tUInt32 msecTimeout)
 {
     if (msecTimeout == 0)
         return static_cast<int>(SVCIPC_DEFAULT_TIMEOUT_MS);
-    return msecTimeout > static_cast<SVCIPC_tUInt32>(INT_MAX) ? INT_MAX
-                                                               : static_cast<int>(msecTimeout);
+    return msecTimeout > static_cast<SVCIPC_tUInt32>(INT_MAX) ? INT_MAX : static_cast<int>(msecTimeout);
 }
 
 void* userToken(const void* token)
@@ -104,11 +103,9 @@ void* userToken(const void* token)
 }
 
 // A method call in the library's bus form; null when an argument is not acceptable.
-DBusMessage* newMethodCall(const char* busName, const char* objPath, const char* method,
-                           const char* parms)
+DBusMessage* newMethodCall(const char* busName, const char* objPath, const char* method, const char* parms)
 {
-    if (!validBusName(busName) || !validPath(objPath) || !validMember(method)
-        || !isValidText(orEmpty(parms)))
+    if (!validBusName(busName) || !validPath(objPath) || !validMember(method) || !isValidText(orEmpty(parms)))
         return nullptr;
     // A unique name (or a well-known one with '-') cannot double as the interface: send none.
     const char* interface = dbus_validate_interface(busName, nullptr) ? busName : nullptr;
@@ -123,8 +120,7 @@ DBusMessage* newMethodCall(const char* busName, const char* objPath, const char*
 
 // The common part of both kinds of subscription; `sub` is null when an argument was not acceptable
 // (a bad handle is reported first).
-SVCIPC_tError addSubscription(SVCIPC_tConnection conn, std::shared_ptr<Subscription> sub,
-                              SVCIPC_tSigSubHnd* subHnd)
+SVCIPC_tError addSubscription(SVCIPC_tConnection conn, std::shared_ptr<Subscription> sub, SVCIPC_tSigSubHnd* subHnd)
 {
     if (!subHnd)
         return SVCIPC_ERR_BAD_ARGUMENT;
@@ -138,8 +134,7 @@ SVCIPC_tError addSubscription(SVCIPC_tConnection conn, std::shared_ptr<Subscript
     SVCIPC_tError status = e.conn->addSubscription(sub);
     if (status != 0)
         return status;
-    *subHnd = reinterpret_cast<SVCIPC_tSigSubHnd>(
-        Handles::add(HandleKind::Subscription, e.conn, std::move(sub)));
+    *subHnd = reinterpret_cast<SVCIPC_tSigSubHnd>(Handles::add(HandleKind::Subscription, e.conn, std::move(sub)));
     return 0;
 }
 }  // namespace
@@ -179,8 +174,7 @@ SVCIPC_tError SVCIPC_shutdown(void)
     return 0;
 }
 
-SVCIPC_tError SVCIPC_getConnection(SVCIPC_tUInt32 connType, SVCIPC_tBool openPrivate,
-                                   SVCIPC_tConnection* conn)
+SVCIPC_tError SVCIPC_getConnection(SVCIPC_tUInt32 connType, SVCIPC_tBool openPrivate, SVCIPC_tConnection* conn)
 {
     if (!conn)
         return SVCIPC_ERR_BAD_ARGUMENT;
@@ -194,8 +188,7 @@ SVCIPC_tError SVCIPC_getConnection(SVCIPC_tUInt32 connType, SVCIPC_tBool openPri
         std::lock_guard<std::mutex> lock(lib().mutex);
         std::shared_ptr<Connection>& shared = lib().shared[connType];
         if (shared && shared->isConnected()) {
-            *conn = reinterpret_cast<SVCIPC_tConnection>(
-                Handles::add(HandleKind::Connection, shared, nullptr));
+            *conn = reinterpret_cast<SVCIPC_tConnection>(Handles::add(HandleKind::Connection, shared, nullptr));
             return 0;
         }
     }
@@ -213,8 +206,7 @@ SVCIPC_tError SVCIPC_getConnection(SVCIPC_tUInt32 connType, SVCIPC_tBool openPri
             else
                 shared = opened;
         }
-        *conn = reinterpret_cast<SVCIPC_tConnection>(
-            Handles::add(HandleKind::Connection, opened, nullptr));
+        *conn = reinterpret_cast<SVCIPC_tConnection>(Handles::add(HandleKind::Connection, opened, nullptr));
     }
     if (spare)
         spare->close();
@@ -240,8 +232,7 @@ SVCIPC_tError SVCIPC_closeConnection(SVCIPC_tConnection conn)
     return 0;
 }
 
-SVCIPC_tError SVCIPC_setConnectionLostCallback(SVCIPC_tConnection conn,
-                                               SVCIPC_tConnectionLostCallback onLost,
+SVCIPC_tError SVCIPC_setConnectionLostCallback(SVCIPC_tConnection conn, SVCIPC_tConnectionLostCallback onLost,
                                                const void* token)
 {
     HandleEntry e;
@@ -251,8 +242,7 @@ SVCIPC_tError SVCIPC_setConnectionLostCallback(SVCIPC_tConnection conn,
     return 0;
 }
 
-SVCIPC_tError SVCIPC_setInterfaceDescription(SVCIPC_tConnection conn, const char* objPath,
-                                             const char* xml)
+SVCIPC_tError SVCIPC_setInterfaceDescription(SVCIPC_tConnection conn, const char* objPath, const char* xml)
 {
     HandleEntry e;
     if (!lookup(id(conn), HandleKind::Connection, e))
@@ -264,9 +254,8 @@ SVCIPC_tError SVCIPC_setInterfaceDescription(SVCIPC_tConnection conn, const char
     return 0;
 }
 
-SVCIPC_tError SVCIPC_registerService(SVCIPC_tConnection conn, const char* busName,
-                                     const char* objPath, SVCIPC_tUInt32 flags,
-                                     SVCIPC_tRequestCallback onRequest, const void* token,
+SVCIPC_tError SVCIPC_registerService(SVCIPC_tConnection conn, const char* busName, const char* objPath,
+                                     SVCIPC_tUInt32 flags, SVCIPC_tRequestCallback onRequest, const void* token,
                                      SVCIPC_tSvcRegHnd* regHnd)
 {
     if (!regHnd)
@@ -276,8 +265,7 @@ SVCIPC_tError SVCIPC_registerService(SVCIPC_tConnection conn, const char* busNam
     HandleEntry e;
     if (!lookup(id(conn), HandleKind::Connection, e))
         return SVCIPC_ERR_BAD_HANDLE;
-    if (!validWellKnownName(busName) || !validPath(objPath) || !onRequest
-        || flags != SVCIPC_REG_FLAG_NONE)
+    if (!validWellKnownName(busName) || !validPath(objPath) || !onRequest || flags != SVCIPC_REG_FLAG_NONE)
         return SVCIPC_ERR_BAD_ARGUMENT;
     auto reg = std::make_shared<Registration>();
     reg->busName = busName;
@@ -287,8 +275,7 @@ SVCIPC_tError SVCIPC_registerService(SVCIPC_tConnection conn, const char* busNam
     SVCIPC_tError status = e.conn->addRegistration(reg);
     if (status != 0)
         return status;
-    *regHnd = reinterpret_cast<SVCIPC_tSvcRegHnd>(
-        Handles::add(HandleKind::Registration, e.conn, std::move(reg)));
+    *regHnd = reinterpret_cast<SVCIPC_tSvcRegHnd>(Handles::add(HandleKind::Registration, e.conn, std::move(reg)));
     return 0;
 }
 
@@ -300,8 +287,8 @@ SVCIPC_tError SVCIPC_unregisterService(SVCIPC_tSvcRegHnd regHnd)
     return e.conn->removeRegistration(std::static_pointer_cast<Registration>(e.object));
 }
 
-SVCIPC_tError SVCIPC_asyncReturnResult(SVCIPC_tReqContext context, const char* result,
-                                       SVCIPC_tStatusCallback onStatus, const void* token)
+SVCIPC_tError SVCIPC_asyncReturnResult(SVCIPC_tReqContext context, const char* result, SVCIPC_tStatusCallback onStatus,
+                                       const void* token)
 {
     HandleEntry e;
     if (!lookup(id(context), HandleKind::Request, e))
@@ -353,8 +340,7 @@ SVCIPC_tError SVCIPC_asyncEmit(SVCIPC_tConnection conn, const char* sigName, con
 }
 
 SVCIPC_tError SVCIPC_subscribe(SVCIPC_tConnection conn, const char* objPath, const char* sigName,
-                               SVCIPC_tSignalCallback onSignal, const void* token,
-                               SVCIPC_tSigSubHnd* subHnd)
+                               SVCIPC_tSignalCallback onSignal, const void* token, SVCIPC_tSigSubHnd* subHnd)
 {
     const std::string owner = validPath(objPath) ? nameSpelledBy(objPath) : std::string();
     if (owner.empty() || !validMember(sigName) || !onSignal)
@@ -363,8 +349,7 @@ SVCIPC_tError SVCIPC_subscribe(SVCIPC_tConnection conn, const char* objPath, con
     sub->path = objPath;
     sub->member = sigName;
     // Only the name's current owner is heard: nobody else can pose as the peer.
-    sub->rule = "type='signal',sender='" + owner + "',path='" + objPath + "',member='" + sigName
-                + "'";
+    sub->rule = "type='signal',sender='" + owner + "',path='" + objPath + "',member='" + sigName + "'";
     sub->onSignal = onSignal;
     sub->token = userToken(token);
     return addSubscription(conn, std::move(sub), subHnd);
@@ -380,8 +365,8 @@ SVCIPC_tError SVCIPC_unsubscribe(SVCIPC_tSigSubHnd subHnd)
 }
 
 SVCIPC_tError SVCIPC_subscribeOwnerChanged(SVCIPC_tConnection conn, const char* busName,
-                                           SVCIPC_tNameOwnerChangedCallback onOwnerChanged,
-                                           const void* token, SVCIPC_tSigSubHnd* subHnd)
+                                           SVCIPC_tNameOwnerChangedCallback onOwnerChanged, const void* token,
+                                           SVCIPC_tSigSubHnd* subHnd)
 {
     if (!validBusName(busName) || !onOwnerChanged)
         return addSubscription(conn, nullptr, subHnd);
@@ -389,16 +374,15 @@ SVCIPC_tError SVCIPC_subscribeOwnerChanged(SVCIPC_tConnection conn, const char* 
     sub->ownerWatch = true;
     sub->busName = busName;
     sub->rule = std::string("type='signal',sender='" DBUS_SERVICE_DBUS "',path='" DBUS_PATH_DBUS
-                            "',interface='" DBUS_INTERFACE_DBUS
-                            "',member='NameOwnerChanged',arg0='")
-                + busName + "'";
+                            "',interface='" DBUS_INTERFACE_DBUS "',member='NameOwnerChanged',arg0='") +
+                busName + "'";
     sub->onOwnerChanged = onOwnerChanged;
     sub->token = userToken(token);
     return addSubscription(conn, std::move(sub), subHnd);
 }
 
-SVCIPC_tError SVCIPC_nameHasOwner(SVCIPC_tConnection conn, const char* busName,
-                                  SVCIPC_tBool* hasOwner, SVCIPC_tUInt32 msecTimeout)
+SVCIPC_tError SVCIPC_nameHasOwner(SVCIPC_tConnection conn, const char* busName, SVCIPC_tBool* hasOwner,
+                                  SVCIPC_tUInt32 msecTimeout)
 {
     setLastError("", "");
     HandleEntry e;
@@ -407,8 +391,8 @@ SVCIPC_tError SVCIPC_nameHasOwner(SVCIPC_tConnection conn, const char* busName,
     if (!hasOwner || !validBusName(busName))
         return SVCIPC_ERR_BAD_ARGUMENT;
     *hasOwner = 0;
-    DBusMessage* msg = dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
-                                                    DBUS_INTERFACE_DBUS, "NameHasOwner");
+    DBusMessage* msg = dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS,
+                                                    "NameHasOwner");
     if (!msg)
         return SVCIPC_ERR_NO_MEMORY;
     SVCIPC_tError status = SVCIPC_ERR_NO_MEMORY;
@@ -429,9 +413,9 @@ SVCIPC_tError SVCIPC_nameHasOwner(SVCIPC_tConnection conn, const char* busName,
     return status;
 }
 
-SVCIPC_tError SVCIPC_invoke(SVCIPC_tConnection conn, const char* busName, const char* objPath,
-                            const char* method, const char* parms, SVCIPC_tBool noReplyExpected,
-                            SVCIPC_tUInt32 msecTimeout, SVCIPC_tResponse** response)
+SVCIPC_tError SVCIPC_invoke(SVCIPC_tConnection conn, const char* busName, const char* objPath, const char* method,
+                            const char* parms, SVCIPC_tBool noReplyExpected, SVCIPC_tUInt32 msecTimeout,
+                            SVCIPC_tResponse** response)
 {
     if (response)
         *response = nullptr;
@@ -470,9 +454,8 @@ SVCIPC_tError SVCIPC_invoke(SVCIPC_tConnection conn, const char* busName, const 
     return 0;
 }
 
-SVCIPC_tError SVCIPC_asyncInvoke(SVCIPC_tConnection conn, const char* busName,
-                                 const char* objPath, const char* method, const char* parms,
-                                 SVCIPC_tBool noReplyExpected, SVCIPC_tUInt32 msecTimeout,
+SVCIPC_tError SVCIPC_asyncInvoke(SVCIPC_tConnection conn, const char* busName, const char* objPath, const char* method,
+                                 const char* parms, SVCIPC_tBool noReplyExpected, SVCIPC_tUInt32 msecTimeout,
                                  SVCIPC_tResultCallback onResult, const void* token)
 {
     setLastError("", "");
@@ -513,20 +496,34 @@ const char* SVCIPC_errorText(SVCIPC_tError status)
     if (!SVCIPC_IS_ERROR(status))
         return "success";
     switch (SVCIPC_GET_CODE(status)) {
-    case SVCIPC_ERROR_NOT_INITIALIZED: return "library not initialized";
-    case SVCIPC_ERROR_NO_MEMORY: return "out of memory";
-    case SVCIPC_ERROR_BAD_ARGUMENT: return "bad argument";
-    case SVCIPC_ERROR_BAD_HANDLE: return "bad handle";
-    case SVCIPC_ERROR_NO_CONNECTION: return "bus not reachable";
-    case SVCIPC_ERROR_DISCONNECTED: return "disconnected from the bus";
-    case SVCIPC_ERROR_NAME_TAKEN: return "name owned by another connection";
-    case SVCIPC_ERROR_ALREADY_REGISTERED: return "already registered";
-    case SVCIPC_ERROR_TIMEOUT: return "time-out";
-    case SVCIPC_ERROR_NO_SERVICE: return "service not on the bus";
-    case SVCIPC_ERROR_REMOTE: return "error reply";
-    case SVCIPC_ERROR_NOT_REGISTERED: return "no service registered on the connection";
-    case SVCIPC_ERROR_INTERNAL: return "internal error";
-    default: return "unknown error";
+    case SVCIPC_ERROR_NOT_INITIALIZED:
+        return "library not initialized";
+    case SVCIPC_ERROR_NO_MEMORY:
+        return "out of memory";
+    case SVCIPC_ERROR_BAD_ARGUMENT:
+        return "bad argument";
+    case SVCIPC_ERROR_BAD_HANDLE:
+        return "bad handle";
+    case SVCIPC_ERROR_NO_CONNECTION:
+        return "bus not reachable";
+    case SVCIPC_ERROR_DISCONNECTED:
+        return "disconnected from the bus";
+    case SVCIPC_ERROR_NAME_TAKEN:
+        return "name owned by another connection";
+    case SVCIPC_ERROR_ALREADY_REGISTERED:
+        return "already registered";
+    case SVCIPC_ERROR_TIMEOUT:
+        return "time-out";
+    case SVCIPC_ERROR_NO_SERVICE:
+        return "service not on the bus";
+    case SVCIPC_ERROR_REMOTE:
+        return "error reply";
+    case SVCIPC_ERROR_NOT_REGISTERED:
+        return "no service registered on the connection";
+    case SVCIPC_ERROR_INTERNAL:
+        return "internal error";
+    default:
+        return "unknown error";
     }
 }
 

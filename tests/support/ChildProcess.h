@@ -62,10 +62,10 @@ class ChildProcess
 public:
     struct Io
     {
-        int in = -1;            // -1: /dev/null
-        std::string outPath;    // empty: outFd
-        std::string errPath;    // empty: errFd
-        int outFd = -1;         // -1 (and no path): ours
+        int in = -1;          // -1: /dev/null
+        std::string outPath;  // empty: outFd
+        std::string errPath;  // empty: errFd
+        int outFd = -1;       // -1 (and no path): ours
         int errFd = -1;
     };
 

@@ -12,7 +12,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-
 const char* const HeadUnit::kServiceName = "com.quorin.service.CBRadioService";
 const char* const HeadUnit::kServicePath = "/com/quorin/service/CBRadioService";
 const char* const HeadUnit::kSuccess = "{\"code\":0,\"description\":\"success\"}\n";
@@ -20,24 +19,24 @@ const char* const HeadUnit::kFailure = "{\"code\":1,\"description\":\"failure\"}
 
 namespace
 {
-    typedef std::chrono::steady_clock Clock;
+typedef std::chrono::steady_clock Clock;
 
-    const char* const kServiceSignals[] = {"CBRadioStatus", "CBRChannelNumber", "CBRSquelchLevel",
-                                           "CBRReceptionSensitivity", "CBRHWConnectionStatus", "CBRRxTxStatus",
-                                           "CBRWeatherAlertOnOffStatus"};
+const char* const kServiceSignals[] = {
+    "CBRadioStatus",         "CBRChannelNumber", "CBRSquelchLevel",           "CBRReceptionSensitivity",
+    "CBRHWConnectionStatus", "CBRRxTxStatus",    "CBRWeatherAlertOnOffStatus"};
 
-    std::vector<std::string> receivedFrames(const std::string& log)
-    {
-        // "   5.126 RX 01 01 01": the seconds, the direction, the bytes.
-        std::vector<std::string> frames;
-        std::istringstream lines(log);
-        for (std::string line; std::getline(lines, line);) {
-            const size_t at = line.find(" RX ");
-            if (at != std::string::npos)
-                frames.push_back(line.substr(at + 4));
-        }
-        return frames;
+std::vector<std::string> receivedFrames(const std::string& log)
+{
+    // "   5.126 RX 01 01 01": the seconds, the direction, the bytes.
+    std::vector<std::string> frames;
+    std::istringstream lines(log);
+    for (std::string line; std::getline(lines, line);) {
+        const size_t at = line.find(" RX ");
+        if (at != std::string::npos)
+            frames.push_back(line.substr(at + 4));
     }
+    return frames;
+}
 }
 
 HeadUnit::~HeadUnit()
@@ -269,12 +268,14 @@ std::vector<std::string> HeadUnit::framesSince(size_t mark) const
 
 bool HeadUnit::waitForFrame(const std::string& frame, size_t from, int timeoutMs) const
 {
-    return waitUntil([&] {
-        for (const std::string& f : framesSince(from))
-            if (f == frame)
-                return true;
-        return false;
-    }, timeoutMs);
+    return waitUntil(
+        [&] {
+            for (const std::string& f : framesSince(from))
+                if (f == frame)
+                    return true;
+            return false;
+        },
+        timeoutMs);
 }
 
 HeadUnit::Reply HeadUnit::call(const std::string& method, const std::string& params, int timeoutMs) const

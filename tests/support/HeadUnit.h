@@ -46,8 +46,8 @@ public:
         bool startSimulator = true;
         bool startPeers = false;
         bool startDaemon = true;
-        bool foreground = true;                     // CBRADIO_FOREGROUND=1
-        std::vector<std::string> peerArgs;          // e.g. {"--cmd", "silent all"}
+        bool foreground = true;             // CBRADIO_FOREGROUND=1
+        std::vector<std::string> peerArgs;  // e.g. {"--cmd", "silent all"}
         std::map<std::string, std::string> daemonEnv;
         // Trace settings file text; the default switches every scope on, to the console.
         std::string traceSettings = "JTTracePersistence 1.1.0\n* 7f 8\n";
@@ -66,7 +66,7 @@ public:
 
     struct Reply
     {
-        SVCIPC_tError status = 0;   // 0, or the failure status of the call (time-out, ...)
+        SVCIPC_tError status = 0;  // 0, or the failure status of the call (time-out, ...)
         std::string text;
         bool ok() const { return status == 0; }
     };
@@ -114,8 +114,7 @@ public:
                 const std::map<std::string, std::string>& env = {});
     static std::string readFile(const std::string& path) { return ::readFile(path); }
     // Whether the file under the root holds `text` at or after `from` within timeoutMs.
-    bool waitForFile(const std::string& relative, const std::string& text, size_t from = 0,
-                     int timeoutMs = 5000) const;
+    bool waitForFile(const std::string& relative, const std::string& text, size_t from = 0, int timeoutMs = 5000) const;
 
     // ---- the daemon's console -------------------------------------------------------------
     std::string daemonOutput() const { return readFile(path("daemon.out")); }

@@ -8,19 +8,18 @@
 
 namespace
 {
-const char* const kConfig =
-    "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
-    " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-    "<busconfig>\n"
-    "  <type>session</type>\n"
-    "  <listen>unix:path=@FOLDER@/bus</listen>\n"
-    "  <auth>EXTERNAL</auth>\n"
-    "  <policy context=\"default\">\n"
-    "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
-    "    <allow eavesdrop=\"true\"/>\n"
-    "    <allow own=\"*\"/>\n"
-    "  </policy>\n"
-    "</busconfig>\n";
+const char* const kConfig = "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+                            " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+                            "<busconfig>\n"
+                            "  <type>session</type>\n"
+                            "  <listen>unix:path=@FOLDER@/bus</listen>\n"
+                            "  <auth>EXTERNAL</auth>\n"
+                            "  <policy context=\"default\">\n"
+                            "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
+                            "    <allow eavesdrop=\"true\"/>\n"
+                            "    <allow own=\"*\"/>\n"
+                            "  </policy>\n"
+                            "</busconfig>\n";
 }
 
 PrivateBus::~PrivateBus()

@@ -26,8 +26,8 @@ const Watched kWatched[] = {
 
 std::string ruleFor(const Watched& w)
 {
-    return std::string("type='method_call',sender='") + kServiceName + "',destination='" +
-           kPeerPrefix + w.peer + "',member='" + w.method + "'";
+    return std::string("type='method_call',sender='") + kServiceName + "',destination='" + kPeerPrefix + w.peer +
+           "',member='" + w.method + "'";
 }
 }  // namespace
 
@@ -45,8 +45,7 @@ std::string BusMonitor::start(const std::string& busAddress)
     dbus_connection_set_exit_on_disconnect(mConn, FALSE);
 
     DBusMessage* call = dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
-                                                     "org.freedesktop.DBus.Monitoring",
-                                                     "BecomeMonitor");
+                                                     "org.freedesktop.DBus.Monitoring", "BecomeMonitor");
     DBusMessageIter args;
     DBusMessageIter rules;
     dbus_message_iter_init_append(call, &args);

@@ -29,8 +29,7 @@ std::uint64_t EventHub::open(std::vector<Event>& sticky) const
     return mLastSeq;
 }
 
-std::vector<Event> EventHub::next(std::uint64_t& cursor, std::chrono::milliseconds wait,
-                                  std::uint64_t& missed)
+std::vector<Event> EventHub::next(std::uint64_t& cursor, std::chrono::milliseconds wait, std::uint64_t& missed)
 {
     std::unique_lock<std::mutex> lock(mMutex);
     mArrived.wait_for(lock, wait, [&] { return mStopped || mLastSeq > cursor; });

@@ -38,8 +38,7 @@ public:
     std::uint64_t open(std::vector<Event>& sticky) const;
     // Events after `cursor` (advanced past them), waiting up to `wait` for the first one; empty on
     // time-out or once stopped. `missed` counts events dropped before this stream read them.
-    std::vector<Event> next(std::uint64_t& cursor, std::chrono::milliseconds wait,
-                            std::uint64_t& missed);
+    std::vector<Event> next(std::uint64_t& cursor, std::chrono::milliseconds wait, std::uint64_t& missed);
     void stop();
     bool stopped() const;
 

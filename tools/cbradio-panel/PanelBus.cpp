@@ -52,11 +52,10 @@ HttpAnswer failureAnswer(const std::string& method, SVCIPC_tError status, const 
                          const std::string& errMsg, std::chrono::milliseconds timeout)
 {
     if (status == SVCIPC_ERR_TIMEOUT)
-        return errorAnswer(504, "time-out", "no reply to " + method + " within " +
-                                                std::to_string(timeout.count()) + " ms");
+        return errorAnswer(504, "time-out",
+                           "no reply to " + method + " within " + std::to_string(timeout.count()) + " ms");
     if (status == SVCIPC_ERR_NO_SERVICE)
-        return errorAnswer(502, "org.freedesktop.DBus.Error.ServiceUnknown",
-                           "the CB radio service is not on the bus");
+        return errorAnswer(502, "org.freedesktop.DBus.Error.ServiceUnknown", "the CB radio service is not on the bus");
     if (!errName.empty())
         return errorAnswer(502, errName, errMsg);
     return errorAnswer(502, "bus", SVCIPC_errorText(status));
@@ -73,11 +72,9 @@ struct PendingCall
     std::string errName;
     std::string errMsg;
 
-    static void onResult(const SVCIPC_tCallbackStatus* status, const char* result,
-                         SVCIPC_tUserToken token)
+    static void onResult(const SVCIPC_tCallbackStatus* status, const char* result, SVCIPC_tUserToken token)
     {
-        std::unique_ptr<std::shared_ptr<PendingCall>> holder(
-            static_cast<std::shared_ptr<PendingCall>*>(token));
+        std::unique_ptr<std::shared_ptr<PendingCall>> holder(static_cast<std::shared_ptr<PendingCall>*>(token));
         PendingCall& call = **holder;
         {
             std::lock_guard<std::mutex> lock(call.mutex);
@@ -153,25 +150,23 @@ HttpAnswer PanelBus::call(const CallRequest& request, std::chrono::milliseconds 
     Json::Value body;
     body["method"] = request.method;
     if (!request.expectsReply) {
-        SVCIPC_tError status = SVCIPC_invoke(mConn, kServiceName, kServicePath,
-                                             request.method.c_str(), request.argument.c_str(), 1,
-                                             0, nullptr);
+        SVCIPC_tError status = SVCIPC_invoke(mConn, kServiceName, kServicePath, request.method.c_str(),
+                                             request.argument.c_str(), 1, 0, nullptr);
         if (status != 0)
-            return failureAnswer(request.method, status, SVCIPC_getLastErrorName(),
-                                 SVCIPC_getLastErrorMessage(), timeout);
+            return failureAnswer(request.method, status, SVCIPC_getLastErrorName(), SVCIPC_getLastErrorMessage(),
+                                 timeout);
         body["sent"] = true;
         return {200, compactJson(body)};
     }
 
     auto pending = std::make_shared<PendingCall>();
     auto* token = new std::shared_ptr<PendingCall>(pending);
-    SVCIPC_tError status = SVCIPC_asyncInvoke(
-        mConn, kServiceName, kServicePath, request.method.c_str(), request.argument.c_str(), 0,
-        static_cast<SVCIPC_tUInt32>(timeout.count()), &PendingCall::onResult, token);
+    SVCIPC_tError status = SVCIPC_asyncInvoke(mConn, kServiceName, kServicePath, request.method.c_str(),
+                                              request.argument.c_str(), 0, static_cast<SVCIPC_tUInt32>(timeout.count()),
+                                              &PendingCall::onResult, token);
     if (status != 0) {
         delete token;
-        return failureAnswer(request.method, status, SVCIPC_getLastErrorName(),
-                             SVCIPC_getLastErrorMessage(), timeout);
+        return failureAnswer(request.method, status, SVCIPC_getLastErrorName(), SVCIPC_getLastErrorMessage(), timeout);
     }
     // The library times the call out itself; the margin only guards against a completion that
     // never comes. Stop wakes the wait every 100 ms at most.
@@ -185,8 +180,7 @@ HttpAnswer PanelBus::call(const CallRequest& request, std::chrono::milliseconds 
         pending->done.wait_for(lock, std::chrono::milliseconds(100));
     }
     if (pending->status != 0)
-        return failureAnswer(request.method, pending->status, pending->errName, pending->errMsg,
-                             timeout);
+        return failureAnswer(request.method, pending->status, pending->errName, pending->errMsg, timeout);
     const std::string text = withoutLineEnd(pending->result);
     body["text"] = text;
     body["result"] = parsedOrNull(text);
@@ -204,8 +198,7 @@ void PanelBus::onSignal(const char* name, const char* data, SVCIPC_tUserToken to
     self->mHub.publish("signal", compactJson(event));
 }
 
-void PanelBus::onOwnerChanged(const char*, const char*, const char* newOwner,
-                              SVCIPC_tUserToken token)
+void PanelBus::onOwnerChanged(const char*, const char*, const char* newOwner, SVCIPC_tUserToken token)
 {
     static_cast<PanelBus*>(token)->publishPresence(newOwner && *newOwner);
 }

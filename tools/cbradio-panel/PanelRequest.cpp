@@ -13,14 +13,11 @@ namespace panel
 const std::vector<ServiceMethod>& serviceMethods()
 {
     static const std::vector<ServiceMethod> methods = {
-        {"reqCBRStateChange", true},        {"reqCBRStartSeek", true},
-        {"reqCBRStartScan", true},          {"reqCBRStopScan", true},
-        {"reqCBRAdjustSquelchLevel", true}, {"reqCBRGetPresetList", true},
-        {"reqCBRStorePreset", true},        {"reqCBRSelectPreset", true},
-        {"reqCBRClearPreset", false},       {"reqCBRChangeRxToTx", true},
-        {"reqCBRChangeTxToRx", true},       {"reqCBRWeatherAlertOnOff", true},
-        {"getProperties", true},            {"reqCBRHWVersion", true},
-        {"reqCBRSWVersion", true},
+        {"reqCBRStateChange", true},  {"reqCBRStartSeek", true},          {"reqCBRStartScan", true},
+        {"reqCBRStopScan", true},     {"reqCBRAdjustSquelchLevel", true}, {"reqCBRGetPresetList", true},
+        {"reqCBRStorePreset", true},  {"reqCBRSelectPreset", true},       {"reqCBRClearPreset", false},
+        {"reqCBRChangeRxToTx", true}, {"reqCBRChangeTxToRx", true},       {"reqCBRWeatherAlertOnOff", true},
+        {"getProperties", true},      {"reqCBRHWVersion", true},          {"reqCBRSWVersion", true},
     };
     return methods;
 }

@@ -40,7 +40,7 @@ struct CallRequest
 
 struct Refusal
 {
-    int httpStatus = 0;    // 0: not refused
+    int httpStatus = 0;  // 0: not refused
     std::string message;
     explicit operator bool() const { return httpStatus != 0; }
 };

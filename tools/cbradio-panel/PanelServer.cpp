@@ -35,8 +35,7 @@ bool readWhole(const std::string& path, std::string& out)
     return true;
 }
 
-void answerError(httplib::Response& res, int status, const std::string& error,
-                 const std::string& message)
+void answerError(httplib::Response& res, int status, const std::string& error, const std::string& message)
 {
     Json::Value body;
     body["error"] = error;
@@ -89,9 +88,8 @@ std::string PanelServer::bind(const ServerOptions& options)
         {"X-Content-Type-Options", "nosniff"},
         {"X-Frame-Options", "DENY"},
         {"Referrer-Policy", "no-referrer"},
-        {"Content-Security-Policy",
-         "default-src 'self'; img-src 'self' data:; style-src 'self'; script-src 'self'; "
-         "connect-src 'self'; frame-ancestors 'none'"},
+        {"Content-Security-Policy", "default-src 'self'; img-src 'self' data:; style-src 'self'; script-src 'self'; "
+                                    "connect-src 'self'; frame-ancestors 'none'"},
     });
     routes();
 
@@ -140,8 +138,7 @@ void PanelServer::guardRequests()
     svr.set_pre_routing_handler([this](const httplib::Request& req, httplib::Response& res) {
         const std::string host = req.get_header_value("Host");
         if (!isAllowedHost(host, mAllowedHosts)) {
-            answerError(res, 403, "host", "requests must name this panel's address, not '" +
-                                              host.substr(0, 64) + "'");
+            answerError(res, 403, "host", "requests must name this panel's address, not '" + host.substr(0, 64) + "'");
             return httplib::Server::HandlerResponse::Handled;
         }
         if (!isSameOrigin(req.get_header_value("Origin"), host)) {
@@ -159,8 +156,8 @@ void PanelServer::guardRequests()
         else if (res.status == 404)
             answerError(res, 404, "http", "no such page");
         else
-            answerError(res, res.status, "http", "the request was not understood (HTTP " +
-                                                     std::to_string(res.status) + ")");
+            answerError(res, res.status, "http",
+                        "the request was not understood (HTTP " + std::to_string(res.status) + ")");
     });
 }
 
@@ -177,18 +174,16 @@ void PanelServer::serveAssets()
 
 void PanelServer::serveCalls()
 {
-    mServer->Post(R"(/api/call/([A-Za-z0-9_]{1,64}))",
-                  [this](const httplib::Request& req, httplib::Response& res) {
-                      CallRequest call;
-                      if (Refusal refusal = parseCall(req.matches[1], req.body, call)) {
-                          answerError(res, refusal.httpStatus, "refused", refusal.message);
-                          return;
-                      }
-                      HttpAnswer answer =
-                          mBus.call(call, std::chrono::milliseconds(mOptions.callTimeoutMs));
-                      res.status = answer.status;
-                      res.set_content(answer.json, "application/json");
-                  });
+    mServer->Post(R"(/api/call/([A-Za-z0-9_]{1,64}))", [this](const httplib::Request& req, httplib::Response& res) {
+        CallRequest call;
+        if (Refusal refusal = parseCall(req.matches[1], req.body, call)) {
+            answerError(res, refusal.httpStatus, "refused", refusal.message);
+            return;
+        }
+        HttpAnswer answer = mBus.call(call, std::chrono::milliseconds(mOptions.callTimeoutMs));
+        res.status = answer.status;
+        res.set_content(answer.json, "application/json");
+    });
 }
 
 // One browser's place in the hub's event list, kept between the chunks of its stream.

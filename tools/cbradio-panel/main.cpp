@@ -105,8 +105,9 @@ void startMonitor(panel::BusMonitor& monitor, panel::EventHub& hub, const std::s
     const std::string why = monitor.start(address);
     hub.publish("monitor", why.empty() ? "{\"available\":true}" : "{\"available\":false}", true);
     if (!why.empty())
-        std::fprintf(stderr, "cbradio-panel: no weather alert banner nor receive/transmit "
-                             "indicators before the return to idle: the bus refused monitoring (%s)\n",
+        std::fprintf(stderr,
+                     "cbradio-panel: no weather alert banner nor receive/transmit "
+                     "indicators before the return to idle: the bus refused monitoring (%s)\n",
                      why.c_str());
 }
 
@@ -150,8 +151,8 @@ int main(int argc, char** argv)
     if (!why.empty())
         return fail(why);
     const bool v6 = options.listenAddress.find(':') != std::string::npos;
-    std::printf("cbradio-panel: http://%s%s%s:%d/\n", v6 ? "[" : "", options.listenAddress.c_str(),
-                v6 ? "]" : "", server.port());
+    std::printf("cbradio-panel: http://%s%s%s:%d/\n", v6 ? "[" : "", options.listenAddress.c_str(), v6 ? "]" : "",
+                server.port());
     std::fflush(stdout);
 
     std::thread listener([&server] { server.listen(); });

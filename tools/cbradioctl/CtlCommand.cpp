@@ -173,27 +173,23 @@ Command byName(const std::string& name, const std::vector<std::string>& rest)
         return choice(rest, "up", "down", v) ? call("reqCBRStartSeek", intArg("seekDirection", v))
                                              : usage("seek: expected up or down");
     if (name == "scan")
-        return choice(rest, "start", "stop", v)
-                   ? call(v ? "reqCBRStartScan" : "reqCBRStopScan")
-                   : usage("scan: expected start or stop");
+        return choice(rest, "start", "stop", v) ? call(v ? "reqCBRStartScan" : "reqCBRStopScan")
+                                                : usage("scan: expected start or stop");
     if (name == "squelch")
-        return choice(rest, "up", "down", v)
-                   ? call("reqCBRAdjustSquelchLevel", intArg("squelchChg", v))
-                   : usage("squelch: expected up or down");
+        return choice(rest, "up", "down", v) ? call("reqCBRAdjustSquelchLevel", intArg("squelchChg", v))
+                                             : usage("squelch: expected up or down");
     if (name == "weather")
-        return choice(rest, "on", "off", v)
-                   ? call("reqCBRWeatherAlertOnOff", intArg("CBRWAState", v))
-                   : usage("weather: expected on or off");
+        return choice(rest, "on", "off", v) ? call("reqCBRWeatherAlertOnOff", intArg("CBRWAState", v))
+                                            : usage("weather: expected on or off");
     if (name == "presets")
         return presets(rest);
     if (name == "tx" || name == "rx" || name == "hw-version" || name == "sw-version") {
         if (!rest.empty())
             return usage(name + ": takes no arguments");
-        static const std::map<std::string, std::string> methods = {
-            {"tx", "reqCBRChangeRxToTx"},
-            {"rx", "reqCBRChangeTxToRx"},
-            {"hw-version", "reqCBRHWVersion"},
-            {"sw-version", "reqCBRSWVersion"}};
+        static const std::map<std::string, std::string> methods = {{"tx", "reqCBRChangeRxToTx"},
+                                                                   {"rx", "reqCBRChangeTxToRx"},
+                                                                   {"hw-version", "reqCBRHWVersion"},
+                                                                   {"sw-version", "reqCBRSWVersion"}};
         return call(methods.at(name));
     }
     if (name == "props") {
@@ -202,8 +198,7 @@ Command byName(const std::string& name, const std::vector<std::string>& rest)
         Command c = call("getProperties", jsonStringObject("props", rest[0]));
         c.kind = Command::Kind::Props;
         // The query name and the signal name differ for this one property.
-        c.signals.push_back(rest[0] == "CBRReceptionSensitivityStatus" ? "CBRReceptionSensitivity"
-                                                                       : rest[0]);
+        c.signals.push_back(rest[0] == "CBRReceptionSensitivityStatus" ? "CBRReceptionSensitivity" : rest[0]);
         return c;
     }
     if (name == "call") {
@@ -237,8 +232,7 @@ Command helpFor(const std::vector<std::string>& words)
 }
 
 // Splits "--key=value" or "--key value"; returns false when `arg` is not that option.
-bool option(const std::vector<std::string>& args, size_t& i, const std::string& key,
-            std::string& value)
+bool option(const std::vector<std::string>& args, size_t& i, const std::string& key, std::string& value)
 {
     const std::string& arg = args[i];
     if (arg == key) {

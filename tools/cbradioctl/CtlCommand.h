@@ -16,14 +16,13 @@ namespace cbradioctl
 {
 
 // Exit codes, part of the tool's interface for scripts.
-enum ExitCode
-{
-    EXIT_OK = 0,          // done; the service answered success (or the watch ended normally)
+enum ExitCode {
+    EXIT_OK = 0,             // done; the service answered success (or the watch ended normally)
     EXIT_FAILURE_REPLY = 1,  // the service answered failure, or an empty result
-    EXIT_USAGE = 2,       // bad command line
-    EXIT_NOT_ON_BUS = 3,  // the service (bus name) is not on the bus
-    EXIT_TIMEOUT = 4,     // no reply, or fewer signals than --count, in time
-    EXIT_BUS_ERROR = 5    // any other bus problem (bus unreachable, error reply, ...)
+    EXIT_USAGE = 2,          // bad command line
+    EXIT_NOT_ON_BUS = 3,     // the service (bus name) is not on the bus
+    EXIT_TIMEOUT = 4,        // no reply, or fewer signals than --count, in time
+    EXIT_BUS_ERROR = 5       // any other bus problem (bus unreachable, error reply, ...)
 };
 
 const char* const kServiceName = CBRadioBusNames::SERVICE_NAME;
@@ -32,8 +31,7 @@ const double kDefaultCallTimeoutS = 5.0;
 
 struct Command
 {
-    enum class Kind
-    {
+    enum class Kind {
         Call,   // invoke `method` with `params`; print the reply
         Props,  // getProperties, then print the payload of `signals[0]`
         Watch,  // print `signals` (all of the service's when empty) as they come
@@ -42,15 +40,15 @@ struct Command
     };
     Kind kind = Kind::Usage;
     std::string method;
-    std::string params;         // JSON text; "" for a call without arguments
-    bool resultless = false;    // the service gives this method no result: the bus's NoResult
-                                // error then means done
+    std::string params;       // JSON text; "" for a call without arguments
+    bool resultless = false;  // the service gives this method no result: the bus's NoResult
+                              // error then means done
     std::vector<std::string> signals;
-    double timeoutS = -1;       // -1: not given (calls use kDefaultCallTimeoutS, watch waits on)
-    long count = 0;             // watch: stop after this many signals (0: no limit)
+    double timeoutS = -1;  // -1: not given (calls use kDefaultCallTimeoutS, watch waits on)
+    long count = 0;        // watch: stop after this many signals (0: no limit)
     std::string busName = kServiceName;
     std::string objPath = kServicePath;
-    std::string text;           // Help / Usage
+    std::string text;  // Help / Usage
 };
 
 Command parseCommandLine(const std::vector<std::string>& args);

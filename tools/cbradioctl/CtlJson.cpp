@@ -58,8 +58,8 @@ private:
     }
     void skipSpace()
     {
-        while (mAt < mText.size()
-               && (mText[mAt] == ' ' || mText[mAt] == '\t' || mText[mAt] == '\n' || mText[mAt] == '\r'))
+        while (mAt < mText.size() &&
+               (mText[mAt] == ' ' || mText[mAt] == '\t' || mText[mAt] == '\n' || mText[mAt] == '\r'))
             ++mAt;
     }
     bool literal(const char* word)
@@ -92,8 +92,7 @@ private:
                         return false;
                 if (out)
                     *out += '?';  // only key names are compared, and ours are plain ASCII
-            } else if (e == '"' || e == '\\' || e == '/' || e == 'b' || e == 'f' || e == 'n'
-                       || e == 'r' || e == 't') {
+            } else if (e == '"' || e == '\\' || e == '/' || e == 'b' || e == 'f' || e == 'n' || e == 'r' || e == 't') {
                 if (out)
                     *out += e;
             } else {

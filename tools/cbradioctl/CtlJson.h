@@ -20,8 +20,7 @@ std::string jsonIntObject(const std::vector<std::pair<std::string, long>>& membe
 std::string jsonStringObject(const std::string& key, const std::string& value);
 
 // What a reply says in its top-level "code" member.
-enum class ReplyCode
-{
+enum class ReplyCode {
     NotAnObject,  // not JSON, or JSON but not an object
     None,         // an object without "code"
     Zero,         // "code" is the number 0

@@ -49,8 +49,8 @@ struct SignalQueue
         tm local;
         localtime_r(&tv.tv_sec, &local);
         char buf[32];
-        snprintf(buf, sizeof buf, "%02d:%02d:%02d.%03ld", local.tm_hour, local.tm_min,
-                 local.tm_sec, static_cast<long>(tv.tv_usec / 1000));
+        snprintf(buf, sizeof buf, "%02d:%02d:%02d.%03ld", local.tm_hour, local.tm_min, local.tm_sec,
+                 static_cast<long>(tv.tv_usec / 1000));
         return buf;
     }
     // Waits until a line is there or `until`; returns false on time-out.
@@ -88,12 +88,11 @@ int reportFailure(const Command& cmd, SVCIPC_tError status, double timeoutS)
         return EXIT_TIMEOUT;
     }
     if (status == SVCIPC_ERR_REMOTE) {
-        fprintf(stderr, "cbradioctl: %s failed: %s: %s\n", cmd.method.c_str(),
-                SVCIPC_getLastErrorName(), SVCIPC_getLastErrorMessage());
+        fprintf(stderr, "cbradioctl: %s failed: %s: %s\n", cmd.method.c_str(), SVCIPC_getLastErrorName(),
+                SVCIPC_getLastErrorMessage());
         return EXIT_BUS_ERROR;
     }
-    fprintf(stderr, "cbradioctl: bus error: %s (0x%08X)\n", SVCIPC_errorText(status),
-            static_cast<unsigned>(status));
+    fprintf(stderr, "cbradioctl: bus error: %s (0x%08X)\n", SVCIPC_errorText(status), static_cast<unsigned>(status));
     return EXIT_BUS_ERROR;
 }
 
@@ -116,13 +115,10 @@ bool serviceOnBus(SVCIPC_tConnection conn, const Command& cmd, int& exitCode)
 int runCall(SVCIPC_tConnection conn, const Command& cmd, double timeoutS)
 {
     SVCIPC_tResponse* resp = nullptr;
-    SVCIPC_tError status = SVCIPC_invoke(conn, cmd.busName.c_str(), cmd.objPath.c_str(),
-                                         cmd.method.c_str(), cmd.params.c_str(), 0,
-                                         timeoutMs(timeoutS), &resp);
-    if (status == SVCIPC_ERR_REMOTE && cmd.resultless
-        && strcmp(SVCIPC_getLastErrorName(), kNoResultError) == 0) {
-        fprintf(stderr, "cbradioctl: %s done (the service gives it no result)\n",
-                cmd.method.c_str());
+    SVCIPC_tError status = SVCIPC_invoke(conn, cmd.busName.c_str(), cmd.objPath.c_str(), cmd.method.c_str(),
+                                         cmd.params.c_str(), 0, timeoutMs(timeoutS), &resp);
+    if (status == SVCIPC_ERR_REMOTE && cmd.resultless && strcmp(SVCIPC_getLastErrorName(), kNoResultError) == 0) {
+        fprintf(stderr, "cbradioctl: %s done (the service gives it no result)\n", cmd.method.c_str());
         return EXIT_OK;
     }
     if (status != 0)
@@ -138,13 +134,13 @@ int runProps(SVCIPC_tConnection conn, const Command& cmd, double timeoutS)
     const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs(timeoutS));
     SignalQueue queue;
     SVCIPC_tSigSubHnd sub = nullptr;
-    SVCIPC_tError status = SVCIPC_subscribe(conn, cmd.objPath.c_str(), cmd.signals[0].c_str(),
-                                            &SignalQueue::onSignal, &queue, &sub);
+    SVCIPC_tError status = SVCIPC_subscribe(conn, cmd.objPath.c_str(), cmd.signals[0].c_str(), &SignalQueue::onSignal,
+                                            &queue, &sub);
     if (status != 0)
         return reportFailure(cmd, status, timeoutS);
     SVCIPC_tResponse* resp = nullptr;
-    status = SVCIPC_invoke(conn, cmd.busName.c_str(), cmd.objPath.c_str(), cmd.method.c_str(),
-                           cmd.params.c_str(), 0, timeoutMs(timeoutS), &resp);
+    status = SVCIPC_invoke(conn, cmd.busName.c_str(), cmd.objPath.c_str(), cmd.method.c_str(), cmd.params.c_str(), 0,
+                           timeoutMs(timeoutS), &resp);
     if (status != 0)
         return reportFailure(cmd, status, timeoutS);
     std::string reply = resp->result;
@@ -177,15 +173,14 @@ int runWatch(SVCIPC_tConnection conn, const Command& cmd)
     const std::vector<std::string>& names = cmd.signals.empty() ? serviceSignals() : cmd.signals;
     for (const std::string& name : names) {
         SVCIPC_tSigSubHnd sub = nullptr;
-        SVCIPC_tError status = SVCIPC_subscribe(conn, cmd.objPath.c_str(), name.c_str(),
-                                                &SignalQueue::onSignal, &queue, &sub);
+        SVCIPC_tError status = SVCIPC_subscribe(conn, cmd.objPath.c_str(), name.c_str(), &SignalQueue::onSignal, &queue,
+                                                &sub);
         if (status != 0)
             return reportFailure(cmd, status, 0);
     }
     const bool limited = cmd.timeoutS > 0;
-    const Clock::time_point end =
-        limited ? Clock::now() + std::chrono::milliseconds(timeoutMs(cmd.timeoutS))
-                : Clock::time_point::max();
+    const Clock::time_point end = limited ? Clock::now() + std::chrono::milliseconds(timeoutMs(cmd.timeoutS))
+                                          : Clock::time_point::max();
     long printed = 0;
     while (cmd.count == 0 || printed < cmd.count) {
         // Wake at least once a second to notice a bus that went away.
@@ -232,8 +227,7 @@ int main(int argc, char** argv)
     if (status == 0)
         status = SVCIPC_getConnection(SVCIPC_CONNECTION_SESSION, 0, &conn);
     if (status != 0) {
-        fprintf(stderr, "cbradioctl: cannot reach the session bus (%s)\n",
-                SVCIPC_errorText(status));
+        fprintf(stderr, "cbradioctl: cannot reach the session bus (%s)\n", SVCIPC_errorText(status));
         return EXIT_BUS_ERROR;
     }
 

@@ -9,7 +9,7 @@
 
 namespace
 {
-    typedef std::chrono::steady_clock Clock;
+typedef std::chrono::steady_clock Clock;
 }
 
 LoadBench::~LoadBench()
@@ -37,7 +37,9 @@ bool LoadBench::start(const Options& options)
             const std::string peersim = HeadUnit::buildDir() + "/tools/peersim/peersim";
             if (u.spawn({peersim, "--no-stdin", "--log=" + u.path("peersim.log")}, "peersim") <= 0)
                 return fail("cannot start " + peersim);
-            if (!HeadUnit::waitUntil([&] { return HeadUnit::readFile(u.path("peersim.log")).find("# ready") != std::string::npos; }, 10000))
+            if (!HeadUnit::waitUntil(
+                    [&] { return HeadUnit::readFile(u.path("peersim.log")).find("# ready") != std::string::npos; },
+                    10000))
                 return fail("peersim did not come up:\n" + HeadUnit::readFile(u.path("peersim.err")));
         }
         if (mOptions.stalledTraceServer) {
@@ -45,8 +47,10 @@ bool LoadBench::start(const Options& options)
             mTraceServer = u.spawn({tracesrv, "--no-stdin"}, "tracesrv");
             if (mTraceServer <= 0)
                 return fail("cannot start " + tracesrv);
-            if (!HeadUnit::waitUntil([&] { return ::access(u.path("dev/mv2trace/register").c_str(), F_OK) == 0; }, 5000))
-                return fail("tracesrv did not create its register node:\n" + HeadUnit::readFile(u.path("tracesrv.err")));
+            if (!HeadUnit::waitUntil([&] { return ::access(u.path("dev/mv2trace/register").c_str(), F_OK) == 0; },
+                                     5000))
+                return fail("tracesrv did not create its register node:\n" +
+                            HeadUnit::readFile(u.path("tracesrv.err")));
         }
         return true;
     };
@@ -55,7 +59,12 @@ bool LoadBench::start(const Options& options)
     if (!started)
         return fail(mUnit.error());
     if (options.stalledTraceServer) {
-        if (!HeadUnit::waitUntil([&] { return HeadUnit::readFile(mUnit.path("tracesrv.out")).find("CBRadio connected") != std::string::npos; }, 5000))
+        if (!HeadUnit::waitUntil(
+                [&] {
+                    return HeadUnit::readFile(mUnit.path("tracesrv.out")).find("CBRadio connected") !=
+                           std::string::npos;
+                },
+                5000))
             return fail("the daemon did not connect to tracesrv:\n" + HeadUnit::readFile(mUnit.path("tracesrv.out")));
         ::kill(mTraceServer, SIGSTOP);
     }
@@ -67,13 +76,15 @@ bool LoadBench::start(const Options& options)
 bool LoadBench::waitUntilServing(int timeoutMs)
 {
     // Before registration a call finds no owner; before the settings are in it answers failure.
-    return HeadUnit::waitUntil([&] {
-        const HeadUnit::Reply reply = mUnit.call("reqCBRGetPresetList", "", 1000);
-        if (reply.ok() && reply.text.find("CBRadioPresetList") != std::string::npos)
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        return false;
-    }, timeoutMs);
+    return HeadUnit::waitUntil(
+        [&] {
+            const HeadUnit::Reply reply = mUnit.call("reqCBRGetPresetList", "", 1000);
+            if (reply.ok() && reply.text.find("CBRadioPresetList") != std::string::npos)
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            return false;
+        },
+        timeoutMs);
 }
 
 LoadBench::StopResult LoadBench::stopDaemon(int timeoutMs)

@@ -27,14 +27,14 @@ public:
     {
         bool peers = false;
         bool stalledTraceServer = false;
-        bool console = true;   // the daemon traces every scope to its console
+        bool console = true;  // the daemon traces every scope to its console
         bool keepRoot = false;
     };
 
     struct StopResult
     {
-        int exitStatus = -1;   // -1: still running at the deadline (then killed)
-        double ms = 0;         // from SIGTERM until it ended (or the deadline)
+        int exitStatus = -1;  // -1: still running at the deadline (then killed)
+        double ms = 0;        // from SIGTERM until it ended (or the deadline)
     };
 
     LoadBench() = default;

@@ -13,17 +13,17 @@ const char* const LoadClients::kServicePath = CBRadioBusNames::SERVICE_OBJECT;
 
 namespace
 {
-    typedef std::chrono::steady_clock Clock;
+typedef std::chrono::steady_clock Clock;
 
-    const auto& kSignals = CBRadioBusNames::SERVICE_SIGNALS;
+const auto& kSignals = CBRadioBusNames::SERVICE_SIGNALS;
 
-    uint32_t percentile(std::vector<uint32_t>& sorted, double fraction)
-    {
-        if (sorted.empty())
-            return 0;
-        const size_t at = std::min(sorted.size() - 1, static_cast<size_t>(fraction * sorted.size()));
-        return sorted[at];
-    }
+uint32_t percentile(std::vector<uint32_t>& sorted, double fraction)
+{
+    if (sorted.empty())
+        return 0;
+    const size_t at = std::min(sorted.size() - 1, static_cast<size_t>(fraction * sorted.size()));
+    return sorted[at];
+}
 }
 
 std::vector<LoadCall> defaultLoadMix()
@@ -133,9 +133,9 @@ void LoadClients::clientLoop(std::shared_ptr<Shared> shared, std::shared_ptr<Cli
         if (counted)
             shared->countedInFlight.fetch_add(1);
         const Clock::time_point t0 = Clock::now();
-        const SVCIPC_tError status =
-            SVCIPC_invoke(client->conn, kServiceName, kServicePath, call.method.c_str(), call.params.c_str(), 0,
-                          static_cast<SVCIPC_tUInt32>(shared->timeoutMs), &response);
+        const SVCIPC_tError status = SVCIPC_invoke(client->conn, kServiceName, kServicePath, call.method.c_str(),
+                                                   call.params.c_str(), 0,
+                                                   static_cast<SVCIPC_tUInt32>(shared->timeoutMs), &response);
         const auto us = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - t0).count();
         const bool failure = status == 0 && response != nullptr && response->result != nullptr &&
                              std::string(response->result).find("\"code\":1") != std::string::npos;
@@ -213,14 +213,15 @@ void LoadClients::stop()
     if (!mThreads.empty()) {
         std::unique_lock<std::mutex> lock(mShared->doneMutex);
         const auto deadline = Clock::now() + std::chrono::milliseconds(mOptions.timeoutMs + 2000);
-        mShared->doneChanged.wait_until(lock, deadline, [&] { return mShared->done == static_cast<int>(mThreads.size()); });
+        mShared->doneChanged.wait_until(lock, deadline,
+                                        [&] { return mShared->done == static_cast<int>(mThreads.size()); });
         mStuck = static_cast<int>(mThreads.size()) - mShared->done;
     }
     for (std::thread& t : mThreads) {
         if (mStuck == 0)
-            t.join();   // each is past its last call
+            t.join();  // each is past its last call
         else
-            t.detach(); // a stuck one holds its own state
+            t.detach();  // a stuck one holds its own state
     }
     mThreads.clear();
     for (SVCIPC_tSigSubHnd sub : mSubscriptions)

@@ -40,13 +40,13 @@ std::vector<LoadCall> defaultLoadMix();
 struct LoadFigures
 {
     uint64_t calls = 0;
-    uint64_t answered = 0;          // a result came back (including "failure" results)
-    uint64_t failureResults = 0;    // of those, {"code":1,...}
+    uint64_t answered = 0;        // a result came back (including "failure" results)
+    uint64_t failureResults = 0;  // of those, {"code":1,...}
     uint64_t timeouts = 0;
-    uint64_t errors = 0;            // neither an answer nor a time-out
-    std::map<std::string, uint64_t> errorKinds;   // time-outs and errors by call and error text
+    uint64_t errors = 0;                         // neither an answer nor a time-out
+    std::map<std::string, uint64_t> errorKinds;  // time-outs and errors by call and error text
     uint64_t signals = 0;
-    double seconds = 0;             // length of the counting period
+    double seconds = 0;  // length of the counting period
     uint32_t p50Us = 0, p99Us = 0, maxUs = 0;
 
     double callsPerSecond() const { return seconds > 0 ? calls / seconds : 0; }

@@ -9,24 +9,24 @@
 
 namespace
 {
-    long statusField(pid_t pid, const std::string& field)
-    {
-        std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-        for (std::string line; std::getline(status, line);) {
-            if (line.compare(0, field.size() + 1, field + ":") == 0)
-                return std::strtol(line.c_str() + field.size() + 1, nullptr, 10);
-        }
-        return -1;
+long statusField(pid_t pid, const std::string& field)
+{
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.compare(0, field.size() + 1, field + ":") == 0)
+            return std::strtol(line.c_str() + field.size() + 1, nullptr, 10);
     }
+    return -1;
+}
 
-    std::string programOf(const std::string& pidText)
-    {
-        std::ifstream cmdline("/proc/" + pidText + "/cmdline");
-        std::string argv0;
-        std::getline(cmdline, argv0, '\0');
-        const size_t slash = argv0.rfind('/');
-        return slash == std::string::npos ? argv0 : argv0.substr(slash + 1);
-    }
+std::string programOf(const std::string& pidText)
+{
+    std::ifstream cmdline("/proc/" + pidText + "/cmdline");
+    std::string argv0;
+    std::getline(cmdline, argv0, '\0');
+    const size_t slash = argv0.rfind('/');
+    return slash == std::string::npos ? argv0 : argv0.substr(slash + 1);
+}
 }
 
 long residentKb(pid_t pid)

@@ -13,18 +13,18 @@
 
 namespace
 {
-    // mkdir -p for the folder part of `file`.
-    bool makeParents(const std::string& file, std::string& error)
-    {
-        for (size_t slash = file.find('/', 1); slash != std::string::npos; slash = file.find('/', slash + 1)) {
-            std::string dir = file.substr(0, slash);
-            if (::mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) {
-                error = "cannot create " + dir + ": " + std::strerror(errno);
-                return false;
-            }
+// mkdir -p for the folder part of `file`.
+bool makeParents(const std::string& file, std::string& error)
+{
+    for (size_t slash = file.find('/', 1); slash != std::string::npos; slash = file.find('/', slash + 1)) {
+        std::string dir = file.substr(0, slash);
+        if (::mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) {
+            error = "cannot create " + dir + ": " + std::strerror(errno);
+            return false;
         }
-        return true;
     }
+    return true;
+}
 }
 
 KeyValueFile::KeyValueFile(std::string path) : mPath(std::move(path)), mValues(Json::objectValue) {}
@@ -88,7 +88,10 @@ bool KeyValueFile::remove(const std::string& key, std::string& error)
     return save(error);
 }
 
-std::vector<std::string> KeyValueFile::keys() const { return mValues.getMemberNames(); }
+std::vector<std::string> KeyValueFile::keys() const
+{
+    return mValues.getMemberNames();
+}
 
 bool KeyValueFile::save(std::string& error) const
 {

@@ -12,12 +12,18 @@
 
 namespace
 {
-    const char* const kIntrospectable = "org.freedesktop.DBus.Introspectable";
-    const char* const kPeerInterface = "org.freedesktop.DBus.Peer";
+const char* const kIntrospectable = "org.freedesktop.DBus.Introspectable";
+const char* const kPeerInterface = "org.freedesktop.DBus.Peer";
 
-    std::string orEmpty(const char* text) { return text ? text : ""; }
+std::string orEmpty(const char* text)
+{
+    return text ? text : "";
+}
 
-    bool isText(const std::string& text) { return dbus_validate_utf8(text.c_str(), nullptr); }
+bool isText(const std::string& text)
+{
+    return dbus_validate_utf8(text.c_str(), nullptr);
+}
 }
 
 PeerBus::PeerBus(PeerLog& log, CallHandler onCall) : mLog(log), mOnCall(std::move(onCall))
@@ -78,9 +84,15 @@ bool PeerBus::join(Peer peer)
     return joined;
 }
 
-void PeerBus::leave(Peer peer) { onLoop([=] { leaveNow(peer); }); }
+void PeerBus::leave(Peer peer)
+{
+    onLoop([=] { leaveNow(peer); });
+}
 
-void PeerBus::emit(const PeerSignal& signal) { onLoop([&] { emitNow(signal); }); }
+void PeerBus::emit(const PeerSignal& signal)
+{
+    onLoop([&] { emitNow(signal); });
+}
 
 bool PeerBus::start()
 {
@@ -267,7 +279,8 @@ void PeerBus::handleCall(DBusMessage* call)
     const char* text = "";
     if (!signature.empty() &&
         !(signature == "s" && dbus_message_get_args(call, nullptr, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID))) {
-        refuse(DBUS_ERROR_INVALID_ARGS, "Call to '" + member + "' has wrong args (expected \"s\", got \"" + signature + "\")");
+        refuse(DBUS_ERROR_INVALID_ARGS,
+               "Call to '" + member + "' has wrong args (expected \"s\", got \"" + signature + "\")");
         return;
     }
     const std::string params = text;

@@ -90,7 +90,7 @@ private:
     std::atomic<bool> mStop{false};
     std::atomic<bool> mJoined[kPeerCount];
 
-    std::mutex mMutex;                       // guards the task queue and the loop's state below
+    std::mutex mMutex;  // guards the task queue and the loop's state below
     std::condition_variable mDone;
     std::deque<std::function<void()>> mTasks;
     unsigned long mPosted = 0;

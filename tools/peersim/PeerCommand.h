@@ -15,8 +15,7 @@
 #include <vector>
 
 // How a peer answers a method call.
-enum class AnswerMode
-{
+enum class AnswerMode {
     NORMAL,     // does what the method asks and replies
     FAIL,       // does nothing and sends an error reply
     MALFORMED,  // does what the method asks but replies with a text that is not JSON
@@ -25,18 +24,23 @@ enum class AnswerMode
 
 struct PeerCommand
 {
-    enum Kind
-    {
-        NONE, HELP, QUIT, STATUS, SLEEP,
-        EMIT,              // peers[0] emits signal `name` with payload `text`
-        ANSWER,            // `mode` for `method` ("" = every method) of `peers`
-        DELAY,             // reply delay `number` ms for `method` ("" = every method) of `peers`
-        LEAVE, JOIN,       // release / request the bus names of `peers`
-        BOUNCE,            // leave, pause `number` ms, join
-        VOX,               // voice detection state `number`
-        ROUTING,           // audio routing `headsetD`, `headsetP`, `source`
-        INTERRUPT,         // interruptSrc signal: action `name`, source `text`
-        REFUSE, ACCEPT,    // add/remove requests (`name`: "add", "remove" or "both")
+    enum Kind {
+        NONE,
+        HELP,
+        QUIT,
+        STATUS,
+        SLEEP,
+        EMIT,    // peers[0] emits signal `name` with payload `text`
+        ANSWER,  // `mode` for `method` ("" = every method) of `peers`
+        DELAY,   // reply delay `number` ms for `method` ("" = every method) of `peers`
+        LEAVE,
+        JOIN,       // release / request the bus names of `peers`
+        BOUNCE,     // leave, pause `number` ms, join
+        VOX,        // voice detection state `number`
+        ROUTING,    // audio routing `headsetD`, `headsetP`, `source`
+        INTERRUPT,  // interruptSrc signal: action `name`, source `text`
+        REFUSE,
+        ACCEPT,            // add/remove requests (`name`: "add", "remove" or "both")
         INTERRUPT_SIGNAL,  // `flag`: follow add/remove answers with an interruptSrc signal
         TTS_AVAILABLE,     // speech availability `number`
         TTS_RESULT,        // read-out result: code `number`, description `text`
@@ -44,9 +48,13 @@ struct PeerCommand
         DIAG_REPLY,        // inspection mode query reply: code `number`, description `text`
         REAR,              // rear controller state `name`
         POWER,             // power mode `number`
-        RIDER, PASSENGER,  // PTT switch value `number`
-        KV_SET, KV_GET, KV_DEL, KV_LIST,  // key `name`, JSON value `text`
-        ERROR              // `text` says why
+        RIDER,
+        PASSENGER,  // PTT switch value `number`
+        KV_SET,
+        KV_GET,
+        KV_DEL,
+        KV_LIST,  // key `name`, JSON value `text`
+        ERROR     // `text` says why
     };
 
     Kind kind = NONE;

@@ -4,28 +4,43 @@
 
 namespace
 {
-    struct Names
-    {
-        const char* name;
-        const char* alias;
-    };
+struct Names
+{
+    const char* name;
+    const char* alias;
+};
 
-    const Names kNames[kPeerCount] = {
-        {"AudioManager", "audio"},
-        {"PersistentKeyValue", "kv"},
-        {"TextToSpeechService", "tts"},
-        {"DiagnosticService", "diag"},
-        {"ModeManager", "mode"},
-        {"MERIDOOnOff", "power"},
-        {"CAN_HMI", "can"},
-    };
+const Names kNames[kPeerCount] = {
+    {"AudioManager", "audio"},
+    {"PersistentKeyValue", "kv"},
+    {"TextToSpeechService", "tts"},
+    {"DiagnosticService", "diag"},
+    {"ModeManager", "mode"},
+    {"MERIDOOnOff", "power"},
+    {"CAN_HMI", "can"},
+};
 }
 
-const char* peerName(Peer peer) { return kNames[static_cast<int>(peer)].name; }
-const char* peerAlias(Peer peer) { return kNames[static_cast<int>(peer)].alias; }
-std::string peerBusName(Peer peer) { return std::string("com.quorin.service.") + peerName(peer); }
-std::string peerObjectPath(Peer peer) { return std::string("/com/quorin/service/") + peerName(peer); }
-Peer peerAt(int index) { return static_cast<Peer>(index); }
+const char* peerName(Peer peer)
+{
+    return kNames[static_cast<int>(peer)].name;
+}
+const char* peerAlias(Peer peer)
+{
+    return kNames[static_cast<int>(peer)].alias;
+}
+std::string peerBusName(Peer peer)
+{
+    return std::string("com.quorin.service.") + peerName(peer);
+}
+std::string peerObjectPath(Peer peer)
+{
+    return std::string("/com/quorin/service/") + peerName(peer);
+}
+Peer peerAt(int index)
+{
+    return static_cast<Peer>(index);
+}
 
 bool findPeer(const std::string& word, Peer& peer)
 {

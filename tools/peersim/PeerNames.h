@@ -8,8 +8,7 @@
 
 #include <string>
 
-enum class Peer
-{
+enum class Peer {
     AudioManager,
     PersistentKeyValue,
     TextToSpeechService,
@@ -21,11 +20,11 @@ enum class Peer
 
 constexpr int kPeerCount = 7;
 
-const char* peerName(Peer peer);          // "AudioManager"
-const char* peerAlias(Peer peer);         // "audio"
-std::string peerBusName(Peer peer);       // "com.quorin.service.AudioManager"
-std::string peerObjectPath(Peer peer);    // "/com/quorin/service/AudioManager"
-Peer peerAt(int index);                   // 0..kPeerCount-1, in the order of the enum
+const char* peerName(Peer peer);        // "AudioManager"
+const char* peerAlias(Peer peer);       // "audio"
+std::string peerBusName(Peer peer);     // "com.quorin.service.AudioManager"
+std::string peerObjectPath(Peer peer);  // "/com/quorin/service/AudioManager"
+Peer peerAt(int index);                 // 0..kPeerCount-1, in the order of the enum
 
 // Name or alias, letters in any case. False for anything else.
 bool findPeer(const std::string& word, Peer& peer);

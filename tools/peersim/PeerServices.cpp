@@ -8,119 +8,132 @@
 
 namespace
 {
-    const char* const kInvalidArgs = "org.freedesktop.DBus.Error.InvalidArgs";
-    const char* const kUnknownMethod = "org.freedesktop.DBus.Error.UnknownMethod";
+const char* const kInvalidArgs = "org.freedesktop.DBus.Error.InvalidArgs";
+const char* const kUnknownMethod = "org.freedesktop.DBus.Error.UnknownMethod";
 
-    std::string compact(const Json::Value& value)
-    {
-        Json::StreamWriterBuilder builder;
-        builder["indentation"] = "";
-        return Json::writeString(builder, value);
-    }
+std::string compact(const Json::Value& value)
+{
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, value);
+}
 
-    bool parseJson(const std::string& text, Json::Value& value)
-    {
-        Json::CharReaderBuilder builder;
-        std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-        std::string why;
-        return reader->parse(text.data(), text.data() + text.size(), &value, &why);
-    }
+bool parseJson(const std::string& text, Json::Value& value)
+{
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    std::string why;
+    return reader->parse(text.data(), text.data() + text.size(), &value, &why);
+}
 
-    Json::Value number(long n) { return Json::Value(static_cast<Json::Int64>(n)); }
+Json::Value number(long n)
+{
+    return Json::Value(static_cast<Json::Int64>(n));
+}
 
-    PeerAnswer reply(const Json::Value& value)
-    {
-        PeerAnswer a;
-        a.kind = PeerAnswer::REPLY;
-        a.text = compact(value);
-        return a;
-    }
+PeerAnswer reply(const Json::Value& value)
+{
+    PeerAnswer a;
+    a.kind = PeerAnswer::REPLY;
+    a.text = compact(value);
+    return a;
+}
 
-    PeerAnswer failure(const char* name, const std::string& message)
-    {
-        PeerAnswer a;
-        a.kind = PeerAnswer::ERROR;
-        a.errorName = name;
-        a.errorMessage = message;
-        return a;
-    }
+PeerAnswer failure(const char* name, const std::string& message)
+{
+    PeerAnswer a;
+    a.kind = PeerAnswer::ERROR;
+    a.errorName = name;
+    a.errorMessage = message;
+    return a;
+}
 
-    Json::Value codeAndDescription(long code, const std::string& description)
-    {
-        Json::Value v(Json::objectValue);
-        v["code"] = number(code);
-        v["description"] = description;
-        return v;
-    }
+Json::Value codeAndDescription(long code, const std::string& description)
+{
+    Json::Value v(Json::objectValue);
+    v["code"] = number(code);
+    v["description"] = description;
+    return v;
+}
 
-    PeerSignal signal(Peer peer, const char* name, const Json::Value& payload)
-    {
-        return PeerSignal{peer, name, compact(payload)};
-    }
+PeerSignal signal(Peer peer, const char* name, const Json::Value& payload)
+{
+    return PeerSignal{peer, name, compact(payload)};
+}
 
-    PeerSignal oneMember(Peer peer, const char* name, const char* member, const Json::Value& value)
-    {
-        Json::Value payload(Json::objectValue);
-        payload[member] = value;
-        return signal(peer, name, payload);
-    }
+PeerSignal oneMember(Peer peer, const char* name, const char* member, const Json::Value& value)
+{
+    Json::Value payload(Json::objectValue);
+    payload[member] = value;
+    return signal(peer, name, payload);
+}
 
-    bool hasMethod(Peer peer, const std::string& m)
-    {
-        switch (peer) {
-        case Peer::AudioManager:
-            return m == "addInterruptSrc" || m == "removeInterruptSrc" || m == "getProperties" || m == "setDeviceState";
-        case Peer::PersistentKeyValue: return m == "read" || m == "write";
-        case Peer::TextToSpeechService: return m == "ttsReadout";
-        case Peer::DiagnosticService: return m == "reqGetDiagInspectionModeStatus";
-        case Peer::ModeManager: return m == "getProperties";
-        case Peer::MERIDOOnOff: return m == "getPowerMode";
-        case Peer::CAN_HMI: return false;
-        }
+bool hasMethod(Peer peer, const std::string& m)
+{
+    switch (peer) {
+    case Peer::AudioManager:
+        return m == "addInterruptSrc" || m == "removeInterruptSrc" || m == "getProperties" || m == "setDeviceState";
+    case Peer::PersistentKeyValue:
+        return m == "read" || m == "write";
+    case Peer::TextToSpeechService:
+        return m == "ttsReadout";
+    case Peer::DiagnosticService:
+        return m == "reqGetDiagInspectionModeStatus";
+    case Peer::ModeManager:
+        return m == "getProperties";
+    case Peer::MERIDOOnOff:
+        return m == "getPowerMode";
+    case Peer::CAN_HMI:
         return false;
     }
+    return false;
+}
 
-    // The "props" list of a getProperties call; false when there is none.
-    bool properties(const Json::Value& args, std::vector<std::string>& names)
-    {
-        if (!args.isObject() || !args["props"].isArray())
-            return false;
-        for (const Json::Value& p : args["props"])
-            if (p.isString())
-                names.push_back(p.asString());
-        return true;
-    }
+// The "props" list of a getProperties call; false when there is none.
+bool properties(const Json::Value& args, std::vector<std::string>& names)
+{
+    if (!args.isObject() || !args["props"].isArray())
+        return false;
+    for (const Json::Value& p : args["props"])
+        if (p.isString())
+            names.push_back(p.asString());
+    return true;
+}
 
-    const char* modeWord(AnswerMode mode)
-    {
-        switch (mode) {
-        case AnswerMode::NORMAL: return "normal";
-        case AnswerMode::FAIL: return "error reply";
-        case AnswerMode::MALFORMED: return "malformed reply";
-        case AnswerMode::SILENT: return "no answer";
-        }
-        return "?";
+const char* modeWord(AnswerMode mode)
+{
+    switch (mode) {
+    case AnswerMode::NORMAL:
+        return "normal";
+    case AnswerMode::FAIL:
+        return "error reply";
+    case AnswerMode::MALFORMED:
+        return "malformed reply";
+    case AnswerMode::SILENT:
+        return "no answer";
     }
+    return "?";
+}
 
-    // A setting for every method of a peer replaces the peer's per-method ones.
-    template <typename Map>
-    void clearPeer(Map& map, Peer peer)
-    {
-        for (auto it = map.begin(); it != map.end();)
-            it = it->first.first == peer ? map.erase(it) : std::next(it);
-    }
+// A setting for every method of a peer replaces the peer's per-method ones.
+template <typename Map>
+void clearPeer(Map& map, Peer peer)
+{
+    for (auto it = map.begin(); it != map.end();)
+        it = it->first.first == peer ? map.erase(it) : std::next(it);
+}
 
-    template <typename Map, typename Value>
-    bool lookup(const Map& map, Peer peer, const std::string& method, Value& value)
-    {
-        auto it = map.find(std::make_pair(peer, method));
-        if (it == map.end())
-            it = map.find(std::make_pair(peer, std::string()));
-        if (it == map.end())
-            return false;
-        value = it->second;
-        return true;
-    }
+template <typename Map, typename Value>
+bool lookup(const Map& map, Peer peer, const std::string& method, Value& value)
+{
+    auto it = map.find(std::make_pair(peer, method));
+    if (it == map.end())
+        it = map.find(std::make_pair(peer, std::string()));
+    if (it == map.end())
+        return false;
+    value = it->second;
+    return true;
+}
 }
 
 PeerServices::PeerServices(const std::string& keyValuePath) : mStore(keyValuePath)
@@ -274,7 +287,11 @@ PeerAnswer PeerServices::keyValue(const std::string& method, const Json::Value& 
 PeerOutcome PeerServices::apply(const PeerCommand& c)
 {
     typedef void (PeerServices::*Handler)(const PeerCommand&, PeerOutcome&);
-    static const struct { PeerCommand::Kind kind; Handler handle; } kHandlers[] = {
+    static const struct
+    {
+        PeerCommand::Kind kind;
+        Handler handle;
+    } kHandlers[] = {
         {PeerCommand::EMIT, &PeerServices::emit},
         {PeerCommand::ANSWER, &PeerServices::setAnswerMode},
         {PeerCommand::DELAY, &PeerServices::setDelay},
@@ -292,7 +309,8 @@ PeerOutcome PeerServices::apply(const PeerCommand& c)
         {PeerCommand::KV_LIST, &PeerServices::keyValueCommand},
     };
     // Commands that set one number of a peer's state and announce it in a one-member signal.
-    static const struct {
+    static const struct
+    {
         PeerCommand::Kind kind;
         long PeerServices::*state;
         Peer peer;
@@ -385,8 +403,8 @@ void PeerServices::setRefusals(const PeerCommand& c, PeerOutcome& out)
         mRefuseAdd = refuse;
     if (c.name != "add")
         mRefuseRemove = refuse;
-    out.message = std::string("AudioManager: add ") + (mRefuseAdd ? "refused" : "accepted") +
-                  ", remove " + (mRefuseRemove ? "refused" : "accepted");
+    out.message = std::string("AudioManager: add ") + (mRefuseAdd ? "refused" : "accepted") + ", remove " +
+                  (mRefuseRemove ? "refused" : "accepted");
 }
 
 void PeerServices::setInterruptSignal(const PeerCommand& c, PeerOutcome& out)
@@ -463,8 +481,8 @@ std::string PeerServices::answerSettings() const
     for (const auto& d : mDelays) {
         if (d.second == 0 && d.first.second.empty())
             continue;
-        text << " " << peerName(d.first.first) << "." << (d.first.second.empty() ? "*" : d.first.second)
-             << " after " << d.second << " ms;";
+        text << " " << peerName(d.first.first) << "." << (d.first.second.empty() ? "*" : d.first.second) << " after "
+             << d.second << " ms;";
         any = true;
     }
     if (!any)
@@ -483,8 +501,8 @@ std::string PeerServices::describe() const
     for (const std::string& s : mHeldSources)
         text << " " << s;
     text << ", add " << (mRefuseAdd ? "refused" : "accepted") << ", remove " << (mRefuseRemove ? "refused" : "accepted")
-         << ", interruptSrc after add/remove " << (mInterruptSignal ? "on" : "off") << ", MIC_D " << mMicD
-         << " MIC_P " << mMicP << "\n"
+         << ", interruptSrc after add/remove " << (mInterruptSignal ? "on" : "off") << ", MIC_D " << mMicD << " MIC_P "
+         << mMicP << "\n"
          << "PersistentKeyValue: " << mStore.keys().size() << " keys in "
          << (mStore.path().empty() ? "memory" : mStore.path()) << "\n"
          << "TextToSpeechService: available " << mTtsAvailable << ", answers "

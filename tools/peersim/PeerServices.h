@@ -59,18 +59,18 @@ struct PeerAnswer
 {
     enum Kind { REPLY, ERROR, NONE };
     Kind kind = NONE;
-    std::string text;                // REPLY
-    std::string errorName;           // ERROR
+    std::string text;       // REPLY
+    std::string errorName;  // ERROR
     std::string errorMessage;
-    long delayMs = 0;                // before the answer and the signals
-    std::vector<PeerSignal> signals; // after the answer (also when there is none)
-    std::string speak;               // a read-out text to be spoken
+    long delayMs = 0;                 // before the answer and the signals
+    std::vector<PeerSignal> signals;  // after the answer (also when there is none)
+    std::string speak;                // a read-out text to be spoken
 };
 
 struct PeerOutcome
 {
-    bool ok = true;                  // false: the command was refused; `message` says why
-    std::string message;             // for the user; may be empty
+    bool ok = true;       // false: the command was refused; `message` says why
+    std::string message;  // for the user; may be empty
     std::vector<PeerSignal> signals;
 };
 
@@ -90,7 +90,7 @@ public:
     std::string describe() const;
 
 private:
-    typedef std::pair<Peer, std::string> MethodKey;   // method "" = every method of the peer
+    typedef std::pair<Peer, std::string> MethodKey;  // method "" = every method of the peer
 
     PeerAnswer perform(Peer peer, const std::string& method, const std::string& params);
     PeerAnswer audioManager(const std::string& method, const Json::Value& args);
@@ -111,7 +111,7 @@ private:
     mutable std::mutex mMutex;
     KeyValueFile mStore;
     std::map<MethodKey, AnswerMode> mModes;
-    std::map<MethodKey, std::string> mModeTexts;     // FAIL: name + '\n' + message; MALFORMED: text
+    std::map<MethodKey, std::string> mModeTexts;  // FAIL: name + '\n' + message; MALFORMED: text
     std::map<MethodKey, long> mDelays;
 
     long mVox = 0;

@@ -13,7 +13,8 @@ void PeerSpeaker::speak(const std::string& text)
 {
     if (mFolder.empty() || mMissing.load(std::memory_order_relaxed))
         return;
-    const std::string file = mFolder + "/readout-" + std::to_string(mCount.fetch_add(1, std::memory_order_relaxed) + 1) + ".wav";
+    const std::string file = mFolder + "/readout-" +
+                             std::to_string(mCount.fetch_add(1, std::memory_order_relaxed) + 1) + ".wav";
     std::vector<std::string> args = {"espeak-ng", "-w", file, "--", text};
     std::vector<char*> argv;
     for (std::string& a : args)

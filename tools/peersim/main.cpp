@@ -27,167 +27,169 @@
 
 namespace
 {
-    PeerBus* gBus = nullptr;
-    std::atomic<bool> gQuit(false);
-    std::mutex gQuitMutex;
-    std::condition_variable gQuitChanged;
+PeerBus* gBus = nullptr;
+std::atomic<bool> gQuit(false);
+std::mutex gQuitMutex;
+std::condition_variable gQuitChanged;
 
-    void onSignal(int)
-    {
-        gQuit.store(true, std::memory_order_relaxed);
-        if (gBus)
-            gBus->stop();
-    }
-
-    void quit()
-    {
-        gQuit.store(true, std::memory_order_relaxed);
+void onSignal(int)
+{
+    gQuit.store(true, std::memory_order_relaxed);
+    if (gBus)
         gBus->stop();
-        std::lock_guard<std::mutex> lock(gQuitMutex);
-        gQuitChanged.notify_all();
-    }
+}
 
-    bool quitting() { return gQuit.load(std::memory_order_relaxed); }
+void quit()
+{
+    gQuit.store(true, std::memory_order_relaxed);
+    gBus->stop();
+    std::lock_guard<std::mutex> lock(gQuitMutex);
+    gQuitChanged.notify_all();
+}
 
-    // Sleeps for `ms`, or less when peersim is told to quit; false then.
-    bool pause(long ms)
+bool quitting()
+{
+    return gQuit.load(std::memory_order_relaxed);
+}
+
+// Sleeps for `ms`, or less when peersim is told to quit; false then.
+bool pause(long ms)
+{
+    std::unique_lock<std::mutex> lock(gQuitMutex);
+    gQuitChanged.wait_for(lock, std::chrono::milliseconds(ms), [] { return quitting(); });
+    return !quitting();
+}
+
+class Commands
+{
+public:
+    Commands(PeerServices& services, PeerBus& bus, PeerLog& log) : mServices(services), mBus(bus), mLog(log) {}
+
+    // False when peersim is to stop.
+    bool execute(const std::string& line)
     {
-        std::unique_lock<std::mutex> lock(gQuitMutex);
-        gQuitChanged.wait_for(lock, std::chrono::milliseconds(ms), [] { return quitting(); });
+        const PeerCommand c = PeerCommand::parse(line);
+        switch (c.kind) {
+        case PeerCommand::NONE:
+            break;
+        case PeerCommand::HELP:
+            std::fputs(PeerCommand::helpText(), stdout);
+            std::fflush(stdout);
+            break;
+        case PeerCommand::QUIT:
+            quit();
+            return false;
+        case PeerCommand::SLEEP:
+            return pause(c.number);
+        case PeerCommand::STATUS: {
+            std::istringstream lines(mServices.describe() + "\n" + presence());
+            for (std::string l; std::getline(lines, l);)
+                mLog.note(l);
+            break;
+        }
+        case PeerCommand::JOIN:
+        case PeerCommand::LEAVE:
+        case PeerCommand::BOUNCE:
+            for (Peer p : c.peers)
+                if (c.kind != PeerCommand::JOIN)
+                    mBus.leave(p);
+            if (c.kind == PeerCommand::BOUNCE && !pause(c.number))
+                return false;
+            for (Peer p : c.peers)
+                if (c.kind != PeerCommand::LEAVE)
+                    mBus.join(p);
+            break;
+        case PeerCommand::ERROR:
+            mLog.note("error: " + c.text);
+            break;
+        default: {
+            const PeerOutcome out = mServices.apply(c);
+            if (!out.message.empty()) {
+                std::istringstream lines(out.message);
+                for (std::string l; std::getline(lines, l);)
+                    mLog.note(out.ok ? l : "error: " + l);
+            }
+            for (const PeerSignal& s : out.signals)
+                mBus.emit(s);
+            break;
+        }
+        }
         return !quitting();
     }
 
-    class Commands
+private:
+    std::string presence() const
     {
-    public:
-        Commands(PeerServices& services, PeerBus& bus, PeerLog& log) : mServices(services), mBus(bus), mLog(log) {}
-
-        // False when peersim is to stop.
-        bool execute(const std::string& line)
-        {
-            const PeerCommand c = PeerCommand::parse(line);
-            switch (c.kind) {
-            case PeerCommand::NONE:
-                break;
-            case PeerCommand::HELP:
-                std::fputs(PeerCommand::helpText(), stdout);
-                std::fflush(stdout);
-                break;
-            case PeerCommand::QUIT:
-                quit();
-                return false;
-            case PeerCommand::SLEEP:
-                return pause(c.number);
-            case PeerCommand::STATUS: {
-                std::istringstream lines(mServices.describe() + "\n" + presence());
-                for (std::string l; std::getline(lines, l);)
-                    mLog.note(l);
-                break;
-            }
-            case PeerCommand::JOIN:
-            case PeerCommand::LEAVE:
-            case PeerCommand::BOUNCE:
-                for (Peer p : c.peers)
-                    if (c.kind != PeerCommand::JOIN)
-                        mBus.leave(p);
-                if (c.kind == PeerCommand::BOUNCE && !pause(c.number))
-                    return false;
-                for (Peer p : c.peers)
-                    if (c.kind != PeerCommand::LEAVE)
-                        mBus.join(p);
-                break;
-            case PeerCommand::ERROR:
-                mLog.note("error: " + c.text);
-                break;
-            default: {
-                const PeerOutcome out = mServices.apply(c);
-                if (!out.message.empty()) {
-                    std::istringstream lines(out.message);
-                    for (std::string l; std::getline(lines, l);)
-                        mLog.note(out.ok ? l : "error: " + l);
-                }
-                for (const PeerSignal& s : out.signals)
-                    mBus.emit(s);
-                break;
-            }
-            }
-            return !quitting();
-        }
-
-    private:
-        std::string presence() const
-        {
-            std::string on, off;
-            for (int i = 0; i < kPeerCount; ++i)
-                ((mBus.isJoined(peerAt(i)) ? on : off) += " ") += peerName(peerAt(i));
-            return "on the bus:" + (on.empty() ? std::string(" none") : on) +
-                   (off.empty() ? std::string() : "\noff the bus:" + off);
-        }
-
-        PeerServices& mServices;
-        PeerBus& mBus;
-        PeerLog& mLog;
-    };
-
-    void usage()
-    {
-        std::printf(
-            "usage: peersim [--cmd \"COMMAND\"]... [--script FILE]... [--log=FILE] [--only=NAME,NAME...]\n"
-            "               [--kv-file=FILE] [--speak-dir=DIR] [--no-stdin]\n"
-            "Stands in for the head-unit services the CB radio service calls, on the session bus\n"
-            "(DBUS_SESSION_BUS_ADDRESS). The key-value store lives in --kv-file, by default\n"
-            "$CBRADIO_ROOT/var/lib/peersim/keyvalue.json. --cmd and --script run in the given order,\n"
-            "then commands are read from standard input.\n\n%s",
-            PeerCommand::helpText());
-    }
-
-    bool parseOnly(const std::string& list, bool wanted[kPeerCount])
-    {
+        std::string on, off;
         for (int i = 0; i < kPeerCount; ++i)
-            wanted[i] = false;
-        std::istringstream words(list);
-        for (std::string w; std::getline(words, w, ',');) {
-            Peer p;
-            if (!findPeer(w, p)) {
-                std::fprintf(stderr, "peersim: unknown service '%s' in --only\n", w.c_str());
-                return false;
-            }
-            wanted[static_cast<int>(p)] = true;
-        }
-        return true;
+            ((mBus.isJoined(peerAt(i)) ? on : off) += " ") += peerName(peerAt(i));
+        return "on the bus:" + (on.empty() ? std::string(" none") : on) +
+               (off.empty() ? std::string() : "\noff the bus:" + off);
     }
+
+    PeerServices& mServices;
+    PeerBus& mBus;
+    PeerLog& mLog;
+};
+
+void usage()
+{
+    std::printf("usage: peersim [--cmd \"COMMAND\"]... [--script FILE]... [--log=FILE] [--only=NAME,NAME...]\n"
+                "               [--kv-file=FILE] [--speak-dir=DIR] [--no-stdin]\n"
+                "Stands in for the head-unit services the CB radio service calls, on the session bus\n"
+                "(DBUS_SESSION_BUS_ADDRESS). The key-value store lives in --kv-file, by default\n"
+                "$CBRADIO_ROOT/var/lib/peersim/keyvalue.json. --cmd and --script run in the given order,\n"
+                "then commands are read from standard input.\n\n%s",
+                PeerCommand::helpText());
+}
+
+bool parseOnly(const std::string& list, bool wanted[kPeerCount])
+{
+    for (int i = 0; i < kPeerCount; ++i)
+        wanted[i] = false;
+    std::istringstream words(list);
+    for (std::string w; std::getline(words, w, ',');) {
+        Peer p;
+        if (!findPeer(w, p)) {
+            std::fprintf(stderr, "peersim: unknown service '%s' in --only\n", w.c_str());
+            return false;
+        }
+        wanted[static_cast<int>(p)] = true;
+    }
+    return true;
+}
 }
 
 namespace
 {
-    struct Options
-    {
-        std::string logPath, kvPath = KeyValueFile::defaultPath(), speakDir;
-        bool wanted[kPeerCount] = {true, true, true, true, true, true, true};
-    };
+struct Options
+{
+    std::string logPath, kvPath = KeyValueFile::defaultPath(), speakDir;
+    bool wanted[kPeerCount] = {true, true, true, true, true, true, true};
+};
 
-    // The exit status when the arguments end the tool (help, an error); -1 to go on.
-    int parseArguments(int argc, char** argv, CommandInput& input, Options& o)
-    {
-        std::string value;
-        for (int i = 1; i < argc; ++i) {
-            if (input.takeOption(argc, argv, i))
-                continue;
-            const std::string a = argv[i];
-            if (takeOptionValue(a, "--log", value))
-                o.logPath = value;
-            else if (takeOptionValue(a, "--kv-file", value))
-                o.kvPath = value;
-            else if (takeOptionValue(a, "--speak-dir", value))
-                o.speakDir = value;
-            else if (takeOptionValue(a, "--only", value)) {
-                if (!parseOnly(value, o.wanted))
-                    return 2;
-            } else
-                return refuseArgument("peersim", a, usage);
-        }
-        return -1;
+// The exit status when the arguments end the tool (help, an error); -1 to go on.
+int parseArguments(int argc, char** argv, CommandInput& input, Options& o)
+{
+    std::string value;
+    for (int i = 1; i < argc; ++i) {
+        if (input.takeOption(argc, argv, i))
+            continue;
+        const std::string a = argv[i];
+        if (takeOptionValue(a, "--log", value))
+            o.logPath = value;
+        else if (takeOptionValue(a, "--kv-file", value))
+            o.kvPath = value;
+        else if (takeOptionValue(a, "--speak-dir", value))
+            o.speakDir = value;
+        else if (takeOptionValue(a, "--only", value)) {
+            if (!parseOnly(value, o.wanted))
+                return 2;
+        } else
+            return refuseArgument("peersim", a, usage);
     }
+    return -1;
+}
 }
 
 int main(int argc, char** argv)

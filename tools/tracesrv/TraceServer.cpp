@@ -18,63 +18,61 @@ volatile std::sig_atomic_t TraceServer::sStop = 0;
 
 namespace
 {
-    const char* const kNodeDir = "/dev/mv2trace/";
+const char* const kNodeDir = "/dev/mv2trace/";
 
-    uint64_t nowMs()
-    {
-        timespec ts;
-        clock_gettime(CLOCK_MONOTONIC, &ts);
-        return static_cast<uint64_t>(ts.tv_sec) * 1000 + static_cast<uint64_t>(ts.tv_nsec) / 1000000;
-    }
+uint64_t nowMs()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<uint64_t>(ts.tv_sec) * 1000 + static_cast<uint64_t>(ts.tv_nsec) / 1000000;
+}
 
-    // A process name becomes a file name under the node folder: keep it plain.
-    bool validName(const std::string& n)
-    {
-        if (n.empty() || n.size() > 100 || n[0] == '.' || n == "register")
+// A process name becomes a file name under the node folder: keep it plain.
+bool validName(const std::string& n)
+{
+    if (n.empty() || n.size() > 100 || n[0] == '.' || n == "register")
+        return false;
+    for (char c : n)
+        if (!(std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '-' || c == '.'))
             return false;
-        for (char c : n)
-            if (!(std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '-' || c == '.'))
-                return false;
-        return true;
-    }
+    return true;
+}
 
-    uint32_t controlCode(const uint8_t* b)
-    {
-        return b[0] | b[1] << 8 | b[2] << 16 | static_cast<uint32_t>(b[3]) << 24;
-    }
+uint32_t controlCode(const uint8_t* b)
+{
+    return b[0] | b[1] << 8 | b[2] << 16 | static_cast<uint32_t>(b[3]) << 24;
+}
 
-    void closeFd(int& fd)
-    {
-        if (fd >= 0)
-            ::close(fd);
-        fd = -1;
-    }
+void closeFd(int& fd)
+{
+    if (fd >= 0)
+        ::close(fd);
+    fd = -1;
+}
 }
 
 TraceServer::TraceServer(const Options& options) : mOptions(options)
 {
     mQueue.assign(options.script.begin(), options.script.end());
     mStdinOpen = options.readStdin;
-    if (!options.logFile.empty())
-    {
+    if (!options.logFile.empty()) {
         mLog = std::fopen(options.logFile.c_str(), "a");
         if (!mLog)
-            std::fprintf(stderr, "tracesrv: cannot open log file %s: %s\n", options.logFile.c_str(), std::strerror(errno));
+            std::fprintf(stderr, "tracesrv: cannot open log file %s: %s\n", options.logFile.c_str(),
+                         std::strerror(errno));
     }
 }
 
 TraceServer::~TraceServer()
 {
-    for (auto& node : mNodes)
-    {
+    for (auto& node : mNodes) {
         closeFd(node->clientFd);
         closeFd(node->listenFd);
         ::unlink(node->hostPath.c_str());
     }
     for (auto& r : mRegistrations)
         ::close(r.fd);
-    if (mRegisterFd >= 0)
-    {
+    if (mRegisterFd >= 0) {
         closeFd(mRegisterFd);
         ::unlink(mRegisterPath.c_str());
     }
@@ -86,8 +84,7 @@ void TraceServer::print(const std::string& line)
 {
     std::fprintf(stdout, "%s\n", line.c_str());
     std::fflush(stdout);
-    if (mLog)
-    {
+    if (mLog) {
         std::fprintf(mLog, "%s\n", line.c_str());
         std::fflush(mLog);
     }
@@ -116,8 +113,7 @@ void TraceServer::createNode(const std::string& name)
     std::string platformPath = kNodeDir + name;
     node->hostPath = JTRootPrefix::resolve(platformPath.c_str());
     node->listenFd = JTDeviceNode::listen(platformPath.c_str(), 2);
-    if (node->listenFd < 0)
-    {
+    if (node->listenFd < 0) {
         print("cannot create " + node->hostPath + ": " + std::strerror(errno));
         return;
     }
@@ -127,8 +123,7 @@ void TraceServer::createNode(const std::string& name)
 
 void TraceServer::removeNode(const std::string& name)
 {
-    for (size_t i = 0; i < mNodes.size(); ++i)
-    {
+    for (size_t i = 0; i < mNodes.size(); ++i) {
         Node& n = *mNodes[i];
         if (n.name != name)
             continue;
@@ -154,13 +149,12 @@ void TraceServer::serveRegistration(size_t i)
     int fd = mRegistrations[i].fd;
     uint8_t buf[512];
     ssize_t n = ::recv(fd, buf, sizeof buf - 1, 0);
-    if (n > 0)
-    {
+    if (n > 0) {
         buf[n] = 0;
-        std::string request(reinterpret_cast<char*>(buf), strnlen(reinterpret_cast<char*>(buf), static_cast<size_t>(n)));
+        std::string request(reinterpret_cast<char*>(buf),
+                            strnlen(reinterpret_cast<char*>(buf), static_cast<size_t>(n)));
         bool mk = request.compare(0, 3, "mk:") == 0, rm = request.compare(0, 3, "rm:") == 0;
-        if (mk || rm)
-        {
+        if (mk || rm) {
             std::string name = request.substr(3);
             if (!validName(name))
                 print("refused registration of '" + TraceProtocol::printable(name) + "'");
@@ -168,12 +162,9 @@ void TraceServer::serveRegistration(size_t i)
                 createNode(name);  // before the close below: the close is the acknowledgement
             else
                 removeNode(name);
-        }
-        else if (n == 4)
-        {
+        } else if (n == 4) {
             answerControl(fd, buf);
-        }
-        else
+        } else
             print("malformed registration request of " + std::to_string(n) + " bytes");
     }
     ::close(fd);
@@ -183,13 +174,11 @@ void TraceServer::serveRegistration(size_t i)
 void TraceServer::answerControl(int fd, const uint8_t* request)
 {
     Bytes answer;
-    if (controlCode(request) == DEVCTL_GET_VERSION)
-    {
+    if (controlCode(request) == DEVCTL_GET_VERSION) {
         putU32(answer, 0);
         for (uint16_t v : mOptions.version)
             putU16(answer, v);
-    }
-    else
+    } else
         putU32(answer, EINVAL);
     if (::send(fd, answer.data(), answer.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(answer.size()))
         print(std::string("cannot answer a device control request: ") + std::strerror(errno));
@@ -200,8 +189,7 @@ void TraceServer::acceptClient(Node& node)
     int fd = ::accept4(node.listenFd, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0)
         return;
-    if (node.clientFd >= 0)
-    {
+    if (node.clientFd >= 0) {
         print(node.name + ": refused a second client");
         ::close(fd);
         return;
@@ -216,8 +204,7 @@ void TraceServer::dropClient(Node& node, const char* why)
 {
     closeFd(node.clientFd);
     print(node.name + " " + why);
-    if (node.name == mCurrent)
-    {
+    if (node.name == mCurrent) {
         mReplyDeadlineMs = 0;
         mCurrent.clear();
         for (auto& n : mNodes)
@@ -232,21 +219,18 @@ void TraceServer::readClient(Node& node)
     ssize_t n = ::recv(node.clientFd, buf, sizeof buf, 0);
     if (n < 0 && (errno == EINTR || errno == EAGAIN))
         return;
-    if (n <= 0)
-    {
+    if (n <= 0) {
         dropClient(node, "disconnected");
         return;
     }
-    if (n == 4 && controlCode(buf) == DEVCTL_GET_VERSION)
-    {
+    if (n == 4 && controlCode(buf) == DEVCTL_GET_VERSION) {
         // A version request on the node itself (a client asking again while connected).
         answerControl(node.clientFd, buf);
         return;
     }
     Record record;
     std::string why;
-    if (!parseRecord(buf, static_cast<size_t>(n), record, &why))
-    {
+    if (!parseRecord(buf, static_cast<size_t>(n), record, &why)) {
         print(node.name + ": malformed record: " + why);
         return;
     }
@@ -267,15 +251,13 @@ void TraceServer::readStdin()
     ssize_t n = ::read(STDIN_FILENO, buf, sizeof buf);
     if (n < 0 && errno == EINTR)
         return;
-    if (n <= 0)
-    {
+    if (n <= 0) {
         mStdinOpen = false;  // end of input is not a quit: scripts and --exit-after still run
         return;
     }
     mStdinBuffer.append(buf, static_cast<size_t>(n));
     size_t nl;
-    while ((nl = mStdinBuffer.find('\n')) != std::string::npos)
-    {
+    while ((nl = mStdinBuffer.find('\n')) != std::string::npos) {
         mQueue.push_back(mStdinBuffer.substr(0, nl));
         mStdinBuffer.erase(0, nl + 1);
     }
@@ -285,16 +267,14 @@ void TraceServer::pumpQueue()
 {
     uint64_t now = nowMs();
     Node* node = current();
-    if (mReplyDeadlineMs && node && node->session->awaiting())
-    {
+    if (mReplyDeadlineMs && node && node->session->awaiting()) {
         if (now < mReplyDeadlineMs)
             return;
         print(node->name + ": no complete reply");
         node->session->giveUp();
     }
     mReplyDeadlineMs = 0;
-    while (!mQueue.empty() && !mQuit && now >= mPauseUntilMs)
-    {
+    while (!mQueue.empty() && !mQuit && now >= mPauseUntilMs) {
         node = current();
         if (!perform(TraceUserCommand::translate(mQueue.front(), node ? node->session.get() : nullptr), node, now))
             return;  // the line stays in front
@@ -309,8 +289,7 @@ void TraceServer::pumpQueue()
 bool TraceServer::perform(const TraceUserCommand::Action& a, Node* node, uint64_t now)
 {
     using TraceUserCommand::Action;
-    switch (a.kind)
-    {
+    switch (a.kind) {
     case Action::NEEDS_PROCESS:
         if (!mWaitingNoted)
             print("(waiting for a traced process to connect)");
@@ -343,7 +322,8 @@ bool TraceServer::perform(const TraceUserCommand::Action& a, Node* node, uint64_
         return true;
     case Action::PROCESSES:
         for (auto& n : mNodes)
-            print(n->name + (n->clientFd >= 0 ? " connected" : " registered") + (n->name == mCurrent ? " (current)" : ""));
+            print(n->name + (n->clientFd >= 0 ? " connected" : " registered") +
+                  (n->name == mCurrent ? " (current)" : ""));
         return true;
     case Action::ERROR:
         print("error: " + a.text);
@@ -356,8 +336,7 @@ bool TraceServer::perform(const TraceUserCommand::Action& a, Node* node, uint64_
 
 bool TraceServer::fetchNames(Node& node, bool scopes, uint64_t now)
 {
-    if (mFetchedForFront)
-    {
+    if (mFetchedForFront) {
         print(std::string("cannot learn the ") + (scopes ? "scope" : "callback") + " names");
         return false;
     }
@@ -367,7 +346,8 @@ bool TraceServer::fetchNames(Node& node, bool scopes, uint64_t now)
     return true;
 }
 
-void TraceServer::awaitReply(Node& node, TraceSession::Await what, uint64_t now, uint16_t callId, uint16_t callbackIndex)
+void TraceServer::awaitReply(Node& node, TraceSession::Await what, uint64_t now, uint16_t callId,
+                             uint16_t callbackIndex)
 {
     node.session->expect(what, callId, callbackIndex);
     mReplyDeadlineMs = now + REPLY_TIMEOUT_MS;
@@ -376,8 +356,7 @@ void TraceServer::awaitReply(Node& node, TraceSession::Await what, uint64_t now,
 void TraceServer::expireRegistrations(uint64_t now)
 {
     for (size_t i = mRegistrations.size(); i-- > 0;)
-        if (now >= mRegistrations[i].deadlineMs)
-        {
+        if (now >= mRegistrations[i].deadlineMs) {
             ::close(mRegistrations[i].fd);
             mRegistrations.erase(mRegistrations.begin() + static_cast<long>(i));
         }
@@ -398,14 +377,12 @@ bool TraceServer::pollOnce()
         watch(STDIN_FILENO, STDIN, 0);
     for (size_t i = 0; i < mRegistrations.size(); ++i)
         watch(mRegistrations[i].fd, REGISTRATION, i);
-    for (size_t i = 0; i < mNodes.size(); ++i)
-    {
+    for (size_t i = 0; i < mNodes.size(); ++i) {
         watch(mNodes[i]->listenFd, LISTEN, i);
         if (mNodes[i]->clientFd >= 0)
             watch(mNodes[i]->clientFd, CLIENT, i);
     }
-    if (::poll(fds.data(), fds.size(), 100) < 0 && errno != EINTR)
-    {
+    if (::poll(fds.data(), fds.size(), 100) < 0 && errno != EINTR) {
         print(std::string("poll failed: ") + std::strerror(errno));
         return false;
     }
@@ -413,17 +390,23 @@ bool TraceServer::pollOnce()
     // Registrations are served last and from the back, so erasing them keeps indices valid;
     // a node removed by "rm:" is gone only after its own entries were handled.
     std::vector<size_t> regs;
-    for (size_t k = 0; k < fds.size(); ++k)
-    {
+    for (size_t k = 0; k < fds.size(); ++k) {
         if (!fds[k].revents)
             continue;
         size_t i = what[k].second;
-        switch (what[k].first)
-        {
-        case REGISTER: acceptRegistration(); break;
-        case STDIN: readStdin(); break;
-        case REGISTRATION: regs.push_back(i); break;
-        case LISTEN: acceptClient(*mNodes[i]); break;
+        switch (what[k].first) {
+        case REGISTER:
+            acceptRegistration();
+            break;
+        case STDIN:
+            readStdin();
+            break;
+        case REGISTRATION:
+            regs.push_back(i);
+            break;
+        case LISTEN:
+            acceptClient(*mNodes[i]);
+            break;
         case CLIENT:
             if (mNodes[i]->clientFd == fds[k].fd)
                 readClient(*mNodes[i]);
@@ -439,16 +422,15 @@ int TraceServer::run()
 {
     mRegisterPath = JTRootPrefix::resolve("/dev/mv2trace/register");
     mRegisterFd = JTDeviceNode::listen("/dev/mv2trace/register");
-    if (mRegisterFd < 0)
-    {
+    if (mRegisterFd < 0) {
         std::fprintf(stderr, "tracesrv: cannot listen on %s: %s\n", mRegisterPath.c_str(), std::strerror(errno));
         return 1;
     }
     print("tracesrv " + std::to_string(mOptions.version[0]) + "." + std::to_string(mOptions.version[1]) + "." +
           std::to_string(mOptions.version[2]) + " listening on " + mRegisterPath);
-    uint64_t endMs = mOptions.exitAfterSeconds >= 0 ? nowMs() + static_cast<uint64_t>(mOptions.exitAfterSeconds) * 1000 : 0;
-    while (!mQuit && !sStop)
-    {
+    uint64_t endMs = mOptions.exitAfterSeconds >= 0 ? nowMs() + static_cast<uint64_t>(mOptions.exitAfterSeconds) * 1000
+                                                    : 0;
+    while (!mQuit && !sStop) {
         uint64_t now = nowMs();
         if (endMs && now >= endMs)
             break;

@@ -77,7 +77,8 @@ private:
     bool perform(const TraceUserCommand::Action& action, Node* node, uint64_t now);
     // Asks for the scope or callback list a line needs; false when that was tried for it already.
     bool fetchNames(Node& node, bool scopes, uint64_t now);
-    void awaitReply(Node& node, TraceSession::Await what, uint64_t now, uint16_t callId = 0, uint16_t callbackIndex = 0);
+    void awaitReply(Node& node, TraceSession::Await what, uint64_t now, uint16_t callId = 0,
+                    uint16_t callbackIndex = 0);
     void expireRegistrations(uint64_t now);
     bool pollOnce();  // false when polling itself failed
     bool sendTo(Node& node, const TraceProtocol::Bytes& command);

@@ -4,7 +4,7 @@ using namespace TraceProtocol;
 
 namespace
 {
-    const char* const kGeneratedParam = "Generated default parameter";
+const char* const kGeneratedParam = "Generated default parameter";
 }
 
 std::string TraceSession::scopeName(uint32_t index) const
@@ -48,13 +48,10 @@ void TraceSession::startList(uint32_t count, bool& known)
 
 void TraceSession::learnScopes(const Record& r)
 {
-    if (r.recordClass == REC_COUNT && r.subCode == COUNT_SCOPES && mAwait == Await::SCOPES)
-    {
+    if (r.recordClass == REC_COUNT && r.subCode == COUNT_SCOPES && mAwait == Await::SCOPES) {
         mScopes.clear();
         startList(r.value, mScopesKnown);
-    }
-    else if (r.recordClass == REC_SCOPE)
-    {
+    } else if (r.recordClass == REC_SCOPE) {
         mScopes[r.index] = r.name;
         if (mAwait == Await::SCOPES && ++mReceivedCount >= mExpectedCount)
             complete(mScopesKnown);
@@ -63,13 +60,10 @@ void TraceSession::learnScopes(const Record& r)
 
 void TraceSession::learnCallbacks(const Record& r)
 {
-    if (r.recordClass == REC_PROGRESS && r.subCode == PROGRESS_START && mAwait == Await::CALLBACKS)
-    {
+    if (r.recordClass == REC_PROGRESS && r.subCode == PROGRESS_START && mAwait == Await::CALLBACKS) {
         mCallbacks.clear();
         startList(r.value, mCallbacksKnown);
-    }
-    else if (r.recordClass == REC_CALLBACK)
-    {
+    } else if (r.recordClass == REC_CALLBACK) {
         if (r.index >= mCallbacks.size())
             mCallbacks.resize(r.index + 1);
         Callback& cb = mCallbacks[r.index] = Callback();
@@ -78,19 +72,15 @@ void TraceSession::learnCallbacks(const Record& r)
         cb.announcedParams = r.paramCount;
         cb.announcedRetvals = r.retvalCount;
         mLastCallbackSeen = r.subCode == CALLBACK_LAST;
-    }
-    else if (r.recordClass == REC_CALLBACK_PARAM && r.index < mCallbacks.size())
-    {
+    } else if (r.recordClass == REC_CALLBACK_PARAM && r.index < mCallbacks.size()) {
         Callback& cb = mCallbacks[r.index];
         if (r.name == kGeneratedParam && cb.paramTypes.empty() && cb.announcedParams == 1)
             cb.generatedParam = true;
-        else
-        {
+        else {
             cb.paramTypes.push_back(r.subCode);
             cb.paramNames.push_back(r.name);
         }
-    }
-    else if (r.recordClass == REC_CALLBACK_RETVAL && r.index < mCallbacks.size())
+    } else if (r.recordClass == REC_CALLBACK_RETVAL && r.index < mCallbacks.size())
         mCallbacks[r.index].retvalTypes.push_back(r.subCode);
     if (mAwait == Await::CALLBACKS && callbackListComplete())
         complete(mCallbacksKnown);
@@ -99,13 +89,17 @@ void TraceSession::learnCallbacks(const Record& r)
 // The replies that are a single record.
 bool TraceSession::isReply(const Record& r) const
 {
-    switch (r.recordClass)
-    {
-    case REC_PROCESS_INFO: return mAwait == Await::INFO;
-    case REC_HANDLERS: return mAwait == Await::HANDLERS;
-    case REC_COUNT: return r.subCode == COUNT_CALLBACKS && mAwait == Await::CALLBACK_COUNT;
-    case REC_CALL_RESULT: return mAwait == Await::CALL && r.callId == mAwaitCallId;
-    default: return false;
+    switch (r.recordClass) {
+    case REC_PROCESS_INFO:
+        return mAwait == Await::INFO;
+    case REC_HANDLERS:
+        return mAwait == Await::HANDLERS;
+    case REC_COUNT:
+        return r.subCode == COUNT_CALLBACKS && mAwait == Await::CALLBACK_COUNT;
+    case REC_CALL_RESULT:
+        return mAwait == Await::CALL && r.callId == mAwaitCallId;
+    default:
+        return false;
     }
 }
 

@@ -24,10 +24,10 @@ public:
     {
         std::string name;
         std::string description;
-        bool generatedParam = false;         // the list's stand-in for "no parameters"
-        std::vector<uint8_t> paramTypes;     // in parameter order
+        bool generatedParam = false;      // the list's stand-in for "no parameters"
+        std::vector<uint8_t> paramTypes;  // in parameter order
         std::vector<std::string> paramNames;
-        std::vector<uint8_t> retvalTypes;    // by return value number
+        std::vector<uint8_t> retvalTypes;  // by return value number
         uint8_t announcedParams = 0, announcedRetvals = 0;
     };
 
@@ -60,7 +60,7 @@ private:
     void learnCallbacks(const TraceProtocol::Record& r);
     bool isReply(const TraceProtocol::Record& r) const;
     void startList(uint32_t count, bool& known);  // a list announced with its length
-    void complete(bool& known);                     // a list is in: stop waiting
+    void complete(bool& known);                   // a list is in: stop waiting
     bool callbackListComplete() const;
     std::string scopeName(uint32_t index) const;
 

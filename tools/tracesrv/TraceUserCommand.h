@@ -15,26 +15,26 @@
 
 namespace TraceUserCommand
 {
-    struct Action
-    {
-        enum Kind { EMPTY, SEND, HELP, QUIT, WAIT, USE, PROCESSES, NEEDS_PROCESS, NEEDS_SCOPES, NEEDS_CALLBACKS, ERROR };
-        Kind kind = EMPTY;
-        std::vector<TraceProtocol::Bytes> commands;  // SEND: in order
-        TraceSession::Await await = TraceSession::Await::NOTHING;
-        uint16_t callId = 0;
-        uint16_t callbackIndex = 0;
-        unsigned waitMs = 0;  // WAIT
-        std::string text;     // ERROR: the reason; USE: the process name
-    };
+struct Action
+{
+    enum Kind { EMPTY, SEND, HELP, QUIT, WAIT, USE, PROCESSES, NEEDS_PROCESS, NEEDS_SCOPES, NEEDS_CALLBACKS, ERROR };
+    Kind kind = EMPTY;
+    std::vector<TraceProtocol::Bytes> commands;  // SEND: in order
+    TraceSession::Await await = TraceSession::Await::NOTHING;
+    uint16_t callId = 0;
+    uint16_t callbackIndex = 0;
+    unsigned waitMs = 0;  // WAIT
+    std::string text;     // ERROR: the reason; USE: the process name
+};
 
-    // Translates one line for the given process (null when none is connected: commands for a
-    // process then give NEEDS_PROCESS).
-    Action translate(const std::string& line, TraceSession* session);
+// Translates one line for the given process (null when none is connected: commands for a
+// process then give NEEDS_PROCESS).
+Action translate(const std::string& line, TraceSession* session);
 
-    // Splits a line at blanks; double quotes group words, a backslash keeps the next character.
-    std::vector<std::string> split(const std::string& line);
+// Splits a line at blanks; double quotes group words, a backslash keeps the next character.
+std::vector<std::string> split(const std::string& line);
 
-    const char* helpText();
+const char* helpText();
 }
 
 #endif

@@ -14,19 +14,18 @@
 
 struct V850Step
 {
-    V850Frame frame;   // sent when not empty
-    int waitMs;        // then paused for this long
+    V850Frame frame;  // sent when not empty
+    int waitMs;       // then paused for this long
 };
 
 struct V850Command
 {
-    enum Kind { NONE, SEND, WAIT, WAIT_CONNECT, EXPECT, STATUS, HELP, QUIT, DISCONNECT, SCAN_INTERVAL,
-                SETTING, ERROR };
+    enum Kind { NONE, SEND, WAIT, WAIT_CONNECT, EXPECT, STATUS, HELP, QUIT, DISCONNECT, SCAN_INTERVAL, SETTING, ERROR };
     Kind kind = NONE;
-    std::vector<V850Step> steps;   // SEND
-    int number = 0;                // WAIT, WAIT_CONNECT, EXPECT (time-outs in ms), SCAN_INTERVAL
-    V850Frame pattern;             // EXPECT: prefix of a frame from the head unit
-    std::string text;              // ERROR reason, SETTING confirmation
+    std::vector<V850Step> steps;  // SEND
+    int number = 0;               // WAIT, WAIT_CONNECT, EXPECT (time-outs in ms), SCAN_INTERVAL
+    V850Frame pattern;            // EXPECT: prefix of a frame from the head unit
+    std::string text;             // ERROR reason, SETTING confirmation
 
     static V850Command parse(const std::string& line, V850Model& model);
     static const char* helpText();

@@ -5,21 +5,21 @@
 
 namespace
 {
-    V850Frame makeFrame(uint8_t id, std::initializer_list<uint8_t> payload)
-    {
-        V850Frame frame(payload.size() + 2);
-        frame[0] = id;
-        frame[1] = static_cast<uint8_t>(payload.size());
-        size_t i = 2;
-        for (uint8_t b : payload)
-            frame[i++] = b;
-        return frame;
-    }
+V850Frame makeFrame(uint8_t id, std::initializer_list<uint8_t> payload)
+{
+    V850Frame frame(payload.size() + 2);
+    frame[0] = id;
+    frame[1] = static_cast<uint8_t>(payload.size());
+    size_t i = 2;
+    for (uint8_t b : payload)
+        frame[i++] = b;
+    return frame;
+}
 }
 
 V850Model::V850Model()
-    : mRadioOn(false), mHwConnection(0), mChannel(1), mSquelch(8), mWeatherAlert(0), mScanning(false),
-      mScanChannel(1), mRefusePending(false), mRefuseCode(REFUSED)
+    : mRadioOn(false), mHwConnection(0), mChannel(1), mSquelch(8), mWeatherAlert(0), mScanning(false), mScanChannel(1),
+      mRefusePending(false), mRefuseCode(REFUSED)
 {
     setHardwareVersion('1', '0');
     setSoftwareVersion("SW01.02.03");
@@ -48,14 +48,10 @@ uint8_t V850Model::resultCode(bool valid)
 
 // The frames the head unit writes: id, payload length, and what the module does with them.
 const V850Model::Request V850Model::kRequests[] = {
-    {0x07, 0, &V850Model::onHardwareVersion},
-    {0x08, 0, &V850Model::onSoftwareVersion},
-    {0x01, 1, &V850Model::onRadioState},
-    {0x02, 1, &V850Model::onChannelSelect},
-    {0x03, 1, &V850Model::onSquelchLevel},
-    {0x04, 1, &V850Model::onStartScan},
-    {0x05, 0, &V850Model::onStopScan},
-    {0x0C, 1, &V850Model::onWeatherAlertOnOff},
+    {0x07, 0, &V850Model::onHardwareVersion}, {0x08, 0, &V850Model::onSoftwareVersion},
+    {0x01, 1, &V850Model::onRadioState},      {0x02, 1, &V850Model::onChannelSelect},
+    {0x03, 1, &V850Model::onSquelchLevel},    {0x04, 1, &V850Model::onStartScan},
+    {0x05, 0, &V850Model::onStopScan},        {0x0C, 1, &V850Model::onWeatherAlertOnOff},
     {0x0E, 1, &V850Model::onPushToTalk},
 };
 

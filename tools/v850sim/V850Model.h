@@ -49,7 +49,11 @@ public:
     std::vector<V850Frame> onScanTick();
 
     bool isScanning() const { return mScanning; }
-    void refuseNext(uint8_t code) { mRefuseCode = code; mRefusePending = true; }
+    void refuseNext(uint8_t code)
+    {
+        mRefuseCode = code;
+        mRefusePending = true;
+    }
 
     void setHardwareVersion(uint8_t first, uint8_t second);
     // Takes up to 10 characters; shorter texts are padded with blanks.

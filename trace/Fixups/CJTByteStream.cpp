@@ -6,7 +6,7 @@
 
 namespace
 {
-    const uint32_t MIN_CAPACITY = 64;
+const uint32_t MIN_CAPACITY = 64;
 }
 
 CJTByteStream::CJTByteStream() : mBuffer(), mReadPos(0) {}
@@ -140,7 +140,7 @@ uint32_t CJTByteStream::readFromIStream(IJTIStream& in, uint32_t size)
         const uint32_t before = getSize();
         mBuffer.resize(before + chunk);
         uint32_t got = in.doRead(mBuffer.getWritableData() + before, chunk);
-        if (got > chunk) // a source that claims more than it was asked for is not believed
+        if (got > chunk)  // a source that claims more than it was asked for is not believed
             got = chunk;
         mBuffer.resize(before + got);
         total += got;

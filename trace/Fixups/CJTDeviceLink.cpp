@@ -16,36 +16,37 @@
 
 namespace
 {
-    const unsigned int kSyslogModule = 0;
+const unsigned int kSyslogModule = 0;
 
-    bool isSocketFd(int fd)
-    {
-        struct stat st;
-        return ::fstat(fd, &st) == 0 && S_ISSOCK(st.st_mode);
-    }
+bool isSocketFd(int fd)
+{
+    struct stat st;
+    return ::fstat(fd, &st) == 0 && S_ISSOCK(st.st_mode);
+}
 
-    bool setNonBlocking(int fd)
-    {
-        int fl = ::fcntl(fd, F_GETFL);
-        return fl >= 0 && ::fcntl(fd, F_SETFL, fl | O_NONBLOCK) == 0;
-    }
+bool setNonBlocking(int fd)
+{
+    int fl = ::fcntl(fd, F_GETFL);
+    return fl >= 0 && ::fcntl(fd, F_SETFL, fl | O_NONBLOCK) == 0;
+}
 
-    void closeKeepingErrno(int fd)
-    {
-        int saved = errno;
-        ::close(fd);
-        errno = saved;
-    }
+void closeKeepingErrno(int fd)
+{
+    int saved = errno;
+    ::close(fd);
+    errno = saved;
+}
 
-    // A read error that means the peer of a socket has gone, like a read of 0 bytes.
-    bool isHangUp(int error)
-    {
-        return error == ECONNRESET || error == ENOTCONN || error == EPIPE;
-    }
+// A read error that means the peer of a socket has gone, like a read of 0 bytes.
+bool isHangUp(int error)
+{
+    return error == ECONNRESET || error == ENOTCONN || error == EPIPE;
+}
 }
 
 CJTDeviceLink::CJTDeviceLink()
-    : mFd(-1), mWakeFd(-1), mIsSocket(false), mReconnect(false), mFlags(0), mPath(), mDown(false), mShutDown(false), mWritesCancelled(false)
+    : mFd(-1), mWakeFd(-1), mIsSocket(false), mReconnect(false), mFlags(0), mPath(), mDown(false), mShutDown(false),
+      mWritesCancelled(false)
 {
 }
 
@@ -60,7 +61,8 @@ CJTDeviceLink::~CJTDeviceLink()
 int CJTDeviceLink::open(const char* platformPath, int flags, bool reconnect)
 {
     close();
-    if (platformPath == nullptr || std::snprintf(mPath, sizeof mPath, "%s", platformPath) >= static_cast<int>(sizeof mPath)) {
+    if (platformPath == nullptr ||
+        std::snprintf(mPath, sizeof mPath, "%s", platformPath) >= static_cast<int>(sizeof mPath)) {
         mPath[0] = '\0';
         errno = platformPath == nullptr ? EINVAL : ENAMETOOLONG;
         return -1;
@@ -233,7 +235,8 @@ ssize_t CJTDeviceLink::write(const void* buffer, size_t length, int timeoutMs)
         errno = EBADF;
         return -1;
     }
-    const uint64_t deadline = JTOperatingSystem::getMonotonicTime() + static_cast<uint64_t>(timeoutMs > 0 ? timeoutMs : 0) * 1000000ull;
+    const uint64_t deadline = JTOperatingSystem::getMonotonicTime() +
+                              static_cast<uint64_t>(timeoutMs > 0 ? timeoutMs : 0) * 1000000ull;
     for (;;) {
         if (areWritesCancelled()) {
             errno = ECANCELED;
@@ -243,7 +246,8 @@ ssize_t CJTDeviceLink::write(const void* buffer, size_t length, int timeoutMs)
             errno = EPIPE;
             return -1;
         }
-        ssize_t written = mIsSocket ? ::send(mFd, buffer, length, MSG_NOSIGNAL | MSG_DONTWAIT) : ::write(mFd, buffer, length);
+        ssize_t written = mIsSocket ? ::send(mFd, buffer, length, MSG_NOSIGNAL | MSG_DONTWAIT)
+                                    : ::write(mFd, buffer, length);
         if (written >= 0)
             return written;
         if (errno == EINTR)

@@ -11,35 +11,35 @@
 
 namespace
 {
-    struct SRegistration
-    {
-        int usage;
-        IJTIODeviceServer* server;
-    };
+struct SRegistration
+{
+    int usage;
+    IJTIODeviceServer* server;
+};
 
-    // Server handles start far above any descriptor number so the two never meet.
-    constexpr int kFirstServerHandle = 0x40000000;
+// Server handles start far above any descriptor number so the two never meet.
+constexpr int kFirstServerHandle = 0x40000000;
 
-    struct SRegistry
-    {
-        std::mutex lock;
-        std::map<std::string, SRegistration> byPath;
-        std::map<int, IJTIODeviceServer*> byHandle;
-        int nextHandle = kFirstServerHandle;
-    };
+struct SRegistry
+{
+    std::mutex lock;
+    std::map<std::string, SRegistration> byPath;
+    std::map<int, IJTIODeviceServer*> byHandle;
+    int nextHandle = kFirstServerHandle;
+};
 
-    SRegistry& registry()
-    {
-        static SRegistry instance;
-        return instance;
-    }
+SRegistry& registry()
+{
+    static SRegistry instance;
+    return instance;
+}
 
-    int errorKind(int error)
-    {
-        if (error == 0)
-            return CJTIODevice::ERR_NONE;
-        return error == ETIMEDOUT ? CJTIODevice::ERR_TIMEOUT : CJTIODevice::ERR_OTHER;
-    }
+int errorKind(int error)
+{
+    if (error == 0)
+        return CJTIODevice::ERR_NONE;
+    return error == ETIMEDOUT ? CJTIODevice::ERR_TIMEOUT : CJTIODevice::ERR_OTHER;
+}
 }
 
 bool JTIODeviceServerRegistry::registerServer(int usage, const char* path, IJTIODeviceServer* server)
@@ -96,9 +96,7 @@ void JTIODeviceServerRegistry::detachHandle(int handle)
     reg.byHandle.erase(handle);
 }
 
-CJTIODevice::CJTIODevice() : mServerHandle(-1), mLastError(ERR_NONE)
-{
-}
+CJTIODevice::CJTIODevice() : mServerHandle(-1), mLastError(ERR_NONE) {}
 
 CJTIODevice::~CJTIODevice()
 {

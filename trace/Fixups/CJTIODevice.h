@@ -97,9 +97,9 @@ private:
     // ERR_OTHER, when it has gone.
     IJTIODeviceServer* attachedServer();
 
-    CJTDeviceLink mLink;   // the operating-system node, when not served in the process
-    int mServerHandle;     // in-process server handle, -1 when none
-    std::atomic<int> mLastError;   // set by reader and writer threads alike
+    CJTDeviceLink mLink;          // the operating-system node, when not served in the process
+    int mServerHandle;            // in-process server handle, -1 when none
+    std::atomic<int> mLastError;  // set by reader and writer threads alike
 };
 
 #endif

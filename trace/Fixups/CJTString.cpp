@@ -13,57 +13,57 @@ CJTString::SData CJTString::nullData = {{0}, 0, 0, 0, {0, 0, 0, 0}};
 
 namespace
 {
-    const uint64_t MAX_CAPACITY = 0xFFFFFFFFull - CJTString::BLOCK_OVERHEAD;
-    const uint32_t MAX_STREAM_LENGTH = 16u * 1024u * 1024u;
+const uint64_t MAX_CAPACITY = 0xFFFFFFFFull - CJTString::BLOCK_OVERHEAD;
+const uint32_t MAX_STREAM_LENGTH = 16u * 1024u * 1024u;
 
-    void logBadSequence()
-    {
-        JTSyslog::logMsg(0, JTSyslog::SEV_ERROR, "The character sequence contains a wrong coded UTF-8 sequence !");
-    }
+void logBadSequence()
+{
+    JTSyslog::logMsg(0, JTSyslog::SEV_ERROR, "The character sequence contains a wrong coded UTF-8 sequence !");
+}
 
-    char foldCase(char c)
-    {
-        return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-    }
+char foldCase(char c)
+{
+    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
+}
 
-    bool bytesEqual(const char* a, const char* b, uint32_t n, bool ignoreCase)
-    {
-        if (!ignoreCase)
-            return std::memcmp(a, b, n) == 0;
-        for (uint32_t i = 0; i < n; ++i)
-            if (foldCase(a[i]) != foldCase(b[i]))
-                return false;
-        return true;
-    }
+bool bytesEqual(const char* a, const char* b, uint32_t n, bool ignoreCase)
+{
+    if (!ignoreCase)
+        return std::memcmp(a, b, n) == 0;
+    for (uint32_t i = 0; i < n; ++i)
+        if (foldCase(a[i]) != foldCase(b[i]))
+            return false;
+    return true;
+}
 
-    // Characters of an already checked text.
-    uint32_t countChars(const char* text, uint32_t length)
-    {
-        uint32_t chars = 0;
-        CJTString::scanUTF8(text, length, &chars);
-        return chars;
-    }
+// Characters of an already checked text.
+uint32_t countChars(const char* text, uint32_t length)
+{
+    uint32_t chars = 0;
+    CJTString::scanUTF8(text, length, &chars);
+    return chars;
+}
 
-    // UCS-2, UCS-4 and wide characters share one path: each unit is one code point.
-    template <class T>
-    void assignUnits(CJTString& out, const T* units, uint32_t count)
-    {
-        out.clear();
-        if (units == nullptr)
+// UCS-2, UCS-4 and wide characters share one path: each unit is one code point.
+template <class T>
+void assignUnits(CJTString& out, const T* units, uint32_t count)
+{
+    out.clear();
+    if (units == nullptr)
+        return;
+    uint32_t n = 0;
+    while (n < count && units[n] != 0)
+        ++n;
+    out.reserve(n);
+    for (uint32_t i = 0; i < n; ++i) {
+        uint32_t codePoint = static_cast<uint32_t>(units[i]);
+        if (codePoint > 0x7FFFFFFFu) {
+            logBadSequence();
             return;
-        uint32_t n = 0;
-        while (n < count && units[n] != 0)
-            ++n;
-        out.reserve(n);
-        for (uint32_t i = 0; i < n; ++i) {
-            uint32_t codePoint = static_cast<uint32_t>(units[i]);
-            if (codePoint > 0x7FFFFFFFu) {
-                logBadSequence();
-                return;
-            }
-            out.appendChar(codePoint);
         }
+        out.appendChar(codePoint);
     }
+}
 }
 
 // ---- code points -----------------------------------------------------------------------------
@@ -71,8 +71,11 @@ namespace
 uint32_t CJTString::getSequenceLength(uint8_t lead)
 {
     // Lead bytes by range; continuation bytes (80..BF) and FE, FF start no sequence.
-    static const struct { uint8_t below; uint8_t length; } kLeads[] = {
-        {0x80, 1}, {0xC0, 0}, {0xE0, 2}, {0xF0, 3}, {0xF8, 4}, {0xFC, 5}, {0xFE, 6}};
+    static const struct
+    {
+        uint8_t below;
+        uint8_t length;
+    } kLeads[] = {{0x80, 1}, {0xC0, 0}, {0xE0, 2}, {0xF0, 3}, {0xF8, 4}, {0xFC, 5}, {0xFE, 6}};
     for (const auto& range : kLeads)
         if (lead < range.below)
             return range.length;
@@ -374,7 +377,7 @@ CJTString& CJTString::operator=(const char* text)
         clear();
         return *this;
     }
-    CJTString keep(*this); // text may point into our own block
+    CJTString keep(*this);  // text may point into our own block
     assign(text, static_cast<uint32_t>(strnlen(text, 0xFFFFFFFFu)), "CJTString::ctor");
     return *this;
 }
@@ -405,7 +408,8 @@ CJTString& CJTString::append(const CJTString& text)
         return *this;
     }
     if (!text.isEmpty())
-        replaceBytes(mData->length, 0, text.c_str(), text.getByteCount(), text.getCharCount(), "CJTString::addReference");
+        replaceBytes(mData->length, 0, text.c_str(), text.getByteCount(), text.getCharCount(),
+                     "CJTString::addReference");
     return *this;
 }
 
@@ -448,7 +452,7 @@ CJTString& CJTString::remove(uint32_t charPos, uint32_t charCount)
 {
     uint32_t first = byteOffset(charPos);
     uint32_t last = charCount >= mData->charCount ? mData->length : byteOffset(charPos + charCount);
-    if (charPos + charCount < charPos) // overflow: up to the end
+    if (charPos + charCount < charPos)  // overflow: up to the end
         last = mData->length;
     if (last > first)
         replaceBytes(first, last - first, "", 0, 0, "CJTString::replace");

@@ -45,10 +45,10 @@ public:
     struct SData
     {
         std::atomic<uint32_t> refCount;
-        uint32_t capacity;  // bytes of text the block can hold, without the terminating zero
-        uint32_t length;    // bytes of text
-        uint32_t charCount; // code points
-        char text[4];       // the first bytes; the text continues to the end of the block
+        uint32_t capacity;   // bytes of text the block can hold, without the terminating zero
+        uint32_t length;     // bytes of text
+        uint32_t charCount;  // code points
+        char text[4];        // the first bytes; the text continues to the end of the block
     };
 
     // The block of every empty string; its count is never changed.
@@ -76,7 +76,9 @@ public:
     private:
         friend class CJTString;
         const_iterator(const char* text, uint32_t length, uint32_t pos, uint32_t charPos)
-            : mText(text), mLength(length), mPos(pos), mCharPos(charPos) {}
+            : mText(text), mLength(length), mPos(pos), mCharPos(charPos)
+        {
+        }
         const char* mText;
         uint32_t mLength;
         uint32_t mPos;
@@ -189,8 +191,8 @@ private:
     // Sets the contents to the valid beginning of text, logging when something was dropped.
     void assign(const char* text, uint32_t byteLength, const char* operation);
     // Replaces the bytes [bytePos, bytePos + byteCount) by already checked text.
-    bool replaceBytes(uint32_t bytePos, uint32_t byteCount, const char* text, uint32_t textLength,
-                      uint32_t textChars, const char* operation);
+    bool replaceBytes(uint32_t bytePos, uint32_t byteCount, const char* text, uint32_t textLength, uint32_t textChars,
+                      const char* operation);
     uint32_t byteOffset(uint32_t charPos) const;
     // Takes over a block built outside (format, fromDSIStream), releasing the current one.
     void adopt(SData* data);
@@ -198,6 +200,9 @@ private:
     SData* mData;
 };
 
-inline void swap(CJTString& a, CJTString& b) noexcept { a.swap(b); }
+inline void swap(CJTString& a, CJTString& b) noexcept
+{
+    a.swap(b);
+}
 
 #endif

@@ -25,7 +25,11 @@ public:
 
     // Waits at most timeoutMs until at least one byte can be read; true when there is one.
     // The default is for streams whose data is always at hand.
-    virtual bool waitToRead(uint32_t timeoutMs) { (void)timeoutMs; return true; }
+    virtual bool waitToRead(uint32_t timeoutMs)
+    {
+        (void)timeoutMs;
+        return true;
+    }
 
     // Consumes up to size bytes without keeping them; returns the number consumed.
     virtual uint32_t readSkip(uint32_t size);
@@ -46,7 +50,11 @@ public:
     virtual uint32_t doWrite(const void* data, uint32_t size) = 0;
 
     // Waits at most timeoutMs until data can be written; true when it can.
-    virtual bool waitToWrite(uint32_t timeoutMs) { (void)timeoutMs; return true; }
+    virtual bool waitToWrite(uint32_t timeoutMs)
+    {
+        (void)timeoutMs;
+        return true;
+    }
 
     // Hands buffered bytes on; true on success. In-memory streams have nothing to do.
     virtual bool flush() { return true; }
@@ -72,28 +80,28 @@ public:
 
 namespace JTStreamDetail
 {
-    // Moves size bytes in chunks of at most chunkSize through move(chunk), which returns how many
-    // it moved; a short chunk ends it. Returns how many bytes moved.
-    template <class Move>
-    inline uint32_t inChunks(uint32_t size, uint32_t chunkSize, Move move)
-    {
-        uint32_t done = 0;
-        while (done < size) {
-            uint32_t chunk = size - done < chunkSize ? size - done : chunkSize;
-            uint32_t moved = move(chunk);
-            done += moved;
-            if (moved < chunk)
-                break;
-        }
-        return done;
+// Moves size bytes in chunks of at most chunkSize through move(chunk), which returns how many
+// it moved; a short chunk ends it. Returns how many bytes moved.
+template <class Move>
+inline uint32_t inChunks(uint32_t size, uint32_t chunkSize, Move move)
+{
+    uint32_t done = 0;
+    while (done < size) {
+        uint32_t chunk = size - done < chunkSize ? size - done : chunkSize;
+        uint32_t moved = move(chunk);
+        done += moved;
+        if (moved < chunk)
+            break;
     }
+    return done;
+}
 
-    // The bytes from position to the next multiple of alignment; none for alignments below 2.
-    inline uint32_t alignmentGap(uint32_t position, uint32_t alignment)
-    {
-        uint32_t rest = alignment < 2 ? 0 : position % alignment;
-        return rest == 0 ? 0 : alignment - rest;
-    }
+// The bytes from position to the next multiple of alignment; none for alignments below 2.
+inline uint32_t alignmentGap(uint32_t position, uint32_t alignment)
+{
+    uint32_t rest = alignment < 2 ? 0 : position % alignment;
+    return rest == 0 ? 0 : alignment - rest;
+}
 }
 
 inline uint32_t IJTIStream::readSkip(uint32_t size)

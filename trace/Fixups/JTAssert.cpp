@@ -9,13 +9,13 @@
 
 namespace
 {
-    std::atomic<unsigned int> sExpected{0};
-    std::atomic<unsigned int> sOccured{0};
+std::atomic<unsigned int> sExpected{0};
+std::atomic<unsigned int> sOccured{0};
 
-    const char* fileName(const char* file)
-    {
-        return file != nullptr ? file : "unknown";
-    }
+const char* fileName(const char* file)
+{
+    return file != nullptr ? file : "unknown";
+}
 }
 
 void CJTAsserter::setExpectedAssertions(unsigned int count)

@@ -17,12 +17,11 @@
 #ifndef JTASSERT_H
 #define JTASSERT_H
 
-extern "C"
-{
-    void doAssert(unsigned int line, const char* file, const char* text);
-    void doFatalError(unsigned int line, const char* file, const char* text) __attribute__((noreturn));
-    void doCheapAssert(unsigned int line, const char* file);
-    void doCheapFatalError(unsigned int line, const char* file) __attribute__((noreturn));
+extern "C" {
+void doAssert(unsigned int line, const char* file, const char* text);
+void doFatalError(unsigned int line, const char* file, const char* text) __attribute__((noreturn));
+void doCheapAssert(unsigned int line, const char* file);
+void doCheapFatalError(unsigned int line, const char* file) __attribute__((noreturn));
 }
 
 class CJTAsserter
@@ -38,16 +37,16 @@ public:
     static bool logAssertion();
 };
 
-#define JT_ASSERT(cond)                                      \
-    do {                                                     \
-        if (!(cond))                                         \
-            doAssert(__LINE__, __FILE__, nullptr);           \
+#define JT_ASSERT(cond)                            \
+    do {                                           \
+        if (!(cond))                               \
+            doAssert(__LINE__, __FILE__, nullptr); \
     } while (0)
 
-#define JT_ASSERT_MSG(cond, text)                            \
-    do {                                                     \
-        if (!(cond))                                         \
-            doAssert(__LINE__, __FILE__, (text));            \
+#define JT_ASSERT_MSG(cond, text)                 \
+    do {                                          \
+        if (!(cond))                              \
+            doAssert(__LINE__, __FILE__, (text)); \
     } while (0)
 
 #define JT_FATAL_ERROR(text) doFatalError(__LINE__, __FILE__, (text))

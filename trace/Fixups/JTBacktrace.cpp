@@ -15,40 +15,40 @@
 
 namespace
 {
-    constexpr int kMaxFrames = 64;
+constexpr int kMaxFrames = 64;
 
-    void defaultInfos(char* info, size_t infoSize, char* name, size_t nameSize)
+void defaultInfos(char* info, size_t infoSize, char* name, size_t nameSize)
+{
+    std::snprintf(info, infoSize, "TID: %d PID: %d", static_cast<int>(JTOperatingSystem::getCurrentTID()),
+                  static_cast<int>(JTOperatingSystem::getCurrentPID()));
+    std::snprintf(name, nameSize, "PID%d", static_cast<int>(JTOperatingSystem::getCurrentPID()));
+}
+
+std::atomic<JTBacktrace::tInfoProvider> sProvider{&defaultInfos};
+
+// backtrace(3) loads its unwinder on first use, which allocates; do that while memory is plenty.
+struct SUnwinderLoader
+{
+    SUnwinderLoader()
     {
-        std::snprintf(info, infoSize, "TID: %d PID: %d", static_cast<int>(JTOperatingSystem::getCurrentTID()),
-                      static_cast<int>(JTOperatingSystem::getCurrentPID()));
-        std::snprintf(name, nameSize, "PID%d", static_cast<int>(JTOperatingSystem::getCurrentPID()));
+        void* frames[1];
+        (void)backtrace(frames, 1);
     }
+};
+SUnwinderLoader sUnwinderLoader;
 
-    std::atomic<JTBacktrace::tInfoProvider> sProvider{&defaultInfos};
-
-    // backtrace(3) loads its unwinder on first use, which allocates; do that while memory is plenty.
-    struct SUnwinderLoader
-    {
-        SUnwinderLoader()
-        {
-            void* frames[1];
-            (void)backtrace(frames, 1);
-        }
-    };
-    SUnwinderLoader sUnwinderLoader;
-
-    void writeAll(int fd, const char* text, size_t length)
-    {
-        while (length > 0) {
-            ssize_t written = ::write(fd, text, length);
-            if (written < 0 && errno == EINTR)
-                continue;
-            if (written <= 0)
-                return;
-            text += written;
-            length -= static_cast<size_t>(written);
-        }
+void writeAll(int fd, const char* text, size_t length)
+{
+    while (length > 0) {
+        ssize_t written = ::write(fd, text, length);
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written <= 0)
+            return;
+        text += written;
+        length -= static_cast<size_t>(written);
     }
+}
 }
 
 void JTBacktrace::setInfos(tInfoProvider provider)
@@ -89,7 +89,8 @@ bool JTBacktrace::doBacktrace(const char* message, const char* directory, const 
     // of this process left there, and renamed over the target: a link planted at either name is
     // never followed, and no file is made in a folder where others could swap it.
     char temporary[540];
-    std::snprintf(temporary, sizeof(temporary), "%s.%d.tmp", path, static_cast<int>(JTOperatingSystem::getCurrentTID()));
+    std::snprintf(temporary, sizeof(temporary), "%s.%d.tmp", path,
+                  static_cast<int>(JTOperatingSystem::getCurrentTID()));
     int fd = JTSafeFile::makeFolder(folder) ? JTSafeFile::createExclusive(temporary, 0644) : -1;
     if (fd < 0) {
         std::fprintf(stderr, "Cannot open %s\n", path);

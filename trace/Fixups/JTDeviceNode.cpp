@@ -15,49 +15,49 @@
 
 namespace
 {
-    bool fillAddress(const char* hostPath, sockaddr_un& addr)
-    {
-        std::memset(&addr, 0, sizeof(addr));
-        addr.sun_family = AF_UNIX;
-        if (std::strlen(hostPath) >= sizeof(addr.sun_path)) {
-            errno = ENAMETOOLONG;
-            return false;
-        }
-        std::strcpy(addr.sun_path, hostPath);
-        return true;
+bool fillAddress(const char* hostPath, sockaddr_un& addr)
+{
+    std::memset(&addr, 0, sizeof(addr));
+    addr.sun_family = AF_UNIX;
+    if (std::strlen(hostPath) >= sizeof(addr.sun_path)) {
+        errno = ENAMETOOLONG;
+        return false;
     }
+    std::strcpy(addr.sun_path, hostPath);
+    return true;
+}
 
-    int connectSocket(const char* hostPath, int flags)
-    {
-        sockaddr_un addr;
-        if (!fillAddress(hostPath, addr))
-            return -1;
-        int type = SOCK_SEQPACKET;
-        if (flags & O_CLOEXEC)
-            type |= SOCK_CLOEXEC;
-        if (flags & O_NONBLOCK)
-            type |= SOCK_NONBLOCK;  // a listener with a full backlog then fails with EAGAIN
-        int fd = ::socket(AF_UNIX, type, 0);
-        if (fd < 0)
-            return -1;
-        int rc;
-        do {
-            rc = ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-        } while (rc < 0 && errno == EINTR);
-        if (rc < 0) {
-            int saved = errno;
-            ::close(fd);
-            errno = saved;
-            return -1;
-        }
-        return fd;
+int connectSocket(const char* hostPath, int flags)
+{
+    sockaddr_un addr;
+    if (!fillAddress(hostPath, addr))
+        return -1;
+    int type = SOCK_SEQPACKET;
+    if (flags & O_CLOEXEC)
+        type |= SOCK_CLOEXEC;
+    if (flags & O_NONBLOCK)
+        type |= SOCK_NONBLOCK;  // a listener with a full backlog then fails with EAGAIN
+    int fd = ::socket(AF_UNIX, type, 0);
+    if (fd < 0)
+        return -1;
+    int rc;
+    do {
+        rc = ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+    } while (rc < 0 && errno == EINTR);
+    if (rc < 0) {
+        int saved = errno;
+        ::close(fd);
+        errno = saved;
+        return -1;
     }
+    return fd;
+}
 
-    bool isSocket(int fd)
-    {
-        struct stat st;
-        return ::fstat(fd, &st) == 0 && S_ISSOCK(st.st_mode);
-    }
+bool isSocket(int fd)
+{
+    struct stat st;
+    return ::fstat(fd, &st) == 0 && S_ISSOCK(st.st_mode);
+}
 }
 
 int JTDeviceNode::openHost(const char* hostPath, int flags)

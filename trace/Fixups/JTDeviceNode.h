@@ -21,28 +21,27 @@
 
 namespace JTDeviceNode
 {
-    // Opens a platform node. accessMode is O_RDONLY, O_WRONLY or O_RDWR; further flags (O_CLOEXEC,
-    // O_NONBLOCK) may be or-ed in and apply to both kinds; a non-blocking socket connect fails with
-    // EAGAIN instead of waiting when the listener's backlog is full. Returns the descriptor, or -1 with errno set.
-    int open(const char* platformPath, int flags);
-    int openHost(const char* hostPath, int flags);
+// Opens a platform node. accessMode is O_RDONLY, O_WRONLY or O_RDWR; further flags (O_CLOEXEC,
+// O_NONBLOCK) may be or-ed in and apply to both kinds; a non-blocking socket connect fails with
+// EAGAIN instead of waiting when the listener's backlog is full. Returns the descriptor, or -1 with errno set.
+int open(const char* platformPath, int flags);
+int openHost(const char* hostPath, int flags);
 
-    // Device control: sends code, waits at most timeoutMs for the answer (socket nodes only) and
-    // copies up to outSize output bytes to out (may be null); *outLen gets the count when given.
-    // Returns 0 when done, else a positive errno value (ETIMEDOUT, EPROTO for a malformed answer,
-    // or the status the server sent).
-    int control(int fd, uint32_t code, void* out, size_t outSize, size_t* outLen = nullptr,
-                int timeoutMs = 2000);
+// Device control: sends code, waits at most timeoutMs for the answer (socket nodes only) and
+// copies up to outSize output bytes to out (may be null); *outLen gets the count when given.
+// Returns 0 when done, else a positive errno value (ETIMEDOUT, EPROTO for a malformed answer,
+// or the status the server sent).
+int control(int fd, uint32_t code, void* out, size_t outSize, size_t* outLen = nullptr, int timeoutMs = 2000);
 
-    // Server side, for simulators and tests: creates the parent folders, removes a stale node,
-    // binds and listens a SOCK_SEQPACKET socket (close-on-exec) at the host path. Returns the
-    // listening descriptor or -1 with errno set.
-    int listenHost(const char* hostPath, int backlog = 8);
-    int listen(const char* platformPath, int backlog = 8);
+// Server side, for simulators and tests: creates the parent folders, removes a stale node,
+// binds and listens a SOCK_SEQPACKET socket (close-on-exec) at the host path. Returns the
+// listening descriptor or -1 with errno set.
+int listenHost(const char* hostPath, int backlog = 8);
+int listen(const char* platformPath, int backlog = 8);
 
-    // Creates every missing folder of the path's parent (like mkdir -p of its dirname, mode 0755). Returns 0
-    // or -1 with errno set.
-    int makeParentDirs(const char* hostPath);
+// Creates every missing folder of the path's parent (like mkdir -p of its dirname, mode 0755). Returns 0
+// or -1 with errno set.
+int makeParentDirs(const char* hostPath);
 }
 
 #endif

@@ -11,27 +11,27 @@
 
 namespace
 {
-    struct SHandler
-    {
-        JTError::tErrorHandler function;
-        void* context;
-    };
+struct SHandler
+{
+    JTError::tErrorHandler function;
+    void* context;
+};
 
-    // Constant-initialised, so critical errors during static initialisation find the exit handler.
-    std::mutex sHandlerLock;
-    SHandler sHandler = {&JTError::exitHandler, nullptr};
+// Constant-initialised, so critical errors during static initialisation find the exit handler.
+std::mutex sHandlerLock;
+SHandler sHandler = {&JTError::exitHandler, nullptr};
 
-    SHandler currentHandler()
-    {
-        std::lock_guard<std::mutex> guard(sHandlerLock);
-        return sHandler;
-    }
+SHandler currentHandler()
+{
+    std::lock_guard<std::mutex> guard(sHandlerLock);
+    return sHandler;
+}
 
-    const char* systemText(int error)
-    {
-        const char* text = strerrordesc_np(error);
-        return text != nullptr ? text : "unknown";
-    }
+const char* systemText(int error)
+{
+    const char* text = strerrordesc_np(error);
+    return text != nullptr ? text : "unknown";
+}
 }
 
 void JTError::setErrorHandler(tErrorHandler handler, void* context)

@@ -9,59 +9,58 @@
 
 namespace
 {
-    constexpr int kUnknown = -2;
-    constexpr int kAbsent = -1;
+constexpr int kUnknown = -2;
+constexpr int kAbsent = -1;
 
-    std::atomic<int> sMarker{kUnknown};
+std::atomic<int> sMarker{kUnknown};
 
-    int openMarker()
-    {
-        static const char* const kPaths[] = {"/sys/kernel/tracing/trace_marker",
-                                             "/sys/kernel/debug/tracing/trace_marker"};
-        for (const char* path : kPaths) {
-            int fd = ::open(path, O_WRONLY | O_CLOEXEC);
-            if (fd >= 0)
-                return fd;
-        }
-        return kAbsent;
-    }
-
-    int marker()
-    {
-        int fd = sMarker.load(std::memory_order_acquire);
-        if (fd != kUnknown)
+int openMarker()
+{
+    static const char* const kPaths[] = {"/sys/kernel/tracing/trace_marker", "/sys/kernel/debug/tracing/trace_marker"};
+    for (const char* path : kPaths) {
+        int fd = ::open(path, O_WRONLY | O_CLOEXEC);
+        if (fd >= 0)
             return fd;
-        const int savedErrno = errno;
-        int opened = openMarker();
-        errno = savedErrno;
-        if (!sMarker.compare_exchange_strong(fd, opened, std::memory_order_acq_rel)) {
-            if (opened >= 0)
-                ::close(opened);   // another thread was first; keep its descriptor
-            return fd;
-        }
-        return opened;
     }
+    return kAbsent;
+}
 
-    bool writeLine(const char* line, size_t length)
-    {
-        int fd = marker();
-        if (fd < 0)
-            return true;   // no instrumentation in this kernel
-        const int savedErrno = errno;
-        ssize_t written;
-        do {
-            written = ::write(fd, line, length);
-        } while (written < 0 && errno == EINTR);
-        errno = savedErrno;
-        return written == static_cast<ssize_t>(length);
+int marker()
+{
+    int fd = sMarker.load(std::memory_order_acquire);
+    if (fd != kUnknown)
+        return fd;
+    const int savedErrno = errno;
+    int opened = openMarker();
+    errno = savedErrno;
+    if (!sMarker.compare_exchange_strong(fd, opened, std::memory_order_acq_rel)) {
+        if (opened >= 0)
+            ::close(opened);  // another thread was first; keep its descriptor
+        return fd;
     }
+    return opened;
+}
 
-    size_t clamp(int length, size_t size)
-    {
-        if (length < 0)
-            return 0;
-        return static_cast<size_t>(length) < size ? static_cast<size_t>(length) : size - 1;
-    }
+bool writeLine(const char* line, size_t length)
+{
+    int fd = marker();
+    if (fd < 0)
+        return true;  // no instrumentation in this kernel
+    const int savedErrno = errno;
+    ssize_t written;
+    do {
+        written = ::write(fd, line, length);
+    } while (written < 0 && errno == EINTR);
+    errno = savedErrno;
+    return written == static_cast<ssize_t>(length);
+}
+
+size_t clamp(int length, size_t size)
+{
+    if (length < 0)
+        return 0;
+    return static_cast<size_t>(length) < size ? static_cast<size_t>(length) : size - 1;
+}
 }
 
 bool JTKernelTrace::addStringUserEvent(unsigned int event, const char* text)

@@ -45,13 +45,12 @@ public:
     static size_t getHeaderSize();
 };
 
-extern "C"
-{
-    void* allocateMemory(size_t size);
-    void* allocateCheckedMemory(size_t size);
-    void* allocateCachedMemory(size_t size);
-    void releaseMemory(void* block);
-    void releaseMemoryEx(void* block, size_t size);
+extern "C" {
+void* allocateMemory(size_t size);
+void* allocateCheckedMemory(size_t size);
+void* allocateCachedMemory(size_t size);
+void releaseMemory(void* block);
+void releaseMemoryEx(void* block, size_t size);
 }
 
 #endif

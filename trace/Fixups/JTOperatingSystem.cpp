@@ -12,25 +12,25 @@ extern char** environ;
 
 namespace
 {
-    // The armed time-out of this thread, for its next blocking device read.
-    thread_local bool tKernelTimeoutArmed = false;
-    thread_local uint64_t tKernelTimeoutNs = 0;
+// The armed time-out of this thread, for its next blocking device read.
+thread_local bool tKernelTimeoutArmed = false;
+thread_local uint64_t tKernelTimeoutNs = 0;
 
-    uint64_t clockNs(clockid_t clock)
-    {
-        timespec now;
-        clock_gettime(clock, &now);
-        return static_cast<uint64_t>(now.tv_sec) * 1000000000ull + static_cast<uint64_t>(now.tv_nsec);
-    }
+uint64_t clockNs(clockid_t clock)
+{
+    timespec now;
+    clock_gettime(clock, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000000ull + static_cast<uint64_t>(now.tv_nsec);
+}
 
-    int statusOf(int waitStatus)
-    {
-        if (WIFEXITED(waitStatus))
-            return WEXITSTATUS(waitStatus);
-        if (WIFSIGNALED(waitStatus))
-            return WTERMSIG(waitStatus);
-        return -1;
-    }
+int statusOf(int waitStatus)
+{
+    if (WIFEXITED(waitStatus))
+        return WEXITSTATUS(waitStatus);
+    if (WIFSIGNALED(waitStatus))
+        return WTERMSIG(waitStatus);
+    return -1;
+}
 }
 
 pid_t JTOperatingSystem::getCurrentPID()
@@ -172,6 +172,4 @@ void JTOperatingSystem::waitForProcesses(const std::vector<pid_t>& pids)
     waitForProcesses(pids.data(), pids.size());
 }
 
-void JTOperatingSystem::waitAttachDebugger()
-{
-}
+void JTOperatingSystem::waitAttachDebugger() {}

@@ -6,32 +6,32 @@
 
 namespace
 {
-    std::string& prefixStorage()
-    {
-        static std::string prefix;
-        return prefix;
-    }
+std::string& prefixStorage()
+{
+    static std::string prefix;
+    return prefix;
+}
 
-    std::string readPrefix()
-    {
-        const char* value = std::getenv("CBRADIO_ROOT");
-        if (value == nullptr || *value == '\0')
-            return std::string();
-        std::string prefix(value);
-        if (prefix[0] != '/') {
-            char cwd[PATH_MAX];
-            if (getcwd(cwd, sizeof(cwd)) != nullptr)
-                prefix = std::string(cwd) + "/" + prefix;
-        }
-        while (prefix.size() > 1 && prefix.back() == '/')
-            prefix.pop_back();
-        if (prefix == "/")
-            prefix.clear();
-        return prefix;
+std::string readPrefix()
+{
+    const char* value = std::getenv("CBRADIO_ROOT");
+    if (value == nullptr || *value == '\0')
+        return std::string();
+    std::string prefix(value);
+    if (prefix[0] != '/') {
+        char cwd[PATH_MAX];
+        if (getcwd(cwd, sizeof(cwd)) != nullptr)
+            prefix = std::string(cwd) + "/" + prefix;
     }
+    while (prefix.size() > 1 && prefix.back() == '/')
+        prefix.pop_back();
+    if (prefix == "/")
+        prefix.clear();
+    return prefix;
+}
 
-    // Taken during static initialisation, before main() can change the working directory.
-    const bool sInitialised = (JTRootPrefix::reload(), true);
+// Taken during static initialisation, before main() can change the working directory.
+const bool sInitialised = (JTRootPrefix::reload(), true);
 }
 
 const std::string& JTRootPrefix::get()

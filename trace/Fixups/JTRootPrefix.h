@@ -14,14 +14,14 @@
 
 namespace JTRootPrefix
 {
-    // The absolute prefix, without a trailing '/'; empty when CBRADIO_ROOT is unset or empty.
-    const std::string& get();
+// The absolute prefix, without a trailing '/'; empty when CBRADIO_ROOT is unset or empty.
+const std::string& get();
 
-    // The host path of a platform path: the prefix followed by the path. A null path gives "".
-    std::string resolve(const char* platformPath);
+// The host path of a platform path: the prefix followed by the path. A null path gives "".
+std::string resolve(const char* platformPath);
 
-    // Reads CBRADIO_ROOT again (for tests that change the environment); returns the new prefix.
-    const std::string& reload();
+// Reads CBRADIO_ROOT again (for tests that change the environment); returns the new prefix.
+const std::string& reload();
 }
 
 #endif

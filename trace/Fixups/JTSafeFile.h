@@ -16,18 +16,18 @@
 
 namespace JTSafeFile
 {
-    // Creates the folder and every missing parent (like mkdir -p) with the given mode (0755 by
-    // default; the umask applies as well), then checks the folder itself with isSafeFolder.
-    bool makeFolder(const char* hostFolder, mode_t mode = 0755);
+// Creates the folder and every missing parent (like mkdir -p) with the given mode (0755 by
+// default; the umask applies as well), then checks the folder itself with isSafeFolder.
+bool makeFolder(const char* hostFolder, mode_t mode = 0755);
 
-    // True when the path names a folder (not a symbolic link to one) that others cannot write to,
-    // or that has the sticky bit.
-    bool isSafeFolder(const char* hostFolder);
+// True when the path names a folder (not a symbolic link to one) that others cannot write to,
+// or that has the sticky bit.
+bool isSafeFolder(const char* hostFolder);
 
-    // Opens a new file for writing with O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC. A leftover file
-    // of that name (an earlier process with the same id) is removed once and the open repeated.
-    // Returns the descriptor or -1.
-    int createExclusive(const char* hostPath, mode_t mode = 0644);
+// Opens a new file for writing with O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC. A leftover file
+// of that name (an earlier process with the same id) is removed once and the open repeated.
+// Returns the descriptor or -1.
+int createExclusive(const char* hostPath, mode_t mode = 0644);
 }
 
 #endif

@@ -10,98 +10,98 @@
 
 namespace
 {
-    const char kMemtrace[] = "--memtrace=";
+const char kMemtrace[] = "--memtrace=";
 
-    // Everything below lives in malloc'd memory: operator new would ask us for the trace level.
-    struct SModuleData
-    {
-        JTStartupOptions::SOptions options;
-        int argc;
-        char** argv;
-        char* commandLine;
-    };
+// Everything below lives in malloc'd memory: operator new would ask us for the trace level.
+struct SModuleData
+{
+    JTStartupOptions::SOptions options;
+    int argc;
+    char** argv;
+    char* commandLine;
+};
 
-    SModuleData sData = {{1u, true}, 0, nullptr, nullptr};
-    pthread_once_t sOnce = PTHREAD_ONCE_INIT;
-    char sEmpty[1] = "";
+SModuleData sData = {{1u, true}, 0, nullptr, nullptr};
+pthread_once_t sOnce = PTHREAD_ONCE_INIT;
+char sEmpty[1] = "";
 
-    char* readCmdline(size_t& length)
-    {
-        length = 0;
-        int fd;
-        do {
-            fd = ::open("/proc/self/cmdline", O_RDONLY | O_CLOEXEC);
-        } while (fd < 0 && errno == EINTR);
-        if (fd < 0)
-            return nullptr;
-        size_t capacity = 4096;
-        char* buffer = static_cast<char*>(std::malloc(capacity + 1));
-        while (buffer != nullptr) {
-            if (length == capacity) {
-                capacity *= 2;
-                char* bigger = static_cast<char*>(std::realloc(buffer, capacity + 1));
-                if (bigger == nullptr) {
-                    std::free(buffer);
-                    buffer = nullptr;
-                    break;
-                }
-                buffer = bigger;
-            }
-            ssize_t got = ::read(fd, buffer + length, capacity - length);
-            if (got < 0 && errno == EINTR)
-                continue;
-            if (got <= 0)
+char* readCmdline(size_t& length)
+{
+    length = 0;
+    int fd;
+    do {
+        fd = ::open("/proc/self/cmdline", O_RDONLY | O_CLOEXEC);
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0)
+        return nullptr;
+    size_t capacity = 4096;
+    char* buffer = static_cast<char*>(std::malloc(capacity + 1));
+    while (buffer != nullptr) {
+        if (length == capacity) {
+            capacity *= 2;
+            char* bigger = static_cast<char*>(std::realloc(buffer, capacity + 1));
+            if (bigger == nullptr) {
+                std::free(buffer);
+                buffer = nullptr;
                 break;
-            length += static_cast<size_t>(got);
-        }
-        ::close(fd);
-        if (buffer != nullptr)
-            buffer[length] = '\0';
-        return buffer;
-    }
-
-    void readOnce()
-    {
-        const int savedErrno = errno;
-        size_t length = 0;
-        char* raw = readCmdline(length);
-        if (raw != nullptr && length > 0) {
-            int count = 0;
-            for (size_t i = 0; i < length; ++i)
-                if (raw[i] == '\0')
-                    ++count;
-            if (raw[length - 1] != '\0')
-                ++count;   // last argument cut off without its terminator
-            char** argv = static_cast<char**>(std::malloc(sizeof(char*) * (static_cast<size_t>(count) + 1)));
-            if (argv != nullptr) {
-                int index = 0;
-                for (size_t pos = 0; pos < length && index < count; pos += std::strlen(raw + pos) + 1)
-                    argv[index++] = raw + pos;
-                argv[index] = nullptr;
-                sData.argc = index;
-                sData.argv = argv;
-                sData.options = JTStartupOptions::parse(index, argv);
-                size_t needed = JTStartupOptions::joinArguments(index, argv, nullptr, 0);
-                sData.commandLine = static_cast<char*>(std::malloc(needed + 1));
-                if (sData.commandLine != nullptr)
-                    JTStartupOptions::joinArguments(index, argv, sData.commandLine, needed + 1);
             }
+            buffer = bigger;
         }
-        errno = savedErrno;
+        ssize_t got = ::read(fd, buffer + length, capacity - length);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            break;
+        length += static_cast<size_t>(got);
     }
+    ::close(fd);
+    if (buffer != nullptr)
+        buffer[length] = '\0';
+    return buffer;
+}
 
-    const SModuleData& data()
-    {
-        pthread_once(&sOnce, readOnce);
-        return sData;
+void readOnce()
+{
+    const int savedErrno = errno;
+    size_t length = 0;
+    char* raw = readCmdline(length);
+    if (raw != nullptr && length > 0) {
+        int count = 0;
+        for (size_t i = 0; i < length; ++i)
+            if (raw[i] == '\0')
+                ++count;
+        if (raw[length - 1] != '\0')
+            ++count;  // last argument cut off without its terminator
+        char** argv = static_cast<char**>(std::malloc(sizeof(char*) * (static_cast<size_t>(count) + 1)));
+        if (argv != nullptr) {
+            int index = 0;
+            for (size_t pos = 0; pos < length && index < count; pos += std::strlen(raw + pos) + 1)
+                argv[index++] = raw + pos;
+            argv[index] = nullptr;
+            sData.argc = index;
+            sData.argv = argv;
+            sData.options = JTStartupOptions::parse(index, argv);
+            size_t needed = JTStartupOptions::joinArguments(index, argv, nullptr, 0);
+            sData.commandLine = static_cast<char*>(std::malloc(needed + 1));
+            if (sData.commandLine != nullptr)
+                JTStartupOptions::joinArguments(index, argv, sData.commandLine, needed + 1);
+        }
     }
+    errno = savedErrno;
+}
 
-    // Reads the options before main(), so that they are in place before any thread starts.
-    struct TJTStartupCaller
-    {
-        TJTStartupCaller() { (void)data(); }
-    };
-    TJTStartupCaller sStartupCaller;
+const SModuleData& data()
+{
+    pthread_once(&sOnce, readOnce);
+    return sData;
+}
+
+// Reads the options before main(), so that they are in place before any thread starts.
+struct TJTStartupCaller
+{
+    TJTStartupCaller() { (void)data(); }
+};
+TJTStartupCaller sStartupCaller;
 }
 
 JTStartupOptions::SOptions JTStartupOptions::parse(int argc, const char* const* argv)

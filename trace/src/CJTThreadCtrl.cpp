@@ -9,17 +9,17 @@
 namespace
 {
 #if defined(__SANITIZE_ADDRESS__)
-    const size_t kStackFactor = 4;
+const size_t kStackFactor = 4;
 #else
-    const size_t kStackFactor = 1;
+const size_t kStackFactor = 1;
 #endif
-    const size_t kMaxThreadName = 15;
+const size_t kMaxThreadName = 15;
 
-    void* threadEntry(void* arg)
-    {
-        static_cast<CJTThreadCtrl::IRunnable*>(arg)->run();
-        return nullptr;
-    }
+void* threadEntry(void* arg)
+{
+    static_cast<CJTThreadCtrl::IRunnable*>(arg)->run();
+    return nullptr;
+}
 }
 
 pthread_t CJTThreadCtrl::startThread(IRunnable* runnable, bool detached, int priority, size_t stackSize)
@@ -77,8 +77,7 @@ bool CJTThreadCtrl::join(pthread_t thread, int timeoutMs)
     clock_gettime(CLOCK_REALTIME, &deadline);
     deadline.tv_sec += timeoutMs / 1000;
     deadline.tv_nsec += static_cast<long>(timeoutMs % 1000) * 1000000L;
-    if (deadline.tv_nsec >= 1000000000L)
-    {
+    if (deadline.tv_nsec >= 1000000000L) {
         deadline.tv_sec += 1;
         deadline.tv_nsec -= 1000000000L;
     }

@@ -30,17 +30,12 @@ public:
         virtual ~IRunnable() {}
     };
 
-    enum
-    {
-        DEFAULTPRIORITY = 10,
-        DEFAULTSTACKSIZE = 32768
-    };
+    enum { DEFAULTPRIORITY = 10, DEFAULTSTACKSIZE = 32768 };
 
     // Creates a thread running runnable->run() with the given stack size, then asks for the
     // priority (a refused priority is ignored). A detached thread cannot be joined. Returns the
     // thread id, 0 when the thread could not be created or runnable is null.
-    static pthread_t startThread(IRunnable* runnable, bool detached,
-                                 int priority = DEFAULTPRIORITY,
+    static pthread_t startThread(IRunnable* runnable, bool detached, int priority = DEFAULTPRIORITY,
                                  size_t stackSize = DEFAULTSTACKSIZE);
 
     // The scheduling priority of a thread, -1 when it cannot be read.

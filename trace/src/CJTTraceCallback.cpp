@@ -13,18 +13,18 @@ CJTTraceCallbackManager* CJTTraceCallbackManager::spInstance = nullptr;
 
 namespace
 {
-    const char* const kGeneratedParamName = "Generated default parameter";
-    const char* const kTruncatedText = "Callback string retval truncated";
-    const uint8_t kLogCodeTruncated = 32;
-    const uint32_t kCallbackNameMax = 440;
-    const uint32_t kCallbackNameField = 40;
+const char* const kGeneratedParamName = "Generated default parameter";
+const char* const kTruncatedText = "Callback string retval truncated";
+const uint8_t kLogCodeTruncated = 32;
+const uint32_t kCallbackNameMax = 440;
+const uint32_t kCallbackNameField = 40;
 
-    IJTTraceChannel* connectedChannel()
-    {
-        CJTTraceHelper* helper = CJTTraceHelper::getHelperPtr();
-        IJTTraceChannel* channel = helper ? helper->getChannel() : nullptr;
-        return channel && channel->isConnected() ? channel : nullptr;
-    }
+IJTTraceChannel* connectedChannel()
+{
+    CJTTraceHelper* helper = CJTTraceHelper::getHelperPtr();
+    IJTTraceChannel* channel = helper ? helper->getChannel() : nullptr;
+    return channel && channel->isConnected() ? channel : nullptr;
+}
 }
 
 // --- CJTTraceCallbackDef -------------------------------------------------------------------------
@@ -192,8 +192,7 @@ bool CJTTraceCallbackRetVal::returnString(const char* text) const
     if (!text)
         text = "";
     uint32_t length = static_cast<uint32_t>(std::strlen(text));
-    if (length > MAX_STRING_BYTES)
-    {
+    if (length > MAX_STRING_BYTES) {
         length = MAX_STRING_BYTES;
         if (CJTTraceHelper* helper = CJTTraceHelper::getHelperPtr())
             helper->sendLogMessage(kLogCodeTruncated, 0, kTruncatedText);
@@ -220,61 +219,58 @@ CJTTraceCallbackContext::CJTTraceCallbackContext() : mMutex(false), mCurrentCall
 
 namespace
 {
-    // One parameter or return value of callback `index` in a callback list: its type as sub-code,
-    // then pid, index and name.
-    void sendEntry(IJTTraceChannel& channel, uint8_t recordClass, uint8_t type, uint32_t pid, uint32_t index,
-                   const char* name)
-    {
-        CJTTraceMessageData entry(recordClass, type);
-        entry.body().writeUInt32(pid);
-        entry.body().writeUInt16(static_cast<uint16_t>(index));
-        entry.body().writeString(name ? name : "", CJTTraceMessageData::MAX_NAME_TEXT);
-        entry.complete();
-        channel.writeMessage(entry);
-    }
+// One parameter or return value of callback `index` in a callback list: its type as sub-code,
+// then pid, index and name.
+void sendEntry(IJTTraceChannel& channel, uint8_t recordClass, uint8_t type, uint32_t pid, uint32_t index,
+               const char* name)
+{
+    CJTTraceMessageData entry(recordClass, type);
+    entry.body().writeUInt32(pid);
+    entry.body().writeUInt16(static_cast<uint16_t>(index));
+    entry.body().writeString(name ? name : "", CJTTraceMessageData::MAX_NAME_TEXT);
+    entry.complete();
+    channel.writeMessage(entry);
+}
 
-    // The entries of a call with declared parameters: number u8, row u16, then the value (an int
-    // of 4 bytes, or a string or array with its u16 length). The rows are taken as positions in
-    // data; an entry cut off ends the list.
-    void readParams(CJTTraceCallbackDef& def, CJTByteStream& data)
-    {
-        uint32_t count = def.getNumberOfParams();
-        for (uint32_t i = 0; i < count; ++i)
-        {
-            def.getParam(i)->reset();
-            def.getParam(i)->setData(&data);
-        }
-        bool anyRow = false;
-        uint16_t lastRow = 0;
-        uint8_t number;
-        while (data.readUInt8(number))
-        {
-            if (number >= count)
-                continue;  // not one of ours: skipped as this one byte
-            CJTTraceCallbackParam& param = *def.getParam(number);
-            uint16_t row;
-            if (!data.readUInt16(row))
-                break;
-            uint32_t length = 0;
-            if (param.getType() == CJTTraceCallbackParam::TYPE_INT)
-                length = 4;
-            else if (param.getType() == CJTTraceCallbackParam::TYPE_STRING ||
-                     param.getType() == CJTTraceCallbackParam::TYPE_ARRAY)
-            {
-                uint16_t n;
-                if (!data.readUInt16(n))
-                    break;
-                length = n;
-            }
-            uint32_t position = data.getReadPosition();
-            if (data.readSkip(length) != length)
-                break;  // the value was cut off: the entry is not taken
-            param.addRow(row, position, length);
-            lastRow = row;
-            anyRow = true;
-        }
-        def.setReturnRow(anyRow ? static_cast<uint16_t>(lastRow + 1) : 0);
+// The entries of a call with declared parameters: number u8, row u16, then the value (an int
+// of 4 bytes, or a string or array with its u16 length). The rows are taken as positions in
+// data; an entry cut off ends the list.
+void readParams(CJTTraceCallbackDef& def, CJTByteStream& data)
+{
+    uint32_t count = def.getNumberOfParams();
+    for (uint32_t i = 0; i < count; ++i) {
+        def.getParam(i)->reset();
+        def.getParam(i)->setData(&data);
     }
+    bool anyRow = false;
+    uint16_t lastRow = 0;
+    uint8_t number;
+    while (data.readUInt8(number)) {
+        if (number >= count)
+            continue;  // not one of ours: skipped as this one byte
+        CJTTraceCallbackParam& param = *def.getParam(number);
+        uint16_t row;
+        if (!data.readUInt16(row))
+            break;
+        uint32_t length = 0;
+        if (param.getType() == CJTTraceCallbackParam::TYPE_INT)
+            length = 4;
+        else if (param.getType() == CJTTraceCallbackParam::TYPE_STRING ||
+                 param.getType() == CJTTraceCallbackParam::TYPE_ARRAY) {
+            uint16_t n;
+            if (!data.readUInt16(n))
+                break;
+            length = n;
+        }
+        uint32_t position = data.getReadPosition();
+        if (data.readSkip(length) != length)
+            break;  // the value was cut off: the entry is not taken
+        param.addRow(row, position, length);
+        lastRow = row;
+        anyRow = true;
+    }
+    def.setReturnRow(anyRow ? static_cast<uint16_t>(lastRow + 1) : 0);
+}
 }
 
 int CJTTraceCallbackContext::execute(CJTTraceCallbackDef& def, uint16_t callId, CJTByteStream& data)
@@ -287,8 +283,7 @@ int CJTTraceCallbackContext::execute(CJTTraceCallbackDef& def, uint16_t callId, 
     uint32_t count = def.getNumberOfParams();
     if (count > 0)
         readParams(def, data);
-    else if (data.getRemaining() > 0)
-    {
+    else if (data.getRemaining() > 0) {
         // The generated default parameter: number and row, then the value again.
         data.readSkip(3);
         data.readUInt32(argument);
@@ -347,8 +342,7 @@ void CJTTraceCallbackManager::sendCallbackList(IJTTraceChannel& channel, uint32_
     uint32_t count = getNumberOfCallbacks();
     channel.writeMessage(CJTTraceMessageData::makeProgress(CJTTraceMessageData::PROGRESS_START, pid, count));
     uint32_t step = count > 100 ? 10 : 1;
-    for (uint32_t i = 0; i < count; ++i)
-    {
+    for (uint32_t i = 0; i < count; ++i) {
         const CJTTraceCallbackDef* def = getCallbackDef(i);
         if (!def)
             break;  // the list shrank meanwhile (only at process exit)

@@ -99,8 +99,8 @@ public:
 
     // The value of a row; a row that was not sent gives 0 / an empty value. Asking a parameter of
     // another type is a programming error and raises an assertion.
-    int getInt(uint16_t row = 0) const;                 // TYPE_INT
-    CJTString getString(uint16_t row = 0) const;        // TYPE_STRING (a trailing zero is dropped)
+    int getInt(uint16_t row = 0) const;                                  // TYPE_INT
+    CJTString getString(uint16_t row = 0) const;                         // TYPE_STRING (a trailing zero is dropped)
     uint32_t getArray(uint16_t row, void* buffer, uint32_t size) const;  // TYPE_ARRAY; bytes copied
     CJTByteStream getByteStream(uint16_t row = 0) const;                 // TYPE_ARRAY
 

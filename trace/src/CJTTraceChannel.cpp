@@ -15,29 +15,26 @@
 
 namespace
 {
-    const unsigned int kSyslogModule = 0;
-    const char* const kRegisterNode = "/dev/mv2trace/register";
-    const char* const kNodeFolder = "/dev/mv2trace/";
+const unsigned int kSyslogModule = 0;
+const char* const kRegisterNode = "/dev/mv2trace/register";
+const char* const kNodeFolder = "/dev/mv2trace/";
 
-    // Hands commands to the trace helper, the usual receiver.
-    class CHelperCallback : public CJTTraceChannel::IJTCallback
-    {
-    public:
-        void operator()(const CJTTraceCommand& command) override
-        {
-            CJTTraceHelper::getInstance().execute(command);
-        }
-    };
+// Hands commands to the trace helper, the usual receiver.
+class CHelperCallback : public CJTTraceChannel::IJTCallback
+{
+public:
+    void operator()(const CJTTraceCommand& command) override { CJTTraceHelper::getInstance().execute(command); }
+};
 
-    CHelperCallback sHelperCallback;
+CHelperCallback sHelperCallback;
 
-    std::string nodePath(const char* name)
-    {
-        std::string path = kNodeFolder;
-        if (name && *name)
-            path += name;
-        return path;
-    }
+std::string nodePath(const char* name)
+{
+    std::string path = kNodeFolder;
+    if (name && *name)
+        path += name;
+    return path;
+}
 }
 
 CJTTraceChannel::CJTTraceChannel(const char* name)
@@ -67,8 +64,7 @@ bool CJTTraceChannel::sendRegistrationRequest(const char* prefix, bool waitForAc
 {
     std::string request = std::string(prefix) + (mName ? mName : "");
     CJTIODevice reg;
-    if (!reg.open(kRegisterNode, CJTIODevice::WRITE))
-    {
+    if (!reg.open(kRegisterNode, CJTIODevice::WRITE)) {
         // A removal that cannot even be sent is reported like one the server did not take.
         if (waitForAck)
             JTSyslog::logMsg(kSyslogModule, JTSyslog::SEV_CRITICAL, "Cannot connect to trace server: %d",
@@ -78,13 +74,11 @@ bool CJTTraceChannel::sendRegistrationRequest(const char* prefix, bool waitForAc
         return false;
     }
     int written = reg.write(request.c_str(), request.size() + 1);
-    if (written >= 1 && waitForAck)
-    {
+    if (written >= 1 && waitForAck) {
         // The server creates our node before it closes this connection: wait for the close.
         uint64_t deadline = JTOperatingSystem::getMonotonicTime() + REGISTRATION_ACK_TIMEOUT_MS * 1000000ull;
         char scratch[64];
-        for (;;)
-        {
+        for (;;) {
             uint64_t now = JTOperatingSystem::getMonotonicTime();
             if (now >= deadline)
                 break;
@@ -104,8 +98,7 @@ bool CJTTraceChannel::connect()
     std::string path = nodePath(mName);
     {
         std::lock_guard<std::mutex> guard(mWriteLock);
-        if (mDevice.isOpened() || mDevice.open(path.c_str(), CJTIODevice::READWRITE))
-        {
+        if (mDevice.isOpened() || mDevice.open(path.c_str(), CJTIODevice::READWRITE)) {
             mDropped = 0;
             mServerStalled = false;
             mConnected.store(1, std::memory_order_relaxed);
@@ -117,12 +110,10 @@ bool CJTTraceChannel::connect()
         return false;
     // The server creates the node before it acknowledges; one that has not done so a second after
     // "mk:" is taken as absent, like one that cannot be reached: the process runs on without it.
-    for (;;)
-    {
+    for (;;) {
         {
             std::lock_guard<std::mutex> guard(mWriteLock);
-            if (mDevice.open(path.c_str(), CJTIODevice::READWRITE))
-            {
+            if (mDevice.open(path.c_str(), CJTIODevice::READWRITE)) {
                 mDropped = 0;
                 mServerStalled = false;
                 mConnected.store(1, std::memory_order_relaxed);
@@ -160,8 +151,7 @@ bool CJTTraceChannel::writeMessage(const CJTTraceMessageData& message)
     // server that stops reading slows no traced thread and no closing of the channel.
     const bool isReply = mReaderTid.load(std::memory_order_relaxed) == JTOperatingSystem::getCurrentTID();
     const uint64_t deadline = JTOperatingSystem::getMonotonicTime() + REPLY_WAIT_MS * 1000000ull;
-    for (;;)
-    {
+    for (;;) {
         {
             std::lock_guard<std::mutex> guard(mWriteLock);
             if (!mDevice.isOpened() || !isConnected())
@@ -169,15 +159,13 @@ bool CJTTraceChannel::writeMessage(const CJTTraceMessageData& message)
             int sent = mDropped != 0 ? sendDropWarning() : SENT;
             if (sent == SENT)
                 sent = sendNow(buffer.getData(), buffer.getSize());
-            if (sent == SENT)
-            {
+            if (sent == SENT) {
                 mServerStalled = false;
                 return true;
             }
             if (sent == BROKEN)
                 return false;
-            if (!isReply || mServerStalled || JTOperatingSystem::getMonotonicTime() >= deadline)
-            {
+            if (!isReply || mServerStalled || JTOperatingSystem::getMonotonicTime() >= deadline) {
                 // Lost; the next record that goes says so. A reply that waited in vain marks the
                 // server as stalled: further replies do not wait until one goes through again.
                 ++mDropped;
@@ -195,9 +183,10 @@ int CJTTraceChannel::sendDropWarning()
 {
     char text[MAX_DROP_TEXT];
     std::snprintf(text, sizeof text, "%u trace records dropped", mDropped);
-    CJTTraceMessageData warning = CJTTraceMessageData::makeLogMessage(
-        DROP_WARNING_CODE, JTOperatingSystem::currentTimeMs(), static_cast<uint32_t>(JTOperatingSystem::getCurrentPID()),
-        static_cast<uint16_t>(mDropped > 0xFFFF ? 0xFFFF : mDropped), text);
+    CJTTraceMessageData warning =
+        CJTTraceMessageData::makeLogMessage(DROP_WARNING_CODE, JTOperatingSystem::currentTimeMs(),
+                                            static_cast<uint32_t>(JTOperatingSystem::getCurrentPID()),
+                                            static_cast<uint16_t>(mDropped > 0xFFFF ? 0xFFFF : mDropped), text);
     CJTByteStream buffer(warning.getSerializedSize());
     warning.serialize(buffer);
     int sent = sendNow(buffer.getData(), buffer.getSize());
@@ -236,18 +225,16 @@ bool CJTTraceChannel::readMessage(uint32_t timeoutMs)
     mReaderTid.store(JTOperatingSystem::getCurrentTID(), std::memory_order_relaxed);
     if (!mDevice.isOpened())
         return false;
-    if (!isConnected())
-    {
+    if (!isConnected()) {
         closeDevice();  // a writer found the channel broken
         return false;
     }
-    TJTDeviceStream<CJTIODevice, TJTDeviceStreamFeatureReadWrite<CJTIODevice> > stream(mDevice, timeoutMs);
+    TJTDeviceStream<CJTIODevice, TJTDeviceStreamFeatureReadWrite<CJTIODevice>> stream(mDevice, timeoutMs);
     CJTTraceCommand command;
     command.readFrom(stream);
     if (stream.isTimedOut())
         return false;
-    if (stream.isError() || stream.isEnd())
-    {
+    if (stream.isError() || stream.isEnd()) {
         // A read of 0 bytes without time-out means the server has gone; that too ends the channel.
         JTSyslog::logMsg(kSyslogModule, JTSyslog::SEV_ERROR, "Error during read(), closing trace device");
         closeDevice();
@@ -266,8 +253,7 @@ bool CJTTraceChannel::getTraceServerVersion(CJTVersion& version)
     int rc;
     {
         std::lock_guard<std::mutex> guard(mWriteLock);
-        if (!mDevice.isOpened())
-        {
+        if (!mDevice.isOpened()) {
             if (!mDevice.open(kRegisterNode, CJTIODevice::READ))
                 return false;
             openedHere = true;
@@ -278,7 +264,8 @@ bool CJTTraceChannel::getTraceServerVersion(CJTVersion& version)
     }
     if (rc != 0)
         return false;
-    version = CJTVersion(static_cast<uint16_t>(answer[0] | answer[1] << 8), static_cast<uint16_t>(answer[2] | answer[3] << 8),
+    version = CJTVersion(static_cast<uint16_t>(answer[0] | answer[1] << 8),
+                         static_cast<uint16_t>(answer[2] | answer[3] << 8),
                          static_cast<uint16_t>(answer[4] | answer[5] << 8));
     return true;
 }

@@ -52,14 +52,13 @@ public:
         virtual void operator()(const CJTTraceCommand& command) = 0;
     };
 
-    enum
-    {
+    enum {
         DEVCTL_GET_SERVER_VERSION = 0x40060502,
         REGISTRATION_ACK_TIMEOUT_MS = 1000,  // from "mk:" until the node must be there
         NODE_RETRY_MS = 50,                  // between attempts to open the node meanwhile
         DROP_WARNING_CODE = 32,              // sub-code of the dropped-records warning
         MAX_DROP_TEXT = 40,
-        REPLY_WAIT_MS = 1000                 // the longest the serving thread waits for room
+        REPLY_WAIT_MS = 1000  // the longest the serving thread waits for room
     };
 
     // name: the process name (not copied; must outlive the channel). The callback is not owned.
@@ -100,10 +99,10 @@ private:
     CJTIODevice mDevice;
     const char* mName;
     IJTCallback* mpCallback;
-    std::mutex mWriteLock;  // one record at a time; open and close never race a write
+    std::mutex mWriteLock;             // one record at a time; open and close never race a write
     std::atomic<uint32_t> mReaderTid;  // the thread serving commands (last to call readMessage)
-    uint32_t mDropped;      // under mWriteLock
-    bool mServerStalled;    // under mWriteLock: a reply waited in vain; replies do not wait
+    uint32_t mDropped;                 // under mWriteLock
+    bool mServerStalled;               // under mWriteLock: a reply waited in vain; replies do not wait
 };
 
 #endif

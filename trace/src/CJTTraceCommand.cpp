@@ -11,21 +11,18 @@ bool CJTTraceCommand::readFrom(IJTIStream& in)
     mData.clear();
     uint8_t code = 0;
     uint8_t p[4];
-    if (in.doRead(&code, 1) != 1 || in.doRead(p, 4) != 4)
-    {
+    if (in.doRead(&code, 1) != 1 || in.doRead(p, 4) != 4) {
         mCode = 0;
         mParameter = 0;
         return false;
     }
     mCode = code;
     mParameter = p[0] | p[1] << 8 | p[2] << 16 | static_cast<uint32_t>(p[3]) << 24;
-    if (mCode == JTTraceCommandCode::CALL_CALLBACK)
-    {
+    if (mCode == JTTraceCommandCode::CALL_CALLBACK) {
         // Only what actually arrives is kept, so a parameter claiming gigabytes costs nothing.
         uint8_t chunk[512];
         uint32_t wanted = mParameter;
-        while (wanted > 0)
-        {
+        while (wanted > 0) {
             uint32_t n = in.doRead(chunk, wanted < sizeof chunk ? wanted : sizeof chunk);
             if (n == 0)
                 break;

@@ -59,13 +59,8 @@ void writeAll(int fd, struct iovec* parts, int count)
 }
 
 CJTTraceHelper::CJTTraceHelper(CJTTraceScopeManager& scopeManager, CJTTraceCallbackManager* callbackManager)
-    : mHasProcessName(false),
-      mProcessId(static_cast<uint32_t>(JTOperatingSystem::getCurrentPID())),
-      mpChannel(nullptr),
-      mServerVersion(),
-      mScopeManager(scopeManager),
-      mpCallbackManager(callbackManager),
-      mpPersistence(nullptr)
+    : mHasProcessName(false), mProcessId(static_cast<uint32_t>(JTOperatingSystem::getCurrentPID())), mpChannel(nullptr),
+      mServerVersion(), mScopeManager(scopeManager), mpCallbackManager(callbackManager), mpPersistence(nullptr)
 {
     static const tTraceHandler functions[HANDLER_SLOTS] = {sendToTraceClient, sendToKernelTrace, sendToSlog,
                                                            sendToConsole};
@@ -227,8 +222,8 @@ void CJTTraceHelper::sendToSlog(const tTraceMessageInfo& info)
     else if (info.kind == CJTTraceScope::KIND_WARNING)
         severity = JTSyslog::SEV_NOTICE;
     JTSyslog::logMsg(kSyslogModule, severity, "[%s]@%d (%d.%d): %s", getPrefix(info.kind),
-                     static_cast<int>(info.timeMs), static_cast<int>(info.processId),
-                     static_cast<int>(info.threadId), info.text);
+                     static_cast<int>(info.timeMs), static_cast<int>(info.processId), static_cast<int>(info.threadId),
+                     info.text);
 }
 
 void CJTTraceHelper::sendToConsole(const tTraceMessageInfo& info)

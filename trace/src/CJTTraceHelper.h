@@ -57,18 +57,10 @@ public:
 
     typedef void (*tTraceHandler)(const tTraceMessageInfo& info);
 
-    enum
-    {
-        MEDIA_TRACE_CLIENT = 1,
-        MEDIA_KERNEL_TRACE = 2,
-        MEDIA_SLOG = 4,
-        MEDIA_CONSOLE = 8,
-        HANDLER_SLOTS = 4
-    };
+    enum { MEDIA_TRACE_CLIENT = 1, MEDIA_KERNEL_TRACE = 2, MEDIA_SLOG = 4, MEDIA_CONSOLE = 8, HANDLER_SLOTS = 4 };
 
     // Log codes sent to the trace server with sendLogMessage(64, code, nullptr).
-    enum
-    {
+    enum {
         LOG_PERSISTENCE_STORED = 256,
         LOG_PERSISTENCE_LOADED = 257,
         LOG_PERSISTENCE_KILLED = 258,
@@ -133,7 +125,10 @@ public:
     // --- set-up ---------------------------------------------------------------------------------
     void setChannel(IJTTraceChannel* channel) { mpChannel.store(channel, std::memory_order_release); }
     IJTTraceChannel* getChannel() const { return mpChannel.load(std::memory_order_acquire); }
-    void setPersistence(IJTTracePersistence* persistence) { mpPersistence.store(persistence, std::memory_order_release); }
+    void setPersistence(IJTTracePersistence* persistence)
+    {
+        mpPersistence.store(persistence, std::memory_order_release);
+    }
     IJTTracePersistence* getPersistence() const { return mpPersistence.load(std::memory_order_acquire); }
     void setCallbackManager(CJTTraceCallbackManager* manager) { mpCallbackManager = manager; }
     CJTTraceCallbackManager* getCallbackManager() const { return mpCallbackManager; }

@@ -46,8 +46,7 @@ bool CJTTraceMessageData::readFrom(IJTIStream& in)
     if (in.doRead(header, HEADER_SIZE) != HEADER_SIZE)
         return false;
     uint32_t bodyLength = header[4] | header[5] << 8 | header[6] << 16 | static_cast<uint32_t>(header[7]) << 24;
-    if (mBody.readFromIStream(in, bodyLength) != bodyLength)
-    {
+    if (mBody.readFromIStream(in, bodyLength) != bodyLength) {
         mBody.clear();
         return false;
     }
@@ -130,8 +129,8 @@ CJTTraceMessageData CJTTraceMessageData::makeProcessInfo(uint8_t settingsInStep,
     return m;
 }
 
-CJTTraceMessageData CJTTraceMessageData::makeScopeInfo(uint32_t pid, uint16_t index, uint8_t kernelEvent,
-                                                       uint8_t media, uint8_t filter, const char* fullName)
+CJTTraceMessageData CJTTraceMessageData::makeScopeInfo(uint32_t pid, uint16_t index, uint8_t kernelEvent, uint8_t media,
+                                                       uint8_t filter, const char* fullName)
 {
     CJTTraceMessageData m(CLASS_SCOPE_INFO, 0);
     m.body().writeUInt32(pid);

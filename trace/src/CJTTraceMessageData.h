@@ -18,8 +18,7 @@
 class CJTTraceMessageData
 {
 public:
-    enum
-    {
+    enum {
         HEADER_SIZE = 8,
         CLASS_TRACE_MESSAGE = 17,
         CLASS_PROGRESS = 18,

@@ -45,58 +45,88 @@ uint32_t CJTTraceScope::identifierOf(const char* identifier)
     return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(identifier));
 }
 
-#define JT_SEND_PLAIN(kind, text)                                                    \
-    do {                                                                             \
-        if (isTraceFlagSet(kind))                                                    \
+#define JT_SEND_PLAIN(kind, text)                                                           \
+    do {                                                                                    \
+        if (isTraceFlagSet(kind))                                                           \
             CJTTraceHelper::getHelperPtr()->sendTraceMsg(kind, (text) ? (text) : "", mDef); \
     } while (0)
 
-void CJTTraceScope::sendMessage(const char* text) const { JT_SEND_PLAIN(KIND_MESSAGE, text); }
-void CJTTraceScope::sendError(const char* text) const { JT_SEND_PLAIN(KIND_ERROR, text); }
-void CJTTraceScope::sendWarning(const char* text) const { JT_SEND_PLAIN(KIND_WARNING, text); }
+void CJTTraceScope::sendMessage(const char* text) const
+{
+    JT_SEND_PLAIN(KIND_MESSAGE, text);
+}
+void CJTTraceScope::sendError(const char* text) const
+{
+    JT_SEND_PLAIN(KIND_ERROR, text);
+}
+void CJTTraceScope::sendWarning(const char* text) const
+{
+    JT_SEND_PLAIN(KIND_WARNING, text);
+}
 
 #undef JT_SEND_PLAIN
 
 // Formats only after the wanted-test passed; the buffer lives on the stack.
-#define JT_SEND_FORMATTED(kind)                                            \
-    do {                                                                   \
-        if (!isTraceFlagSet(kind))                                         \
-            return;                                                        \
-        tMessageText text;                                                 \
-        va_list args;                                                      \
-        va_start(args, format);                                            \
-        text.vformat(format, args);                                        \
-        va_end(args);                                                      \
-        CJTTraceHelper::getHelperPtr()->sendTraceMsg(kind, text, mDef);    \
+#define JT_SEND_FORMATTED(kind)                                         \
+    do {                                                                \
+        if (!isTraceFlagSet(kind))                                      \
+            return;                                                     \
+        tMessageText text;                                              \
+        va_list args;                                                   \
+        va_start(args, format);                                         \
+        text.vformat(format, args);                                     \
+        va_end(args);                                                   \
+        CJTTraceHelper::getHelperPtr()->sendTraceMsg(kind, text, mDef); \
     } while (0)
 
-void CJTTraceScope::sendFormatted(uint8_t kind, const char* format, ...) const { JT_SEND_FORMATTED(kind); }
+void CJTTraceScope::sendFormatted(uint8_t kind, const char* format, ...) const
+{
+    JT_SEND_FORMATTED(kind);
+}
 
 #if !JT_TRACE_INLINE_FILTER
-void CJTTraceScope::sendFormattedMessage(const char* format, ...) const { JT_SEND_FORMATTED(KIND_MESSAGE); }
-void CJTTraceScope::sendFormattedError(const char* format, ...) const { JT_SEND_FORMATTED(KIND_ERROR); }
-void CJTTraceScope::sendFormattedWarning(const char* format, ...) const { JT_SEND_FORMATTED(KIND_WARNING); }
+void CJTTraceScope::sendFormattedMessage(const char* format, ...) const
+{
+    JT_SEND_FORMATTED(KIND_MESSAGE);
+}
+void CJTTraceScope::sendFormattedError(const char* format, ...) const
+{
+    JT_SEND_FORMATTED(KIND_ERROR);
+}
+void CJTTraceScope::sendFormattedWarning(const char* format, ...) const
+{
+    JT_SEND_FORMATTED(KIND_WARNING);
+}
 #endif
 
 #undef JT_SEND_FORMATTED
 
 // Skips the filter and silent mode; the media mask still decides where the text goes.
-#define JT_SEND_UNCONDITIONALLY(kind)                                      \
-    do {                                                                   \
-        CJTTraceHelper* helper = CJTTraceHelper::getHelperPtr();           \
-        if (!helper || mDef.getMedia() == 0)                               \
-            return;                                                        \
-        tMessageText text;                                                 \
-        va_list args;                                                      \
-        va_start(args, format);                                            \
-        text.vformat(format, args);                                        \
-        va_end(args);                                                      \
-        helper->sendTraceMsg(kind, text, mDef);                            \
+#define JT_SEND_UNCONDITIONALLY(kind)                            \
+    do {                                                         \
+        CJTTraceHelper* helper = CJTTraceHelper::getHelperPtr(); \
+        if (!helper || mDef.getMedia() == 0)                     \
+            return;                                              \
+        tMessageText text;                                       \
+        va_list args;                                            \
+        va_start(args, format);                                  \
+        text.vformat(format, args);                              \
+        va_end(args);                                            \
+        helper->sendTraceMsg(kind, text, mDef);                  \
     } while (0)
 
-void CJTTraceScope::sendMessageUnconditionally(const char* format, ...) const { JT_SEND_UNCONDITIONALLY(KIND_MESSAGE); }
-void CJTTraceScope::sendErrorUnconditionally(const char* format, ...) const { JT_SEND_UNCONDITIONALLY(KIND_ERROR); }
-void CJTTraceScope::sendWarningUnconditionally(const char* format, ...) const { JT_SEND_UNCONDITIONALLY(KIND_WARNING); }
+void CJTTraceScope::sendMessageUnconditionally(const char* format, ...) const
+{
+    JT_SEND_UNCONDITIONALLY(KIND_MESSAGE);
+}
+void CJTTraceScope::sendErrorUnconditionally(const char* format, ...) const
+{
+    JT_SEND_UNCONDITIONALLY(KIND_ERROR);
+}
+void CJTTraceScope::sendWarningUnconditionally(const char* format, ...) const
+{
+    JT_SEND_UNCONDITIONALLY(KIND_WARNING);
+}
 
 #undef JT_SEND_UNCONDITIONALLY
 
@@ -155,8 +185,8 @@ void CJTTraceScope::sendHexArray(const uint8_t* data, uint32_t length) const
     const uint8_t* p = data;
     uint32_t left = length;
     for (; left >= 10; left -= 10, p += 10) {
-        line.format("%02X %02X %02X %02X %02X %02X %02X %02X %02X %02X",
-                    p[0], p[1], p[2], p[3], p[4], p[5], p[6], p[7], p[8], p[9]);
+        line.format("%02X %02X %02X %02X %02X %02X %02X %02X %02X %02X", p[0], p[1], p[2], p[3], p[4], p[5], p[6], p[7],
+                    p[8], p[9]);
         helper->sendTraceMsg(KIND_MESSAGE, line, mDef);
     }
     if (left > 0) {

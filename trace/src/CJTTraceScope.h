@@ -39,14 +39,7 @@ class CJTTraceScope
 {
 public:
     // Message kinds: the filter bits and the kind byte of every message.
-    enum
-    {
-        KIND_ERROR = 2,
-        KIND_ENTRY = 4,
-        KIND_EXIT = 8,
-        KIND_WARNING = 32,
-        KIND_MESSAGE = 64
-    };
+    enum { KIND_ERROR = 2, KIND_ENTRY = 4, KIND_EXIT = 8, KIND_WARNING = 32, KIND_MESSAGE = 64 };
 
     // The entry bit is tested inline, so a scope whose entry/exit pair is off costs two loads.
     explicit CJTTraceScope(const CJTTraceScopeDef& def) : mDef(def)
@@ -110,7 +103,10 @@ public:
     // last line holds the rest), all as kind 64. Nothing for null data or zero length.
     void sendHexArray(const uint8_t* data, uint32_t length) const;
 
-    const CJTTraceScopeDef& getScopeDef() const { return mDef; }
+    const CJTTraceScopeDef& getScopeDef() const
+    {
+        return mDef;
+    }
 
     // The wire identifier of an extended message: the low 32 bits of the text's address.
     static uint32_t identifierOf(const char* identifier);

@@ -58,7 +58,9 @@ public:
 private:
     friend class CJTTraceScopeManager;
 
-    struct tUnregistered {};
+    struct tUnregistered
+    {
+    };
     // The manager's dummy: never registered, filter 0; constant-initialised so it is usable before
     // any dynamic initialisation runs.
     constexpr CJTTraceScopeDef(tUnregistered, const char* name, const char* scopeName)

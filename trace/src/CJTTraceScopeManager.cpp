@@ -134,8 +134,7 @@ bool CJTTraceScopeManager::configureScopesByName(const char* prefix, uint8_t fil
     return configureByName(prefix, filter, media, false, 0);
 }
 
-bool CJTTraceScopeManager::configureScopesByName(const char* prefix, uint8_t filter, uint8_t media,
-                                                 uint8_t kernelEvent)
+bool CJTTraceScopeManager::configureScopesByName(const char* prefix, uint8_t filter, uint8_t media, uint8_t kernelEvent)
 {
     return configureByName(prefix, filter, media, true, kernelEvent);
 }

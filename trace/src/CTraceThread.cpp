@@ -8,7 +8,7 @@
 
 namespace
 {
-    const unsigned int kThreadStartedEvent = 4;
+const unsigned int kThreadStartedEvent = 4;
 }
 
 CTraceThread::CJTConfig::CJTConfig(int argc, char** argv, const char* programName, IJTTracePersistence& persistence)

@@ -9,24 +9,23 @@
 
 namespace JTTraceCommandCode
 {
-    enum Code : uint8_t
-    {
-        PROCESS_INFO = 1,
-        LIST_SCOPES = 2,
-        SET_FILTER = 3,
-        SILENT = 4,
-        CALLBACK_COUNT = 7,
-        LIST_CALLBACKS = 8,
-        CALL_CALLBACK = 9,
-        SET_FILTER_RANGE = 11,
-        PERSISTENCE = 13,
-        SET_MEDIA = 14,
-        SET_MEDIA_RANGE = 15,
-        LIST_HANDLERS = 16,
-        RELOAD_PERSISTENCE = 17
-    };
+enum Code : uint8_t {
+    PROCESS_INFO = 1,
+    LIST_SCOPES = 2,
+    SET_FILTER = 3,
+    SILENT = 4,
+    CALLBACK_COUNT = 7,
+    LIST_CALLBACKS = 8,
+    CALL_CALLBACK = 9,
+    SET_FILTER_RANGE = 11,
+    PERSISTENCE = 13,
+    SET_MEDIA = 14,
+    SET_MEDIA_RANGE = 15,
+    LIST_HANDLERS = 16,
+    RELOAD_PERSISTENCE = 17
+};
 
-    enum { HEADER_SIZE = 5 };  // code and parameter
+enum { HEADER_SIZE = 5 };  // code and parameter
 }
 
 #endif

@@ -31,7 +31,7 @@ public:
     static int writeFrame(TDevice& device, const void* buffer, uint32_t size) { return device.write(buffer, size); }
 };
 
-template <class TDevice, class TFeature = TJTDeviceStreamFeatureReadWrite<TDevice> >
+template <class TDevice, class TFeature = TJTDeviceStreamFeatureReadWrite<TDevice>>
 class TJTDeviceStream : public IJTIOStream
 {
 public:
@@ -60,8 +60,7 @@ public:
     uint32_t doWrite(const void* data, uint32_t size) override
     {
         int n = TFeature::writeFrame(mDevice, data, size);
-        if (n < 0)
-        {
+        if (n < 0) {
             mState |= STATE_ERROR;
             return 0;
         }

@@ -10,140 +10,136 @@
 
 namespace
 {
-    const std::string SUCCESS = HeadUnit::kSuccess;
-    const std::string FAILURE = HeadUnit::kFailure;
-    std::string (*const body)(const std::string&, int) = HeadUnit::body;
+const std::string SUCCESS = HeadUnit::kSuccess;
+const std::string FAILURE = HeadUnit::kFailure;
+std::string (*const body)(const std::string&, int) = HeadUnit::body;
 
-    // The daemon stops cleanly, and in sanitizer builds without a report (leaks aside: the V850
-    // reader is left running at exit by design).
-    void expectCleanStop(HeadUnit& unit)
+// The daemon stops cleanly, and in sanitizer builds without a report (leaks aside: the V850
+// reader is left running at exit by design).
+void expectCleanStop(HeadUnit& unit)
+{
+    EXPECT_TRUE(unit.stopDaemon());
+    const std::string errors = unit.daemonErrors();
+    EXPECT_EQ(std::string::npos, errors.find("AddressSanitizer")) << errors;
+    EXPECT_EQ(std::string::npos, errors.find("runtime error")) << errors;
+}
+
+class Radio : public testing::Test
+{
+protected:
+    static void SetUpTestSuite()
     {
-        EXPECT_TRUE(unit.stopDaemon());
-        const std::string errors = unit.daemonErrors();
-        EXPECT_EQ(std::string::npos, errors.find("AddressSanitizer")) << errors;
-        EXPECT_EQ(std::string::npos, errors.find("runtime error")) << errors;
+        unit = new HeadUnit;
+        ASSERT_TRUE(unit->start()) << unit->error();
+        const size_t mark = unit->signalMark();
+        const size_t frames = unit->frameMark();
+        unit->simulator("hw back");
+        ASSERT_TRUE(waitForSignal("CBRHWConnectionStatus", body("HWConnectionStatus", 1), mark));
+        // With the radio still off the connection report shuts the audio path down: PTT off,
+        // which the simulator answers with an idle Tx/Rx report. Let that pass the decoder
+        // before any test looks at signals, or it turns up once the radio is on.
+        ASSERT_TRUE(unit->waitForFrame("0E 01 00", frames));
+        syncDecoder();
     }
 
-    class Radio : public testing::Test
+    static void TearDownTestSuite()
     {
-    protected:
-        static void SetUpTestSuite()
-        {
-            unit = new HeadUnit;
-            ASSERT_TRUE(unit->start()) << unit->error();
-            const size_t mark = unit->signalMark();
-            const size_t frames = unit->frameMark();
-            unit->simulator("hw back");
-            ASSERT_TRUE(waitForSignal("CBRHWConnectionStatus", body("HWConnectionStatus", 1), mark));
-            // With the radio still off the connection report shuts the audio path down: PTT off,
-            // which the simulator answers with an idle Tx/Rx report. Let that pass the decoder
-            // before any test looks at signals, or it turns up once the radio is on.
+        if (unit != nullptr)
+            expectCleanStop(*unit);
+        delete unit;
+        unit = nullptr;
+    }
+
+    void SetUp() override
+    {
+        ASSERT_NE(nullptr, unit);
+        setRadio(1);
+    }
+
+    // The first signal of that name after `mark` carries exactly `expected`.
+    static testing::AssertionResult waitForSignal(const std::string& name, const std::string& expected, size_t mark,
+                                                  int timeoutMs = 3000)
+    {
+        std::string data;
+        if (!unit->waitForSignal(name, data, mark, timeoutMs))
+            return testing::AssertionFailure() << "no " << name << " signal";
+        if (data != expected)
+            return testing::AssertionFailure() << name << " carried " << data << ", not " << expected;
+        return testing::AssertionSuccess();
+    }
+
+    // The radio state as the V850 reports it on its own (no method involved). Switching off
+    // also sends PTT off to the V850; waiting for it keeps that frame out of the test.
+    static void setRadio(int on)
+    {
+        if (lastRadioStatusIs(on))
+            return;
+        const size_t mark = unit->signalMark();
+        const size_t frames = unit->frameMark();
+        unit->simulator(on ? "on" : "off");
+        ASSERT_TRUE(waitForSignal("CBRadioStatus", body("Status", on), mark));
+        std::string data;
+        if (on) {
+            ASSERT_TRUE(unit->waitForSignal("CBRChannelNumber", data, mark));
+        } else {
             ASSERT_TRUE(unit->waitForFrame("0E 01 00", frames));
-            syncDecoder();
+            syncDecoder();  // the simulator's answer to the PTT off, dropped while the radio is off
         }
+    }
 
-        static void TearDownTestSuite()
-        {
-            if (unit != nullptr)
-                expectCleanStop(*unit);
-            delete unit;
-            unit = nullptr;
-        }
+    static bool lastRadioStatusIs(int on)
+    {
+        const std::vector<HeadUnit::Signal> all = unit->signals();
+        for (auto it = all.rbegin(); it != all.rend(); ++it)
+            if (it->name == "CBRadioStatus")
+                return it->data == body("Status", on);
+        return false;
+    }
 
-        void SetUp() override
-        {
-            ASSERT_NE(nullptr, unit);
-            setRadio(1);
-        }
+    static void v850(const std::string& hex) { unit->simulator("raw " + hex); }
 
-        // The first signal of that name after `mark` carries exactly `expected`.
-        static testing::AssertionResult waitForSignal(const std::string& name, const std::string& expected,
-                                                      size_t mark, int timeoutMs = 3000)
-        {
-            std::string data;
-            if (!unit->waitForSignal(name, data, mark, timeoutMs))
-                return testing::AssertionFailure() << "no " << name << " signal";
-            if (data != expected)
-                return testing::AssertionFailure() << name << " carried " << data << ", not " << expected;
-            return testing::AssertionSuccess();
-        }
+    // A sensitivity report, then its trace and its signal: frames are decoded in order and
+    // signals arrive in the order they were sent, so everything before it is through.
+    static void syncDecoder()
+    {
+        static int value = 0;
+        value = (value + 1) % 200 + 1;
+        const size_t mark = unit->traceMark();
+        const size_t signals = unit->signalMark();
+        unit->simulator("sens " + std::to_string(value));
+        ASSERT_TRUE(unit->waitForTrace("CBR_RECEPTION_SENSITIVITY_LEVEL is " + std::to_string(value) + " \n", mark));
+        std::string data;
+        ASSERT_TRUE(unit->waitForSignal("CBRReceptionSensitivity", data, signals));
+    }
 
-        // The radio state as the V850 reports it on its own (no method involved). Switching off
-        // also sends PTT off to the V850; waiting for it keeps that frame out of the test.
-        static void setRadio(int on)
-        {
-            if (lastRadioStatusIs(on))
-                return;
-            const size_t mark = unit->signalMark();
-            const size_t frames = unit->frameMark();
-            unit->simulator(on ? "on" : "off");
-            ASSERT_TRUE(waitForSignal("CBRadioStatus", body("Status", on), mark));
-            std::string data;
-            if (on) {
-                ASSERT_TRUE(unit->waitForSignal("CBRChannelNumber", data, mark));
-            } else {
-                ASSERT_TRUE(unit->waitForFrame("0E 01 00", frames));
-                syncDecoder();  // the simulator's answer to the PTT off, dropped while the radio is off
-            }
-        }
+    // The call answers failure and the V850 gets nothing: a stop-scan frame written after it
+    // is the first frame the simulator sees.
+    static void expectFailureAndNoFrame(const std::string& method, const std::string& params)
+    {
+        const size_t frames = unit->frameMark();
+        const HeadUnit::Reply reply = unit->call(method, params);
+        ASSERT_TRUE(reply.ok()) << method << " " << params;
+        EXPECT_EQ(FAILURE, reply.text) << method << " " << params;
+        ASSERT_EQ(SUCCESS, unit->call("reqCBRStopScan").text);
+        ASSERT_TRUE(unit->waitForFrame("05 00", frames));
+        EXPECT_EQ(std::vector<std::string>{"05 00"}, unit->framesSince(frames)) << method << " " << params;
+    }
 
-        static bool lastRadioStatusIs(int on)
-        {
-            const std::vector<HeadUnit::Signal> all = unit->signals();
-            for (auto it = all.rbegin(); it != all.rend(); ++it)
-                if (it->name == "CBRadioStatus")
-                    return it->data == body("Status", on);
-            return false;
-        }
+    // Sends a call and expects the frame it writes and the signal the V850's answer leads to.
+    static void expectFrameAndSignal(const std::string& method, const std::string& params, const std::string& frame,
+                                     const std::string& signal, const std::string& data)
+    {
+        const size_t frames = unit->frameMark();
+        const size_t signals = unit->signalMark();
+        EXPECT_EQ(SUCCESS, unit->call(method, params).text) << method << " " << params;
+        EXPECT_TRUE(unit->waitForFrame(frame, frames)) << method << " " << params << " should write " << frame;
+        EXPECT_TRUE(waitForSignal(signal, data, signals)) << method << " " << params;
+    }
 
-        static void v850(const std::string& hex)
-        {
-            unit->simulator("raw " + hex);
-        }
+    static HeadUnit* unit;
+};
 
-        // A sensitivity report, then its trace and its signal: frames are decoded in order and
-        // signals arrive in the order they were sent, so everything before it is through.
-        static void syncDecoder()
-        {
-            static int value = 0;
-            value = (value + 1) % 200 + 1;
-            const size_t mark = unit->traceMark();
-            const size_t signals = unit->signalMark();
-            unit->simulator("sens " + std::to_string(value));
-            ASSERT_TRUE(unit->waitForTrace("CBR_RECEPTION_SENSITIVITY_LEVEL is " + std::to_string(value) + " \n", mark));
-            std::string data;
-            ASSERT_TRUE(unit->waitForSignal("CBRReceptionSensitivity", data, signals));
-        }
-
-        // The call answers failure and the V850 gets nothing: a stop-scan frame written after it
-        // is the first frame the simulator sees.
-        static void expectFailureAndNoFrame(const std::string& method, const std::string& params)
-        {
-            const size_t frames = unit->frameMark();
-            const HeadUnit::Reply reply = unit->call(method, params);
-            ASSERT_TRUE(reply.ok()) << method << " " << params;
-            EXPECT_EQ(FAILURE, reply.text) << method << " " << params;
-            ASSERT_EQ(SUCCESS, unit->call("reqCBRStopScan").text);
-            ASSERT_TRUE(unit->waitForFrame("05 00", frames));
-            EXPECT_EQ(std::vector<std::string>{"05 00"}, unit->framesSince(frames)) << method << " " << params;
-        }
-
-        // Sends a call and expects the frame it writes and the signal the V850's answer leads to.
-        static void expectFrameAndSignal(const std::string& method, const std::string& params,
-                                         const std::string& frame, const std::string& signal,
-                                         const std::string& data)
-        {
-            const size_t frames = unit->frameMark();
-            const size_t signals = unit->signalMark();
-            EXPECT_EQ(SUCCESS, unit->call(method, params).text) << method << " " << params;
-            EXPECT_TRUE(unit->waitForFrame(frame, frames)) << method << " " << params << " should write " << frame;
-            EXPECT_TRUE(waitForSignal(signal, data, signals)) << method << " " << params;
-        }
-
-        static HeadUnit* unit;
-    };
-
-    HeadUnit* Radio::unit = nullptr;
+HeadUnit* Radio::unit = nullptr;
 }
 
 // ---- methods -------------------------------------------------------------------------------
@@ -162,10 +158,10 @@ TEST_F(Radio, StateChangeWritesTheFrameAndTheConfirmationPublishesTheRadio)
     EXPECT_TRUE(waitForSignal("CBRSquelchLevel", body("SquelchLevel", 8), signals));
     EXPECT_TRUE(waitForSignal("CBRChannelNumber", body("ChannelNumber", 1), signals));
 
-    for (const char* bad : {"{\"CBRState\":2}", "{\"CBRState\":-1}", "{\"CBRState\":4294967297}",
-                            "{\"CBRState\":99999999999999999999}", "{\"CBRState\":\"1\"}", "{\"CBRState\":true}",
-                            "{\"CBRState\":null}", "{\"CBRState\":[1]}", "{\"state\":1}",
-                            "{}", "", "1", "[{\"CBRState\":1}]", "{\"CBRState\":1", "not json"})
+    for (const char* bad :
+         {"{\"CBRState\":2}", "{\"CBRState\":-1}", "{\"CBRState\":4294967297}", "{\"CBRState\":99999999999999999999}",
+          "{\"CBRState\":\"1\"}", "{\"CBRState\":true}", "{\"CBRState\":null}", "{\"CBRState\":[1]}", "{\"state\":1}",
+          "{}", "", "1", "[{\"CBRState\":1}]", "{\"CBRState\":1", "not json"})
         expectFailureAndNoFrame("reqCBRStateChange", bad);
 }
 
@@ -200,7 +196,8 @@ TEST_F(Radio, SeekSquelchAndScanStepFromTheConfirmedValues)
     ASSERT_TRUE(unit->waitForFile("sim.log", "# next answer refused", logged));
     EXPECT_EQ(SUCCESS, unit->call("reqCBRStartSeek", "{\"seekDirection\":1}").text);
     EXPECT_TRUE(unit->waitForTrace("\n[CBRadio] [CH6] CBR_CHANNEL_SELECT invalid rspns data or non +ve rspns. "
-                                   "command failed at V850!\n", mark));
+                                   "command failed at V850!\n",
+                                   mark));
     syncDecoder();
     for (const HeadUnit::Signal& s : unit->signalsSince(signals))
         EXPECT_NE("CBRChannelNumber", s.name);
@@ -244,10 +241,10 @@ TEST_F(Radio, PresetsAreStoredInMemorySelectedByFrameAndCleared)
 
     EXPECT_EQ(SUCCESS, unit->call("reqCBRStorePreset", "{\"channelNumber\":40,\"presetNo\":6}").text);
     EXPECT_EQ(SUCCESS, unit->call("reqCBRStorePreset", "{\"presetNo\":1,\"channelNumber\":1}").text);
-    for (const char* bad : {"{\"channelNumber\":12,\"presetNo\":7}", "{\"channelNumber\":0,\"presetNo\":2}",
-                            "{\"channelNumber\":41,\"presetNo\":2}", "{\"channelNumber\":12,\"presetNo\":0}",
-                            "{\"channelNumber\":12}", "{\"channelNumber\":12,\"PresetNo\":2}",
-                            "{\"channelNumber\":268,\"presetNo\":2}"})
+    for (const char* bad :
+         {"{\"channelNumber\":12,\"presetNo\":7}", "{\"channelNumber\":0,\"presetNo\":2}",
+          "{\"channelNumber\":41,\"presetNo\":2}", "{\"channelNumber\":12,\"presetNo\":0}", "{\"channelNumber\":12}",
+          "{\"channelNumber\":12,\"PresetNo\":2}", "{\"channelNumber\":268,\"presetNo\":2}"})
         EXPECT_EQ(FAILURE, unit->call("reqCBRStorePreset", bad).text) << bad;
     EXPECT_TRUE(unit->traced("\n[CBR] reqCBRStorePreset result code : 1\n"));
     EXPECT_EQ("{\"CBRadioPresetList\":[{\"Channel_number\":1,\"PresetNo\":1},{\"Channel_number\":0,\"PresetNo\":2},"
@@ -341,8 +338,8 @@ TEST_F(Radio, GetPropertiesEmitsTheNamedSignal)
     unit->call("getProperties", "{\"props\":\"CBRHWConnectionStatus\"}");
     EXPECT_TRUE(unit->waitForFrame("08 00", frames));
 
-    for (const char* bad : {"{\"props\":\"CBRReceptionSensitivity\"}", "{\"props\":\"cbradiostatus\"}",
-                            "{\"props\":1}", "{\"prop\":\"CBRadioStatus\"}", "\"CBRadioStatus\""})
+    for (const char* bad : {"{\"props\":\"CBRReceptionSensitivity\"}", "{\"props\":\"cbradiostatus\"}", "{\"props\":1}",
+                            "{\"prop\":\"CBRadioStatus\"}", "\"CBRadioStatus\""})
         EXPECT_EQ(FAILURE, unit->call("getProperties", bad).text) << bad;
 
     // Sensitivity is published as bars of 51 raw steps.
@@ -366,19 +363,24 @@ TEST_F(Radio, DecoderRefusesMalformedReportsWithTheirTrace)
     };
     const Case cases[] = {
         {"02 01 05", "\n[CBRadio] [CH6] CBR_CHANNEL_SELECT response data length 1 is improper!\n"},
-        {"02 02 05 00", "\n[CBRadio] [CH6] CBR_CHANNEL_SELECT invalid rspns data or non +ve rspns. command failed at V850!\n"},
-        {"02 02 29 A0", "\n[CBRadio] [CH6] CBR_CHANNEL_SELECT invalid rspns data or non +ve rspns. command failed at V850!\n"},
+        {"02 02 05 00",
+         "\n[CBRadio] [CH6] CBR_CHANNEL_SELECT invalid rspns data or non +ve rspns. command failed at V850!\n"},
+        {"02 02 29 A0",
+         "\n[CBRadio] [CH6] CBR_CHANNEL_SELECT invalid rspns data or non +ve rspns. command failed at V850!\n"},
         {"03 03 05 A0 00", "\n[CBRadio] [CH6] CBR_SET_SQUELCH_LEVEL response data length 3 is improper!\n"},
-        {"03 02 0F A0", "\n[CBRadio] [CH6] CBR_SET_SQUELCH_LEVEL invalid rspns data or non +ve rspns. command failed at V850!\n"},
+        {"03 02 0F A0",
+         "\n[CBRadio] [CH6] CBR_SET_SQUELCH_LEVEL invalid rspns data or non +ve rspns. command failed at V850!\n"},
         {"09 02 10 10", "\n[CBRadio] [CH6] CBR_RECEPTION_SENSITIVITY_LEVEL response data length 2 is improper!\n"},
         {"0F 02 01 01", "\n[CBRadio] [CH6] CBR_HW_CONNECTION_STATUS response data length 2 is improper!\n"},
-        {"0F 01 02", "\n[CBRadio] [CH6] CBR_HW_CONNECTION_STATUS invalid response data or non +ve rspns. command failed at V850!\n"},
+        {"0F 01 02",
+         "\n[CBRadio] [CH6] CBR_HW_CONNECTION_STATUS invalid response data or non +ve rspns. command failed at V850!\n"},
         {"0B 00", "\n[CBRadio] [CH6] CBR_WEATHER_ALERT_ON_OFF_STATUS response data length 0 is improper!\n"},
         {"0B 01 02", "\n[CBRadio] [CH6] CBR_WEATHER_ALERT_ON_OFF_STATUS invalid data or command failed at V850!\n"},
         {"0C 01 01", "\n[CBRadio] [CH6] CBR_WEATHER_ALERT_STATUS response data length 1 is improper!\n"},
         {"0C 02 01 08", "\n[CBRadio CH6] CBR_WEATHER_ALERT_STATUS invalid rspns Status = 1, CH_Num = 8\n"},
         {"0C 02 02 03", "\n[CBRadio CH6] CBR_WEATHER_ALERT_STATUS invalid rspns Status = 2, CH_Num = 3\n"},
-        {"0A 02 02 00", "\n[CBRadio] [CH6] CBR_TX_RX_STATUS invalid rspns data or non +ve rspns. command failed at V850!\n"},
+        {"0A 02 02 00",
+         "\n[CBRadio] [CH6] CBR_TX_RX_STATUS invalid rspns data or non +ve rspns. command failed at V850!\n"},
         {"0A 01 00", "\n[CBRadio] [CH6] CBR_TX_RX_STATUS response data length 1 is improper!\n"},
     };
     for (const Case& c : cases) {
@@ -498,18 +500,18 @@ TEST_F(Radio, WeatherAlertSwitchAndReports)
 
 namespace
 {
-    // Head units without the simulator start in well under a second.
-    HeadUnit::Options withoutRadio()
-    {
-        HeadUnit::Options options;
-        options.startSimulator = false;
-        return options;
-    }
+// Head units without the simulator start in well under a second.
+HeadUnit::Options withoutRadio()
+{
+    HeadUnit::Options options;
+    options.startSimulator = false;
+    return options;
+}
 
-    void expectNoSignals(const HeadUnit& unit)
-    {
-        EXPECT_TRUE(unit.signals().empty());
-    }
+void expectNoSignals(const HeadUnit& unit)
+{
+    EXPECT_TRUE(unit.signals().empty());
+}
 }
 
 TEST(BusServiceGates, WithoutABusTheServiceRunsOnSilently)

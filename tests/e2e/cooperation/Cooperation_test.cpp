@@ -16,41 +16,42 @@
 
 namespace
 {
-    const std::string SUCCESS = HeadUnit::kSuccess;
-    const std::string FAILURE = HeadUnit::kFailure;
+const std::string SUCCESS = HeadUnit::kSuccess;
+const std::string FAILURE = HeadUnit::kFailure;
 
-    std::string weatherText(const char* frequency)
-    {
-        return std::string("A weather alert from the National Weather Service has been received Please tune to the "
-                           "weather band, ") + frequency + " MHz, for more information ";
-    }
+std::string weatherText(const char* frequency)
+{
+    return std::string("A weather alert from the National Weather Service has been received Please tune to the "
+                       "weather band, ") +
+           frequency + " MHz, for more information ";
+}
 
-    size_t countOf(const std::string& text, const std::string& what, size_t from)
-    {
-        size_t count = 0;
-        for (size_t at = text.find(what, from); at != std::string::npos; at = text.find(what, at + what.size()))
-            ++count;
-        return count;
-    }
+size_t countOf(const std::string& text, const std::string& what, size_t from)
+{
+    size_t count = 0;
+    for (size_t at = text.find(what, from); at != std::string::npos; at = text.find(what, at + what.size()))
+        ++count;
+    return count;
+}
 
-    // A head unit with peersim started before the service, so the service finds every peer.
-    bool startWithPeers(HeadUnit& unit, const std::vector<std::string>& firstPeerCommands)
-    {
-        HeadUnit::Options options;
-        options.startPeers = true;
-        for (const std::string& c : firstPeerCommands)
-            options.peerArgs.insert(options.peerArgs.end(), {"--cmd", c});
-        return unit.start(options);
-    }
+// A head unit with peersim started before the service, so the service finds every peer.
+bool startWithPeers(HeadUnit& unit, const std::vector<std::string>& firstPeerCommands)
+{
+    HeadUnit::Options options;
+    options.startPeers = true;
+    for (const std::string& c : firstPeerCommands)
+        options.peerArgs.insert(options.peerArgs.end(), {"--cmd", c});
+    return unit.start(options);
+}
 
-    // Radio on and hardware connected, as the V850 reports them.
-    bool radioOn(HeadUnit& unit)
-    {
-        const size_t mark = unit.traceMark();
-        unit.simulator("hw back");
-        unit.simulator("on");
-        return unit.waitForTrace("CBR_ON_OFF state = 1", mark) && unit.waitForTrace("CBR_HW_CONNECTION_STATUS is 1", mark);
-    }
+// Radio on and hardware connected, as the V850 reports them.
+bool radioOn(HeadUnit& unit)
+{
+    const size_t mark = unit.traceMark();
+    unit.simulator("hw back");
+    unit.simulator("on");
+    return unit.waitForTrace("CBR_ON_OFF state = 1", mark) && unit.waitForTrace("CBR_HW_CONNECTION_STATUS is 1", mark);
+}
 }
 
 // ---- settings ---------------------------------------------------------------------------------
@@ -240,7 +241,7 @@ TEST_F(Cooperation, PassengerSwitchTogglesWithARoutedHeadset)
     ASSERT_TRUE(unit->waitForTrace("[CBR onRearControllerStateSignal] : OFF", traces));
     const size_t noRear = unit->traceMark();
     unit->peers("passenger press");
-    unit->peers("rider 1");   // a marker that the press before it was handled
+    unit->peers("rider 1");  // a marker that the press before it was handled
     ASSERT_TRUE(unit->waitForTrace("[CBR onRiderPTTSignal] Value 1", noRear));
     EXPECT_FALSE(unit->traced("[CBR onPassengerPTTSignal]", noRear));
     EXPECT_EQ(2u, pttFrames().size());

@@ -22,69 +22,70 @@
 
 namespace
 {
-    const std::string SUCCESS = HeadUnit::kSuccess;
-    const char* const EXITING = "@ ----- Exiting CBRadio Service ----- @";
-    std::string (*const body)(const std::string&, int) = HeadUnit::body;
+const std::string SUCCESS = HeadUnit::kSuccess;
+const char* const EXITING = "@ ----- Exiting CBRadio Service ----- @";
+std::string (*const body)(const std::string&, int) = HeadUnit::body;
 
-    // Finds a console trace line "[KIND]@<ms> (<pid>.<tid>): <body>" and returns its process id,
-    // or 0 when there is none.
-    unsigned findConsoleLine(const std::string& text, const std::string& kind, const std::string& body)
-    {
-        std::istringstream lines(text);
-        for (std::string line; std::getline(lines, line);) {
-            char k[4] = {};
-            unsigned ms, pid, tid;
-            int bodyAt = -1;
-            if (std::sscanf(line.c_str(), "[%3[^]]]@%u (%u.%u): %n", k, &ms, &pid, &tid, &bodyAt) == 4 &&
-                bodyAt > 0 && kind == k && line.compare(static_cast<size_t>(bodyAt), std::string::npos, body) == 0)
-                return pid;
-        }
-        return 0;
+// Finds a console trace line "[KIND]@<ms> (<pid>.<tid>): <body>" and returns its process id,
+// or 0 when there is none.
+unsigned findConsoleLine(const std::string& text, const std::string& kind, const std::string& body)
+{
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        char k[4] = {};
+        unsigned ms, pid, tid;
+        int bodyAt = -1;
+        if (std::sscanf(line.c_str(), "[%3[^]]]@%u (%u.%u): %n", k, &ms, &pid, &tid, &bodyAt) == 4 && bodyAt > 0 &&
+            kind == k && line.compare(static_cast<size_t>(bodyAt), std::string::npos, body) == 0)
+            return pid;
     }
+    return 0;
+}
 
-    bool alive(pid_t pid)
-    {
-        return ::kill(pid, 0) == 0;
+bool alive(pid_t pid)
+{
+    return ::kill(pid, 0) == 0;
+}
+
+// The value of a /proc status field ("SigBlk:", "ctxt_switches:") summed over the lines that
+// hold it, for every thread of the process other than the main one; keyed by the thread's name.
+std::vector<std::pair<std::string, unsigned long long>> threadField(pid_t pid, const std::string& field, int base)
+{
+    std::vector<std::pair<std::string, unsigned long long>> threads;
+    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+    std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(tasks.c_str()), ::closedir);
+    for (dirent* e; dir && (e = ::readdir(dir.get())) != nullptr;) {
+        if (e->d_name[0] == '.' || std::to_string(pid) == e->d_name)
+            continue;
+        const std::string task = tasks + "/" + e->d_name;
+        std::istringstream status(HeadUnit::readFile(task + "/status"));
+        unsigned long long value = 0;
+        for (std::string line; std::getline(status, line);)
+            if (line.find(field) != std::string::npos)
+                value += std::stoull(line.substr(line.find(':') + 1), nullptr, base);
+        threads.emplace_back(HeadUnit::readFile(task + "/comm"), value);
     }
+    return threads;
+}
 
-    // The value of a /proc status field ("SigBlk:", "ctxt_switches:") summed over the lines that
-    // hold it, for every thread of the process other than the main one; keyed by the thread's name.
-    std::vector<std::pair<std::string, unsigned long long>> threadField(pid_t pid, const std::string& field, int base)
-    {
-        std::vector<std::pair<std::string, unsigned long long>> threads;
-        const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
-        std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(tasks.c_str()), ::closedir);
-        for (dirent* e; dir && (e = ::readdir(dir.get())) != nullptr;) {
-            if (e->d_name[0] == '.' || std::to_string(pid) == e->d_name)
-                continue;
-            const std::string task = tasks + "/" + e->d_name;
-            std::istringstream status(HeadUnit::readFile(task + "/status"));
-            unsigned long long value = 0;
-            for (std::string line; std::getline(status, line);)
-                if (line.find(field) != std::string::npos)
-                    value += std::stoull(line.substr(line.find(':') + 1), nullptr, base);
-            threads.emplace_back(HeadUnit::readFile(task + "/comm"), value);
-        }
-        return threads;
-    }
+// The worker drops a wake-up that comes before it first waits (by design); a second signal is
+// harmless, so a test that misses the window simply signals again.
+void stopWith(HeadUnit& unit, pid_t pid, int sig)
+{
+    ASSERT_TRUE(unit.waitForTrace("[CBR run] Req processing thread running...", 0, 5000));
+    for (int attempt = 0; attempt < 3 && !unit.waitForTrace(EXITING, 0, attempt == 0 ? 0 : 1500); ++attempt)
+        ::kill(pid, sig);
+    EXPECT_TRUE(unit.waitForTrace(EXITING, 0, 1500));
+}
 
-    // The worker drops a wake-up that comes before it first waits (by design); a second signal is
-    // harmless, so a test that misses the window simply signals again.
-    void stopWith(HeadUnit& unit, pid_t pid, int sig)
-    {
-        ASSERT_TRUE(unit.waitForTrace("[CBR run] Req processing thread running...", 0, 5000));
-        for (int attempt = 0; attempt < 3 && !unit.waitForTrace(EXITING, 0, attempt == 0 ? 0 : 1500); ++attempt)
-            ::kill(pid, sig);
-        EXPECT_TRUE(unit.waitForTrace(EXITING, 0, 1500));
-    }
-
-    // The start frames (hardware version, software version, weather alert on), in order among the
-    // answers to the simulator's announcement, one second apart.
-    void expectStartFramesOneSecondApart(const HeadUnit& unit)
-    {
-        const std::vector<std::string> expected = {"07 00", "08 00", "0C 01 01"};
-        std::vector<double> times;
-        ASSERT_TRUE(HeadUnit::waitUntil([&] {
+// The start frames (hardware version, software version, weather alert on), in order among the
+// answers to the simulator's announcement, one second apart.
+void expectStartFramesOneSecondApart(const HeadUnit& unit)
+{
+    const std::vector<std::string> expected = {"07 00", "08 00", "0C 01 01"};
+    std::vector<double> times;
+    ASSERT_TRUE(HeadUnit::waitUntil(
+        [&] {
             times.clear();
             std::istringstream log(unit.simulatorLog());
             for (std::string line; std::getline(log, line);) {
@@ -95,28 +96,30 @@ namespace
                     times.push_back(seconds);
             }
             return times.size() == expected.size();
-        }, 6000));
-        for (int i = 1; i < 3; ++i) {
-            EXPECT_GE(times[i] - times[i - 1], 0.95) << i;
-            EXPECT_LE(times[i] - times[i - 1], 1.5) << i;
-        }
+        },
+        6000));
+    for (int i = 1; i < 3; ++i) {
+        EXPECT_GE(times[i] - times[i - 1], 0.95) << i;
+        EXPECT_LE(times[i] - times[i - 1], 1.5) << i;
     }
+}
 
-    // A head unit without a bus for the daemon; tracesrv, when asked for, keeps the trace thread
-    // connected.
-    HeadUnit::Options withoutBus(bool simulator, bool traceServer)
-    {
-        HeadUnit::Options options;
-        options.writeEnvars = false;
-        options.startSimulator = simulator;
-        options.recordSignals = false;
-        if (traceServer)
-            options.beforeDaemon = [](HeadUnit& u) {
-                return u.spawn({HeadUnit::buildDir() + "/tools/tracesrv/tracesrv", "--no-stdin"}, "tracesrv") > 0 &&
-                       HeadUnit::waitUntil([&] { return ::access(u.path("dev/mv2trace/register").c_str(), F_OK) == 0; }, 3000);
-            };
-        return options;
-    }
+// A head unit without a bus for the daemon; tracesrv, when asked for, keeps the trace thread
+// connected.
+HeadUnit::Options withoutBus(bool simulator, bool traceServer)
+{
+    HeadUnit::Options options;
+    options.writeEnvars = false;
+    options.startSimulator = simulator;
+    options.recordSignals = false;
+    if (traceServer)
+        options.beforeDaemon = [](HeadUnit& u) {
+            return u.spawn({HeadUnit::buildDir() + "/tools/tracesrv/tracesrv", "--no-stdin"}, "tracesrv") > 0 &&
+                   HeadUnit::waitUntil([&] { return ::access(u.path("dev/mv2trace/register").c_str(), F_OK) == 0; },
+                                       3000);
+        };
+    return options;
+}
 }
 
 TEST(Daemon, ForegroundServiceSendsStartFramesAndTracesToConsoleFromTheMainThreadOnly)
@@ -149,7 +152,7 @@ TEST(Daemon, DetachesIntoItsOwnSessionAtTheRootDirectory)
     options.foreground = false;
     ASSERT_TRUE(unit.start(options)) << unit.error();
     const pid_t parent = unit.daemonPid();
-    EXPECT_EQ(0, unit.waitDaemon(2000));   // the parent leaves at once
+    EXPECT_EQ(0, unit.waitDaemon(2000));  // the parent leaves at once
 
     const pid_t daemon = static_cast<pid_t>(findConsoleLine(unit.daemonOutput(), "-->", "CBRadio_main_main"));
     ASSERT_NE(0, daemon);

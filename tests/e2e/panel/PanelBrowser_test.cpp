@@ -83,8 +83,8 @@ public:
         Json::Value& chrome = caps["capabilities"]["alwaysMatch"]["goog:chromeOptions"];
         chrome["binary"] = kBrowser;
         for (const std::string arg : {"--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
-                                      "--disable-background-networking", "--disable-component-update",
-                                      "--disable-sync", "--disable-dev-shm-usage", "--window-size=1360,1000"})
+                                      "--disable-background-networking", "--disable-component-update", "--disable-sync",
+                                      "--disable-dev-shm-usage", "--window-size=1360,1000"})
             chrome["args"].append(arg);
         chrome["args"].append("--user-data-dir=" + workDir + "/chromium-profile");
         mSession = call("POST", "/session", caps)["value"]["sessionId"].asString();
@@ -195,12 +195,14 @@ private:
 // Polls the page at a pace the browser keeps up with, for up to ten seconds.
 bool eventually(const std::function<bool()>& condition)
 {
-    return waitUntil([&] {
-        if (condition())
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        return false;
-    }, 10000);
+    return waitUntil(
+        [&] {
+            if (condition())
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            return false;
+        },
+        10000);
 }
 
 class PanelBrowser : public ::testing::Test
@@ -312,8 +314,9 @@ TEST_F(PanelBrowser, DrivesTheRadioAndFollowsTheServiceThroughARestart)
     // The new service learns the radio's state anew (the simulator may tell it the radio is on);
     // once the page shows that state, the radio is switched on if needed. Channel and squelch are
     // the new service's own (defaults or restored), so only their arrival is checked.
-    ASSERT_TRUE(eventually([&] { return shown("#st-power", "textContent") == "on" || shown("#st-power", "textContent") == "off"; }))
-        << pageLog();
+    ASSERT_TRUE(eventually([&] {
+        return shown("#st-power", "textContent") == "on" || shown("#st-power", "textContent") == "off";
+    })) << pageLog();
     if (shown("#st-power", "textContent") == "off") {
         ASSERT_TRUE(mBrowser.click("#power"));
     }

@@ -15,41 +15,40 @@
 
 namespace
 {
-    const int kStopLimitMs = 2000;
+const int kStopLimitMs = 2000;
 
-    // Sends `signal` once; the exit status, or -1 when the daemon still runs after the limit.
-    int stopDaemonWith(HeadUnit& unit, int signal)
-    {
-        ::kill(unit.daemonPid(), signal);
-        return unit.waitDaemon(kStopLimitMs);
-    }
+// Sends `signal` once; the exit status, or -1 when the daemon still runs after the limit.
+int stopDaemonWith(HeadUnit& unit, int signal)
+{
+    ::kill(unit.daemonPid(), signal);
+    return unit.waitDaemon(kStopLimitMs);
+}
 
-    // Four clients call the whole mix for three seconds: every call is answered; then SIGTERM,
-    // with the clients still calling, ends the daemon cleanly in time.
-    void expectAnsweredUnderLoadAndStopped(HeadUnit& unit)
-    {
-        LoadClients::Options options;
-        options.clients = 4;
-        options.timeoutMs = 3000;
-        LoadClients clients(options);
-        ASSERT_TRUE(clients.start()) << clients.error();
-        std::this_thread::sleep_for(std::chrono::seconds(3));
-        clients.endCount();
-        const LoadFigures f = clients.figures();
+// Four clients call the whole mix for three seconds: every call is answered; then SIGTERM,
+// with the clients still calling, ends the daemon cleanly in time.
+void expectAnsweredUnderLoadAndStopped(HeadUnit& unit)
+{
+    LoadClients::Options options;
+    options.clients = 4;
+    options.timeoutMs = 3000;
+    LoadClients clients(options);
+    ASSERT_TRUE(clients.start()) << clients.error();
+    std::this_thread::sleep_for(std::chrono::seconds(3));
+    clients.endCount();
+    const LoadFigures f = clients.figures();
 
-        const int status = stopDaemonWith(unit, SIGTERM);
-        clients.stop();
+    const int status = stopDaemonWith(unit, SIGTERM);
+    clients.stop();
 
-        EXPECT_GT(f.calls, 0u);
-        const std::string firstFailure = f.errorKinds.empty() ? "" : f.errorKinds.begin()->first;
-        EXPECT_EQ(0u, f.timeouts) << f.calls << " calls; " << firstFailure;
-        EXPECT_EQ(0u, f.errors) << firstFailure;
-        EXPECT_EQ(0u, f.failureResults);
-        EXPECT_GT(f.signals, 0u);
-        EXPECT_EQ(0, clients.stuckClients());
-        EXPECT_EQ(0, status) << "SIGTERM under load: not ended within " << kStopLimitMs << " ms\n"
-                             << unit.daemonErrors();
-    }
+    EXPECT_GT(f.calls, 0u);
+    const std::string firstFailure = f.errorKinds.empty() ? "" : f.errorKinds.begin()->first;
+    EXPECT_EQ(0u, f.timeouts) << f.calls << " calls; " << firstFailure;
+    EXPECT_EQ(0u, f.errors) << firstFailure;
+    EXPECT_EQ(0u, f.failureResults);
+    EXPECT_GT(f.signals, 0u);
+    EXPECT_EQ(0, clients.stuckClients());
+    EXPECT_EQ(0, status) << "SIGTERM under load: not ended within " << kStopLimitMs << " ms\n" << unit.daemonErrors();
+}
 }
 
 // tracesrv is stopped (SIGSTOP) once the daemon has connected to it, so every record the daemon
@@ -64,12 +63,13 @@ TEST(Robustness, TraceServerThatStopsReadingHoldsUpNeitherCallsNorTheStop)
     pid_t server = -1;
     options.beforeDaemon = [&](HeadUnit& u) {
         server = u.spawn({HeadUnit::buildDir() + "/tools/tracesrv/tracesrv", "--no-stdin"}, "tracesrv");
-        return server > 0 && HeadUnit::waitUntil([&] { return ::access(u.path("dev/mv2trace/register").c_str(), F_OK) == 0; }, 5000);
+        return server > 0 &&
+               HeadUnit::waitUntil([&] { return ::access(u.path("dev/mv2trace/register").c_str(), F_OK) == 0; }, 5000);
     };
     ASSERT_TRUE(unit.start(options)) << unit.error();
-    ASSERT_TRUE(HeadUnit::waitUntil([&] {
-        return HeadUnit::readFile(unit.path("tracesrv.out")).find("CBRadio connected") != std::string::npos;
-    }, 5000));
+    ASSERT_TRUE(HeadUnit::waitUntil(
+        [&] { return HeadUnit::readFile(unit.path("tracesrv.out")).find("CBRadio connected") != std::string::npos; },
+        5000));
     ASSERT_EQ(0, ::kill(server, SIGSTOP));
     expectAnsweredUnderLoadAndStopped(unit);
     ::kill(server, SIGCONT);
@@ -89,7 +89,9 @@ void PrintTo(const StopMoment& moment, std::ostream* out)
     *out << moment.name;
 }
 
-class SignalDuringStartFrames : public testing::TestWithParam<StopMoment> {};
+class SignalDuringStartFrames : public testing::TestWithParam<StopMoment>
+{
+};
 
 TEST_P(SignalDuringStartFrames, EndsTheDaemonWithExit0InTime)
 {
@@ -103,8 +105,7 @@ TEST_P(SignalDuringStartFrames, EndsTheDaemonWithExit0InTime)
     ASSERT_TRUE(unit.waitForFrame(frame, 0, 8000));
     ASSERT_FALSE(unit.traced("[CBRadio] Up and Running..."));
 
-    EXPECT_EQ(0, stopDaemonWith(unit, signal)) << "not ended within " << kStopLimitMs << " ms\n"
-                                                   << unit.daemonErrors();
+    EXPECT_EQ(0, stopDaemonWith(unit, signal)) << "not ended within " << kStopLimitMs << " ms\n" << unit.daemonErrors();
     EXPECT_TRUE(unit.traced("rcvd signal to exit (" + std::to_string(signal) + ")\n"));
 }
 

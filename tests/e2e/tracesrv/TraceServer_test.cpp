@@ -12,47 +12,47 @@
 
 namespace
 {
-    class TraceServerE2E : public ::testing::Test
+class TraceServerE2E : public ::testing::Test
+{
+protected:
+    void SetUp() override { ASSERT_TRUE(mRoot.ok()); }
+
+    std::string path(const std::string& name) const { return mRoot.path(name); }
+
+    std::unique_ptr<ChildProcess> start(const std::vector<std::string>& args, const std::string& name,
+                                        const std::map<std::string, std::string>& env)
     {
-    protected:
-        void SetUp() override { ASSERT_TRUE(mRoot.ok()); }
+        ChildProcess::Io io;
+        io.outPath = path(name + ".out");
+        io.errPath = path(name + ".err");
+        auto child = std::make_unique<ChildProcess>();
+        EXPECT_TRUE(child->start(args, ChildProcess::environmentWith(env), io));
+        return child;
+    }
 
-        std::string path(const std::string& name) const { return mRoot.path(name); }
+    // Waits until the file contains text; true when it did in time.
+    bool waitFor(const std::string& file, const std::string& text, int timeoutMs = 8000) const
+    {
+        return waitUntil([&] { return readFile(file).find(text) != std::string::npos; }, timeoutMs);
+    }
 
-        std::unique_ptr<ChildProcess> start(const std::vector<std::string>& args, const std::string& name,
-                                            const std::map<std::string, std::string>& env)
-        {
-            ChildProcess::Io io;
-            io.outPath = path(name + ".out");
-            io.errPath = path(name + ".err");
-            auto child = std::make_unique<ChildProcess>();
-            EXPECT_TRUE(child->start(args, ChildProcess::environmentWith(env), io));
-            return child;
-        }
+    std::unique_ptr<ChildProcess> startServer(std::vector<std::string> extra)
+    {
+        std::vector<std::string> args = {TRACESRV_BIN, "--no-stdin", "--log=" + path("server.log")};
+        args.insert(args.end(), extra.begin(), extra.end());
+        auto p = start(args, "server", {{"CBRADIO_ROOT", mRoot.path()}});
+        EXPECT_TRUE(waitFor(path("server.log"), "listening on"));
+        return p;
+    }
 
-        // Waits until the file contains text; true when it did in time.
-        bool waitFor(const std::string& file, const std::string& text, int timeoutMs = 8000) const
-        {
-            return waitUntil([&] { return readFile(file).find(text) != std::string::npos; }, timeoutMs);
-        }
+    std::unique_ptr<ChildProcess> startSample(const std::string& name = "sample")
+    {
+        return start({TRACED_SAMPLE_BIN, "--seconds=30"}, name,
+                     {{"CBRADIO_ROOT", mRoot.path()}, {"CBRADIO_SYSLOG_STDERR", "1"}});
+    }
 
-        std::unique_ptr<ChildProcess> startServer(std::vector<std::string> extra)
-        {
-            std::vector<std::string> args = {TRACESRV_BIN, "--no-stdin", "--log=" + path("server.log")};
-            args.insert(args.end(), extra.begin(), extra.end());
-            auto p = start(args, "server", {{"CBRADIO_ROOT", mRoot.path()}});
-            EXPECT_TRUE(waitFor(path("server.log"), "listening on"));
-            return p;
-        }
-
-        std::unique_ptr<ChildProcess> startSample(const std::string& name = "sample")
-        {
-            return start({TRACED_SAMPLE_BIN, "--seconds=30"}, name,
-                         {{"CBRADIO_ROOT", mRoot.path()}, {"CBRADIO_SYSLOG_STDERR", "1"}});
-        }
-
-        TempRoot mRoot{TempRoot::Export::No};
-    };
+    TempRoot mRoot{TempRoot::Export::No};
+};
 }
 
 TEST_F(TraceServerE2E, ServesScopesFiltersAndCallbacksAndTheProgramOutlivesTheServer)

@@ -28,7 +28,10 @@ static CJTTraceCallbackParam gsEchoNumber(gsEcho, "number", CJTTraceCallbackPara
 static CJTTraceCallbackRetVal gsEchoTextOut(gsEcho, "text", CJTTraceCallbackParam::TYPE_STRING);
 static CJTTraceCallbackRetVal gsEchoDoubled(gsEcho, "doubled", CJTTraceCallbackParam::TYPE_INT);
 
-static int answer(int argument) { return argument + 40; }
+static int answer(int argument)
+{
+    return argument + 40;
+}
 static CJTTraceCallbackDef gsAnswer(answer, "Sample_answer", "add 40 to the argument");
 
 static int echo(int)
@@ -39,7 +42,10 @@ static int echo(int)
 }
 
 static std::atomic<int> sStop{0};
-static void onSignal(int) { sStop.store(1, std::memory_order_relaxed); }
+static void onSignal(int)
+{
+    sStop.store(1, std::memory_order_relaxed);
+}
 
 int main(int argc, char** argv)
 {
@@ -57,8 +63,7 @@ int main(int argc, char** argv)
     CJTThreadCtrl::setThreadName(tid, "SampleTraceThread");
     {
         CJTTraceScope scope(gsTraceServerScopeDef_Sample_main_main);
-        for (int n = 0; n < seconds * 10 && !sStop.load(std::memory_order_relaxed); ++n)
-        {
+        for (int n = 0; n < seconds * 10 && !sStop.load(std::memory_order_relaxed); ++n) {
             CJTTraceScope tick(gsTraceServerScopeDef_Sample_CTicker_tick);
             tick.sendFormattedMessage("tick %d", n);
             std::printf("tick %d\n", n);

@@ -53,8 +53,8 @@ public:
         std::lock_guard<std::mutex> lock(mMutex);
         return mCalls;
     }
-    static void onRequest(SVCIPC_tReqContext ctx, const char* method, const char* parms,
-                          SVCIPC_tBool noReply, SVCIPC_tUserToken token)
+    static void onRequest(SVCIPC_tReqContext ctx, const char* method, const char* parms, SVCIPC_tBool noReply,
+                          SVCIPC_tUserToken token)
     {
         auto* self = static_cast<FakeService*>(token);
         const std::string m = method, p = parms;
@@ -78,8 +78,7 @@ public:
             reply = "{\"CBRadioHWVersion\":\"A1\",\"code\":0,\"description\":\"success\"}\n";
         if (m == "getProperties") {
             if (p == "{\"props\":\"CBRReceptionSensitivityStatus\"}")
-                SVCIPC_asyncEmit(self->conn, "CBRReceptionSensitivity", "{\"Sensitivity\":3}\n",
-                                 nullptr, nullptr);
+                SVCIPC_asyncEmit(self->conn, "CBRReceptionSensitivity", "{\"Sensitivity\":3}\n", nullptr, nullptr);
             else
                 reply = kFailure;
         }
@@ -116,8 +115,7 @@ protected:
         ASSERT_EQ(0, SVCIPC_getConnection(0, 0, &svc.conn));
         // Described like the real service, so a call left without a result is answered NoResult.
         ASSERT_EQ(0, SVCIPC_setInterfaceDescription(svc.conn, kPath, kDescription));
-        ASSERT_EQ(0, SVCIPC_registerService(svc.conn, kName, kPath, 0, &FakeService::onRequest,
-                                            &svc, &svc.reg));
+        ASSERT_EQ(0, SVCIPC_registerService(svc.conn, kName, kPath, 0, &FakeService::onRequest, &svc, &svc.reg));
     }
     void TearDown() override
     {
@@ -189,8 +187,10 @@ TEST_F(CbRadioCtl, SubcommandsCallTheServiceMethodsAndTheirRepliesDecideTheExitC
         {{"call", "reqCBRStartSeek", "{\"seekDirection\":1}"}, "reqCBRStartSeek {\"seekDirection\":1}", kSuccess, 0},
         {{"call", "fail"}, "fail ", kFailure, 1},
         // props prints the value from the signal that carries the property.
-        {{"props", "CBRReceptionSensitivityStatus"}, "getProperties {\"props\":\"CBRReceptionSensitivityStatus\"}",
-         "{\"Sensitivity\":3}\n", 0},
+        {{"props", "CBRReceptionSensitivityStatus"},
+         "getProperties {\"props\":\"CBRReceptionSensitivityStatus\"}",
+         "{\"Sensitivity\":3}\n",
+         0},
         {{"props", "CBRReceptionSensitivity"}, "getProperties {\"props\":\"CBRReceptionSensitivity\"}", kFailure, 1},
     };
     for (const Case& c : cases) {
@@ -225,7 +225,9 @@ TEST_F(CbRadioCtl, WatchPrintsSignalsWithTimeStamps)
     for (size_t at = 0; at < r.out.size(); at += lineLength) {
         const std::string stamp = r.out.substr(at, 12);
         for (size_t i = 0; i < stamp.size(); ++i)
-            EXPECT_TRUE(i == 2 || i == 5 ? stamp[i] == ':' : i == 8 ? stamp[i] == '.' : isdigit(stamp[i]) != 0)
+            EXPECT_TRUE(i == 2 || i == 5 ? stamp[i] == ':'
+                        : i == 8         ? stamp[i] == '.'
+                                         : isdigit(stamp[i]) != 0)
                 << stamp;
         EXPECT_EQ(expected, r.out.substr(at + 12, expected.size()));
     }
@@ -251,10 +253,16 @@ TEST_F(CbRadioCtl, ExitCodesForScripts)
         EXPECT_EQ(f.exitCode, r.exitCode) << f.error;
         EXPECT_NE(std::string::npos, r.err.find(f.error)) << r.err;
     }
-    for (const std::vector<std::string>& bad :
-         {std::vector<std::string>{}, {"seek"}, {"seek", "left"}, {"presets", "store", "7", "1"},
-          {"presets", "store", "1", "41"}, {"presets", "select", "x"}, {"frobnicate"},
-          {"--count=2", "on"}, {"--timeout=-1", "on"}, {"on", "now"}}) {
+    for (const std::vector<std::string>& bad : {std::vector<std::string>{},
+                                                {"seek"},
+                                                {"seek", "left"},
+                                                {"presets", "store", "7", "1"},
+                                                {"presets", "store", "1", "41"},
+                                                {"presets", "select", "x"},
+                                                {"frobnicate"},
+                                                {"--count=2", "on"},
+                                                {"--timeout=-1", "on"},
+                                                {"on", "now"}}) {
         const Result r = run(bad);
         EXPECT_EQ(2, r.exitCode) << (bad.empty() ? "(none)" : bad[0]);
         EXPECT_EQ("", r.out);
@@ -270,13 +278,14 @@ TEST_F(CbRadioCtl, ExitCodesForScripts)
 TEST_F(CbRadioCtl, BusAddressFromTheEnvironmentFile)
 {
     std::filesystem::create_directories(root.path("tmp"));
-    const std::map<std::string, std::string> env = {{"DBUS_SESSION_BUS_ADDRESS", "<unset>"}, {"CBRADIO_ROOT", root.path()}};
+    const std::map<std::string, std::string> env = {{"DBUS_SESSION_BUS_ADDRESS", "<unset>"},
+                                                    {"CBRADIO_ROOT", root.path()}};
     const Result none = run({"on"}, env);
     EXPECT_EQ(5, none.exitCode);
     EXPECT_NE(std::string::npos, none.err.find("no session bus"));
 
-    std::ofstream(root.path("tmp/envars.sh")) << "export DBUS_SESSION_BUS_ADDRESS='" << bus.address()
-                                              << "';\nexport DBUS_SESSION_BUS_PID=1;\n";
+    std::ofstream(root.path("tmp/envars.sh"))
+        << "export DBUS_SESSION_BUS_ADDRESS='" << bus.address() << "';\nexport DBUS_SESSION_BUS_PID=1;\n";
     std::filesystem::permissions(root.path("tmp/envars.sh"), std::filesystem::perms(0644));
     const Result found = run({"on"}, env);
     EXPECT_EQ(0, found.exitCode) << found.err;

@@ -40,7 +40,8 @@ struct Seen
     {
         std::unique_lock<std::mutex> lock(mutex);
         return changed.wait_for(lock, 10s, [&] {
-            return lines.size() >= count && (line.empty() || std::find(lines.begin(), lines.end(), line) != lines.end());
+            return lines.size() >= count &&
+                   (line.empty() || std::find(lines.begin(), lines.end(), line) != lines.end());
         });
     }
     size_t count()
@@ -155,7 +156,8 @@ TEST_F(PeersimTest, APeerLeavesTheBusAndComesBack)
 {
     ASSERT_TRUE(start()) << unit.error();
     SVCIPC_tSigSubHnd watch = nullptr;
-    ASSERT_EQ(0, SVCIPC_subscribeOwnerChanged(unit.client(), "com.quorin.service.AudioManager", Seen::onOwner, &seen, &watch));
+    ASSERT_EQ(0, SVCIPC_subscribeOwnerChanged(unit.client(), "com.quorin.service.AudioManager", Seen::onOwner, &seen,
+                                              &watch));
     subscriptions.push_back(watch);
     subscribe("AudioManager", "voxDetectedState");
 
@@ -196,7 +198,8 @@ TEST_F(PeersimTest, OnlyTheNamedPeersScriptsAndTheLogFile)
 
     // A second simulator cannot take names that are held, and says so.
     unit.spawn({HeadUnit::buildDir() + "/tools/peersim/peersim", "--only=audio,diag", "--no-stdin",
-                "--log=" + unit.path("second.log")}, "second");
+                "--log=" + unit.path("second.log")},
+               "second");
     EXPECT_TRUE(unit.waitForFile("second.log", "com.quorin.service.AudioManager is owned by another connection"));
     EXPECT_TRUE(unit.waitForFile("second.log", "# ready: DiagnosticService"));
 

@@ -19,51 +19,54 @@
 
 namespace
 {
-    const char* const kNode = "/dev/ipc/ch6";
+const char* const kNode = "/dev/ipc/ch6";
 
-    std::mutex gLogLock;
-    std::vector<std::pair<unsigned, std::string>> gLog;
-    void mirror(unsigned severity, const char* line)
+std::mutex gLogLock;
+std::vector<std::pair<unsigned, std::string>> gLog;
+void mirror(unsigned severity, const char* line)
+{
+    std::lock_guard<std::mutex> guard(gLogLock);
+    gLog.emplace_back(severity, line);
+}
+
+uint64_t msSince(uint64_t startNs)
+{
+    return (JTOperatingSystem::getMonotonicTime() - startNs) / 1000000;
+}
+
+// Voluntary context switches of one thread of this process: each sleep that ends is one.
+long wakeUps(pid_t tid)
+{
+    std::ifstream status("/proc/self/task/" + std::to_string(tid) + "/status");
+    std::string line;
+    while (std::getline(status, line))
+        if (line.rfind("voluntary_ctxt_switches:", 0) == 0)
+            return std::stol(line.substr(line.find(':') + 1));
+    return -1;
+}
+
+struct DeviceLink : ::testing::Test
+{
+    void SetUp() override
     {
-        std::lock_guard<std::mutex> guard(gLogLock);
-        gLog.emplace_back(severity, line);
+        listener = JTDeviceNode::listen(kNode);
+        ASSERT_GE(listener, 0) << std::strerror(errno);
+        ASSERT_EQ(link.open(kNode, O_RDWR | O_CLOEXEC, true), 0) << std::strerror(errno);
+        peer = accept(listener, nullptr, nullptr);
+        ASSERT_GE(peer, 0);
     }
-
-    uint64_t msSince(uint64_t startNs) { return (JTOperatingSystem::getMonotonicTime() - startNs) / 1000000; }
-
-    // Voluntary context switches of one thread of this process: each sleep that ends is one.
-    long wakeUps(pid_t tid)
+    void TearDown() override
     {
-        std::ifstream status("/proc/self/task/" + std::to_string(tid) + "/status");
-        std::string line;
-        while (std::getline(status, line))
-            if (line.rfind("voluntary_ctxt_switches:", 0) == 0)
-                return std::stol(line.substr(line.find(':') + 1));
-        return -1;
+        JTSyslog::setMirror(nullptr);
+        for (int fd : {peer, listener})
+            if (fd >= 0)
+                close(fd);
     }
-
-    struct DeviceLink : ::testing::Test
-    {
-        void SetUp() override
-        {
-            listener = JTDeviceNode::listen(kNode);
-            ASSERT_GE(listener, 0) << std::strerror(errno);
-            ASSERT_EQ(link.open(kNode, O_RDWR | O_CLOEXEC, true), 0) << std::strerror(errno);
-            peer = accept(listener, nullptr, nullptr);
-            ASSERT_GE(peer, 0);
-        }
-        void TearDown() override
-        {
-            JTSyslog::setMirror(nullptr);
-            for (int fd : {peer, listener})
-                if (fd >= 0)
-                    close(fd);
-        }
-        TempRoot root;
-        int listener = -1;
-        int peer = -1;
-        CJTDeviceLink link;
-    };
+    TempRoot root;
+    int listener = -1;
+    int peer = -1;
+    CJTDeviceLink link;
+};
 }
 
 TEST_F(DeviceLink, PeerHangUpIsWaitedOutQuietlyAndTheNextConnectionCarriesOn)

@@ -8,7 +8,12 @@ TEST(RootPrefix, AbsolutePathsGoUnderAnAbsolutePrefix)
 {
     char cwd[4096];
     ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
-    struct Case { const char* root; const char* path; std::string resolved; };
+    struct Case
+    {
+        const char* root;
+        const char* path;
+        std::string resolved;
+    };
     // Unset or empty changes nothing; relative paths are not platform paths and stay as given.
     const Case cases[] = {
         {nullptr, "/dev/ipc/ch6", "/dev/ipc/ch6"},

@@ -68,8 +68,8 @@ struct Service
         for (SVCIPC_tReqContext ctx : held)
             SVCIPC_freeReqContext(ctx);
     }
-    static void callback(SVCIPC_tReqContext ctx, const char* method, const char* parms,
-                         SVCIPC_tBool noReply, SVCIPC_tUserToken token)
+    static void callback(SVCIPC_tReqContext ctx, const char* method, const char* parms, SVCIPC_tBool noReply,
+                         SVCIPC_tUserToken token)
     {
         auto* self = static_cast<Service*>(token);
         self->log.add(std::string(method) + "(" + parms + ")" + (noReply ? " noreply" : ""));
@@ -87,8 +87,7 @@ struct Service
         SVCIPC_asyncReturnResult(ctx, text.c_str(), nullptr, nullptr);
         SVCIPC_freeReqContext(ctx);
     }
-    SVCIPC_tError registerOn(SVCIPC_tConnection conn, const char* name = kName,
-                             const char* path = kPath)
+    SVCIPC_tError registerOn(SVCIPC_tConnection conn, const char* name = kName, const char* path = kPath)
     {
         return SVCIPC_registerService(conn, name, path, 0, &Service::callback, this, &reg);
     }
@@ -99,16 +98,14 @@ void onSignal(const char* name, const char* data, SVCIPC_tUserToken token)
     static_cast<Log*>(token)->add(std::string(name) + "=" + data);
 }
 
-void onOwner(const char* name, const char* oldOwner, const char* newOwner,
-             SVCIPC_tUserToken token)
+void onOwner(const char* name, const char* oldOwner, const char* newOwner, SVCIPC_tUserToken token)
 {
     static_cast<Log*>(token)->add(std::string(name) + "|" + oldOwner + "|" + newOwner);
 }
 
 void onResult(const SVCIPC_tCallbackStatus* st, const char* result, SVCIPC_tUserToken token)
 {
-    static_cast<Log*>(token)->add(std::to_string(st->errCode) + ":" + result + ":"
-                                  + st->errName);
+    static_cast<Log*>(token)->add(std::to_string(st->errCode) + ":" + result + ":" + st->errName);
 }
 
 // A plain libdbus peer, to see the library from outside.
@@ -160,16 +157,15 @@ struct RawPeer
     }
     std::string ownerOf(const char* name)
     {
-        DBusMessage* ask = dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
-                                                        DBUS_INTERFACE_DBUS, "GetNameOwner");
+        DBusMessage* ask = dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS,
+                                                        "GetNameOwner");
         dbus_message_append_args(ask, DBUS_TYPE_STRING, &name, DBUS_TYPE_INVALID);
         std::string answer = call(ask);
         return answer.compare(0, 6, "reply:") == 0 ? answer.substr(6) : answer;
     }
     // Sends a broadcast signal, or one aimed at `destination`, whose argument is `text` (or an
     // integer when `text` is null).
-    void signal(const char* path, const char* member, const char* text,
-                const char* destination = nullptr)
+    void signal(const char* path, const char* member, const char* text, const char* destination = nullptr)
     {
         DBusMessage* sig = dbus_message_new_signal(path, "com.quorin.test.Any", member);
         dbus_int32_t number = 3;
@@ -193,10 +189,9 @@ struct RawPeer
                 while (DBusMessage* m = dbus_connection_pop_message(conn)) {
                     const char* iface = dbus_message_get_interface(m);
                     if (!iface || std::string(iface) != DBUS_INTERFACE_DBUS)
-                        seen.add(std::string(dbus_message_get_member(m) ? dbus_message_get_member(m) : "")
-                                 + " " + dbus_message_get_sender(m));
-                    if (dbus_message_get_type(m) == DBUS_MESSAGE_TYPE_METHOD_CALL
-                        && !dbus_message_get_no_reply(m)) {
+                        seen.add(std::string(dbus_message_get_member(m) ? dbus_message_get_member(m) : "") + " " +
+                                 dbus_message_get_sender(m));
+                    if (dbus_message_get_type(m) == DBUS_MESSAGE_TYPE_METHOD_CALL && !dbus_message_get_no_reply(m)) {
                         DBusMessage* r = dbus_message_new_method_return(m);
                         const char* text = "raw";
                         dbus_message_append_args(r, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
@@ -231,9 +226,8 @@ protected:
         EXPECT_EQ(0, SVCIPC_getConnection(0, 1, &c));
         return c;
     }
-    std::string invoke(SVCIPC_tConnection c, const char* method, const char* parms,
-                       SVCIPC_tError* status = nullptr, unsigned timeoutMs = 3000,
-                       const char* name = kName, const char* path = kPath)
+    std::string invoke(SVCIPC_tConnection c, const char* method, const char* parms, SVCIPC_tError* status = nullptr,
+                       unsigned timeoutMs = 3000, const char* name = kName, const char* path = kPath)
     {
         SVCIPC_tResponse* resp = nullptr;
         SVCIPC_tError st = SVCIPC_invoke(c, name, path, method, parms, 0, timeoutMs, &resp);
@@ -305,10 +299,10 @@ TEST_F(SvcIpc, IntrospectionWrongShapesAndUnansweredCallsFollowTheDescription)
         "  </interface>\n"
         "  <node name=\"child\"/>\n"
         "</node>\n";
-    for (const char* bad : {"", "<node>", "<interface name=\"a.b\"><method name=\"m\"></interface>",
-                            "<node><interface name=\"nodot\"/></node>",
-                            "<!DOCTYPE x [<!ENTITY e \"boom\">]><interface name=\"a.b\"/>",
-                            "<interface name=\"a.b\" doc=\"&bad\"/>"})
+    for (const char* bad :
+         {"", "<node>", "<interface name=\"a.b\"><method name=\"m\"></interface>",
+          "<node><interface name=\"nodot\"/></node>", "<!DOCTYPE x [<!ENTITY e \"boom\">]><interface name=\"a.b\"/>",
+          "<interface name=\"a.b\" doc=\"&bad\"/>"})
         EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_setInterfaceDescription(conn, kPath, bad)) << bad;
     ASSERT_EQ(0, SVCIPC_setInterfaceDescription(conn, kPath, description));
     Service svc;
@@ -318,24 +312,20 @@ TEST_F(SvcIpc, IntrospectionWrongShapesAndUnansweredCallsFollowTheDescription)
     ASSERT_EQ(0, svc.registerOn(conn));
     RawPeer raw(bus.address());
     auto introspect = [&](const char* path) {
-        return raw.call(dbus_message_new_method_call(kName, path,
-                                                     "org.freedesktop.DBus.Introspectable",
-                                                     "Introspect"));
+        return raw.call(dbus_message_new_method_call(kName, path, "org.freedesktop.DBus.Introspectable", "Introspect"));
     };
 
     std::string xml = introspect(kPath);
     EXPECT_EQ(0u, xml.find("reply:<!DOCTYPE node"));
-    for (const char* part : {"<interface name=\"org.freedesktop.DBus.Introspectable\">",
-                             "<interface name=\"org.freedesktop.DBus.Peer\">",
-                             "<method name=\"described\">", "<signal name=\"changed\">",
-                             "value=\"Says &quot;no&quot;.\""})
+    for (const char* part :
+         {"<interface name=\"org.freedesktop.DBus.Introspectable\">", "<interface name=\"org.freedesktop.DBus.Peer\">",
+          "<method name=\"described\">", "<signal name=\"changed\">", "value=\"Says &quot;no&quot;.\""})
         EXPECT_NE(std::string::npos, xml.find(part)) << part;
     EXPECT_EQ(std::string::npos, xml.find("child"));
     // What the library serves is a valid description in turn.
     EXPECT_EQ(0, SVCIPC_setInterfaceDescription(conn, "/elsewhere", xml.substr(6).c_str()));
     EXPECT_NE(std::string::npos, introspect("/com").find("<node name=\"quorin\"/>"));
-    EXPECT_EQ("reply:", raw.call(dbus_message_new_method_call(kName, kPath,
-                                                              "org.freedesktop.DBus.Peer", "Ping")));
+    EXPECT_EQ("reply:", raw.call(dbus_message_new_method_call(kName, kPath, "org.freedesktop.DBus.Peer", "Ping")));
 
     // Calls of the wrong shape are refused before the callback.
     dbus_int32_t i = 5;
@@ -414,9 +404,9 @@ TEST_F(SvcIpc, CallsFailWithTimeOutsMissingServicesAndNamedRemoteErrors)
     ASSERT_EQ(0, SVCIPC_asyncInvoke(client, kName, kPath, "silent", "", 0, 300, &onResult, &log));
     ASSERT_EQ(0, SVCIPC_asyncInvoke(client, kName, "/not/served", "m", "", 0, 1000, &onResult, &log));
     ASSERT_TRUE(log.waitFor(2, 3000ms));
-    std::vector<std::string> seen = log.snapshot(), expected = {
-        std::to_string(SVCIPC_ERROR_REMOTE) + "::org.freedesktop.DBus.Error.UnknownObject",
-        std::to_string(SVCIPC_ERROR_TIMEOUT) + "::"};
+    std::vector<std::string> seen = log.snapshot(), expected = {std::to_string(SVCIPC_ERROR_REMOTE) +
+                                                                    "::org.freedesktop.DBus.Error.UnknownObject",
+                                                                std::to_string(SVCIPC_ERROR_TIMEOUT) + "::"};
     std::sort(seen.begin(), seen.end());
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(expected, seen);
@@ -456,8 +446,7 @@ TEST_F(SvcIpc, SignalsComeFromTheOwnerOnlyUntilUnsubscribed)
 
     Log log, marker;
     SVCIPC_tSigSubHnd sub = nullptr, rawSub = nullptr, mark = nullptr;
-    EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT,
-              SVCIPC_subscribe(conn, "/nodots", "status", &onSignal, &log, &sub));
+    EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_subscribe(conn, "/nodots", "status", &onSignal, &log, &sub));
     ASSERT_EQ(0, SVCIPC_subscribe(conn, emitterPath, "status", &onSignal, &log, &sub));
     ASSERT_EQ(0, SVCIPC_subscribe(conn, "/com/quorin/test/Raw", "status", &onSignal, &log, &rawSub));
     ASSERT_EQ(0, SVCIPC_subscribe(conn, emitterPath, "marker", &onSignal, &marker, &mark));
@@ -466,8 +455,7 @@ TEST_F(SvcIpc, SignalsComeFromTheOwnerOnlyUntilUnsubscribed)
     // owner is, unless the first argument is not a string. (A call to the subscriber after each
     // peer's signals proves they were read before the emitter's marker.)
     auto ping = [](RawPeer& peer) {
-        return peer.call(dbus_message_new_method_call(kName, kPath, "org.freedesktop.DBus.Peer",
-                                                      "Ping"));
+        return peer.call(dbus_message_new_method_call(kName, kPath, "org.freedesktop.DBus.Peer", "Ping"));
     };
     spoofer.signal(emitterPath, "status", "spoofed");
     spoofer.signal(emitterPath, "status", "aimed", raw.ownerOf(kName).c_str());
@@ -499,15 +487,14 @@ TEST_F(SvcIpc, BlockingCallsFromCallbacksDoNotDeadlock)
     Log nested;
     outer.onRequest = [&](SVCIPC_tReqContext ctx, const std::string&, const std::string& parms) {
         SVCIPC_tResponse* resp = nullptr;
-        SVCIPC_tError st = SVCIPC_invoke(conn, "com.quorin.service.Inner", kInner, "m",
-                                         parms.c_str(), 0, 3000, &resp);
+        SVCIPC_tError st = SVCIPC_invoke(conn, "com.quorin.service.Inner", kInner, "m", parms.c_str(), 0, 3000, &resp);
         std::string text = st == 0 ? std::string("outer+") + resp->result : "failed";
         if (resp)
             SVCIPC_freeResponse(resp);
         SVCIPC_tSigSubHnd sub = nullptr;
         SVCIPC_tBool owned = 0;
-        if (SVCIPC_subscribe(conn, kInner, "s", &onSignal, &nested, &sub) != 0
-            || SVCIPC_nameHasOwner(conn, kName, &owned, 0) != 0 || !owned)
+        if (SVCIPC_subscribe(conn, kInner, "s", &onSignal, &nested, &sub) != 0 ||
+            SVCIPC_nameHasOwner(conn, kName, &owned, 0) != 0 || !owned)
             text = "failed";
         Service::reply(ctx, text);
     };
@@ -529,8 +516,7 @@ TEST_F(SvcIpc, PeersSeeOneSenderForCallsSignalsAndTheName)
     ASSERT_EQ(0, svc.registerOn(conn));
     RawPeer raw(bus.address());
     ASSERT_NE(nullptr, raw.conn);
-    ASSERT_EQ(DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER,
-              dbus_bus_request_name(raw.conn, rawName, 0, nullptr));
+    ASSERT_EQ(DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER, dbus_bus_request_name(raw.conn, rawName, 0, nullptr));
     dbus_bus_add_match(raw.conn, "type='signal',path='/com/quorin/service/Test'", nullptr);
     const std::string owner = raw.ownerOf(kName);
     ASSERT_EQ(':', owner[0]);
@@ -573,9 +559,7 @@ TEST_F(SvcIpc, AStuckCallbackBlocksNeitherCallsNorTheStop)
     // The stuck connection still completes blocking calls, from any thread.
     EXPECT_EQ("echo:a", invoke(conn, "m", "a", nullptr, 3000, "com.quorin.service.Other", "/other"));
     SVCIPC_tBool owned = 0;
-    std::thread([&] {
-        EXPECT_EQ(0, SVCIPC_nameHasOwner(conn, "com.quorin.service.Other", &owned, 3000));
-    }).join();
+    std::thread([&] { EXPECT_EQ(0, SVCIPC_nameHasOwner(conn, "com.quorin.service.Other", &owned, 3000)); }).join();
     EXPECT_EQ(1, owned);
 
     // Ending the service and then the connection waits for the stuck callback only briefly.
@@ -651,8 +635,7 @@ TEST_F(SvcIpc, ManyThreadsCallAtOnceUntilTheBusDiesAndEverythingTurnsIntoFailure
     EXPECT_EQ(0, wrong.load());
 
     Log pending;
-    ASSERT_EQ(0, SVCIPC_asyncInvoke(client, kName, kPath, "slow", "", 0, 20000, &onResult,
-                                    &pending));
+    ASSERT_EQ(0, SVCIPC_asyncInvoke(client, kName, kPath, "slow", "", 0, 20000, &onResult, &pending));
     std::this_thread::sleep_for(200ms);
     auto killed = std::chrono::steady_clock::now();
     bus.kill();

@@ -15,36 +15,40 @@
 
 namespace
 {
-    // Echoes each written frame back on the next read of the same handle, and tells what it was asked.
-    struct EchoServer : IJTIODeviceServer
+// Echoes each written frame back on the next read of the same handle, and tells what it was asked.
+struct EchoServer : IJTIODeviceServer
+{
+    bool onOpen(int handle, const char*, int mode) override
     {
-        bool onOpen(int handle, const char*, int mode) override { open[handle] = mode; return mode != 0; }
-        int onRead(int handle, void* buffer, size_t length, int64_t timeoutNs) override
-        {
-            lastTimeout = timeoutNs;
-            size_t count = std::min(length, frames[handle].size());
-            std::memcpy(buffer, frames[handle].data(), count);
-            frames[handle].clear();
-            return static_cast<int>(count);
-        }
-        int onWrite(int handle, const void* buffer, size_t length) override
-        {
-            frames[handle].assign(static_cast<const char*>(buffer), length);
-            return static_cast<int>(length);
-        }
-        int onDevctl(int, uint32_t code, void* data, size_t size) override
-        {
-            std::memcpy(data, &code, std::min(size, sizeof(code)));
-            return 0;
-        }
-        void onClose(int handle) override { open.erase(handle); }
-        bool onIsOpened(int handle) override { return open.count(handle) != 0; }
-        int onGetLastError(int) override { return 42; }
+        open[handle] = mode;
+        return mode != 0;
+    }
+    int onRead(int handle, void* buffer, size_t length, int64_t timeoutNs) override
+    {
+        lastTimeout = timeoutNs;
+        size_t count = std::min(length, frames[handle].size());
+        std::memcpy(buffer, frames[handle].data(), count);
+        frames[handle].clear();
+        return static_cast<int>(count);
+    }
+    int onWrite(int handle, const void* buffer, size_t length) override
+    {
+        frames[handle].assign(static_cast<const char*>(buffer), length);
+        return static_cast<int>(length);
+    }
+    int onDevctl(int, uint32_t code, void* data, size_t size) override
+    {
+        std::memcpy(data, &code, std::min(size, sizeof(code)));
+        return 0;
+    }
+    void onClose(int handle) override { open.erase(handle); }
+    bool onIsOpened(int handle) override { return open.count(handle) != 0; }
+    int onGetLastError(int) override { return 42; }
 
-        std::map<int, int> open;
-        std::map<int, std::string> frames;
-        int64_t lastTimeout = 0;
-    };
+    std::map<int, int> open;
+    std::map<int, std::string> frames;
+    int64_t lastTimeout = 0;
+};
 }
 
 TEST(CJTIODevice, HandlesOfAServedPathGoToItsServerOthersToTheSystem)

@@ -7,8 +7,11 @@
 
 namespace
 {
-    // In a death-test child: also show the system log lines on stderr.
-    void mirrorSyslog() { setenv("CBRADIO_SYSLOG_STDERR", "1", 1); }
+// In a death-test child: also show the system log lines on stderr.
+void mirrorSyslog()
+{
+    setenv("CBRADIO_SYSLOG_STDERR", "1", 1);
+}
 }
 
 TEST(JTAssertDeathTest, PlannedAssertionsReturnUntilThePlanIsUsedUpFatalErrorsIgnoreIt)

@@ -11,12 +11,15 @@
 
 namespace
 {
-    void namedInfos(char* info, size_t infoSize, char* name, size_t nameSize)
-    {
-        std::snprintf(info, infoSize, "build 12");
-        std::snprintf(name, nameSize, "radio");
-    }
-    void touch(const std::string& path) { std::fclose(std::fopen(path.c_str(), "w")); }
+void namedInfos(char* info, size_t infoSize, char* name, size_t nameSize)
+{
+    std::snprintf(info, infoSize, "build 12");
+    std::snprintf(name, nameSize, "radio");
+}
+void touch(const std::string& path)
+{
+    std::fclose(std::fopen(path.c_str(), "w"));
+}
 }
 
 TEST(JTBacktrace, WritesMessageInformationAndStackIntoTheSharedMemoryFolder)

@@ -11,18 +11,27 @@
 
 namespace
 {
-    std::vector<std::pair<unsigned int, std::string>> gLines;
-    void collect(unsigned int severity, const char* line) { gLines.emplace_back(severity, line); }
+std::vector<std::pair<unsigned int, std::string>> gLines;
+void collect(unsigned int severity, const char* line)
+{
+    gLines.emplace_back(severity, line);
+}
 
-    void exitWithContext(void* context)
-    {
-        std::fprintf(stderr, "handler got %s\n", static_cast<const char*>(context));
-        std::exit(7);
-    }
-    void returningHandler(void*) {}
-    void criticalAtExit() { JTError::criticalError(0, "again"); }
-    // In a death-test child: also show the system log lines on stderr.
-    void mirrorSyslog() { setenv("CBRADIO_SYSLOG_STDERR", "1", 1); }
+void exitWithContext(void* context)
+{
+    std::fprintf(stderr, "handler got %s\n", static_cast<const char*>(context));
+    std::exit(7);
+}
+void returningHandler(void*) {}
+void criticalAtExit()
+{
+    JTError::criticalError(0, "again");
+}
+// In a death-test child: also show the system log lines on stderr.
+void mirrorSyslog()
+{
+    setenv("CBRADIO_SYSLOG_STDERR", "1", 1);
+}
 }
 
 TEST(JTError, ReportOSErrorLogsAtTheGivenSeverityAndReturns)

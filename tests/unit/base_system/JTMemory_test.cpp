@@ -13,10 +13,10 @@
 
 namespace
 {
-    bool isAligned(const void* block)
-    {
-        return reinterpret_cast<uintptr_t>(block) % alignof(std::max_align_t) == 0;
-    }
+bool isAligned(const void* block)
+{
+    return reinterpret_cast<uintptr_t>(block) % alignof(std::max_align_t) == 0;
+}
 }
 
 // The test binary runs without "--memtrace=", so the default level 1 is in force.
@@ -77,11 +77,12 @@ TEST(JTMemory, EdgeCasesNeitherFailNorMiscount)
 TEST(JTMemoryDeathTest, FailedCheckedAllocationWritesBacktraceAndExits)
 {
     TempRoot root;
-    const size_t refused = 0xFFFFFFF8u;   // fits the request, not the size field plus header
+    const size_t refused = 0xFFFFFFF8u;  // fits the request, not the size field plus header
     EXPECT_EXIT(JTMemory::allocChecked(refused), ::testing::ExitedWithCode(1), "");
     std::vector<std::string> files = root.list("/dev/shm");
     ASSERT_EQ(files.size(), 1u);
     EXPECT_EQ(files[0], "PID" + files[0].substr(3, files[0].size() - 7) + ".ass");
-    EXPECT_NE(readFile(root.path() + "/dev/shm/" + files[0]).find("\n[backtrace] INFO - failed to allocate 4294967288 bytes\n"),
+    EXPECT_NE(readFile(root.path() + "/dev/shm/" + files[0])
+                  .find("\n[backtrace] INFO - failed to allocate 4294967288 bytes\n"),
               std::string::npos);
 }

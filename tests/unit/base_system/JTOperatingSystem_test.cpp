@@ -7,11 +7,11 @@
 
 namespace
 {
-    pid_t shell(const char* command)
-    {
-        char* argv[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), const_cast<char*>(command), nullptr};
-        return JTOperatingSystem::spawnProcess("sh", argv);
-    }
+pid_t shell(const char* command)
+{
+    char* argv[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), const_cast<char*>(command), nullptr};
+    return JTOperatingSystem::spawnProcess("sh", argv);
+}
 }
 
 TEST(JTOperatingSystem, JoinAndWaitReportExitStatusOrSignalAndRefuseBadIds)
@@ -29,9 +29,11 @@ TEST(JTOperatingSystem, JoinAndWaitReportExitStatusOrSignalAndRefuseBadIds)
     std::vector<pid_t> children = {shell("exit 0"), shell("exit 4")};
     ::testing::internal::CaptureStdout();
     JTOperatingSystem::waitForProcesses(children);
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(),
-              "process " + std::to_string(children[0]) + " has terminated with exit code 0\n"
-              "process " + std::to_string(children[1]) + " has terminated with exit code 4\n");
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "process " + std::to_string(children[0]) +
+                                                            " has terminated with exit code 0\n"
+                                                            "process " +
+                                                            std::to_string(children[1]) +
+                                                            " has terminated with exit code 4\n");
 }
 
 TEST(JTOperatingSystem, KernelTimeoutBelongsToOneThreadAndIsTakenOnce)

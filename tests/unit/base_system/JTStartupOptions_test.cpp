@@ -7,25 +7,30 @@
 
 namespace
 {
-    JTStartupOptions::SOptions parse(std::vector<const char*> args)
-    {
-        args.insert(args.begin(), "prog");
-        return JTStartupOptions::parse(static_cast<int>(args.size()), args.data());
-    }
+JTStartupOptions::SOptions parse(std::vector<const char*> args)
+{
+    args.insert(args.begin(), "prog");
+    return JTStartupOptions::parse(static_cast<int>(args.size()), args.data());
+}
 
-    std::string join(std::vector<const char*> args, size_t outSize = 256)
-    {
-        std::vector<char> out(outSize + 1, '#');
-        JTStartupOptions::joinArguments(static_cast<int>(args.size()), args.data(), out.data(), outSize);
-        return out.data();
-    }
+std::string join(std::vector<const char*> args, size_t outSize = 256)
+{
+    std::vector<char> out(outSize + 1, '#');
+    JTStartupOptions::joinArguments(static_cast<int>(args.size()), args.data(), out.data(), outSize);
+    return out.data();
+}
 }
 
 // The memory trace level is read with %u (trailing text allowed), only 0 and 1 count, the last
 // valid one wins; break is on unless an argument is exactly "--nobreak".
 TEST(JTStartupOptions, MemoryTraceAndBreak)
 {
-    struct Case { std::vector<const char*> args; unsigned level; bool breaks; };
+    struct Case
+    {
+        std::vector<const char*> args;
+        unsigned level;
+        bool breaks;
+    };
     const Case cases[] = {
         {{}, 1, true},
         {{"--memtrace=0", "--nobreak"}, 0, false},

@@ -6,9 +6,13 @@
 
 namespace
 {
-    unsigned int gSeverity;
-    std::string gLine;
-    void keep(unsigned int severity, const char* line) { gSeverity = severity; gLine = line; }
+unsigned int gSeverity;
+std::string gLine;
+void keep(unsigned int severity, const char* line)
+{
+    gSeverity = severity;
+    gLine = line;
+}
 }
 
 TEST(JTSyslog, MirrorSeesTheLineAsLoggedAndLongTextIsCut)

@@ -4,9 +4,9 @@
 
 namespace
 {
-    struct ThreadsafeDeathTests : ::testing::Environment
-    {
-        void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-    };
-    ::testing::Environment* const kThreadsafeDeathTests = ::testing::AddGlobalTestEnvironment(new ThreadsafeDeathTests);
+struct ThreadsafeDeathTests : ::testing::Environment
+{
+    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+::testing::Environment* const kThreadsafeDeathTests = ::testing::AddGlobalTestEnvironment(new ThreadsafeDeathTests);
 }

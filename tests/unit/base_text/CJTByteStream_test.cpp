@@ -9,10 +9,10 @@
 
 namespace
 {
-    std::vector<uint8_t> bytesOf(const CJTByteStream& s)
-    {
-        return std::vector<uint8_t>(s.getData(), s.getData() + s.getSize());
-    }
+std::vector<uint8_t> bytesOf(const CJTByteStream& s)
+{
+    return std::vector<uint8_t>(s.getData(), s.getData() + s.getSize());
+}
 }
 
 TEST(CJTByteStream, GrowsAcrossReallocationsEvenFromItsOwnBytesAndAShortReadConsumesNothing)

@@ -14,51 +14,62 @@
 
 namespace
 {
-    // What the strings wrote to the system log, as "<severity> <line>"; they log on the caller's
-    // thread, and these tests log from one thread only.
-    std::vector<std::string> gLog;
-    struct SyslogCapture
+// What the strings wrote to the system log, as "<severity> <line>"; they log on the caller's
+// thread, and these tests log from one thread only.
+std::vector<std::string> gLog;
+struct SyslogCapture
+{
+    SyslogCapture()
     {
-        SyslogCapture()
-        {
-            gLog.clear();
-            JTSyslog::setMirror([](unsigned int severity, const char* line) { gLog.push_back(std::to_string(severity) + " " + line); });
-        }
-        ~SyslogCapture() { JTSyslog::setMirror(nullptr); }
-    };
-    const std::vector<std::string> kBadOnce = {"2 pid " + std::to_string(getpid()) +
-                                               ": The character sequence contains a wrong coded UTF-8 sequence !"};
-
-    std::vector<uint32_t> codePoints(const CJTString& s)
-    {
-        std::vector<uint32_t> out;
-        for (CJTString::const_iterator it = s.begin(); it != s.end(); ++it)
-            out.push_back(*it);
-        return out;
+        gLog.clear();
+        JTSyslog::setMirror(
+            [](unsigned int severity, const char* line) { gLog.push_back(std::to_string(severity) + " " + line); });
     }
+    ~SyslogCapture() { JTSyslog::setMirror(nullptr); }
+};
+const std::vector<std::string> kBadOnce = {"2 pid " + std::to_string(getpid()) +
+                                           ": The character sequence contains a wrong coded UTF-8 sequence !"};
 
-    struct CJTStringAssertions : ::testing::Test
+std::vector<uint32_t> codePoints(const CJTString& s)
+{
+    std::vector<uint32_t> out;
+    for (CJTString::const_iterator it = s.begin(); it != s.end(); ++it)
+        out.push_back(*it);
+    return out;
+}
+
+struct CJTStringAssertions : ::testing::Test
+{
+    void SetUp() override
     {
-        void SetUp() override { CJTAsserter::setExpectedAssertions(0); CJTAsserter::setOccuredAssertions(0); }
-        void TearDown() override { SetUp(); }
-    };
+        CJTAsserter::setExpectedAssertions(0);
+        CJTAsserter::setOccuredAssertions(0);
+    }
+    void TearDown() override { SetUp(); }
+};
 }
 
 // Text that is not valid UTF-8 keeps its valid beginning and logs once; the continuation test is
 // lenient on purpose (any byte with the top bit), and a zero byte ends the text quietly.
 TEST(CJTStringUtf8, KeepsTheValidBeginningAndCountsCharacters)
 {
-    struct Case { std::string bytes; std::string kept; uint32_t chars; bool bad; };
+    struct Case
+    {
+        std::string bytes;
+        std::string kept;
+        uint32_t chars;
+        bool bad;
+    };
     const Case cases[] = {
         {"a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80", "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80", 4, false},
-        {"\xF8\x80\x80\x80\x80", "\xF8\x80\x80\x80\x80", 1, false},          // five bytes
+        {"\xF8\x80\x80\x80\x80", "\xF8\x80\x80\x80\x80", 1, false},            // five bytes
         {"\xFD\xBF\xBF\xBF\xBF\xBFz", "\xFD\xBF\xBF\xBF\xBF\xBFz", 2, false},  // six bytes
         {"\xC3\xC3\xF8\xFF\xFF\xFF\xFF", "\xC3\xC3\xF8\xFF\xFF\xFF\xFF", 2, false},
         {std::string("ab\0cd", 5), "ab", 2, false},
-        {"ab\xC3(", "ab", 2, true},       // lead byte followed by a byte without the top bit
-        {"ab\xE2\x82", "ab", 2, true},    // cut off at the end
-        {"x\x80y", "x", 1, true},         // continuation byte where a lead byte belongs
-        {"xy\xFEz", "xy", 2, true},       // never a lead byte
+        {"ab\xC3(", "ab", 2, true},     // lead byte followed by a byte without the top bit
+        {"ab\xE2\x82", "ab", 2, true},  // cut off at the end
+        {"x\x80y", "x", 1, true},       // continuation byte where a lead byte belongs
+        {"xy\xFEz", "xy", 2, true},     // never a lead byte
         {"\xFF", "", 0, true},
         {"\xC3\xA9\xC3", "\xC3\xA9", 1, true},
     };
@@ -78,8 +89,15 @@ TEST(CJTStringUtf8, KeepsTheValidBeginningAndCountsCharacters)
     const std::vector<CJTString (*)()> ways = {
         [] { return CJTString("ok").append("\xC3("); },
         [] { return CJTString::strprintf("%s-%c", "o", '\xE9'); },
-        [] { CJTString s; s = "ok\x80"; return s; },
-        [] { const uint32_t ucs4[] = {'o', 'k', 0x80000000u, 'x', 0}; return CJTString(ucs4); },
+        [] {
+            CJTString s;
+            s = "ok\x80";
+            return s;
+        },
+        [] {
+            const uint32_t ucs4[] = {'o', 'k', 0x80000000u, 'x', 0};
+            return CJTString(ucs4);
+        },
     };
     for (auto way : ways) {
         SyslogCapture log;
@@ -96,7 +114,8 @@ TEST(CJTStringUtf8, WideFormsEncodeEveryRange)
     EXPECT_STREQ("A\xC3\xA9", CJTString(ucs2, 2).c_str());
     EXPECT_STREQ("x\xE2\x82\xAC", CJTString(L"x\u20AC").c_str());
 
-    const uint32_t ucs4[] = {0x7F, 0x80, 0x7FF, 0x800, 0xFFFF, 0x10000, 0x1FFFFF, 0x200000, 0x3FFFFFF, 0x4000000, 0x7FFFFFFF, 0};
+    const uint32_t ucs4[] = {0x7F,     0x80,     0x7FF,     0x800,     0xFFFF,     0x10000,
+                             0x1FFFFF, 0x200000, 0x3FFFFFF, 0x4000000, 0x7FFFFFFF, 0};
     CJTString all(ucs4);
     EXPECT_EQ(1u + 2 + 2 + 3 + 3 + 4 + 4 + 5 + 5 + 6 + 6, all.getByteCount());
     EXPECT_EQ(std::vector<uint32_t>(ucs4, ucs4 + 11), codePoints(all));
@@ -105,14 +124,10 @@ TEST(CJTStringUtf8, WideFormsEncodeEveryRange)
 TEST(CJTStringSharing, CopiesShareUntilOneChangesAndEmptyOnesUseTheStaticBlock)
 {
     const std::vector<void (*)(CJTString&)> changes = {
-        [](CJTString& s) { s.append("!"); },
-        [](CJTString& s) { s.insert(1, "-"); },
-        [](CJTString& s) { s.remove(0, 1); },
-        [](CJTString& s) { s.replace(0, 2, "J"); },
-        [](CJTString& s) { s.replaceAll("l", "L"); },
-        [](CJTString& s) { s.truncate(2); },
-        [](CJTString& s) { s.appendChar(0x20AC); },
-        [](CJTString& s) { s.reserve(100); },
+        [](CJTString& s) { s.append("!"); },          [](CJTString& s) { s.insert(1, "-"); },
+        [](CJTString& s) { s.remove(0, 1); },         [](CJTString& s) { s.replace(0, 2, "J"); },
+        [](CJTString& s) { s.replaceAll("l", "L"); }, [](CJTString& s) { s.truncate(2); },
+        [](CJTString& s) { s.appendChar(0x20AC); },   [](CJTString& s) { s.reserve(100); },
     };
     for (auto change : changes) {
         CJTString original("hello");
@@ -161,8 +176,9 @@ TEST(CJTStringSharing, TextFromItsOwnBlockAndCopiesOnManyThreads)
 // Positions and counts are characters; the character count stays right through every edit.
 TEST(CJTStringEditing, PositionsCountCharactersNotBytes)
 {
-    const CJTString s("\xC3\xA4\xC3\xB6\xC3\xBC"); // three two-byte letters
-    const CJTString euro("a\xE2\x82\xAC" "b");
+    const CJTString s("\xC3\xA4\xC3\xB6\xC3\xBC");  // three two-byte letters
+    const CJTString euro("a\xE2\x82\xAC"
+                         "b");
     CJTString alpha("Alpha beta ALPHA"), four("aaaa"), overlap("aaa"), args("%2 of %1, %2");
     EXPECT_EQ(2u, alpha.replaceAll("alpha", "\xCE\xB1", true));
     EXPECT_EQ(4u, four.replaceAll("A", "", true));
@@ -182,7 +198,8 @@ TEST(CJTStringEditing, PositionsCountCharactersNotBytes)
         {CJTString(euro).truncate(3), "a"},  // truncation never splits a character
         {CJTString(euro).truncate(4), "a\xE2\x82\xAC"},
         {CJTString(euro).truncate(++CJTString::const_iterator(second)), "a\xE2\x82\xAC"},
-        {CJTString(euro).truncate(s.begin()), "a\xE2\x82\xAC" "b"},  // another string's iterator
+        {CJTString(euro).truncate(s.begin()), "a\xE2\x82\xAC"
+                                              "b"},  // another string's iterator
         {alpha, "\xCE\xB1 beta \xCE\xB1"},
         {four, ""},
         {overlap, "ba"},
@@ -192,7 +209,7 @@ TEST(CJTStringEditing, PositionsCountCharactersNotBytes)
         EXPECT_STREQ(c.second, c.first.c_str());
         EXPECT_EQ(CJTString(c.second).getCharCount(), c.first.getCharCount()) << c.second;
     }
-    EXPECT_EQ(s.c_str(), s.getRight(99).c_str()); // the whole string is shared, not copied
+    EXPECT_EQ(s.c_str(), s.getRight(99).c_str());  // the whole string is shared, not copied
     EXPECT_EQ(2, s.findString("\xC3\xBC"));
     EXPECT_EQ(-1, s.findString("\xC3\xA4", 1));
     EXPECT_EQ(11, CJTString("Alpha beta ALPHA").findString("alpha", 1, true));
@@ -205,7 +222,7 @@ TEST(CJTStringEditing, PositionsCountCharactersNotBytes)
     CJTString sized(static_cast<uint32_t>(100));
     const char* block = sized.c_str();
     sized.append("abc");
-    EXPECT_EQ(block, sized.c_str()); // fits: no new block
+    EXPECT_EQ(block, sized.c_str());  // fits: no new block
     sized.trim();
     EXPECT_EQ(3u, sized.getCapacity());
 }
@@ -217,14 +234,16 @@ TEST(CJTStringStream, LengthPrefixedBytesAndShortOrBadInput)
     ASSERT_TRUE(CJTString().toDSIStream(stream));
     CJTString hex;
     stream.dump(hex);
-    EXPECT_STREQ("0400000068C3A900" "0100000000", hex.c_str());
+    EXPECT_STREQ("0400000068C3A900"
+                 "0100000000",
+                 hex.c_str());
     CJTString first, second("old");
     EXPECT_TRUE(first.fromDSIStream(stream));
     EXPECT_TRUE(second.fromDSIStream(stream));
     EXPECT_STREQ("h\xC3\xA9", first.c_str());
     EXPECT_EQ(2u, first.getCharCount());
     EXPECT_TRUE(second.isEmpty());
-    EXPECT_FALSE(second.fromDSIStream(stream)); // nothing left
+    EXPECT_FALSE(second.fromDSIStream(stream));  // nothing left
 
     CJTByteStream cut;
     cut.writeUInt32(10);
@@ -252,7 +271,7 @@ TEST_F(CJTStringAssertions, OversizedCapacityAssertsAndLeavesTheStringAlone)
     EXPECT_TRUE(s.isEmpty());
     EXPECT_EQ(1u, CJTAsserter::getOccuredAssertions());
     CJTString kept("kept");
-    kept.reserve(0xFFFFFFECu); // capacity + 20 is 2^32: one too many
+    kept.reserve(0xFFFFFFECu);  // capacity + 20 is 2^32: one too many
     EXPECT_STREQ("kept", kept.c_str());
     EXPECT_EQ(2u, CJTAsserter::getOccuredAssertions());
 }

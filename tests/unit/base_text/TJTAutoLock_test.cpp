@@ -4,16 +4,22 @@
 
 namespace
 {
-    // lock() without a result counts as locked; one that returns false is never unlocked. Mutual
-    // exclusion itself is the lock's business (see the mutex tests).
-    struct SLock
-    {
-        int locks = 0;
-        int unlocks = 0;
-        void unlock() { ++unlocks; }
-    };
-    struct SCountingLock : SLock { void lock() { ++locks; } };
-    struct SRefusingLock : SLock { bool lock() { return false; } };
+// lock() without a result counts as locked; one that returns false is never unlocked. Mutual
+// exclusion itself is the lock's business (see the mutex tests).
+struct SLock
+{
+    int locks = 0;
+    int unlocks = 0;
+    void unlock() { ++unlocks; }
+};
+struct SCountingLock : SLock
+{
+    void lock() { ++locks; }
+};
+struct SRefusingLock : SLock
+{
+    bool lock() { return false; }
+};
 }
 
 TEST(TJTAutoLock, UnlocksOnlyWhatItLocked)

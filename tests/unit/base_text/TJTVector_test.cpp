@@ -10,19 +10,23 @@
 
 namespace
 {
-    std::string join(const TJTVector<int>& v)
-    {
-        std::string out;
-        for (int x : v)
-            out += std::to_string(x) + ",";
-        return out;
-    }
+std::string join(const TJTVector<int>& v)
+{
+    std::string out;
+    for (int x : v)
+        out += std::to_string(x) + ",";
+    return out;
+}
 
-    struct TJTVectorAssertions : ::testing::Test
+struct TJTVectorAssertions : ::testing::Test
+{
+    void SetUp() override
     {
-        void SetUp() override { CJTAsserter::setExpectedAssertions(0); CJTAsserter::setOccuredAssertions(0); }
-        void TearDown() override { SetUp(); }
-    };
+        CJTAsserter::setExpectedAssertions(0);
+        CJTAsserter::setOccuredAssertions(0);
+    }
+    void TearDown() override { SetUp(); }
+};
 }
 
 TEST(TJTVector, EditingKeepsOrderAndCapacityNeverOverflows)
@@ -64,14 +68,14 @@ TEST_F(TJTVectorAssertions, PlannedMisuseChangesNothing)
     v.append(1);
     v.append(2);
     CJTAsserter::setExpectedAssertions(8);
-    EXPECT_EQ(0, v.get(2));          // index 0
-    EXPECT_EQ(0, v[5]);              // index 0
-    EXPECT_FALSE(v.set(2, 9));       // index 0
-    EXPECT_FALSE(v.insert(3, 9));    // index 0
-    EXPECT_FALSE(v.erase(2));        // index 0
-    EXPECT_FALSE(v.erase(1, 2));     // parameter
-    EXPECT_EQ(v.end(), v.erase(v.end()));              // iterator
-    EXPECT_EQ(v.end(), v.insert(v.begin() + 3, 9));    // iterator
+    EXPECT_EQ(0, v.get(2));                          // index 0
+    EXPECT_EQ(0, v[5]);                              // index 0
+    EXPECT_FALSE(v.set(2, 9));                       // index 0
+    EXPECT_FALSE(v.insert(3, 9));                    // index 0
+    EXPECT_FALSE(v.erase(2));                        // index 0
+    EXPECT_FALSE(v.erase(1, 2));                     // parameter
+    EXPECT_EQ(v.end(), v.erase(v.end()));            // iterator
+    EXPECT_EQ(v.end(), v.insert(v.begin() + 3, 9));  // iterator
     EXPECT_EQ(8u, CJTAsserter::getOccuredAssertions());
     EXPECT_EQ("1,2,", join(v));
     // The element handed out for a failed get is fresh each time.
@@ -87,8 +91,13 @@ TEST_F(TJTVectorAssertions, UnplannedMisuseEndsTheProcessAtTheCallersLine)
     TJTVector<int> v;
     v.append(1);
     // The backtrace file of the dying child goes below a private root.
-    auto prepare = [] { setenv("CBRADIO_ROOT", root.c_str(), 1); JTRootPrefix::reload(); };
-    auto expected = [](int line, const char* text) { return "TJTVector:" + std::to_string(line) + ": ASSERTION \"" + text + "\" failed"; };
+    auto prepare = [] {
+        setenv("CBRADIO_ROOT", root.c_str(), 1);
+        JTRootPrefix::reload();
+    };
+    auto expected = [](int line, const char* text) {
+        return "TJTVector:" + std::to_string(line) + ": ASSERTION \"" + text + "\" failed";
+    };
     // Each check stays on one line: the message must name the line of the call.
     // clang-format off
     EXPECT_EXIT({ prepare(); v.get(1); }, ::testing::ExitedWithCode(1), expected(__LINE__, "Index our of range"));

@@ -26,7 +26,8 @@ TEST(CBRadioJson, IntegersAreNumbersThatFitAnIntCutTowardsZero)
     Json::Value root;
     ASSERT_TRUE(CBRadioJson::parseObject(
         "{\"i\":-3,\"u\":4000000000,\"r\":2.0,\"f\":2.9,\"g\":-0.5,\"x\":3e9,\"s\":\"2\",\"b\":true,"
-        "\"n\":null,\"o\":{},\"a\":[1]}", root));
+        "\"n\":null,\"o\":{},\"a\":[1]}",
+        root));
     int value = 0;
     for (const auto& expected : std::map<std::string, int>{{"i", -3}, {"r", 2}, {"f", 2}, {"g", 0}}) {
         EXPECT_TRUE(CBRadioJson::readInt(root, expected.first.c_str(), value)) << expected.first;
@@ -42,8 +43,9 @@ TEST(CBRadioJson, IntegersAreNumbersThatFitAnIntCutTowardsZero)
 TEST(CBRadioJson, TextsMustBeStringsAndMembersOfNonObjectsAreAbsent)
 {
     Json::Value root;
-    ASSERT_TRUE(CBRadioJson::parseObject(
-        "{\"state\":\"ON\",\"number\":1,\"inner\":{\"state\":\"OFF\"},\"list\":[\"ON\"]}", root));
+    ASSERT_TRUE(
+        CBRadioJson::parseObject("{\"state\":\"ON\",\"number\":1,\"inner\":{\"state\":\"OFF\"},\"list\":[\"ON\"]}",
+                                 root));
     std::string text;
     EXPECT_TRUE(CBRadioJson::readString(root, "state", text));
     EXPECT_EQ("ON", text);

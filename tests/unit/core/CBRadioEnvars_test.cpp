@@ -9,39 +9,39 @@
 
 namespace
 {
-    struct Case
-    {
-        const char* what;
-        CBRadioEnvars::Verdict verdict;
-        const char* why;   // part of the reason given
-    };
+struct Case
+{
+    const char* what;
+    CBRadioEnvars::Verdict verdict;
+    const char* why;  // part of the reason given
+};
 
-    // Makes the file named `what` under the root; returns the uid to check it for.
-    uid_t make(const TempRoot& root, const std::string& what)
-    {
-        const std::string path = root.path("envars.sh");
-        const std::string text = "DBUS_SESSION_BUS_ADDRESS=unix:path=/x;\n";
-        if (what == "directory") {
-            ::mkdir(path.c_str(), 0755);
-        } else if (what == "fifo") {
-            ::mkfifo(path.c_str(), 0644);
-        } else if (what == "symlink") {
-            std::ofstream(root.path("target")) << text;
-            ::chmod(root.path("target").c_str(), 0644);
-            EXPECT_EQ(0, ::symlink(root.path("target").c_str(), path.c_str()));
-        } else if (what != "missing") {
-            std::ofstream(path) << (what == "empty" ? "" : text);
-            ::chmod(path.c_str(), what == "mode 666" ? 0666 : what == "mode 620" ? 0620 : 0644);
-        }
-        if (what != "foreign owner")
-            return ::geteuid();
-        // Owned by neither root nor the user asked about.
-        if (::geteuid() == 0) {
-            EXPECT_EQ(0, ::chown(path.c_str(), 4242, 4242));
-            return 4343;
-        }
-        return ::geteuid() + 1;
+// Makes the file named `what` under the root; returns the uid to check it for.
+uid_t make(const TempRoot& root, const std::string& what)
+{
+    const std::string path = root.path("envars.sh");
+    const std::string text = "DBUS_SESSION_BUS_ADDRESS=unix:path=/x;\n";
+    if (what == "directory") {
+        ::mkdir(path.c_str(), 0755);
+    } else if (what == "fifo") {
+        ::mkfifo(path.c_str(), 0644);
+    } else if (what == "symlink") {
+        std::ofstream(root.path("target")) << text;
+        ::chmod(root.path("target").c_str(), 0644);
+        EXPECT_EQ(0, ::symlink(root.path("target").c_str(), path.c_str()));
+    } else if (what != "missing") {
+        std::ofstream(path) << (what == "empty" ? "" : text);
+        ::chmod(path.c_str(), what == "mode 666" ? 0666 : what == "mode 620" ? 0620 : 0644);
     }
+    if (what != "foreign owner")
+        return ::geteuid();
+    // Owned by neither root nor the user asked about.
+    if (::geteuid() == 0) {
+        EXPECT_EQ(0, ::chown(path.c_str(), 4242, 4242));
+        return 4343;
+    }
+    return ::geteuid() + 1;
+}
 }
 
 TEST(CBRadioEnvars, ReadsOnlyWhatNobodyButRootOrTheUserCanHaveWritten)
@@ -50,7 +50,7 @@ TEST(CBRadioEnvars, ReadsOnlyWhatNobodyButRootOrTheUserCanHaveWritten)
         {"mode 644", CBRadioEnvars::READABLE, ""},
         {"missing", CBRadioEnvars::MISSING, ""},
         {"empty", CBRadioEnvars::MISSING, ""},
-        {"fifo", CBRadioEnvars::MISSING, ""},   // never opened, so never waited on
+        {"fifo", CBRadioEnvars::MISSING, ""},  // never opened, so never waited on
         {"mode 666", CBRadioEnvars::UNTRUSTED, "writable by group or others (mode 666)"},
         {"mode 620", CBRadioEnvars::UNTRUSTED, "writable by group or others (mode 620)"},
         {"symlink", CBRadioEnvars::UNTRUSTED, "symbolic link"},

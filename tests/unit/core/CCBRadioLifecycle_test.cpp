@@ -9,33 +9,33 @@
 
 namespace
 {
-    class EnvarsFile : public testing::Test
+class EnvarsFile : public testing::Test
+{
+protected:
+    void SetUp() override
     {
-    protected:
-        void SetUp() override
-        {
-            for (const char* name : {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SESSION_BUS_PID", "SVCIPC_DISPATCH_PRIORITY",
-                                     "INVOCATION_ID", "NOTIFY_SOCKET", "DBUS_STARTER_ADDRESS", "DBUS_STARTER_BUS_TYPE"})
-                ::unsetenv(name);
-            ::mkdir((mPeer.root() + "/tmp").c_str(), 0755);
-        }
+        for (const char* name : {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SESSION_BUS_PID", "SVCIPC_DISPATCH_PRIORITY",
+                                 "INVOCATION_ID", "NOTIFY_SOCKET", "DBUS_STARTER_ADDRESS", "DBUS_STARTER_BUS_TYPE"})
+            ::unsetenv(name);
+        ::mkdir((mPeer.root() + "/tmp").c_str(), 0755);
+    }
 
-        void write(const std::string& text)
-        {
-            const std::string path = mPeer.root() + "/tmp/envars.sh";
-            std::ofstream(path) << text;
-            ::chmod(path.c_str(), 0644);
-        }
+    void write(const std::string& text)
+    {
+        const std::string path = mPeer.root() + "/tmp/envars.sh";
+        std::ofstream(path) << text;
+        ::chmod(path.c_str(), 0644);
+    }
 
-        static std::string env(const char* name)
-        {
-            const char* value = std::getenv(name);
-            return value ? value : "<unset>";
-        }
+    static std::string env(const char* name)
+    {
+        const char* value = std::getenv(name);
+        return value ? value : "<unset>";
+    }
 
-        V850Peer mPeer;   // provides the private CBRADIO_ROOT
-        CCBRadio mRadio;
-    };
+    V850Peer mPeer;  // provides the private CBRADIO_ROOT
+    CCBRadio mRadio;
+};
 }
 
 TEST_F(EnvarsFile, MissingOrEmptyFileMeansNoBusUnlessAServiceManagerHandedOneOver)

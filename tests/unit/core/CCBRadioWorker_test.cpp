@@ -9,63 +9,65 @@
 
 namespace
 {
-    // Wake-ups sent before the worker first waits are lost by design; post harmless requests
-    // until one is drained, which proves the worker is now waiting for the next one.
-    void waitUntilWorkerWaits(CCBRadio& radio)
+// Wake-ups sent before the worker first waits are lost by design; post harmless requests
+// until one is drained, which proves the worker is now waiting for the next one.
+void waitUntilWorkerWaits(CCBRadio& radio)
+{
+    for (int attempt = 0; attempt < 2000; ++attempt) {
+        radio.postRequest(REQ_CBR_RESERVED_0);
+        usleep(1000);
+        radio.mReqMutex.lock();
+        const bool drained = radio.mReqList.empty();
+        radio.mReqMutex.unlock();
+        if (drained)
+            return;
+    }
+    ADD_FAILURE() << "worker never drained the queue";
+}
+
+// A service whose worker and V850 channel run against a test peer; tears both down so that
+// nothing outlives the test.
+class RunningWorker : public testing::Test
+{
+protected:
+    void SetUp() override
     {
-        for (int attempt = 0; attempt < 2000; ++attempt) {
-            radio.postRequest(REQ_CBR_RESERVED_0);
-            usleep(1000);
-            radio.mReqMutex.lock();
-            const bool drained = radio.mReqList.empty();
-            radio.mReqMutex.unlock();
-            if (drained)
-                return;
-        }
-        ADD_FAILURE() << "worker never drained the queue";
+        sig_exit.store(0);
+        ASSERT_TRUE(mPeer.listen());
+        ASSERT_EQ(1, mRadio.initializeIPCService());
+        ASSERT_TRUE(mPeer.accept());
+        mHandler = mRadio.mpIpcHandler.load();
+        waitUntilWorkerWaits(mRadio);
     }
 
-    // A service whose worker and V850 channel run against a test peer; tears both down so that
-    // nothing outlives the test.
-    class RunningWorker : public testing::Test
+    void TearDown() override
     {
-    protected:
-        void SetUp() override
-        {
-            sig_exit.store(0);
-            ASSERT_TRUE(mPeer.listen());
-            ASSERT_EQ(1, mRadio.initializeIPCService());
-            ASSERT_TRUE(mPeer.accept());
-            mHandler = mRadio.mpIpcHandler.load();
-            waitUntilWorkerWaits(mRadio);
+        sig_exit.store(1);
+        mRadio.postRequest(REQ_CBR_EXIT);
+        EXPECT_EQ(0, mRadio.waitStop());
+        EXPECT_EQ(1, mRadio.deInitializeIPCService());
+        mPeer.closeConnection();  // the reader's next read returns and it sees the stop flag
+        if (mHandler) {
+            mHandler->waitStop();
+            delete mHandler;
         }
+        sig_exit.store(0);
+    }
 
-        void TearDown() override
-        {
-            sig_exit.store(1);
-            mRadio.postRequest(REQ_CBR_EXIT);
-            EXPECT_EQ(0, mRadio.waitStop());
-            EXPECT_EQ(1, mRadio.deInitializeIPCService());
-            mPeer.closeConnection();   // the reader's next read returns and it sees the stop flag
-            if (mHandler) {
-                mHandler->waitStop();
-                delete mHandler;
-            }
-            sig_exit.store(0);
-        }
-
-        V850Peer mPeer;
-        CCBRadio mRadio;
-        CDevIpcChannelHandler* mHandler = nullptr;
-    };
+    V850Peer mPeer;
+    CCBRadio mRadio;
+    CDevIpcChannelHandler* mHandler = nullptr;
+};
 }
 
 // Every query request writes the same two bytes; reserved and unknown values write nothing.
 TEST_F(RunningWorker, QueriesAreWrittenInPostingOrderAndOtherValuesAreSkipped)
 {
-    const ERequest posted[] = {REQ_CBR_CHN_SELECT, REQ_CBR_RESERVED_4, REQ_CBR_SET_SQUELCH_LEVEL, REQ_CBR_STOP_SCAN,
-                               REQ_CBR_VERSION_INFO, REQ_CBR_ANTENNA_STATUS, REQ_CBR_ANTENNA_SENSITIVITY,
-                               REQ_CBR_TX_STATUS, static_cast<ERequest>(99), REQ_CBR_RX_STATUS};
+    const ERequest posted[] = {REQ_CBR_CHN_SELECT,          REQ_CBR_RESERVED_4,
+                               REQ_CBR_SET_SQUELCH_LEVEL,   REQ_CBR_STOP_SCAN,
+                               REQ_CBR_VERSION_INFO,        REQ_CBR_ANTENNA_STATUS,
+                               REQ_CBR_ANTENNA_SENSITIVITY, REQ_CBR_TX_STATUS,
+                               static_cast<ERequest>(99),   REQ_CBR_RX_STATUS};
     for (ERequest r : posted)
         mRadio.postRequest(r);
     for (int i = 0; i < 8; ++i)
@@ -88,16 +90,18 @@ TEST(CCBRadioWorker, ExitRequestedBeforeTheFirstWaitIsNotLost)
     usleep(50000);
     sig_exit.store(1);
     radio.mReqList.push_back(REQ_CBR_EXIT);
-    radio.mReqMutex.condSignal();   // nobody waits yet: this wake-up goes nowhere
+    radio.mReqMutex.condSignal();  // nobody waits yet: this wake-up goes nowhere
     radio.mReqMutex.unlock();
 
-    const bool drained = waitUntil([&] {
-        const std::lock_guard<CMutex> queue(radio.mReqMutex);
-        return radio.mReqList.empty();
-    }, 1000);
+    const bool drained = waitUntil(
+        [&] {
+            const std::lock_guard<CMutex> queue(radio.mReqMutex);
+            return radio.mReqList.empty();
+        },
+        1000);
     EXPECT_TRUE(drained) << "the worker waited for a wake-up that had already been sent";
     if (!drained)
-        radio.postRequest(REQ_CBR_EXIT);   // release it so that the join below returns
+        radio.postRequest(REQ_CBR_EXIT);  // release it so that the join below returns
     EXPECT_EQ(0, radio.waitStop());
     sig_exit.store(0);
 }

@@ -11,19 +11,22 @@
 
 namespace
 {
-    bool waitFor(const std::function<bool()>& condition) { return waitUntil(condition, 3000); }
+bool waitFor(const std::function<bool()>& condition)
+{
+    return waitUntil(condition, 3000);
+}
 
-    struct CountingHandler : ITimerHandler
+struct CountingHandler : ITimerHandler
+{
+    std::atomic<int> events{0};
+    std::atomic<bool> stopOwnTimer{false};
+    void handleTimerEvent(CTimer* timer) override
     {
-        std::atomic<int> events{0};
-        std::atomic<bool> stopOwnTimer{false};
-        void handleTimerEvent(CTimer* timer) override
-        {
-            ++events;
-            if (stopOwnTimer)
-                timer->stopTimer();
-        }
-    };
+        ++events;
+        if (stopOwnTimer)
+            timer->stopTimer();
+    }
+};
 }
 
 TEST(CTimerMaster, CodesStartAtFiveWrapIntoNegativeAndComeBackAfter256)
@@ -34,10 +37,10 @@ TEST(CTimerMaster, CodesStartAtFiveWrapIntoNegativeAndComeBackAfter256)
         codes.push_back(master.generateCodeId());
     EXPECT_EQ(5, codes[0]);
     EXPECT_EQ(127, codes[122]);
-    EXPECT_EQ(-128, codes[123]);   // 124th
-    EXPECT_EQ(0, codes[251]);      // 252nd
+    EXPECT_EQ(-128, codes[123]);  // 124th
+    EXPECT_EQ(0, codes[251]);     // 252nd
     EXPECT_EQ(4, codes[255]);
-    EXPECT_EQ(5, codes[256]);      // and round again
+    EXPECT_EQ(5, codes[256]);  // and round again
     EXPECT_FALSE(master.addTimer(nullptr, false));
     EXPECT_TRUE(master.removeTimer(nullptr));
 }
@@ -53,10 +56,10 @@ TEST(CTimer, PeriodicTimerKeepsFiringAndOneShotFiresOnceButStaysRunning)
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     EXPECT_EQ(1, oneShotHandler.events.load());
     EXPECT_TRUE(oneShot.isRunning());
-    EXPECT_FALSE(oneShot.startTimer(5, false));   // must be stopped first
+    EXPECT_FALSE(oneShot.startTimer(5, false));  // must be stopped first
 
     oneShot.stopTimer();
-    ASSERT_TRUE(oneShot.startTimer(5, false));     // and then starts again
+    ASSERT_TRUE(oneShot.startTimer(5, false));  // and then starts again
     EXPECT_TRUE(waitFor([&] { return oneShotHandler.events == 2; }));
     oneShot.stopTimer();
     periodic.stopTimer();
@@ -76,7 +79,7 @@ TEST(CTimerMaster, LastStopFromOutsideDeletesTheMasterAndANewStartMakesAnother)
     EXPECT_EQ(0, first.getTimerSetting().it_interval.tv_nsec);
     EXPECT_EQ(2, second.getTimerSetting().it_interval.tv_sec);
     EXPECT_EQ(250000000, second.getTimerSetting().it_interval.tv_nsec);
-    EXPECT_FALSE(first.startTimer(10, true));   // a running timer refuses a second start
+    EXPECT_FALSE(first.startTimer(10, true));  // a running timer refuses a second start
     EXPECT_FALSE(first.isPeriodic());
     first.stopTimer();
     EXPECT_NE(nullptr, CTimerMaster::m_TimerMaster.load());

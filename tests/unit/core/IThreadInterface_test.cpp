@@ -7,23 +7,23 @@
 
 namespace
 {
-    class Worker : public IThreadInterface
+class Worker : public IThreadInterface
+{
+public:
+    explicit Worker(const char* name = nullptr) : IThreadInterface(name) {}
+    void run() override
     {
-    public:
-        explicit Worker(const char* name = nullptr) : IThreadInterface(name) {}
-        void run() override
-        {
-            ++runs;
-            if (stopSelf)
-                selfStopResult = stop();
-            while (blockUntilCancelled)
-                pthread_testcancel();
-        }
-        std::atomic<int> runs{0};
-        bool stopSelf = false;
-        bool blockUntilCancelled = false;
-        int selfStopResult = 0;
-    };
+        ++runs;
+        if (stopSelf)
+            selfStopResult = stop();
+        while (blockUntilCancelled)
+            pthread_testcancel();
+    }
+    std::atomic<int> runs{0};
+    bool stopSelf = false;
+    bool blockUntilCancelled = false;
+    int selfStopResult = 0;
+};
 }
 
 TEST(IThreadInterface, SecondCreateIsIgnoredAndTheObjectCanRunAgainAfterAJoin)

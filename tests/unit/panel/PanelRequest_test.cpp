@@ -10,11 +10,11 @@ using namespace panel;
 
 TEST(PanelRequest, AcceptsExactlyTheServicesFifteenMethods)
 {
-    const char* const names[] = {
-        "reqCBRHWVersion", "reqCBRSWVersion", "reqCBRWeatherAlertOnOff", "getProperties",
-        "reqCBRStateChange", "reqCBRAdjustSquelchLevel", "reqCBRStartSeek", "reqCBRStartScan",
-        "reqCBRStopScan", "reqCBRGetPresetList", "reqCBRStorePreset", "reqCBRSelectPreset",
-        "reqCBRClearPreset", "reqCBRChangeRxToTx", "reqCBRChangeTxToRx"};
+    const char* const names[] = {"reqCBRHWVersion",     "reqCBRSWVersion",    "reqCBRWeatherAlertOnOff",
+                                 "getProperties",       "reqCBRStateChange",  "reqCBRAdjustSquelchLevel",
+                                 "reqCBRStartSeek",     "reqCBRStartScan",    "reqCBRStopScan",
+                                 "reqCBRGetPresetList", "reqCBRStorePreset",  "reqCBRSelectPreset",
+                                 "reqCBRClearPreset",   "reqCBRChangeRxToTx", "reqCBRChangeTxToRx"};
     for (const char* name : names) {
         CallRequest call;
         EXPECT_FALSE(parseCall(name, "", call)) << name;
@@ -69,8 +69,8 @@ TEST(PanelRequest, OnlyTheOwnOriginAndHostNamesPass)
     EXPECT_TRUE(isSameOrigin("", host));  // not sent by a page (curl, a navigation)
     EXPECT_TRUE(isSameOrigin("http://127.0.0.1:8027", host));
     EXPECT_TRUE(isSameOrigin("http://LOCALHOST:8027", "localhost:8027"));
-    for (const char* other : {"http://127.0.0.1:8028", "https://127.0.0.1:8027", "null",
-                              "http://evil.example", "http://127.0.0.1:8027.evil.example"})
+    for (const char* other : {"http://127.0.0.1:8028", "https://127.0.0.1:8027", "null", "http://evil.example",
+                              "http://127.0.0.1:8027.evil.example"})
         EXPECT_FALSE(isSameOrigin(other, host)) << other;
 
     const std::vector<std::string> allowed = {"127.0.0.1:8027", "localhost:8027"};

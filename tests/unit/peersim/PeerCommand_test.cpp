@@ -5,7 +5,10 @@
 
 namespace
 {
-PeerCommand parse(const std::string& line) { return PeerCommand::parse(line); }
+PeerCommand parse(const std::string& line)
+{
+    return PeerCommand::parse(line);
+}
 }
 
 TEST(PeerCommand, ServicesAreNamedByNameAliasOrBusNameInAnyCase)
@@ -70,10 +73,26 @@ TEST(PeerCommand, SignalsTakeTheirValuesAndPayloadsAsTyped)
 TEST(PeerCommand, MalformedLinesAreErrors)
 {
     // A signal has one sender; error names need a dot; numbers must fit and be whole.
-    for (const char* line : {"leave Radio", "emit all powerMode {}", "delay audio -5", "delay audio soon",
-                             "delay audio add-src 5", "delay audio m 5 6", "fail kv read Busy", "fail kv read a..b",
-                             "silent diag m extra", "emit can 9sw {}", "vox on", "power 99999999999",
-                             "routing checked", "kv set k", "kv get", "kv drop k", "sleep -1", "sleep nan",
-                             "sleep 1s", "vox 1 2", "launch"})
+    for (const char* line : {"leave Radio",
+                             "emit all powerMode {}",
+                             "delay audio -5",
+                             "delay audio soon",
+                             "delay audio add-src 5",
+                             "delay audio m 5 6",
+                             "fail kv read Busy",
+                             "fail kv read a..b",
+                             "silent diag m extra",
+                             "emit can 9sw {}",
+                             "vox on",
+                             "power 99999999999",
+                             "routing checked",
+                             "kv set k",
+                             "kv get",
+                             "kv drop k",
+                             "sleep -1",
+                             "sleep nan",
+                             "sleep 1s",
+                             "vox 1 2",
+                             "launch"})
         EXPECT_EQ(PeerCommand::ERROR, parse(line).kind) << line;
 }

@@ -13,7 +13,10 @@
 
 namespace
 {
-PeerOutcome run(PeerServices& s, const std::string& line) { return s.apply(PeerCommand::parse(line)); }
+PeerOutcome run(PeerServices& s, const std::string& line)
+{
+    return s.apply(PeerCommand::parse(line));
+}
 
 class PeerServicesTest : public ::testing::Test
 {
@@ -55,7 +58,14 @@ TEST_F(PeerServicesTest, QueriesReportWhatTheLastSignalsSaid)
 {
     const std::string vox = "{\"props\":[\"voxDetectedState\"]}", routing = "{\"props\":[\"audioRoutingStatus\"]}";
     const std::string rear = "{\"props\":[\"rearControllerState\"]}", mic = "{\"device\":\"MIC\",\"state\":\"ON\"";
-    struct { const char* command; Peer peer; const char* method; std::string args; const char* answer; } rows[] = {
+    struct
+    {
+        const char* command;
+        Peer peer;
+        const char* method;
+        std::string args;
+        const char* answer;
+    } rows[] = {
         {"", Peer::AudioManager, "getProperties", "{\"props\":[\"voxDetectedState\",\"audioRoutingStatus\"]}",
          "{\"audioRoutingStatus\":{\"headset_d\":\"checked\",\"headset_p\":\"unchecked\",\"source\":\"communication\"},"
          "\"voxDetectedState\":{\"state\":0}}"},
@@ -67,7 +77,8 @@ TEST_F(PeerServicesTest, QueriesReportWhatTheLastSignalsSaid)
         {"diag-reply 2 busy", Peer::DiagnosticService, "reqGetDiagInspectionModeStatus", "",
          "{\"code\":2,\"description\":\"busy\"}"},
         // Microphones follow the user: the driver's, else the passenger's.
-        {"", Peer::AudioManager, "setDeviceState", mic + ",\"user\":\"driver\"}", "{\"MIC_D\":\"ON\",\"MIC_P\":\"OFF\"}"},
+        {"", Peer::AudioManager, "setDeviceState", mic + ",\"user\":\"driver\"}",
+         "{\"MIC_D\":\"ON\",\"MIC_P\":\"OFF\"}"},
         {"", Peer::AudioManager, "setDeviceState", mic + "}", "{\"MIC_D\":\"ON\",\"MIC_P\":\"ON\"}"},
     };
     PeerServices s("");
@@ -79,14 +90,16 @@ TEST_F(PeerServicesTest, QueriesReportWhatTheLastSignalsSaid)
     run(s, "power 4");
     EXPECT_EQ("{\"value\":4}", s.onCall(Peer::MERIDOOnOff, "getPowerMode", "").signals.at(0).payload)
         << "the power mode is answered with its signal";
-    EXPECT_EQ(PeerAnswer::ERROR, s.onCall(Peer::AudioManager, "setDeviceState", "{\"device\":{},\"state\":\"ON\"}").kind);
+    EXPECT_EQ(PeerAnswer::ERROR,
+              s.onCall(Peer::AudioManager, "setDeviceState", "{\"device\":{},\"state\":\"ON\"}").kind);
 }
 
 // An answer with an error code reaches the daemon in the e2e cooperation tests.
 TEST_F(PeerServicesTest, ReadOutsTakeTheirTime)
 {
     PeerServices s("");
-    const std::string args = "{\"data\":\"tune to 162.475 MHz \",\"dataIsFile\":false,\"readoutType\":\"WEATHER_ALERT\"}";
+    const std::string args =
+        "{\"data\":\"tune to 162.475 MHz \",\"dataIsFile\":false,\"readoutType\":\"WEATHER_ALERT\"}";
     PeerAnswer a = s.onCall(Peer::TextToSpeechService, "ttsReadout", args);
     EXPECT_EQ("{\"code\":0,\"description\":\"success\"}", a.text);
     EXPECT_EQ(1500, a.delayMs);

@@ -27,7 +27,11 @@ TEST(CJTSortedScopeDefList, SortsByFullNameAndFindsTheFirstMatch)
                                         "Sort_B_mid", "Sort_B_zeta"}),
               names);
 
-    struct Case { const char* prefix; size_t first; };
+    struct Case
+    {
+        const char* prefix;
+        size_t first;
+    };
     // A full name that is a proper beginning of the prefix is before it, not a match.
     for (Case c : {Case{"Sort_B", 2}, Case{"Sort_B_", 4}, Case{"Sort_B_m", 5}, Case{"Sort_A", 0}, Case{"", 0},
                    Case{"Sort_AB_x", 7}, Case{"Sort_C", 7}, Case{"Sort_0", 7}})

@@ -57,7 +57,8 @@ TEST_F(AllSlots, HandlersRunInMediaBitOrderWithTheMessageInformation)
     helper().sendTraceMsg(2, "some", def);
     def.setMedia(0xF0);  // bits above 8 select nothing
     helper().sendTraceMsg(2, "none", def);
-    EXPECT_EQ((std::vector<std::string>{"slot1:all", "slot2:all", "slot4:all", "slot8:all", "slot1:some", "slot4:some"}),
+    EXPECT_EQ((std::vector<std::string>{"slot1:all", "slot2:all", "slot4:all", "slot8:all", "slot1:some",
+                                        "slot4:some"}),
               gCalls);
     const CJTTraceHelper::tTraceMessageInfo& info = gInfos.back();
     EXPECT_EQ(2, info.kind);

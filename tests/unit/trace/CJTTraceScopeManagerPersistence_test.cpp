@@ -127,23 +127,27 @@ TEST_F(PersistenceFixture, BinaryBlockRoundTripsAndRefusesOtherSizes)
 TEST_F(PersistenceFixture, TextFileVersionsAreCheckedOnTheHeaderAndOnlyRegularFilesAreRead)
 {
     CJTTraceScopeDef def("TextVer_A", "a");
-    struct Case { const char* version; bool accepted; };
+    struct Case
+    {
+        const char* version;
+        bool accepted;
+    };
     for (Case c : {Case{"1.1.0", true}, Case{"1.0.9", true}, Case{"1.1.77", true}, Case{"1.2.0", false},
                    Case{"2.0.0", false}, Case{"0.9.0", false}}) {
         def.setFilter(0);
         const std::string file = textFile(header(c.version) + "TextVer_A 40 08\n");
         EXPECT_EQ(c.accepted, manager().loadTextPersistence(file.c_str())) << c.version;
         EXPECT_EQ(c.accepted ? 0x40 : 0, def.getFilter()) << c.version;
-        const std::string refused = "2 Unable to load text trace persistence: '" + file +
-                                    "' requires version " + c.version + ", but current version is 1.1.0.";
+        const std::string refused = "2 Unable to load text trace persistence: '" + file + "' requires version " +
+                                    c.version + ", but current version is 1.1.0.";
         EXPECT_EQ(c.accepted ? std::vector<std::string>{} : std::vector<std::string>{refused}, diagnostics());
     }
     const std::string noVersion = textFile("JTTracePersistence one\nTextVer_A 40 08\n");
     EXPECT_FALSE(manager().loadTextPersistence(noVersion.c_str()));
     EXPECT_FALSE(manager().loadTextPersistence("/nonexistent/unit_trace.tp"));
-    EXPECT_EQ((std::vector<std::string>{"2 Unable to load text trace persistence: '" + noVersion +
-                                            "' does not include version info.",
-                                        "32 Unable to load text trace persistence: '/nonexistent/unit_trace.tp' does not exist"}),
+    EXPECT_EQ((std::vector<std::string>{
+                  "2 Unable to load text trace persistence: '" + noVersion + "' does not include version info.",
+                  "32 Unable to load text trace persistence: '/nonexistent/unit_trace.tp' does not exist"}),
               diagnostics());
 
     // A FIFO (which would wait for a writer) and a socket are refused at once, like an unreadable
@@ -170,18 +174,17 @@ TEST_F(PersistenceFixture, TextFileSectionsPrefixesAndOverrides)
     CJTTraceScopeDef timer("TextSec_CTimer", "fire");
     manager().setSilent(true);  // loading a text file always ends silent mode
 
-    const std::string file = textFile(header("1.1.0") +
-                  "# comment line\n"
-                  "TextSec_CCBRadio 7f 1\n"
-                  "\n"
-                  "[other_process]\n"
-                  "TextSec_CTimer ff ff\n"
-                  "[unit_trace]\n"
-                  "TextSec_CCBRadio_start 02 08 3\n"
-                  "TextSec_CTimer 20\n"
-                  "TextSec_Missing 1 1\n"
-                  "[*]\n"
-                  "TextSec_CTimer 40 4 1ff\n");
+    const std::string file = textFile(header("1.1.0") + "# comment line\n"
+                                                        "TextSec_CCBRadio 7f 1\n"
+                                                        "\n"
+                                                        "[other_process]\n"
+                                                        "TextSec_CTimer ff ff\n"
+                                                        "[unit_trace]\n"
+                                                        "TextSec_CCBRadio_start 02 08 3\n"
+                                                        "TextSec_CTimer 20\n"
+                                                        "TextSec_Missing 1 1\n"
+                                                        "[*]\n"
+                                                        "TextSec_CTimer 40 4 1ff\n");
     EXPECT_TRUE(manager().loadTextPersistence(file.c_str()));
     EXPECT_FALSE(manager().isSilent());
     // The hex fields take at most two digits, so "1ff" gives 0x1F.

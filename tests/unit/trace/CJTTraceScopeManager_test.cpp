@@ -79,7 +79,9 @@ TEST(CJTTraceScopeManager, ConfiguresByPrefixStarAndEmpty)
     CJTTraceScopeDef start("ByName_CCBRadio", "startService");
     CJTTraceScopeDef longer("ByName_CCBRadiox", "other");
     CJTTraceScopeDef elsewhere("ByName_CTimer", "start");
-    auto all = [&] { return std::vector<std::string>{settings(run), settings(start), settings(longer), settings(elsewhere)}; };
+    auto all = [&] {
+        return std::vector<std::string>{settings(run), settings(start), settings(longer), settings(elsewhere)};
+    };
 
     EXPECT_TRUE(manager().configureScopesByName("ByName_CCBRadio_", 0x7F, 0x01));
     EXPECT_TRUE(manager().configureScopesByName("ByName_CCBRadio_run", 0x40, 0x08, 9));

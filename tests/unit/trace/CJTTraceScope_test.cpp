@@ -49,11 +49,15 @@ TEST(CJTTraceScope, FilterMediaAndSilentModeGateEveryMessage)
 
     // The entry bit switches both the entry and the exit record.
     def.setFilter(4);
-    { CJTTraceScope entered(def); }
+    {
+        CJTTraceScope entered(def);
+    }
     EXPECT_EQ((Lines{"4 Scope_Gate_f", "8 Scope_Gate_f"}), recorder.take());
     EXPECT_EQ(&def, Recorder::sLastDef);
     def.setFilter(8);
-    { CJTTraceScope entered(def); }
+    {
+        CJTTraceScope entered(def);
+    }
     EXPECT_TRUE(recorder.take().empty());
 }
 
@@ -119,7 +123,8 @@ TEST(CJTTraceScope, ConsoleLinesGoWholeToTheRightStream)
     scope.sendWarning("careful");
     scope.sendMessage("50% done");
     const std::string err = ::testing::internal::GetCapturedStderr();
-    EXPECT_EQ((Lines{"[MSG]" + ids + "hello 42", "[MSG]" + ids + "50% done"}), withoutTimes(::testing::internal::GetCapturedStdout()));
+    EXPECT_EQ((Lines{"[MSG]" + ids + "hello 42", "[MSG]" + ids + "50% done"}),
+              withoutTimes(::testing::internal::GetCapturedStdout()));
     EXPECT_EQ((Lines{"[ERR]" + ids + "broken", "[WRN]" + ids + "careful"}), withoutTimes(err));
 }
 
@@ -145,7 +150,7 @@ TEST(CJTTraceScope, ConsoleLinesOfManyThreadsNeverInterleave)
         int t = -1, n = -1;
         ASSERT_EQ(2, std::sscanf(line.c_str(), "[MSG] (%*u.%*u): thread %d line %d", &t, &n)) << line;
         EXPECT_EQ(line.substr(line.find("): ")), "): thread " + std::to_string(t) + " line " + std::to_string(n) +
-                                                      " 0123456789012345678901234567890123456789");
+                                                     " 0123456789012345678901234567890123456789");
         EXPECT_EQ(next.at(t)++, n) << line;
     }
     EXPECT_EQ(std::vector<int>(threads, lines), next);

@@ -68,7 +68,8 @@ public:
     SyslogLines()
     {
         sLog.take();
-        JTSyslog::setMirror([](unsigned int severity, const char* line) { sLog.add(std::to_string(severity) + " " + line); });
+        JTSyslog::setMirror(
+            [](unsigned int severity, const char* line) { sLog.add(std::to_string(severity) + " " + line); });
     }
     ~SyslogLines() { JTSyslog::setMirror(nullptr); }
     std::vector<std::string> take() { return sLog.take(); }

@@ -7,15 +7,15 @@
 
 namespace
 {
-    CJTTraceCommand parse(std::vector<uint8_t> bytes, bool* ok = nullptr)
-    {
-        CJTByteStream in(bytes.data(), static_cast<uint32_t>(bytes.size()));
-        CJTTraceCommand c;
-        bool r = c.readFrom(in);
-        if (ok)
-            *ok = r;
-        return c;
-    }
+CJTTraceCommand parse(std::vector<uint8_t> bytes, bool* ok = nullptr)
+{
+    CJTByteStream in(bytes.data(), static_cast<uint32_t>(bytes.size()));
+    CJTTraceCommand c;
+    bool r = c.readFrom(in);
+    if (ok)
+        *ok = r;
+    return c;
+}
 }
 
 // Only a call (command 9) has data, as many bytes as its parameter says or as arrived.

@@ -7,14 +7,14 @@
 
 namespace
 {
-    CJTTraceScopeDef gsFirst("Test_CFirst", "one");
-    CJTTraceScopeDef gsSecond("Test_CSecond", "two");
+CJTTraceScopeDef gsFirst("Test_CFirst", "one");
+CJTTraceScopeDef gsSecond("Test_CSecond", "two");
 
-    // Scope index, value and range length as the server packs them.
-    uint32_t param(int first, uint8_t value, uint8_t count = 0)
-    {
-        return static_cast<uint16_t>(first) | static_cast<uint32_t>(value) << 16 | static_cast<uint32_t>(count) << 24;
-    }
+// Scope index, value and range length as the server packs them.
+uint32_t param(int first, uint8_t value, uint8_t count = 0)
+{
+    return static_cast<uint16_t>(first) | static_cast<uint32_t>(value) << 16 | static_cast<uint32_t>(count) << 24;
+}
 }
 
 TEST(CJTTraceHelperCommands, FilterMediaSilentAndUnknownCommands)

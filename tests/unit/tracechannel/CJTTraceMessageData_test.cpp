@@ -7,27 +7,30 @@
 
 namespace
 {
-    using Bytes = std::vector<uint8_t>;
-    using M = CJTTraceMessageData;
+using Bytes = std::vector<uint8_t>;
+using M = CJTTraceMessageData;
 
-    Bytes operator+(Bytes a, const Bytes& b)
-    {
-        a.insert(a.end(), b.begin(), b.end());
-        return a;
-    }
-    Bytes text(const std::string& s) { return Bytes(s.c_str(), s.c_str() + s.size() + 1); }
-    // Header (class, sub-code, the 16-bit length twice, two zero bytes) and body.
-    Bytes record(uint8_t cls, uint8_t sub, const Bytes& body)
-    {
-        const uint8_t low = uint8_t(body.size()), high = uint8_t(body.size() >> 8);
-        return Bytes{cls, sub, low, high, low, high, 0, 0} + body;
-    }
-    Bytes bytesOf(const M& m)
-    {
-        CJTByteStream out;
-        m.serialize(out);
-        return Bytes(out.getData(), out.getData() + out.getSize());
-    }
+Bytes operator+(Bytes a, const Bytes& b)
+{
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+Bytes text(const std::string& s)
+{
+    return Bytes(s.c_str(), s.c_str() + s.size() + 1);
+}
+// Header (class, sub-code, the 16-bit length twice, two zero bytes) and body.
+Bytes record(uint8_t cls, uint8_t sub, const Bytes& body)
+{
+    const uint8_t low = uint8_t(body.size()), high = uint8_t(body.size() >> 8);
+    return Bytes{cls, sub, low, high, low, high, 0, 0} + body;
+}
+Bytes bytesOf(const M& m)
+{
+    CJTByteStream out;
+    m.serialize(out);
+    return Bytes(out.getData(), out.getData() + out.getSize());
+}
 }
 
 TEST(CJTTraceMessageData, RecordBytesOfEveryBuilder)
@@ -38,7 +41,8 @@ TEST(CJTTraceMessageData, RecordBytesOfEveryBuilder)
         {M::makeProgress(1, 7, 10), record(18, 1, {7, 0, 0, 0, 10, 0, 0, 0, 7, 0, 0, 0})},
         {M::makeCount(6, 150, 7), record(20, 6, {150, 0, 0, 0, 7, 0, 0, 0})},
         {M::makeProcessInfo(1, 7, 300, 1, nullptr), record(23, 1, {7, 0, 0, 0, 0x2C, 0x01, 1, 0})},  // no name: empty
-        {M::makeScopeInfo(7, 2, 5, 0x0F, 0x7F, "CBRadio_x_y"), record(24, 0, Bytes{7, 0, 0, 0, 2, 0, 5, 0x0F, 0x7F} + text("CBRadio_x_y"))},
+        {M::makeScopeInfo(7, 2, 5, 0x0F, 0x7F, "CBRadio_x_y"),
+         record(24, 0, Bytes{7, 0, 0, 0, 2, 0, 5, 0x0F, 0x7F} + text("CBRadio_x_y"))},
         {M::makeLogMessage(64, 1, 7, 257, nullptr), record(38, 64, {1, 0, 0, 0, 7, 0, 0, 0, 0x01, 0x01, 1, 0})},
         {M::makeTraceMessageEx(32, 1, 2, 3, 4, 0xDEADBEEF, nullptr),
          record(40, 32, {1, 0, 0, 0, 2, 0, 0, 0, 3, 0, 0, 0, 0, 0, 4, 0, 0xEF, 0xBE, 0xAD, 0xDE})},

@@ -9,21 +9,21 @@ using namespace TraceProtocol;
 
 namespace
 {
-    Bytes wire(const CJTTraceMessageData& m)
-    {
-        CJTByteStream out;
-        m.serialize(out);
-        return Bytes(out.getData(), out.getData() + out.getSize());
-    }
+Bytes wire(const CJTTraceMessageData& m)
+{
+    CJTByteStream out;
+    m.serialize(out);
+    return Bytes(out.getData(), out.getData() + out.getSize());
+}
 
-    Record parsed(const CJTTraceMessageData& m)
-    {
-        Bytes b = wire(m);
-        Record r;
-        std::string why;
-        EXPECT_TRUE(parseRecord(b.data(), b.size(), r, &why)) << why;
-        return r;
-    }
+Record parsed(const CJTTraceMessageData& m)
+{
+    Bytes b = wire(m);
+    Record r;
+    std::string why;
+    EXPECT_TRUE(parseRecord(b.data(), b.size(), r, &why)) << why;
+    return r;
+}
 }
 
 // Messages and scope records are read end to end by the trace server's e2e test; here the records
@@ -47,12 +47,12 @@ TEST(TraceProtocol, RefusesInconsistentRecordsWithoutReadingPastThem)
 {
     Bytes b = wire(CJTTraceMessageData::makeProcessInfo(0, 10, 3, 0, "Proc"));
     Record r;
-    EXPECT_FALSE(parseRecord(b.data(), 7, r));           // shorter than a header
-    EXPECT_FALSE(parseRecord(b.data(), b.size() - 1, r)); // body shorter than announced
+    EXPECT_FALSE(parseRecord(b.data(), 7, r));             // shorter than a header
+    EXPECT_FALSE(parseRecord(b.data(), b.size() - 1, r));  // body shorter than announced
     Bytes lengths = b;
-    lengths[2] ^= 1;                                      // the two lengths disagree
+    lengths[2] ^= 1;  // the two lengths disagree
     EXPECT_FALSE(parseRecord(lengths.data(), lengths.size(), r));
-    Bytes tiny = {17, 64, 2, 0, 2, 0, 0, 0, 1, 2};        // a message body too short for its fields
+    Bytes tiny = {17, 64, 2, 0, 2, 0, 0, 0, 1, 2};  // a message body too short for its fields
     EXPECT_FALSE(parseRecord(tiny.data(), tiny.size(), r));
     Bytes unknown = {99, 1, 1, 0, 1, 0, 0, 0, 0xAB};
     ASSERT_TRUE(parseRecord(unknown.data(), unknown.size(), r));

@@ -8,38 +8,38 @@ using TraceUserCommand::translate;
 
 namespace
 {
-    Record rec(uint8_t cls, uint8_t sub, uint32_t index, const std::string& name, uint32_t value = 0)
-    {
-        Record r;
-        r.recordClass = cls;
-        r.subCode = sub;
-        r.index = index;
-        r.name = name;
-        r.value = value;
-        return r;
-    }
+Record rec(uint8_t cls, uint8_t sub, uint32_t index, const std::string& name, uint32_t value = 0)
+{
+    Record r;
+    r.recordClass = cls;
+    r.subCode = sub;
+    r.index = index;
+    r.name = name;
+    r.value = value;
+    return r;
+}
 
-    // A process that knows scopes 0..299 ("S_<i>", 5 and 6 also "Radio_...") and two callbacks.
-    void learn(TraceSession& s)
-    {
-        s.expect(TraceSession::Await::SCOPES);
-        s.onRecord(rec(REC_COUNT, COUNT_SCOPES, 0, "", 300));
-        for (uint32_t i = 0; i < 300; ++i)
-            s.onRecord(rec(REC_SCOPE, 0, i, i == 5 || i == 6 ? "Radio_" + std::to_string(i) : "S_" + std::to_string(i)));
-        s.expect(TraceSession::Await::CALLBACKS);
-        s.onRecord(rec(REC_PROGRESS, PROGRESS_START, 0, "", 2));
-        Record cb = rec(REC_CALLBACK, 0, 0, "echo");
-        cb.paramCount = 2;
-        s.onRecord(cb);
-        s.onRecord(rec(REC_CALLBACK_PARAM, TYPE_STRING, 0, "text"));
-        s.onRecord(rec(REC_CALLBACK_PARAM, TYPE_INT, 0, "n"));
-        Record plain = rec(REC_CALLBACK, CALLBACK_LAST, 1, "plain");
-        plain.paramCount = 1;
-        s.onRecord(plain);
-        EXPECT_TRUE(s.awaiting());
-        s.onRecord(rec(REC_CALLBACK_PARAM, TYPE_INT, 1, "Generated default parameter"));
-        EXPECT_FALSE(s.awaiting());
-    }
+// A process that knows scopes 0..299 ("S_<i>", 5 and 6 also "Radio_...") and two callbacks.
+void learn(TraceSession& s)
+{
+    s.expect(TraceSession::Await::SCOPES);
+    s.onRecord(rec(REC_COUNT, COUNT_SCOPES, 0, "", 300));
+    for (uint32_t i = 0; i < 300; ++i)
+        s.onRecord(rec(REC_SCOPE, 0, i, i == 5 || i == 6 ? "Radio_" + std::to_string(i) : "S_" + std::to_string(i)));
+    s.expect(TraceSession::Await::CALLBACKS);
+    s.onRecord(rec(REC_PROGRESS, PROGRESS_START, 0, "", 2));
+    Record cb = rec(REC_CALLBACK, 0, 0, "echo");
+    cb.paramCount = 2;
+    s.onRecord(cb);
+    s.onRecord(rec(REC_CALLBACK_PARAM, TYPE_STRING, 0, "text"));
+    s.onRecord(rec(REC_CALLBACK_PARAM, TYPE_INT, 0, "n"));
+    Record plain = rec(REC_CALLBACK, CALLBACK_LAST, 1, "plain");
+    plain.paramCount = 1;
+    s.onRecord(plain);
+    EXPECT_TRUE(s.awaiting());
+    s.onRecord(rec(REC_CALLBACK_PARAM, TYPE_INT, 1, "Generated default parameter"));
+    EXPECT_FALSE(s.awaiting());
+}
 }
 
 TEST(TraceUserCommand, FilterAndMediaTargets)

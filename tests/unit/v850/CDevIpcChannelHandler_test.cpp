@@ -13,30 +13,30 @@
 
 namespace
 {
-    // Keeps every frame handed on, as long as the reader said it was.
-    class RecordingProcessor : public IMsgProcessor
+// Keeps every frame handed on, as long as the reader said it was.
+class RecordingProcessor : public IMsgProcessor
+{
+public:
+    void processMsg(unsigned char* data, unsigned int length) override
     {
-    public:
-        void processMsg(unsigned char* data, unsigned int length) override
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            mFrames.emplace_back(data, data + (length > 128 ? 0 : length));
-            mChanged.notify_all();
-        }
+        std::lock_guard<std::mutex> lock(mMutex);
+        mFrames.emplace_back(data, data + (length > 128 ? 0 : length));
+        mChanged.notify_all();
+    }
 
-        // The frames once there are `count` of them (or after two seconds).
-        std::vector<V850Peer::Frame> frames(size_t count)
-        {
-            std::unique_lock<std::mutex> lock(mMutex);
-            mChanged.wait_for(lock, std::chrono::seconds(2), [&] { return mFrames.size() >= count; });
-            return mFrames;
-        }
+    // The frames once there are `count` of them (or after two seconds).
+    std::vector<V850Peer::Frame> frames(size_t count)
+    {
+        std::unique_lock<std::mutex> lock(mMutex);
+        mChanged.wait_for(lock, std::chrono::seconds(2), [&] { return mFrames.size() >= count; });
+        return mFrames;
+    }
 
-    private:
-        std::mutex mMutex;
-        std::condition_variable mChanged;
-        std::vector<V850Peer::Frame> mFrames;
-    };
+private:
+    std::mutex mMutex;
+    std::condition_variable mChanged;
+    std::vector<V850Peer::Frame> mFrames;
+};
 }
 
 TEST(CDevIpcChannelHandler, EachReadReachesTheProcessorAsOneFrameAndAStopJoinsASilentReader)
@@ -70,7 +70,7 @@ TEST(CDevIpcChannelHandler, EachReadReachesTheProcessorAsOneFrameAndAStopJoinsAS
     EXPECT_EQ(2u, processor->frames(0).size());
 
     peer.closeConnection();
-    EXPECT_EQ(-1, handler.writeData(frame, 3));   // EPIPE, not SIGPIPE
+    EXPECT_EQ(-1, handler.writeData(frame, 3));  // EPIPE, not SIGPIPE
 }
 
 TEST(CDevIpcChannelHandler, MissingDeviceFailsTheTriggerWithoutAThread)

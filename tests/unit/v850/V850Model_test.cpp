@@ -5,16 +5,16 @@
 
 namespace
 {
-    std::vector<V850Frame> answer(V850Model& m, V850Frame frame)
-    {
-        return m.onFrame(frame.data(), frame.size());
-    }
+std::vector<V850Frame> answer(V850Model& m, V850Frame frame)
+{
+    return m.onFrame(frame.data(), frame.size());
+}
 
-    V850Frame only(const std::vector<V850Frame>& frames)
-    {
-        EXPECT_EQ(1u, frames.size());
-        return frames.empty() ? V850Frame() : frames[0];
-    }
+V850Frame only(const std::vector<V850Frame>& frames)
+{
+    EXPECT_EQ(1u, frames.size());
+    return frames.empty() ? V850Frame() : frames[0];
+}
 }
 
 // One model through a session: each frame from the head unit with the answer it must get, in
@@ -25,7 +25,11 @@ TEST(V850Model, AnswersLikeTheMicrocontrollerAndRefusesWhatIsOutOfRange)
     m.setHardwareVersion('A', '7');
     m.setSoftwareVersion("V1.2");
     EXPECT_EQ((std::vector<V850Frame>{{0x01, 0x01, 0x00}, {0x0F, 0x01, 0x00}}), m.announcement());
-    struct { V850Frame request; std::vector<V850Frame> answers; } session[] = {
+    struct
+    {
+        V850Frame request;
+        std::vector<V850Frame> answers;
+    } session[] = {
         {{0x07, 0x00}, {{0x07, 0x02, 'A', '7'}}},
         {{0x08, 0x00}, {{0x08, 0x0A, 'V', '1', '.', '2', ' ', ' ', ' ', ' ', ' ', ' '}}},
         {{0x0C, 0x01, 0x01}, {{0x0B, 0x01, 0x01}}},
@@ -37,12 +41,12 @@ TEST(V850Model, AnswersLikeTheMicrocontrollerAndRefusesWhatIsOutOfRange)
         {{0x02, 0x01, 0x00}, {{0x02, 0x02, 0x00, 0xA1}}},
         {{0x03, 0x01, 0x0E}, {{0x03, 0x02, 0x0E, 0xA0}}},
         {{0x03, 0x01, 0x0F}, {{0x03, 0x02, 0x0F, 0xA1}}},
-        {{0x00, 0x01}, {}},                    // status queries have no answer
+        {{0x00, 0x01}, {}},  // status queries have no answer
         {{}, {}},
         {{0x07}, {}},
-        {{0x02, 0x01}, {}},                    // payload missing
-        {{0x02, 0x01, 0x05, 0xA0}, {}},        // one byte too many
-        {{0x07, 0x01, 0x00}, {}},              // query with a payload
+        {{0x02, 0x01}, {}},              // payload missing
+        {{0x02, 0x01, 0x05, 0xA0}, {}},  // one byte too many
+        {{0x07, 0x01, 0x00}, {}},        // query with a payload
         {{0x42, 0x00}, {}},
     };
     for (auto& row : session)
@@ -51,11 +55,11 @@ TEST(V850Model, AnswersLikeTheMicrocontrollerAndRefusesWhatIsOutOfRange)
 
     m.refuseNext(0x55);
     EXPECT_EQ((V850Frame{0x02, 0x02, 0x05, 0x55}), only(answer(m, {0x02, 0x01, 0x05})));
-    EXPECT_EQ((V850Frame{0x02, 0x02, 0x05, 0xA0}), only(answer(m, {0x02, 0x01, 0x05})));   // one answer only
+    EXPECT_EQ((V850Frame{0x02, 0x02, 0x05, 0xA0}), only(answer(m, {0x02, 0x01, 0x05})));  // one answer only
     m.refuseNext(0x00);
-    EXPECT_EQ((V850Frame{0x01, 0x02, 0x01, 0x00}), only(answer(m, {0x01, 0x01, 0x00})));   // still on
+    EXPECT_EQ((V850Frame{0x01, 0x02, 0x01, 0x00}), only(answer(m, {0x01, 0x01, 0x00})));  // still on
     m.hardwareConnection(1);
-    m.hardwareConnection(2);   // not a state; reported as given, remembered not
+    m.hardwareConnection(2);  // not a state; reported as given, remembered not
     EXPECT_EQ((std::vector<V850Frame>{{0x01, 0x01, 0x01}, {0x0F, 0x01, 0x01}}), m.announcement());
 }
 
@@ -81,7 +85,11 @@ TEST(V850Model, ScanStepsUpwardsWithWrapUntilStoppedOrSwitchedOff)
 TEST(V850Command, ReportsBecomeTheirFrames)
 {
     V850Model m;
-    struct { const char* line; V850Frame frame; } cases[] = {
+    struct
+    {
+        const char* line;
+        V850Frame frame;
+    } cases[] = {
         {"alert 3 0", {0x0C, 0x02, 0x00, 0x03}},
         {"tx on", {0x0A, 0x02, 0x01, 0x00}},
         {"channel 0x10", {0x02, 0x02, 0x10, 0xA0}},  // numbers in hex too
@@ -101,7 +109,7 @@ TEST(V850Command, ControlCommandsAndErrors)
 {
     V850Model m;
     EXPECT_EQ(V850Command::NONE, V850Command::parse("   # only a comment", m).kind);
-    V850Command carrier = V850Command::parse("carrier 300", m);   // Rx on, then idle after the pause
+    V850Command carrier = V850Command::parse("carrier 300", m);  // Rx on, then idle after the pause
     ASSERT_EQ(2u, carrier.steps.size());
     EXPECT_EQ((V850Frame{0x0A, 0x02, 0x00, 0x01}), carrier.steps[0].frame);
     EXPECT_EQ(300, carrier.steps[0].waitMs);
