@@ -26,6 +26,7 @@
 #include "JTDeviceNode.h"
 #include "PlainDbus.h"
 
+#include <algorithm>
 #include <benchmark/benchmark.h>
 
 #include <poll.h>
@@ -45,6 +46,8 @@ using Clock = std::chrono::steady_clock;
 const std::string kEchoName = "bench.busservice.PlainEcho";
 const std::string kEchoPath = "/bench/busservice/PlainEcho";
 const std::string kTwinName = "bench.busservice.PlainEchoTwin";
+const std::string kLibEchoName = "bench.busservice.LibraryEcho";
+const std::string kThreadedEchoName = "bench.busservice.ThreadedEcho";
 const std::string kRelayName = "bench.busservice.PlainRelay";
 const std::string kRelayPath = "/bench/busservice/PlainRelay";
 const std::string kBareRelayName = "bench.busservice.PlainBareRelay";
@@ -58,6 +61,8 @@ const std::chrono::milliseconds kRound(500);
 const BenchStats::Subject kService = {"service", "service"};
 const BenchStats::Subject kEcho = {"plain", "plain echo process"};
 const BenchStats::Subject kTwin = {"twin", "identical plain echo process"};
+const BenchStats::Subject kLibEcho = {"lib", "library echo process"};
+const BenchStats::Subject kThreadedEcho = {"threaded", "plain echo process with an idle second thread"};
 const BenchStats::Subject kRelay = {"plain", "plain relay process pausing 1 ms after each read"};
 const BenchStats::Subject kBareRelay = {"plain", "plain relay process without the pause"};
 const int kWarmUps = 30;
@@ -81,6 +86,8 @@ struct Setup
     int bareRelayListen = -1;
     int bareRelay = -1;
     pid_t echoPid = -1;
+    pid_t libEchoPid = -1;
+    pid_t threadedEchoPid = -1;
     DBusConnection* client = nullptr;
     PlainDbus::SignalWatch subscriber;
     Arrival serviceSignals;
@@ -127,7 +134,9 @@ struct Setup
         const std::string peer = BENCH_PLAINPEER;
         echoPid = unit.spawn({peer, "echo", kEchoName, kEchoPath, reply}, "plainecho");
         unit.spawn({peer, "echo", kTwinName, kEchoPath, reply}, "plaintwin");
-        for (const std::string& name : {kEchoName, kTwinName}) {
+        libEchoPid = unit.spawn({BENCH_LIBPEER, kLibEchoName, kEchoPath, reply}, "libraryecho");
+        threadedEchoPid = unit.spawn({peer, "threaded-echo", kThreadedEchoName, kEchoPath, reply}, "threadedecho");
+        for (const std::string& name : {kEchoName, kTwinName, kLibEchoName, kThreadedEchoName}) {
             if (!HeadUnit::waitUntil([&] { return PlainDbus::call(client, name, kEchoPath, kMethod, ""); }, 5000))
                 return fail("a plain echo server did not answer: " + HeadUnit::readFile(unit.path("plainecho.err")) +
                             HeadUnit::readFile(unit.path("plaintwin.err")));
@@ -277,42 +286,65 @@ void BM_V850FrameToSignalBare(benchmark::State& state)
                                 kService, kBareRelay, serviceFrameToSignal, bareFrameToSignal, kWarmUps);
 }
 
-void BM_FourClients(benchmark::State& state)
+// One server's rounds: its rates and CPU per call, and the sums over the whole run.
+struct Series
 {
-    if (!ready(state))
-        return;
-    const pid_t daemon = gSetup->unit.daemonPid();
-    const pid_t echo = gSetup->echoPid;
-    std::vector<double> serviceRate, plainRate, serviceCpu, plainCpu;
-    Round serviceTotal, plainTotal;
-    auto add = [](const Round& round, std::vector<double>& rate, std::vector<double>& cpu, Round& total) {
+    Series(std::string name, pid_t pid) : name(std::move(name)), pid(pid) {}
+
+    std::string name;
+    pid_t pid;
+    std::vector<double> rate, cpu;
+    Round total;
+
+    void add(const Round& round)
+    {
         rate.push_back(round.callsPerSecond);
         cpu.push_back(round.cpuPerCallUs);
         total.calls += round.calls;
         total.cpuSeconds += round.cpuSeconds;
-    };
-    bool serviceFirst = true;
-    for (auto _ : state) {
-        if (serviceFirst) {
-            add(loadRound(HeadUnit::kServiceName, HeadUnit::kServicePath, daemon), serviceRate, serviceCpu,
-                serviceTotal);
-            add(loadRound(kEchoName, kEchoPath, echo), plainRate, plainCpu, plainTotal);
-        } else {
-            add(loadRound(kEchoName, kEchoPath, echo), plainRate, plainCpu, plainTotal);
-            add(loadRound(HeadUnit::kServiceName, HeadUnit::kServicePath, daemon), serviceRate, serviceCpu,
-                serviceTotal);
-        }
-        serviceFirst = !serviceFirst;
     }
-    BenchStats::report(state, {"calls", "4 clients: calls per second", "/s"}, kService, kEcho, serviceRate, plainRate);
-    BenchStats::report(state, {"cpu", "4 clients: server CPU per call", "us"}, kService, kEcho, serviceCpu, plainCpu);
-    const double serviceWhole = serviceTotal.calls > 0 ? serviceTotal.cpuSeconds * 1e6 / serviceTotal.calls : 0;
-    const double plainWhole = plainTotal.calls > 0 ? plainTotal.cpuSeconds * 1e6 / plainTotal.calls : 0;
+    double wholeCpuPerCall() const { return total.calls > 0 ? total.cpuSeconds * 1e6 / total.calls : 0; }
+};
+
+void BM_FourClients(benchmark::State& state)
+{
+    if (!ready(state))
+        return;
+    // Two servers tell where the service's cost comes from: the library's echo server, and the
+    // plain echo in a threaded process (libdbus takes about 80 mutexes per call, which glibc
+    // makes cheap only while a process has a single thread).
+    Series service{HeadUnit::kServiceName, gSetup->unit.daemonPid()};
+    Series plain{kEchoName, gSetup->echoPid};
+    Series library{kLibEchoName, gSetup->libEchoPid};
+    Series threaded{kThreadedEchoName, gSetup->threadedEchoPid};
+    std::vector<Series*> order = {&service, &plain, &library, &threaded};
+    for (auto _ : state) {
+        for (Series* s : order)
+            s->add(loadRound(s->name, s == &service ? HeadUnit::kServicePath : kEchoPath, s->pid));
+        std::rotate(order.begin(), order.begin() + 1, order.end());  // none always goes first
+    }
+    BenchStats::report(state, {"calls", "4 clients: calls per second", "/s"}, kService, kEcho, service.rate,
+                       plain.rate);
+    BenchStats::report(state, {"cpu", "4 clients: server CPU per call", "us"}, kService, kEcho, service.cpu, plain.cpu);
+    BenchStats::report(state, {"libcalls", "4 clients, for information: library echo calls per second", "/s"}, kLibEcho,
+                       kEcho, library.rate, plain.rate);
+    BenchStats::report(state, {"libcpu", "4 clients, for information: library echo CPU per call", "us"}, kLibEcho,
+                       kEcho, library.cpu, plain.cpu);
+    BenchStats::report(state, {"thrcalls", "4 clients, for information: threaded plain echo calls per second", "/s"},
+                       kThreadedEcho, kEcho, threaded.rate, plain.rate);
+    BenchStats::report(state, {"thrcpu", "4 clients, for information: threaded plain echo CPU per call", "us"},
+                       kThreadedEcho, kEcho, threaded.cpu, plain.cpu);
+    BenchStats::report(state,
+                       {"svcthrcpu", "4 clients, for information: service CPU per call against the threaded echo",
+                        "us"},
+                       kService, kThreadedEcho, service.cpu, threaded.cpu);
+    const double plainWhole = plain.wholeCpuPerCall();
     std::fprintf(stderr,
                  "4 clients: server CPU per call over the run: ratio %.3f | service %.2f us | plain echo %.2f us"
-                 " (%ld and %ld calls)\n",
-                 plainWhole > 0 ? serviceWhole / plainWhole : 0, serviceWhole, plainWhole, serviceTotal.calls,
-                 plainTotal.calls);
+                 " | library echo %.2f us | threaded plain echo %.2f us (%ld, %ld, %ld and %ld calls)\n",
+                 plainWhole > 0 ? service.wholeCpuPerCall() / plainWhole : 0, service.wholeCpuPerCall(), plainWhole,
+                 library.wholeCpuPerCall(), threaded.wholeCpuPerCall(), service.total.calls, plain.total.calls,
+                 library.total.calls, threaded.total.calls);
 }
 
 BENCHMARK(BM_MethodCallToReply)->Iterations(2000)->UseManualTime()->Unit(benchmark::kMicrosecond);

@@ -4,6 +4,8 @@
 //   bench_plainpeer echo <bus name> <object path> <reply>
 //       owns the name and answers every method call on the path with the fixed reply text
 //       (the benchmark gives it the service's own reply, so the same bytes travel).
+//   bench_plainpeer threaded-echo <bus name> <object path> <reply>
+//       the same, with an idle second thread in the process.
 //   bench_plainpeer relay <socket> <object path> <interface> <member> [<pause us>]
 //       connects a SOCK_SEQPACKET socket to <socket>, and for every frame it reads emits the
 //       signal <member> carrying {"Sensitivity":<third byte>} and a newline, as the service does
@@ -21,6 +23,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 
 namespace
 {
@@ -115,9 +118,19 @@ int main(int argc, char** argv)
 {
     if (argc == 5 && std::strcmp(argv[1], "echo") == 0)
         return echo(argv[2], argv[3], argv[4]);
+    if (argc == 5 && std::strcmp(argv[1], "threaded-echo") == 0) {
+        // The same echo in a process with a second thread that never runs: glibc then takes its
+        // mutexes with atomic instructions, as in any threaded service, where a single-threaded
+        // process skips them.
+        std::thread([] {
+            for (;;)
+                ::pause();
+        }).detach();
+        return echo(argv[2], argv[3], argv[4]);
+    }
     if ((argc == 6 || argc == 7) && std::strcmp(argv[1], "relay") == 0)
         return relay(argv[2], argv[3], argv[4], argv[5], argc == 7 ? static_cast<useconds_t>(std::atoi(argv[6])) : 0);
-    std::fprintf(stderr, "usage: bench_plainpeer echo <bus name> <object path> <reply>\n"
+    std::fprintf(stderr, "usage: bench_plainpeer echo|threaded-echo <bus name> <object path> <reply>\n"
                          "       bench_plainpeer relay <socket> <object path> <interface> <member> [<pause us>]\n");
     return 2;
 }
