@@ -71,21 +71,9 @@ TEST(CBRadioJsonText, PresetList)
 // The version bytes come from the V850 as they are: every byte but zero, valid UTF-8 or not.
 TEST(CBRadioJsonText, SuccessWithAnyTextAndAnyKeyOrder)
 {
-    std::vector<std::string> texts = {"",
-                                      "21",
-                                      "\"\\/",
-                                      "\b\f\n\r\t\x01\x1f\x7f",
-                                      "\xc3\xa9",
-                                      "\xe2\x82\xac",
-                                      "\xf0\x9f\x98\x80",
-                                      "\xc3",
-                                      "\xc3"
-                                      "A",
-                                      "\xe2\x82",
-                                      "\xed\xa0\x80",
-                                      "\xf4\x90\x80\x80",
-                                      std::string(14, '\xff'),
-                                      "SW 1.2.3-rc\t\"x\""};
+    std::vector<std::string> texts({"", "21", "\"\\/", "\b\f\n\r\t\x01\x1f\x7f", "\xc3\xa9", "\xe2\x82\xac",
+                                    "\xf0\x9f\x98\x80", "\xc3", "\xc3\x41", "\xe2\x82", "\xed\xa0\x80",
+                                    "\xf4\x90\x80\x80", std::string(14, '\xff'), "SW 1.2.3-rc\t\"x\""});
     for (int first = 1; first < 256; ++first) {
         texts.push_back(std::string(1, static_cast<char>(first)));
         for (int second = 1; second < 256; ++second)
