@@ -1,5 +1,6 @@
 // The texts written directly must be the very bytes jsoncpp's FastWriter makes of the same
-// document: clients have always received those.
+// document: clients have always received those. The two standard results are compared byte for
+// byte with every method call of the e2e bus service tests.
 #include "CBRadioJsonText.h"
 
 #include <json/json.h>
@@ -18,17 +19,6 @@ std::string fastWriter(const Json::Value& document)
 }
 
 const int kIntegers[] = {INT_MIN, -129, -128, -1, 0, 1, 5, 9, 10, 40, 99, 100, 127, 128, 255, 256, INT_MAX};
-}
-
-TEST(CBRadioJsonText, StandardResults)
-{
-    Json::Value result(Json::objectValue);
-    result["code"] = 0;
-    result["description"] = "success";
-    EXPECT_EQ(fastWriter(result), CBRadioJsonText::success());
-    result["code"] = 1;
-    result["description"] = "failure";
-    EXPECT_EQ(fastWriter(result), CBRadioJsonText::failure());
 }
 
 TEST(CBRadioJsonText, IntegerObjectsWithOneOrTwoMembersInKeyOrder)
