@@ -1,12 +1,11 @@
 #include "CJTByteStream.h"
 #include "CJTString.h"
 #include "JTAssert.h"
-#include "JTRootPrefix.h"
 #include "JTSyslog.h"
+#include "TempRoot.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -266,12 +265,6 @@ TEST(CJTStringAssertions, OversizedCapacityLeavesTheStringAloneWhenAnnouncedAndE
     CJTAsserter::setOccuredAssertions(0);
 
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    std::string root = ::testing::TempDir() + "base_text_root";
-    EXPECT_EXIT(
-        {
-            setenv("CBRADIO_ROOT", root.c_str(), 1);
-            JTRootPrefix::reload();
-            CJTString s(0xFFFFFFFFu);
-        },
-        ::testing::ExitedWithCode(1), "CJTString::ctor: Capacity -1 not valid!");
+    TempRoot root;  // for the backtrace file of the dying child
+    EXPECT_EXIT(CJTString(0xFFFFFFFFu), ::testing::ExitedWithCode(1), "CJTString::ctor: Capacity -1 not valid!");
 }

@@ -1,11 +1,10 @@
 #include "CJTString.h"
 #include "JTAssert.h"
-#include "JTRootPrefix.h"
 #include "TJTVector.h"
+#include "TempRoot.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <string>
 
 namespace
@@ -78,19 +77,14 @@ TEST(TJTVectorAssertions, MisuseChangesNothingWhenAnnouncedAndEndsTheProcessElse
     CJTAsserter::setOccuredAssertions(0);
 
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    static std::string root = ::testing::TempDir() + "base_text_root";
-    // The backtrace file of the dying child goes below a private root.
-    auto prepare = [] {
-        setenv("CBRADIO_ROOT", root.c_str(), 1);
-        JTRootPrefix::reload();
-    };
+    TempRoot root;  // for the backtrace files of the dying children
     auto expected = [](int line, const char* text) {
         return "TJTVector:" + std::to_string(line) + ": ASSERTION \"" + text + "\" failed";
     };
     // Each check stays on one line: the message must name the line of the call.
     // clang-format off
-    EXPECT_EXIT({ prepare(); v.get(2); }, ::testing::ExitedWithCode(1), expected(__LINE__, "Index our of range"));
-    EXPECT_EXIT({ prepare(); v.erase(1, 2); }, ::testing::ExitedWithCode(1), expected(__LINE__, "Invalid parameter"));
-    EXPECT_EXIT({ prepare(); v.erase(v.end()); }, ::testing::ExitedWithCode(1), expected(__LINE__, "Invalid iterator position"));
+    EXPECT_EXIT({ v.get(2); }, ::testing::ExitedWithCode(1), expected(__LINE__, "Index our of range"));
+    EXPECT_EXIT({ v.erase(1, 2); }, ::testing::ExitedWithCode(1), expected(__LINE__, "Invalid parameter"));
+    EXPECT_EXIT({ v.erase(v.end()); }, ::testing::ExitedWithCode(1), expected(__LINE__, "Invalid iterator position"));
     // clang-format on
 }
