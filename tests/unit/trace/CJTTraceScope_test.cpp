@@ -47,17 +47,13 @@ TEST(CJTTraceScope, FilterMediaAndSilentModeGateEveryMessage)
     CJTTraceScopeManager::getInstance().setSilent(false);
     EXPECT_EQ(Lines{"64 wanted"}, recorder.take());
 
-    // The entry bit switches both the entry and the exit record.
+    // The entry bit switches both the entry and the exit record (of a temporary scope here).
     def.setFilter(4);
-    {
-        CJTTraceScope entered(def);
-    }
+    CJTTraceScope{def};
     EXPECT_EQ((Lines{"4 Scope_Gate_f", "8 Scope_Gate_f"}), recorder.take());
     EXPECT_EQ(&def, Recorder::sLastDef);
     def.setFilter(8);
-    {
-        CJTTraceScope entered(def);
-    }
+    CJTTraceScope{def};
     EXPECT_TRUE(recorder.take().empty());
 }
 
