@@ -106,24 +106,6 @@ TEST(CJTTraceScope, HexArrayLines)
     EXPECT_TRUE(recorder.take().empty());
 }
 
-TEST(CJTTraceScope, ConsoleLinesGoWholeToTheRightStream)
-{
-    CJTTraceHelper::getInstancePtr();
-    CJTTraceScopeDef def("Scope_Console", "f", 2 | 32 | 64, 8);
-    CJTTraceScope scope(def);
-    const std::string ids = " (" + std::to_string(getpid()) + "." + std::to_string(gettid()) + "): ";
-    ::testing::internal::CaptureStdout();
-    ::testing::internal::CaptureStderr();
-    scope.sendFormattedMessage("hello %d", 42);
-    scope.sendError("broken");
-    scope.sendWarning("careful");
-    scope.sendMessage("50% done");
-    const std::string err = ::testing::internal::GetCapturedStderr();
-    EXPECT_EQ((Lines{"[MSG]" + ids + "hello 42", "[MSG]" + ids + "50% done"}),
-              withoutTimes(::testing::internal::GetCapturedStdout()));
-    EXPECT_EQ((Lines{"[ERR]" + ids + "broken", "[WRN]" + ids + "careful"}), withoutTimes(err));
-}
-
 TEST(CJTTraceScope, ConsoleLinesOfManyThreadsNeverInterleave)
 {
     CJTTraceHelper::getInstancePtr();
