@@ -29,9 +29,9 @@ TEST(JTOperatingSystem, JoinAndWaitReportExitStatusOrSignalAndRefuseBadIds)
     std::vector<pid_t> children = {shell("exit 0"), shell("exit 4")};
     ::testing::internal::CaptureStdout();
     JTOperatingSystem::waitForProcesses(children);
-    const std::string exited = " has terminated with exit code ";
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "process " + std::to_string(children[0]) + exited +
-                                                            "0\nprocess " + std::to_string(children[1]) + exited +
+    const std::string ended = " has terminated with exit code ";
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "process " + std::to_string(children[0]) + ended +
+                                                            "0\nprocess " + std::to_string(children[1]) + ended +
                                                             "4\n");
 }
 
