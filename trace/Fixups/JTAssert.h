@@ -37,18 +37,10 @@ public:
     static bool logAssertion();
 };
 
-#define JT_ASSERT(cond)                            \
-    do {                                           \
-        if (!(cond))                               \
-            doAssert(__LINE__, __FILE__, nullptr); \
-    } while (0)
-
 #define JT_ASSERT_MSG(cond, text)                 \
     do {                                          \
         if (!(cond))                              \
             doAssert(__LINE__, __FILE__, (text)); \
     } while (0)
-
-#define JT_FATAL_ERROR(text) doFatalError(__LINE__, __FILE__, (text))
 
 #endif

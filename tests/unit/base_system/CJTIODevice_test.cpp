@@ -95,7 +95,8 @@ TEST(CJTIODevice, HandlesOfAServedPathGoToItsServerOthersToTheSystem)
     EXPECT_EQ(errno, EBADF);
 }
 
-// The version request over a socket node is checked by the trace channel's registration.
+// The version request over a socket node is checked by the trace channel's registration; a gone
+// peer (read as an error, not a time-out; no SIGPIPE on writing) by the e2e trace server tests.
 TEST(CJTIODevice, SocketReadHonoursTheThreadsKernelTimeoutOnce)
 {
     TempRoot root;
@@ -118,14 +119,7 @@ TEST(CJTIODevice, SocketReadHonoursTheThreadsKernelTimeoutOnce)
     EXPECT_EQ(device.read(buffer, sizeof(buffer)), 3) << "the time-out was used up: this read waits";
     EXPECT_EQ(device.getLastError(), CJTIODevice::ERR_NONE);
     late.join();
-
-    close(peer);
-    JTOperatingSystem::calculateKernelTimeout(1000);
-    EXPECT_EQ(device.read(buffer, sizeof(buffer)), 0);
-    EXPECT_EQ(errno, 0) << "a gone peer is not a time-out";
-    EXPECT_EQ(device.getLastError(), CJTIODevice::ERR_NONE);
-    EXPECT_EQ(device.write("x", 1), -1) << "and writing to it raises no SIGPIPE";
-    EXPECT_EQ(device.getLastError(), CJTIODevice::ERR_OTHER);
     device.close();
+    close(peer);
     close(listener);
 }

@@ -1,4 +1,5 @@
 #include "CJTMutex.h"
+#include "TJTAutoLock.h"
 
 #include <atomic>
 #include <chrono>
@@ -34,7 +35,7 @@ TEST(CJTMutex, TimeoutsTryOnceWaitBoundedOrWaitForever)
     EXPECT_TRUE(mutex.unlock());
 }
 
-TEST(CJTMutex, RecursionFollowsTheModeAndADestroyedSectionRefuses)
+TEST(CJTMutex, RecursionFollowsTheModeAGuardUnlocksWhatItLockedAndADestroyedSectionRefuses)
 {
     CJTMutex recursive(true);
     CJTCriticalSection section;
@@ -47,8 +48,10 @@ TEST(CJTMutex, RecursionFollowsTheModeAndADestroyedSectionRefuses)
     EXPECT_FALSE(recursive.unlock()) << "not held any more";
     CJTMutex checked(false, CJTMutex::RECURSION_FAILS);
     EXPECT_TRUE(checked.lock());
-    EXPECT_FALSE(checked.lock()) << "re-locking fails instead of hanging";
-    EXPECT_TRUE(checked.unlock());
+    EXPECT_FALSE(TJTAutoLock<CJTMutex>(checked).isLocked()) << "re-locking fails instead of hanging";
+    EXPECT_TRUE(checked.unlock()) << "the guard that did not lock left the lock alone";
+    EXPECT_TRUE(TJTAutoLock<CJTMutex>(checked).isLocked());
+    EXPECT_TRUE(checked.lock(0) && checked.unlock()) << "the guard unlocked";
 
     section.destroy();
     section.destroy();

@@ -24,8 +24,8 @@ TEST(JTAssertDeathTest, PlannedAssertionsReturnUntilThePlanIsUsedUpFatalErrorsIg
 
     CJTAsserter::setOccuredAssertions(0);
     CJTAsserter::setExpectedAssertions(1);
-    JT_ASSERT(1 + 1 == 3);
-    JT_ASSERT(true);
+    JT_ASSERT_MSG(1 + 1 == 3, "first");
+    JT_ASSERT_MSG(true, "passes");
     EXPECT_EQ(CJTAsserter::getOccuredAssertions(), 1u) << "a passing assertion is not counted";
     EXPECT_EXIT(JT_ASSERT_MSG(false, "second"), ::testing::ExitedWithCode(1),
                 "/JTAssert_test.cpp:[0-9]+: ASSERTION \"second\" failed\n");

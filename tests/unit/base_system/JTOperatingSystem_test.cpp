@@ -29,11 +29,10 @@ TEST(JTOperatingSystem, JoinAndWaitReportExitStatusOrSignalAndRefuseBadIds)
     std::vector<pid_t> children = {shell("exit 0"), shell("exit 4")};
     ::testing::internal::CaptureStdout();
     JTOperatingSystem::waitForProcesses(children);
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "process " + std::to_string(children[0]) +
-                                                            " has terminated with exit code 0\n"
-                                                            "process " +
-                                                            std::to_string(children[1]) +
-                                                            " has terminated with exit code 4\n");
+    const std::string ended = " has terminated with exit code ";
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "process " + std::to_string(children[0]) + ended +
+                                                            "0\nprocess " + std::to_string(children[1]) + ended +
+                                                            "4\n");
 }
 
 TEST(JTOperatingSystem, KernelTimeoutBelongsToOneThreadAndIsTakenOnce)

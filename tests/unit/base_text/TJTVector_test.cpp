@@ -1,11 +1,10 @@
 #include "CJTString.h"
 #include "JTAssert.h"
-#include "JTRootPrefix.h"
 #include "TJTVector.h"
+#include "TempRoot.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <string>
 
 namespace
@@ -17,16 +16,6 @@ std::string join(const TJTVector<int>& v)
         out += std::to_string(x) + ",";
     return out;
 }
-
-struct TJTVectorAssertions : ::testing::Test
-{
-    void SetUp() override
-    {
-        CJTAsserter::setExpectedAssertions(0);
-        CJTAsserter::setOccuredAssertions(0);
-    }
-    void TearDown() override { SetUp(); }
-};
 }
 
 TEST(TJTVector, EditingKeepsOrderAndCapacityNeverOverflows)
@@ -62,11 +51,13 @@ TEST(TJTVector, EditingKeepsOrderAndCapacityNeverOverflows)
     EXPECT_STREQ("a", names.get(0).c_str());
 }
 
-TEST_F(TJTVectorAssertions, PlannedMisuseChangesNothing)
+// Announced misuse asserts and changes nothing; unannounced, it ends the process at the caller's line.
+TEST(TJTVectorAssertions, MisuseChangesNothingWhenAnnouncedAndEndsTheProcessElse)
 {
     TJTVector<int> v;
     v.append(1);
     v.append(2);
+    CJTAsserter::setOccuredAssertions(0);
     CJTAsserter::setExpectedAssertions(8);
     EXPECT_EQ(0, v.get(2));                          // index 0
     EXPECT_EQ(0, v[5]);                              // index 0
@@ -82,26 +73,18 @@ TEST_F(TJTVectorAssertions, PlannedMisuseChangesNothing)
     CJTAsserter::setExpectedAssertions(10);
     v.get(7) = 99;
     EXPECT_EQ(0, v.get(7));
-}
+    CJTAsserter::setExpectedAssertions(0);
+    CJTAsserter::setOccuredAssertions(0);
 
-TEST_F(TJTVectorAssertions, UnplannedMisuseEndsTheProcessAtTheCallersLine)
-{
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    static std::string root = ::testing::TempDir() + "base_text_root";
-    TJTVector<int> v;
-    v.append(1);
-    // The backtrace file of the dying child goes below a private root.
-    auto prepare = [] {
-        setenv("CBRADIO_ROOT", root.c_str(), 1);
-        JTRootPrefix::reload();
-    };
+    TempRoot root;  // for the backtrace files of the dying children
     auto expected = [](int line, const char* text) {
         return "TJTVector:" + std::to_string(line) + ": ASSERTION \"" + text + "\" failed";
     };
     // Each check stays on one line: the message must name the line of the call.
     // clang-format off
-    EXPECT_EXIT({ prepare(); v.get(1); }, ::testing::ExitedWithCode(1), expected(__LINE__, "Index our of range"));
-    EXPECT_EXIT({ prepare(); v.erase(0, 2); }, ::testing::ExitedWithCode(1), expected(__LINE__, "Invalid parameter"));
-    EXPECT_EXIT({ prepare(); v.erase(v.begin() + 1); }, ::testing::ExitedWithCode(1), expected(__LINE__, "Invalid iterator position"));
+    EXPECT_EXIT({ v.get(2); }, ::testing::ExitedWithCode(1), expected(__LINE__, "Index our of range"));
+    EXPECT_EXIT({ v.erase(1, 2); }, ::testing::ExitedWithCode(1), expected(__LINE__, "Invalid parameter"));
+    EXPECT_EXIT({ v.erase(v.end()); }, ::testing::ExitedWithCode(1), expected(__LINE__, "Invalid iterator position"));
     // clang-format on
 }

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
 #include <string>
 
 TEST(CBRadioJson, OnlyJsonObjectsAreUsableAndTooDeepANestingIsAParseErrorNotAnException)
@@ -21,23 +20,19 @@ TEST(CBRadioJson, OnlyJsonObjectsAreUsableAndTooDeepANestingIsAParseErrorNotAnEx
     EXPECT_FALSE(CBRadioJson::parseObject(nullptr, root));
 }
 
-TEST(CBRadioJson, IntegersAreNumbersThatFitAnIntCutTowardsZero)
+// Through the methods, the e2e bus service tests meet integers too large for an int, a fraction
+// taken as the integer it starts with, and strings, booleans, null, lists and missing members
+// refused; here negative numbers and an output a refusal leaves alone.
+TEST(CBRadioJson, NegativeNumbersCutTowardsZeroAndARefusalLeavesTheOutputAlone)
 {
     Json::Value root;
-    ASSERT_TRUE(CBRadioJson::parseObject(
-        "{\"i\":-3,\"u\":4000000000,\"r\":2.0,\"f\":2.9,\"g\":-0.5,\"x\":3e9,\"s\":\"2\",\"b\":true,"
-        "\"n\":null,\"o\":{},\"a\":[1]}",
-        root));
+    ASSERT_TRUE(CBRadioJson::parseObject("{\"i\":-3,\"g\":-0.5,\"o\":{}}", root));
     int value = 0;
-    for (const auto& expected : std::map<std::string, int>{{"i", -3}, {"r", 2}, {"f", 2}, {"g", 0}}) {
-        EXPECT_TRUE(CBRadioJson::readInt(root, expected.first.c_str(), value)) << expected.first;
-        EXPECT_EQ(expected.second, value) << expected.first;
-    }
+    EXPECT_TRUE(CBRadioJson::readInt(root, "i", value) && value == -3);
+    EXPECT_TRUE(CBRadioJson::readInt(root, "g", value) && value == 0);
     value = 77;
-    for (const char* key : {"u", "x", "s", "b", "n", "o", "a", "missing"}) {
-        EXPECT_FALSE(CBRadioJson::readInt(root, key, value)) << key;
-        EXPECT_EQ(77, value) << key << " changed the output";
-    }
+    EXPECT_FALSE(CBRadioJson::readInt(root, "o", value));
+    EXPECT_EQ(77, value);
 }
 
 TEST(CBRadioJson, TextsMustBeStringsAndMembersOfNonObjectsAreAbsent)

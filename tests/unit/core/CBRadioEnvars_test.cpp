@@ -29,9 +29,9 @@ uid_t make(const TempRoot& root, const std::string& what)
         std::ofstream(root.path("target")) << text;
         ::chmod(root.path("target").c_str(), 0644);
         EXPECT_EQ(0, ::symlink(root.path("target").c_str(), path.c_str()));
-    } else if (what != "missing") {
+    } else {
         std::ofstream(path) << (what == "empty" ? "" : text);
-        ::chmod(path.c_str(), what == "mode 666" ? 0666 : what == "mode 620" ? 0620 : 0644);
+        ::chmod(path.c_str(), what == "mode 620" ? 0620 : 0644);
     }
     if (what != "foreign owner")
         return ::geteuid();
@@ -44,14 +44,14 @@ uid_t make(const TempRoot& root, const std::string& what)
 }
 }
 
+// A missing file and one that others may write (with the reason in the system log) are met by the
+// e2e bus service and daemon tests.
 TEST(CBRadioEnvars, ReadsOnlyWhatNobodyButRootOrTheUserCanHaveWritten)
 {
     const Case cases[] = {
         {"mode 644", CBRadioEnvars::READABLE, ""},
-        {"missing", CBRadioEnvars::MISSING, ""},
         {"empty", CBRadioEnvars::MISSING, ""},
         {"fifo", CBRadioEnvars::MISSING, ""},  // never opened, so never waited on
-        {"mode 666", CBRadioEnvars::UNTRUSTED, "writable by group or others (mode 666)"},
         {"mode 620", CBRadioEnvars::UNTRUSTED, "writable by group or others (mode 620)"},
         {"symlink", CBRadioEnvars::UNTRUSTED, "symbolic link"},
         {"directory", CBRadioEnvars::UNTRUSTED, "not a regular file"},

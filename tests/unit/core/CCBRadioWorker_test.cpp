@@ -1,10 +1,13 @@
 #include "CCBRadio.h"
 #include "ChildProcess.h"
+#include "CDevIpcChannel.h"
 #include "CDevIpcChannelHandler.h"
+#include "CMsgHandlerChannelTwelve.h"
 #include "V850Peer.h"
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <mutex>
 
 namespace
@@ -24,58 +27,38 @@ void waitUntilWorkerWaits(CCBRadio& radio)
     }
     ADD_FAILURE() << "worker never drained the queue";
 }
-
-// A service whose worker and V850 channel run against a test peer; tears both down so that
-// nothing outlives the test.
-class RunningWorker : public testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        sig_exit.store(0);
-        ASSERT_TRUE(mPeer.listen());
-        ASSERT_EQ(1, mRadio.initializeIPCService());
-        ASSERT_TRUE(mPeer.accept());
-        mHandler = mRadio.mpIpcHandler.load();
-        waitUntilWorkerWaits(mRadio);
-    }
-
-    void TearDown() override
-    {
-        sig_exit.store(1);
-        mRadio.postRequest(REQ_CBR_EXIT);
-        EXPECT_EQ(0, mRadio.waitStop());
-        EXPECT_EQ(1, mRadio.deInitializeIPCService());
-        mPeer.closeConnection();  // the reader's next read returns and it sees the stop flag
-        if (mHandler) {
-            mHandler->waitStop();
-            delete mHandler;
-        }
-        sig_exit.store(0);
-    }
-
-    V850Peer mPeer;
-    CCBRadio mRadio;
-    CDevIpcChannelHandler* mHandler = nullptr;
-};
 }
 
 // Every query request writes the same two bytes; reserved and unknown values write nothing.
-TEST_F(RunningWorker, QueriesAreWrittenInPostingOrderAndOtherValuesAreSkipped)
+TEST(CCBRadioWorker, QueriesAreWrittenInPostingOrderAndOtherValuesAreSkipped)
 {
+    V850Peer peer;
+    ASSERT_TRUE(peer.listen());
+    CCBRadio radio;
+    CDevIpcChannelHandler handler(new CMsgHandlerChannelTwelve(&radio), "/dev/ipc/ch6");  // no reader thread
+    ASSERT_EQ(0, handler.getChannel()->openChannel(O_RDWR));
+    ASSERT_TRUE(peer.accept());
+    radio.mpIpcHandler.store(&handler);
+    sig_exit.store(0);
+    radio.createThread();
+    waitUntilWorkerWaits(radio);
+
     const ERequest posted[] = {REQ_CBR_CHN_SELECT,          REQ_CBR_RESERVED_4,
                                REQ_CBR_SET_SQUELCH_LEVEL,   REQ_CBR_STOP_SCAN,
                                REQ_CBR_VERSION_INFO,        REQ_CBR_ANTENNA_STATUS,
                                REQ_CBR_ANTENNA_SENSITIVITY, REQ_CBR_TX_STATUS,
                                static_cast<ERequest>(99),   REQ_CBR_RX_STATUS};
     for (ERequest r : posted)
-        mRadio.postRequest(r);
+        radio.postRequest(r);
     for (int i = 0; i < 8; ++i)
-        EXPECT_EQ((V850Peer::Frame{0x00, 0x01}), mPeer.read()) << i;
-    EXPECT_TRUE(mPeer.read(100).empty());
-    mRadio.mReqMutex.lock();
-    EXPECT_TRUE(mRadio.mReqList.empty());
-    mRadio.mReqMutex.unlock();
+        EXPECT_EQ((V850Peer::Frame{0x00, 0x01}), peer.read()) << i;
+    EXPECT_TRUE(peer.read(100).empty());
+
+    sig_exit.store(1);
+    radio.postRequest(REQ_CBR_EXIT);
+    EXPECT_EQ(0, radio.waitStop());
+    radio.mpIpcHandler.store(nullptr);
+    sig_exit.store(0);
 }
 
 TEST(CCBRadioWorker, ExitRequestedBeforeTheFirstWaitIsNotLost)

@@ -8,7 +8,6 @@
 #include "TempRoot.h"
 
 #include <cstdint>
-#include <cstdlib>
 #include <poll.h>
 #include <string>
 #include <sys/socket.h>

@@ -1,5 +1,6 @@
 // The texts written directly must be the very bytes jsoncpp's FastWriter makes of the same
-// document: clients have always received those.
+// document: clients have always received those. The two standard results are compared byte for
+// byte with every method call of the e2e bus service tests.
 #include "CBRadioJsonText.h"
 
 #include <json/json.h>
@@ -18,17 +19,6 @@ std::string fastWriter(const Json::Value& document)
 }
 
 const int kIntegers[] = {INT_MIN, -129, -128, -1, 0, 1, 5, 9, 10, 40, 99, 100, 127, 128, 255, 256, INT_MAX};
-}
-
-TEST(CBRadioJsonText, StandardResults)
-{
-    Json::Value result(Json::objectValue);
-    result["code"] = 0;
-    result["description"] = "success";
-    EXPECT_EQ(fastWriter(result), CBRadioJsonText::success());
-    result["code"] = 1;
-    result["description"] = "failure";
-    EXPECT_EQ(fastWriter(result), CBRadioJsonText::failure());
 }
 
 TEST(CBRadioJsonText, IntegerObjectsWithOneOrTwoMembersInKeyOrder)
@@ -71,21 +61,9 @@ TEST(CBRadioJsonText, PresetList)
 // The version bytes come from the V850 as they are: every byte but zero, valid UTF-8 or not.
 TEST(CBRadioJsonText, SuccessWithAnyTextAndAnyKeyOrder)
 {
-    std::vector<std::string> texts = {"",
-                                      "21",
-                                      "\"\\/",
-                                      "\b\f\n\r\t\x01\x1f\x7f",
-                                      "\xc3\xa9",
-                                      "\xe2\x82\xac",
-                                      "\xf0\x9f\x98\x80",
-                                      "\xc3",
-                                      "\xc3"
-                                      "A",
-                                      "\xe2\x82",
-                                      "\xed\xa0\x80",
-                                      "\xf4\x90\x80\x80",
-                                      std::string(14, '\xff'),
-                                      "SW 1.2.3-rc\t\"x\""};
+    std::vector<std::string> texts({"", "21", "\"\\/", "\b\f\n\r\t\x01\x1f\x7f", "\xc3\xa9", "\xe2\x82\xac",
+                                    "\xf0\x9f\x98\x80", "\xc3", "\xc3\x41", "\xe2\x82", "\xed\xa0\x80",
+                                    "\xf4\x90\x80\x80", std::string(14, '\xff'), "SW 1.2.3-rc\t\"x\""});
     for (int first = 1; first < 256; ++first) {
         texts.push_back(std::string(1, static_cast<char>(first)));
         for (int second = 1; second < 256; ++second)

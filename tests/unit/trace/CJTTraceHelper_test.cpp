@@ -94,25 +94,38 @@ TEST_F(AllSlots, SetHandlerAcceptsOnlySingleMediaBits)
         EXPECT_NE(reinterpret_cast<void*>(CJTTraceHelper::sendToNirvana), reinterpret_cast<void*>(h.getHandler(slot)));
 }
 
-TEST(CJTTraceHelper, SystemLogSeverityFollowsTheKind)
+// The console and system log handlers write "[prefix]@ms (pid.tid): text" lines. On the console
+// errors and warnings go to standard error, all else to standard output, each line whole (see the
+// scope test for many threads); in the system log errors have severity 3, warnings 4, all else 5.
+TEST(CJTTraceHelper, ConsoleStreamAndSystemLogSeverityFollowTheKind)
 {
     CJTTraceHelper::getInstancePtr();
-    CJTTraceScopeDef def("Helper_Slog", "f", 0xFF, 4);
+    CJTTraceScopeDef def("Helper_Out", "f", 0xFF, 4 | 8);
     tracetest::SyslogLines syslog;
+    ::testing::internal::CaptureStdout();
+    ::testing::internal::CaptureStderr();
     {
         CJTTraceScope scope(def);
-        scope.sendError("e");
-        scope.sendWarning("w");
-        scope.sendMessage("m");
+        scope.sendFormattedMessage("hello %d", 42);
+        scope.sendError("broken");
+        scope.sendWarning("careful");
+        scope.sendMessage("50% done");
     }
-    std::vector<std::string> lines;
-    for (const std::string& line : syslog.take())
-        if (line.find("]@") != std::string::npos)
-            lines.push_back(withoutTimes(line + "\n").at(0));
-    const std::string pid = "pid " + std::to_string(getpid()) + ": [";
-    const std::string ids = "] (" + std::to_string(getpid()) + "." + std::to_string(gettid()) + "): ";
-    EXPECT_EQ((std::vector<std::string>{"5 " + pid + "-->" + ids + "Helper_Slog_f", "3 " + pid + "ERR" + ids + "e",
-                                        "4 " + pid + "WRN" + ids + "w", "5 " + pid + "MSG" + ids + "m",
-                                        "5 " + pid + "<--" + ids + "Helper_Slog_f"}),
-              lines);
+    const std::string err = ::testing::internal::GetCapturedStderr();
+    const std::string out = ::testing::internal::GetCapturedStdout();
+    const std::string ids = " (" + std::to_string(getpid()) + "." + std::to_string(gettid()) + "): ";
+    auto line = [&](const char* prefix, const char* text) { return "[" + std::string(prefix) + "]" + ids + text; };
+    EXPECT_EQ((std::vector<std::string>{line("-->", "Helper_Out_f"), line("MSG", "hello 42"), line("MSG", "50% done"),
+                                        line("<--", "Helper_Out_f")}),
+              withoutTimes(out));
+    EXPECT_EQ((std::vector<std::string>{line("ERR", "broken"), line("WRN", "careful")}), withoutTimes(err));
+    std::vector<std::string> logged;
+    for (const std::string& text : syslog.take())
+        if (text.find("]@") != std::string::npos)
+            logged.push_back(withoutTimes(text + "\n").at(0));
+    const std::string pid = " pid " + std::to_string(getpid()) + ": ";
+    EXPECT_EQ((std::vector<std::string>{"5" + pid + line("-->", "Helper_Out_f"), "5" + pid + line("MSG", "hello 42"),
+                                        "3" + pid + line("ERR", "broken"), "4" + pid + line("WRN", "careful"),
+                                        "5" + pid + line("MSG", "50% done"), "5" + pid + line("<--", "Helper_Out_f")}),
+              logged);
 }

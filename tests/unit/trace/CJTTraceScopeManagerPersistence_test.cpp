@@ -46,15 +46,8 @@ protected:
     }
     static CJTTraceScopeManager& manager() { return CJTTraceScopeManager::getInstance(); }
 
-    // Diagnostics of the persistence scope, entry and exit left out.
-    std::vector<std::string> diagnostics()
-    {
-        std::vector<std::string> out;
-        for (const std::string& line : mRecorder.take())
-            if (line[0] != '4' && line[0] != '8')
-                out.push_back(line);
-        return out;
-    }
+    // Diagnostics of the persistence scope (its filter leaves entry and exit out).
+    std::vector<std::string> diagnostics() { return mRecorder.take(); }
 
     // A new settings file in the root; the loader takes host paths as they are.
     std::string textFile(const std::string& contents)

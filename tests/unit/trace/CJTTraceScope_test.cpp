@@ -47,17 +47,13 @@ TEST(CJTTraceScope, FilterMediaAndSilentModeGateEveryMessage)
     CJTTraceScopeManager::getInstance().setSilent(false);
     EXPECT_EQ(Lines{"64 wanted"}, recorder.take());
 
-    // The entry bit switches both the entry and the exit record.
+    // The entry bit switches both the entry and the exit record (of a temporary scope here).
     def.setFilter(4);
-    {
-        CJTTraceScope entered(def);
-    }
+    CJTTraceScope{def};
     EXPECT_EQ((Lines{"4 Scope_Gate_f", "8 Scope_Gate_f"}), recorder.take());
     EXPECT_EQ(&def, Recorder::sLastDef);
     def.setFilter(8);
-    {
-        CJTTraceScope entered(def);
-    }
+    CJTTraceScope{def};
     EXPECT_TRUE(recorder.take().empty());
 }
 
@@ -108,24 +104,6 @@ TEST(CJTTraceScope, HexArrayLines)
     def.setFilter(2);
     scope.sendHexArray(data, 5);
     EXPECT_TRUE(recorder.take().empty());
-}
-
-TEST(CJTTraceScope, ConsoleLinesGoWholeToTheRightStream)
-{
-    CJTTraceHelper::getInstancePtr();
-    CJTTraceScopeDef def("Scope_Console", "f", 2 | 32 | 64, 8);
-    CJTTraceScope scope(def);
-    const std::string ids = " (" + std::to_string(getpid()) + "." + std::to_string(gettid()) + "): ";
-    ::testing::internal::CaptureStdout();
-    ::testing::internal::CaptureStderr();
-    scope.sendFormattedMessage("hello %d", 42);
-    scope.sendError("broken");
-    scope.sendWarning("careful");
-    scope.sendMessage("50% done");
-    const std::string err = ::testing::internal::GetCapturedStderr();
-    EXPECT_EQ((Lines{"[MSG]" + ids + "hello 42", "[MSG]" + ids + "50% done"}),
-              withoutTimes(::testing::internal::GetCapturedStdout()));
-    EXPECT_EQ((Lines{"[ERR]" + ids + "broken", "[WRN]" + ids + "careful"}), withoutTimes(err));
 }
 
 TEST(CJTTraceScope, ConsoleLinesOfManyThreadsNeverInterleave)

@@ -4,7 +4,6 @@
 #define TRACETESTSUPPORT_H
 
 #include <cstdio>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,28 +14,8 @@
 
 namespace tracetest
 {
-// Lines added by a handler on any thread, taken as a whole.
-class LineLog
-{
-public:
-    void add(std::string line)
-    {
-        std::lock_guard<std::mutex> guard(mLock);
-        mLines.push_back(std::move(line));
-    }
-    std::vector<std::string> take()
-    {
-        std::lock_guard<std::mutex> guard(mLock);
-        return std::exchange(mLines, {});
-    }
-
-private:
-    std::mutex mLock;
-    std::vector<std::string> mLines;
-};
-
 // Takes over media bit 2 (the kernel trace slot) and keeps what the helper hands out there as
-// "<kind> <text>" lines, and the definition of the last one.
+// "<kind> <text>" lines, and the definition of the last one. These tests trace from one thread.
 class Recorder
 {
 public:
@@ -44,11 +23,11 @@ public:
 
     Recorder()
     {
-        sLog.take();
+        sLines.clear();
         CJTTraceHelper::getInstance().setHandler(MEDIA, &Recorder::handle, "Recorder");
     }
     ~Recorder() { CJTTraceHelper::getInstance().setHandler(MEDIA, &CJTTraceHelper::sendToKernelTrace, "Kernel Trace"); }
-    std::vector<std::string> take() { return sLog.take(); }
+    std::vector<std::string> take() { return std::exchange(sLines, {}); }
 
     static inline const CJTTraceScopeDef* sLastDef = nullptr;
 
@@ -56,9 +35,9 @@ private:
     static void handle(const CJTTraceHelper::tTraceMessageInfo& info)
     {
         sLastDef = info.scopeDef;
-        sLog.add(std::to_string(info.kind) + " " + info.text);
+        sLines.push_back(std::to_string(info.kind) + " " + info.text);
     }
-    static inline LineLog sLog;
+    static inline std::vector<std::string> sLines;
 };
 
 // Mirrors the system log as "<severity> <line>" lines while it lives.
@@ -67,15 +46,15 @@ class SyslogLines
 public:
     SyslogLines()
     {
-        sLog.take();
+        sLines.clear();
         JTSyslog::setMirror(
-            [](unsigned int severity, const char* line) { sLog.add(std::to_string(severity) + " " + line); });
+            [](unsigned int severity, const char* line) { sLines.push_back(std::to_string(severity) + " " + line); });
     }
     ~SyslogLines() { JTSyslog::setMirror(nullptr); }
-    std::vector<std::string> take() { return sLog.take(); }
+    std::vector<std::string> take() { return std::exchange(sLines, {}); }
 
 private:
-    static inline LineLog sLog;
+    static inline std::vector<std::string> sLines;
 };
 
 // Lines of text with the time of each trace line taken out ("[MSG]@123 (4.5): x" becomes
