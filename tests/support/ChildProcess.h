@@ -50,6 +50,15 @@ inline std::string readFile(const std::string& path)
     return text.str();
 }
 
+// How often `what` occurs in `text` at or after `from`.
+inline size_t countOf(const std::string& text, const std::string& what, size_t from = 0)
+{
+    size_t count = 0;
+    for (size_t at = text.find(what, from); at != std::string::npos; at = text.find(what, at + what.size()))
+        ++count;
+    return count;
+}
+
 // The build folder the tests run from (CBRADIO_BUILD_DIR).
 inline std::string buildDir()
 {

@@ -151,24 +151,48 @@ bool HeadUnit::startClient()
     SVCIPC_tError status = SVCIPC_getConnection(SVCIPC_CONNECTION_SESSION, 1, &mClient);
     if (status != 0)
         return fail(std::string("client connection: ") + SVCIPC_errorText(status));
-    for (const char* name : kServiceSignals) {
-        if (!mOptions.recordSignals)
-            break;
-        SVCIPC_tSigSubHnd sub = nullptr;
-        status = SVCIPC_subscribe(mClient, kServicePath, name, &HeadUnit::onSignal, this, &sub);
-        if (status != 0)
-            return fail(std::string("subscribe ") + name + ": " + SVCIPC_errorText(status));
-        mSubscriptions.push_back(sub);
-    }
+    for (const char* name : kServiceSignals)
+        if (mOptions.recordSignals && !listen(kServicePath, name))
+            return false;
+    return true;
+}
+
+bool HeadUnit::listen(const std::string& path, const std::string& signal)
+{
+    SVCIPC_tSigSubHnd sub = nullptr;
+    const SVCIPC_tError status = SVCIPC_subscribe(mClient, path.c_str(), signal.c_str(), &HeadUnit::onSignal, this,
+                                                  &sub);
+    if (status != 0)
+        return fail("subscribe " + signal + ": " + SVCIPC_errorText(status));
+    mSubscriptions.push_back(sub);
+    return true;
+}
+
+bool HeadUnit::watchOwner(const std::string& name)
+{
+    SVCIPC_tSigSubHnd sub = nullptr;
+    const SVCIPC_tError status = SVCIPC_subscribeOwnerChanged(mClient, name.c_str(), &HeadUnit::onOwner, this, &sub);
+    if (status != 0)
+        return fail("watch " + name + ": " + SVCIPC_errorText(status));
+    mSubscriptions.push_back(sub);
     return true;
 }
 
 void HeadUnit::onSignal(const char* sigName, const char* data, SVCIPC_tUserToken token)
 {
-    HeadUnit* self = static_cast<HeadUnit*>(token);
-    std::lock_guard<std::mutex> lock(self->mSignalMutex);
-    self->mSignals.push_back(Signal{sigName ? sigName : "", data ? data : ""});
-    self->mSignalArrived.notify_all();
+    static_cast<HeadUnit*>(token)->record(Signal{sigName ? sigName : "", data ? data : ""});
+}
+
+void HeadUnit::onOwner(const char* name, const char*, const char* newOwner, SVCIPC_tUserToken token)
+{
+    static_cast<HeadUnit*>(token)->record(Signal{name, *newOwner ? "joined" : "left"});
+}
+
+void HeadUnit::record(const Signal& signal)
+{
+    std::lock_guard<std::mutex> lock(mSignalMutex);
+    mSignals.push_back(signal);
+    mSignalArrived.notify_all();
 }
 
 bool HeadUnit::stopDaemon()
@@ -224,15 +248,6 @@ pid_t HeadUnit::spawn(const std::vector<std::string>& argv, const std::string& n
     return mSpawned.back()->pid();
 }
 
-size_t HeadUnit::traceCount(const std::string& text, size_t from) const
-{
-    const std::string out = daemonOutput();
-    size_t count = 0;
-    for (size_t at = out.find(text, from); at != std::string::npos; at = out.find(text, at + text.size()))
-        ++count;
-    return count;
-}
-
 bool HeadUnit::writeLine(int fd, const std::string& command)
 {
     const std::string line = command + "\n";
@@ -278,11 +293,12 @@ bool HeadUnit::waitForFrame(const std::string& frame, size_t from, int timeoutMs
         timeoutMs);
 }
 
-HeadUnit::Reply HeadUnit::call(const std::string& method, const std::string& params, int timeoutMs) const
+HeadUnit::Reply HeadUnit::callOf(const std::string& name, const std::string& path, const std::string& method,
+                                 const std::string& params, int timeoutMs) const
 {
     Reply reply;
     SVCIPC_tResponse* response = nullptr;
-    reply.status = SVCIPC_invoke(mClient, kServiceName, kServicePath, method.c_str(), params.c_str(), 0,
+    reply.status = SVCIPC_invoke(mClient, name.c_str(), path.c_str(), method.c_str(), params.c_str(), 0,
                                  static_cast<SVCIPC_tUInt32>(timeoutMs), &response);
     if (reply.status == 0 && response != nullptr) {
         reply.text = response->result != nullptr ? response->result : "";

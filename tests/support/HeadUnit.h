@@ -129,7 +129,7 @@ public:
         return waitForFile("daemon.out", text, from, timeoutMs);
     }
     // How often `text` occurs in the console output after `from`.
-    size_t traceCount(const std::string& text, size_t from = 0) const;
+    size_t traceCount(const std::string& text, size_t from = 0) const { return countOf(daemonOutput(), text, from); }
 
     // ---- the V850 simulator and the peers -------------------------------------------------
     // Sends one command line to the simulator's standard input (e.g. "on", "raw 02 02 05 A0").
@@ -146,7 +146,17 @@ public:
 
     // ---- the bus client -------------------------------------------------------------------
     SVCIPC_tConnection client() const { return mClient; }
-    Reply call(const std::string& method, const std::string& params = "", int timeoutMs = 3000) const;
+    Reply call(const std::string& method, const std::string& params = "", int timeoutMs = 3000) const
+    {
+        return callOf(kServiceName, kServicePath, method, params, timeoutMs);
+    }
+    // A call of another service (a peer's).
+    Reply callOf(const std::string& name, const std::string& path, const std::string& method,
+                 const std::string& params = "", int timeoutMs = 3000) const;
+    // Records the signal `signal` of the object at `path` as well.
+    bool listen(const std::string& path, const std::string& signal);
+    // Records owner changes of a bus name as signals named after it, carrying "joined" or "left".
+    bool watchOwner(const std::string& name);
     std::vector<Signal> signals() const { return signalsSince(0); }
     size_t signalMark() const;
     // The first signal named `name` at or after index `from`; false on time-out.
@@ -165,6 +175,8 @@ private:
     bool startFed(ChildProcess& child, int& input, const std::vector<std::string>& argv, const std::string& name);
     static bool writeLine(int fd, const std::string& line);
     static void onSignal(const char* sigName, const char* data, SVCIPC_tUserToken token);
+    static void onOwner(const char* name, const char* oldOwner, const char* newOwner, SVCIPC_tUserToken token);
+    void record(const Signal& signal);
 
     Options mOptions;
     std::string mRoot;
