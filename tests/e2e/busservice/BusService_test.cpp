@@ -2,9 +2,11 @@
 // client calling methods and listening to signals. One head unit per test suite where the tests
 // only need a working radio; the gates get head units of their own.
 #include "HeadUnit.h"
+#include "TestService.h"
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -507,39 +509,18 @@ HeadUnit::Options withoutRadio()
     options.startSimulator = false;
     return options;
 }
-
-void expectNoSignals(const HeadUnit& unit)
-{
-    EXPECT_TRUE(unit.signals().empty());
-}
-}
-
-TEST(BusServiceGates, WithoutABusTheServiceRunsOnSilently)
-{
-    HeadUnit unit;
-    HeadUnit::Options options = withoutRadio();
-    options.writeEnvars = false;
-    ASSERT_TRUE(unit.start(options)) << unit.error();
-    EXPECT_TRUE(unit.traced("\n[CBR] DBUS not started on the target\n"));
-    EXPECT_TRUE(unit.traced("\n[CBR] sendCBRHWConnectionStatus: Service Not initialized\n"));
-    EXPECT_FALSE(unit.traced("registering Clients"));
-    EXPECT_FALSE(unit.call("reqCBRGetPresetList").ok());
-    expectNoSignals(unit);
-    expectCleanStop(unit);
 }
 
 TEST(BusServiceGates, ATakenNameLeavesTheServiceUnregisteredAndItsSignalsUnsent)
 {
     HeadUnit unit;
-    SVCIPC_tSvcRegHnd squatter = nullptr;
+    TestService squatter;
+    squatter.onRequest = [](SVCIPC_tReqContext ctx, const std::string&, const std::string&) {
+        TestService::reply(ctx, "squatter");
+    };
     HeadUnit::Options options = withoutRadio();
     options.beforeDaemon = [&](HeadUnit& u) {
-        auto ignore = [](SVCIPC_tReqContext context, const char*, const char*, SVCIPC_tBool, SVCIPC_tUserToken) {
-            SVCIPC_asyncReturnResult(context, "squatter", nullptr, nullptr);
-            SVCIPC_freeReqContext(context);
-        };
-        return SVCIPC_registerService(u.client(), HeadUnit::kServiceName, HeadUnit::kServicePath, 0, ignore, nullptr,
-                                      &squatter) == 0;
+        return squatter.registerOn(u.client(), HeadUnit::kServiceName, HeadUnit::kServicePath) == 0;
     };
     ASSERT_TRUE(unit.start(options)) << unit.error();
     EXPECT_TRUE(unit.traced("\n[CBR] Failed to register service: 0x80000007\n"));
@@ -554,19 +535,19 @@ TEST(BusServiceGates, ATakenNameLeavesTheServiceUnregisteredAndItsSignalsUnsent)
     EXPECT_TRUE(unit.traced("@ ----- Exiting CBRadio Service ----- @", mark));
 }
 
-TEST(BusServiceGates, RadioMethodsWaitForTheSettingsWhileOtherMethodsWork)
+// A key-value store that takes calls and never answers them keeps the radio data uninitialised.
+// When the bus goes, nothing brings the connection back and the daemon is of no use: it says so
+// once and exits with a failure, so that its service manager restarts it.
+TEST(BusServiceGates, RadioMethodsWaitForTheSettingsWhileOtherMethodsWorkUntilTheBusGoes)
 {
-    // A key-value store that takes calls and never answers them keeps the radio data
-    // uninitialised.
     HeadUnit unit;
-    SVCIPC_tSvcRegHnd store = nullptr;
+    TestService store;
+    store.hold = true;
     HeadUnit::Options options = withoutRadio();
+    options.daemonEnv = {{"CBRADIO_SYSLOG_STDERR", "1"}};
     options.beforeDaemon = [&](HeadUnit& u) {
-        auto never = [](SVCIPC_tReqContext context, const char*, const char*, SVCIPC_tBool, SVCIPC_tUserToken) {
-            SVCIPC_freeReqContext(context);
-        };
-        return SVCIPC_registerService(u.client(), "com.quorin.service.PersistentKeyValue",
-                                      "/com/quorin/service/PersistentKeyValue", 0, never, nullptr, &store) == 0;
+        return store.registerOn(u.client(), "com.quorin.service.PersistentKeyValue",
+                                "/com/quorin/service/PersistentKeyValue") == 0;
     };
     ASSERT_TRUE(unit.start(options)) << unit.error();
     ASSERT_TRUE(unit.waitForTrace("\n[CBR getPersistedTimeProperties] \n")) << "the settings were not asked for";
@@ -580,5 +561,13 @@ TEST(BusServiceGates, RadioMethodsWaitForTheSettingsWhileOtherMethodsWork)
     // which sends a second failure the caller never sees, and nothing is "Not Implemented".
     EXPECT_EQ(FAILURE, unit.call("reqCBRHWVersion").text);
     EXPECT_FALSE(unit.traced("Not Implemented"));
-    expectCleanStop(unit);
+
+    ASSERT_TRUE(unit.traced("\n[CBR] registering Clients...\n"));
+    unit.bus().kill();
+    const auto killed = std::chrono::steady_clock::now();
+    EXPECT_EQ(1, unit.waitDaemon(5000)) << unit.daemonErrors();
+    EXPECT_LT(std::chrono::steady_clock::now() - killed, std::chrono::seconds(2));
+    EXPECT_EQ(1u, countOf(unit.daemonErrors(), "[CBR] ERROR: bus connection lost; exiting with status 1"))
+        << unit.daemonErrors();
+    EXPECT_TRUE(unit.traced("\n@ ----- Exiting CBRadio Service ----- @\n"));
 }

@@ -135,14 +135,28 @@ TEST(Daemon, ForegroundServiceSendsStartFramesAndTracesToConsoleFromTheMainThrea
     EXPECT_NE(std::string::npos, text.find("\n[CBR]reqCBR_WA_OnOffRequest WriteOut c 1 1 \n"));
     EXPECT_NE(std::string::npos, text.find("\n[CBR] initializing State machine...\n"));
     EXPECT_EQ(std::string::npos, unit.daemonErrors().find("Error opening"));
+    EXPECT_TRUE(unit.traced("\n[CBR] DBUS not started on the target\n"));  // no envars.sh at all
     // The termination handler traces: only the main thread, waiting in a join, may run it.
     const unsigned long long termination = (1ull << (SIGINT - 1)) | (1ull << (SIGHUP - 1)) | (1ull << (SIGTERM - 1));
     for (const auto& thread : threadField(unit.daemonPid(), "SigBlk:", 16))
         EXPECT_EQ(termination, thread.second & termination) << thread.first;
 
-    stopWith(unit, unit.daemonPid(), SIGTERM);
-    EXPECT_EQ(0, unit.waitDaemon(5000)) << unit.daemonErrors();
-    EXPECT_TRUE(unit.traced("[CBRadio] CAUTION!!! - CBRadio Service rcvd signal to exit (15)\n"));
+    // Signals all through the shutdown (the trace server's connection makes the trace thread's
+    // end take a while) are harmless.
+    ASSERT_TRUE(unit.waitForTrace("[CBR run] Req processing thread running..."));
+    int status = -1;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    for (int i = 0; std::chrono::steady_clock::now() < deadline && (status = unit.waitDaemon(0)) == -1; ++i) {
+        ::kill(unit.daemonPid(), i % 2 ? SIGINT : SIGTERM);
+        std::this_thread::sleep_for(std::chrono::microseconds(500));
+    }
+    ASSERT_EQ(0, status) << unit.daemonErrors();
+    // Once the service object is gone no handler may run: it would post to a destroyed queue.
+    const std::string end = unit.daemonOutput();
+    const size_t exiting = end.find(EXITING);
+    ASSERT_NE(std::string::npos, exiting);
+    EXPECT_NE(std::string::npos, end.find("[CBRadio] CAUTION!!! - CBRadio Service rcvd signal to exit ("));
+    EXPECT_EQ(std::string::npos, end.find("rcvd signal to exit", exiting));
 }
 
 TEST(Daemon, DetachesIntoItsOwnSessionAtTheRootDirectory)
@@ -208,6 +222,9 @@ TEST(Daemon, UnderAServiceManagerRefusesAnEnvarsFileOthersCanWriteAndReportsRead
                                              ": it is writable by group or others (mode 666); running without a bus"));
     EXPECT_TRUE(unit.traced("\n[CBR] DBUS not started on the target\n"));
     EXPECT_FALSE(unit.traced("DBUS_SESSION_BUS_ADDRESS now available"));
+    // Without a bus the service runs on silently: no clients, no signals.
+    EXPECT_FALSE(unit.traced("registering Clients"));
+    EXPECT_TRUE(unit.traced("\n[CBR] sendCBRHWConnectionStatus: Service Not initialized\n"));
 
     stopWith(unit, unit.daemonPid(), SIGTERM);
     EXPECT_EQ("STOPPING=1", nextNotice());
@@ -216,26 +233,6 @@ TEST(Daemon, UnderAServiceManagerRefusesAnEnvarsFileOthersCanWriteAndReportsRead
     const std::string text = unit.daemonOutput();
     EXPECT_NE(std::string::npos, text.find("\n[CBR run] exiting Req processing thread...\n"));
     EXPECT_LT(text.find("[CBR run] exiting"), text.find(EXITING));
-}
-
-TEST(Daemon, SignalsDuringTheShutdownAreHarmless)
-{
-    HeadUnit unit;
-    // The trace server's connection makes the trace thread's end take a while.
-    ASSERT_TRUE(unit.start(withoutBus(false, true))) << unit.error();
-    ASSERT_TRUE(unit.waitForTrace("[CBR run] Req processing thread running..."));
-    int status = -1;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    for (int i = 0; std::chrono::steady_clock::now() < deadline && (status = unit.waitDaemon(0)) == -1; ++i) {
-        ::kill(unit.daemonPid(), i % 2 ? SIGINT : SIGTERM);
-        std::this_thread::sleep_for(std::chrono::microseconds(500));
-    }
-    ASSERT_EQ(0, status) << unit.daemonErrors();
-    // Once the service object is gone no handler may run: it would post to a destroyed queue.
-    const std::string text = unit.daemonOutput();
-    const size_t exiting = text.find(EXITING);
-    ASSERT_NE(std::string::npos, exiting);
-    EXPECT_EQ(std::string::npos, text.find("rcvd signal to exit", exiting));
 }
 
 // Whoever restarts, the daemon learns the module's state from the announcement on the new
@@ -287,28 +284,4 @@ TEST(Faults, RestartedDaemonOrSimulatorFollowsTheAnnouncedState)
     EXPECT_TRUE(unit.waitForFile("sim2.log", " RX 01 01 01\n")) << HeadUnit::readFile(unit.path("sim2.log"));
     EXPECT_TRUE(unit.waitForSignal("CBRadioStatus", data, signals));
     EXPECT_EQ(body("Status", 1), data);
-}
-
-// Without a bus the daemon is of no use and nothing brings the connection back: it says so once
-// and exits with a failure, so that its service manager restarts it.
-TEST(Faults, BusKilledUnderTheDaemonEndsItWithAFailureWithinTwoSeconds)
-{
-    HeadUnit unit;
-    HeadUnit::Options options;
-    options.startSimulator = false;
-    options.recordSignals = false;
-    options.daemonEnv = {{"CBRADIO_SYSLOG_STDERR", "1"}};
-    ASSERT_TRUE(unit.start(options)) << unit.error();
-    ASSERT_TRUE(unit.traced("\n[CBR] registering Clients...\n"));
-
-    unit.bus().kill();
-    const auto killed = std::chrono::steady_clock::now();
-    EXPECT_EQ(1, unit.waitDaemon(5000)) << unit.daemonErrors();
-    EXPECT_LT(std::chrono::steady_clock::now() - killed, std::chrono::seconds(2));
-    std::istringstream log(unit.daemonErrors());
-    int lines = 0;
-    for (std::string line; std::getline(log, line);)
-        lines += line.find("[CBR] ERROR: bus connection lost; exiting with status 1") != std::string::npos;
-    EXPECT_EQ(1, lines) << unit.daemonErrors();
-    EXPECT_TRUE(unit.traced("\n@ ----- Exiting CBRadio Service ----- @\n"));
 }
