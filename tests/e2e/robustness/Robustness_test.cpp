@@ -9,7 +9,6 @@
 
 #include <chrono>
 #include <csignal>
-#include <ostream>
 #include <string>
 #include <thread>
 
@@ -76,41 +75,26 @@ TEST(Robustness, TraceServerThatStopsReadingHoldsUpNeitherCallsNorTheStop)
 }
 
 // The start sequence writes three frames one second apart (hardware version, software version,
-// weather alert on); each of the three termination signals comes right after another of them.
-struct StopMoment
+// weather alert on); each of the three termination signals comes right after another of them, to
+// a daemon started anew each time under the same simulator.
+TEST(Robustness, SignalDuringTheStartFramesEndsTheDaemonWithExit0InTime)
 {
-    int signal;
-    const char* frame;
-    const char* name;
-};
-
-void PrintTo(const StopMoment& moment, std::ostream* out)
-{
-    *out << moment.name;
-}
-
-class SignalDuringStartFrames : public testing::TestWithParam<StopMoment>
-{
-};
-
-TEST_P(SignalDuringStartFrames, EndsTheDaemonWithExit0InTime)
-{
-    const int signal = GetParam().signal;
-    const std::string frame = GetParam().frame;
     HeadUnit unit;
     HeadUnit::Options options;
     options.recordSignals = false;
+    options.startDaemon = false;
     options.readyTrace = "";
     ASSERT_TRUE(unit.start(options)) << unit.error();
-    ASSERT_TRUE(unit.waitForFrame(frame, 0, 8000));
-    ASSERT_FALSE(unit.traced("[CBRadio] Up and Running..."));
+    const std::pair<int, const char*> moments[] = {{SIGTERM, "07 00"}, {SIGINT, "08 00"}, {SIGHUP, "0C 01 01"}};
+    for (const auto& moment : moments) {
+        SCOPED_TRACE(moment.second);
+        const size_t frames = unit.frameMark();
+        ASSERT_TRUE(unit.startDaemon()) << unit.error();
+        ASSERT_TRUE(unit.waitForFrame(moment.second, frames, 8000));
+        ASSERT_FALSE(unit.traced("[CBRadio] Up and Running..."));
 
-    EXPECT_EQ(0, stopDaemonWith(unit, signal)) << "not ended within " << kStopLimitMs << " ms\n" << unit.daemonErrors();
-    EXPECT_TRUE(unit.traced("rcvd signal to exit (" + std::to_string(signal) + ")\n"));
+        EXPECT_EQ(0, stopDaemonWith(unit, moment.first)) << "not ended within " << kStopLimitMs << " ms\n"
+                                                         << unit.daemonErrors();
+        EXPECT_TRUE(unit.traced("rcvd signal to exit (" + std::to_string(moment.first) + ")\n"));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Robustness, SignalDuringStartFrames,
-                         testing::Values(StopMoment{SIGTERM, "07 00", "SigtermAfterHardwareVersionQuery"},
-                                         StopMoment{SIGINT, "08 00", "SigintAfterSoftwareVersionQuery"},
-                                         StopMoment{SIGHUP, "0C 01 01", "SighupAfterWeatherAlertOn"}),
-                         [](const testing::TestParamInfo<StopMoment>& info) { return std::string(info.param.name); });

@@ -363,24 +363,9 @@ TEST_F(TraceChannelTest, CallbackListAndCall)
     EXPECT_EQ(r[1].size(), 8u + 4u + 253u);
     EXPECT_EQ(r[1][8], 1);  // return row: last parameter row + 1
     EXPECT_EQ(r[1][10], 0x34);
-    const uint32_t pid = uint32_t(getpid());
-    Bytes result = {uint8_t(pid),
-                    uint8_t(pid >> 8),
-                    uint8_t(pid >> 16),
-                    uint8_t(pid >> 24),
-                    uint8_t(index),
-                    uint8_t(index >> 8),
-                    0,
-                    0,
-                    0x34,
-                    0x12,
-                    0,
-                    0,
-                    40,
-                    0,
-                    0,
-                    0};
-    EXPECT_EQ(Bytes(r[2].begin() + 8, r[2].end()), result);
+    EXPECT_EQ(u32At(r[2], 8), uint32_t(getpid()));  // then the row, the cookie and the result
+    const Bytes result = {uint8_t(index), uint8_t(index >> 8), 0, 0, 0x34, 0x12, 0, 0, 40, 0, 0, 0};
+    EXPECT_EQ(Bytes(r[2].begin() + 12, r[2].end()), result);
 
     // A call shorter than it says, then an ordinary command: both served, nothing breaks.
     server.clearRecords();
