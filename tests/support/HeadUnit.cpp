@@ -1,5 +1,6 @@
 #include "HeadUnit.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -24,19 +25,6 @@ typedef std::chrono::steady_clock Clock;
 const char* const kServiceSignals[] = {
     "CBRadioStatus",         "CBRChannelNumber", "CBRSquelchLevel",           "CBRReceptionSensitivity",
     "CBRHWConnectionStatus", "CBRRxTxStatus",    "CBRWeatherAlertOnOffStatus"};
-
-std::vector<std::string> receivedFrames(const std::string& log)
-{
-    // "   5.126 RX 01 01 01": the seconds, the direction, the bytes.
-    std::vector<std::string> frames;
-    std::istringstream lines(log);
-    for (std::string line; std::getline(lines, line);) {
-        const size_t at = line.find(" RX ");
-        if (at != std::string::npos)
-            frames.push_back(line.substr(at + 4));
-    }
-    return frames;
-}
 }
 
 HeadUnit::~HeadUnit()
@@ -86,7 +74,7 @@ bool HeadUnit::start(const Options& options)
 
     if (options.startSimulator) {
         std::vector<std::string> args = {buildDir() + "/tools/v850sim/v850sim", "--log=" + path("sim.log")};
-        if (!startFed(mSimulator, mSimulatorInput, args, "sim"))
+        if (!launch(mSimulator, args, "sim", {}, {}, &mSimulatorInput))
             return false;
         if (!waitUntil([&] { return ::access(path("dev/ipc/ch6").c_str(), F_OK) == 0; }, 5000))
             return fail("the simulator did not create dev/ipc/ch6:\n" + readFile(path("sim.err")));
@@ -96,7 +84,7 @@ bool HeadUnit::start(const Options& options)
         args.insert(args.end(), options.peerArgs.begin(), options.peerArgs.end());
         // Commands run in order, so once "status" answers, the first ones are done and every peer
         // has joined the bus.
-        if (!startFed(mPeers, mPeerInput, args, "peersim") || !peers("status") ||
+        if (!launch(mPeers, args, "peersim", {}, {}, &mPeerInput) || !peers("status") ||
             !waitForFile("peersim.log", "on the bus:", 0, 10000))
             return fail("peersim did not come up:\n" + readFile(path("peersim.err")));
     }
@@ -108,37 +96,36 @@ bool HeadUnit::start(const Options& options)
 
 bool HeadUnit::startDaemon()
 {
-    std::vector<std::string> args = {buildDir() + "/cbradio/cbradiod", "--tp=" + path("trace.tp")};
     std::map<std::string, std::string> env = mOptions.daemonEnv;
-    env.emplace("CBRADIO_ROOT", mRoot);
+    // The daemon learns the bus only from envars.sh, as on the target.
     std::vector<std::string> unset = {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SESSION_BUS_PID"};
     if (mOptions.foreground)
         env.emplace("CBRADIO_FOREGROUND", "1");
     else
         unset.push_back("CBRADIO_FOREGROUND");
-    // The daemon learns the bus only from envars.sh, as on the target.
-    ChildProcess::Io io;
-    io.outPath = path("daemon.out");
-    io.errPath = path("daemon.err");
-    if (!mDaemon.start(args, ChildProcess::environmentWith(env, unset), io))
-        return fail("cannot start the daemon");
+    if (!launch(mDaemon, {buildDir() + "/cbradio/cbradiod", "--tp=" + path("trace.tp")}, "daemon", env, unset))
+        return false;
     if (!mOptions.readyTrace.empty() && !waitForTrace(mOptions.readyTrace, 0, 15000))
         return fail("the daemon did not come up:\n" + daemonOutput() + daemonErrors());
     return true;
 }
 
-bool HeadUnit::startFed(ChildProcess& child, int& input, const std::vector<std::string>& argv, const std::string& name)
+bool HeadUnit::launch(ChildProcess& child, const std::vector<std::string>& argv, const std::string& name,
+                      std::map<std::string, std::string> env, const std::vector<std::string>& unset, int* input)
 {
-    int pipeFds[2];
-    if (::pipe2(pipeFds, O_CLOEXEC) != 0)
+    int pipeFds[2] = {-1, -1};
+    if (input != nullptr && ::pipe2(pipeFds, O_CLOEXEC) != 0)
         return fail("pipe for " + name);
+    env.emplace("CBRADIO_ROOT", mRoot);
     ChildProcess::Io io;
     io.in = pipeFds[0];
     io.outPath = path(name + ".out");
     io.errPath = path(name + ".err");
-    const bool started = child.start(argv, ChildProcess::environmentWith({{"CBRADIO_ROOT", mRoot}}), io);
-    ::close(pipeFds[0]);
-    input = pipeFds[1];
+    const bool started = child.start(argv, ChildProcess::environmentWith(env, unset), io);
+    if (input != nullptr) {
+        ::close(pipeFds[0]);
+        *input = pipeFds[1];
+    }
     return started || fail("cannot start " + argv[0]);
 }
 
@@ -160,20 +147,20 @@ bool HeadUnit::startClient()
 bool HeadUnit::listen(const std::string& path, const std::string& signal)
 {
     SVCIPC_tSigSubHnd sub = nullptr;
-    const SVCIPC_tError status = SVCIPC_subscribe(mClient, path.c_str(), signal.c_str(), &HeadUnit::onSignal, this,
-                                                  &sub);
-    if (status != 0)
-        return fail("subscribe " + signal + ": " + SVCIPC_errorText(status));
-    mSubscriptions.push_back(sub);
-    return true;
+    return subscribed(SVCIPC_subscribe(mClient, path.c_str(), signal.c_str(), &HeadUnit::onSignal, this, &sub), sub,
+                      signal);
 }
 
 bool HeadUnit::watchOwner(const std::string& name)
 {
     SVCIPC_tSigSubHnd sub = nullptr;
-    const SVCIPC_tError status = SVCIPC_subscribeOwnerChanged(mClient, name.c_str(), &HeadUnit::onOwner, this, &sub);
+    return subscribed(SVCIPC_subscribeOwnerChanged(mClient, name.c_str(), &HeadUnit::onOwner, this, &sub), sub, name);
+}
+
+bool HeadUnit::subscribed(SVCIPC_tError status, SVCIPC_tSigSubHnd sub, const std::string& what)
+{
     if (status != 0)
-        return fail("watch " + name + ": " + SVCIPC_errorText(status));
+        return fail("subscribe " + what + ": " + SVCIPC_errorText(status));
     mSubscriptions.push_back(sub);
     return true;
 }
@@ -206,15 +193,12 @@ void HeadUnit::stop()
     for (auto& child : mSpawned)
         child->stop(1000);
     mSpawned.clear();
-    if (mSimulatorInput >= 0) {
-        ::close(mSimulatorInput);
-        mSimulatorInput = -1;
+    for (int* input : {&mSimulatorInput, &mPeerInput}) {
+        if (*input >= 0)
+            ::close(*input);
+        *input = -1;
     }
     mSimulator.stop(1000);
-    if (mPeerInput >= 0) {
-        ::close(mPeerInput);
-        mPeerInput = -1;
-    }
     mPeers.stop(1000);
     for (SVCIPC_tSigSubHnd sub : mSubscriptions)
         SVCIPC_unsubscribe(sub);
@@ -235,16 +219,11 @@ void HeadUnit::stop()
 }
 
 pid_t HeadUnit::spawn(const std::vector<std::string>& argv, const std::string& name,
-                      const std::map<std::string, std::string>& env)
+                      std::map<std::string, std::string> env)
 {
-    std::map<std::string, std::string> set = env;
-    set.emplace("CBRADIO_ROOT", mRoot);
-    set.emplace("DBUS_SESSION_BUS_ADDRESS", mBus.address());
-    ChildProcess::Io io;
-    io.outPath = path(name + ".out");
-    io.errPath = path(name + ".err");
+    env.emplace("DBUS_SESSION_BUS_ADDRESS", mBus.address());
     mSpawned.push_back(std::make_unique<ChildProcess>());
-    mSpawned.back()->start(argv, ChildProcess::environmentWith(set), io);
+    launch(*mSpawned.back(), argv, name, env);
     return mSpawned.back()->pid();
 }
 
@@ -271,7 +250,13 @@ bool HeadUnit::waitForFile(const std::string& relative, const std::string& text,
 
 std::vector<std::string> HeadUnit::framesFromHeadUnit() const
 {
-    return receivedFrames(simulatorLog());
+    // "   5.126 RX 01 01 01": the seconds, the direction, the bytes.
+    std::vector<std::string> frames;
+    std::istringstream lines(simulatorLog());
+    for (std::string line; std::getline(lines, line);)
+        if (line.find(" RX ") != std::string::npos)
+            frames.push_back(line.substr(line.find(" RX ") + 4));
+    return frames;
 }
 
 std::vector<std::string> HeadUnit::framesSince(size_t mark) const
@@ -285,10 +270,8 @@ bool HeadUnit::waitForFrame(const std::string& frame, size_t from, int timeoutMs
 {
     return waitUntil(
         [&] {
-            for (const std::string& f : framesSince(from))
-                if (f == frame)
-                    return true;
-            return false;
+            const std::vector<std::string> frames = framesSince(from);
+            return std::find(frames.begin(), frames.end(), frame) != frames.end();
         },
         timeoutMs);
 }

@@ -111,7 +111,7 @@ public:
     // Starts a program with CBRADIO_ROOT, the bus address and `env` set; standard output and
     // error go to <name>.out / <name>.err under the root. Ended by stop() with SIGTERM.
     pid_t spawn(const std::vector<std::string>& argv, const std::string& name,
-                const std::map<std::string, std::string>& env = {});
+                std::map<std::string, std::string> env = {});
     static std::string readFile(const std::string& path) { return ::readFile(path); }
     // Whether the file under the root holds `text` at or after `from` within timeoutMs.
     bool waitForFile(const std::string& relative, const std::string& text, size_t from = 0, int timeoutMs = 5000) const;
@@ -171,8 +171,12 @@ public:
 private:
     bool fail(const std::string& why);
     bool startClient();
-    // Starts a program whose standard input is a pipe; its writing end goes to `input`.
-    bool startFed(ChildProcess& child, int& input, const std::vector<std::string>& argv, const std::string& name);
+    // Starts a program with CBRADIO_ROOT and `env` set, `unset` removed, its output in <name>.out
+    // and <name>.err; with `input`, its standard input is a pipe whose writing end goes there.
+    bool launch(ChildProcess& child, const std::vector<std::string>& argv, const std::string& name,
+                std::map<std::string, std::string> env, const std::vector<std::string>& unset = {},
+                int* input = nullptr);
+    bool subscribed(SVCIPC_tError status, SVCIPC_tSigSubHnd sub, const std::string& what);
     static bool writeLine(int fd, const std::string& line);
     static void onSignal(const char* sigName, const char* data, SVCIPC_tUserToken token);
     static void onOwner(const char* name, const char* oldOwner, const char* newOwner, SVCIPC_tUserToken token);

@@ -28,10 +28,8 @@ public:
     bool start();
     void stop();
     void kill();  // SIGKILL, then reap; the folder stays until stop() or destruction
-    bool running() const { return mDaemon.running(); }
 
     const std::string& address() const { return mAddress; }
-    const std::string& folder() const { return mFolder; }
     const std::string& error() const { return mError; }
     pid_t pid() const { return mDaemon.pid(); }
     void exportAddress() const;

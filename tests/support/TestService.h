@@ -59,9 +59,6 @@ struct TestService
     CallbackLog log;
     SVCIPC_tSvcRegHnd reg = nullptr;
 
-    TestService() = default;
-    TestService(const TestService&) = delete;
-    TestService& operator=(const TestService&) = delete;
     ~TestService()
     {
         std::lock_guard<std::mutex> lock(mHeldMutex);

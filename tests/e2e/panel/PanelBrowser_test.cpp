@@ -25,13 +25,6 @@ const char* const kBrowser = "/usr/bin/chromium";
 const char* const kDriver = "/usr/bin/chromedriver";
 const char* const kElementKey = "element-6066-11e4-a52e-4f735466cecf";
 
-std::string compact(const Json::Value& value)
-{
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return Json::writeString(builder, value);
-}
-
 std::string base64Decode(const std::string& in)
 {
     static const std::string digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
@@ -77,7 +70,7 @@ public:
         io.errPath = workDir + "/chromedriver.err";
         if (!mDriver.start({kDriver, "--port=" + std::to_string(mPort)}, ChildProcess::environmentWith({}), io))
             return fail("cannot start chromedriver");
-        if (!waitUntil([&] { return call("GET", "/status", Json::Value())["value"]["ready"].asBool(); }, 10000))
+        if (!waitUntil([&] { return call("GET", "/status")["value"]["ready"].asBool(); }, 10000))
             return fail("chromedriver did not get ready on port " + std::to_string(mPort));
         Json::Value caps;
         Json::Value& chrome = caps["capabilities"]["alwaysMatch"]["goog:chromeOptions"];
@@ -87,45 +80,32 @@ public:
                                       "--disable-dev-shm-usage", "--window-size=1360,1000"})
             chrome["args"].append(arg);
         chrome["args"].append("--user-data-dir=" + workDir + "/chromium-profile");
-        mSession = call("POST", "/session", caps)["value"]["sessionId"].asString();
+        mSession = call("POST", "/session", caps.toStyledString())["value"]["sessionId"].asString();
         return !mSession.empty() || fail("no browser session: " + mError);
     }
 
     const std::string& error() const { return mError; }
 
-    bool open(const std::string& url)
-    {
-        Json::Value body;
-        body["url"] = url;
-        return !request("POST", "/url", body).isNull();
-    }
+    bool open(const std::string& url) { return !request("POST", "/url", R"({"url":)" + quoted(url) + "}").isNull(); }
 
     // Runs `body` (a function body, e.g. "return document.title;") in the page.
-    Json::Value script(const std::string& text)
+    Json::Value script(const std::string& body)
     {
-        Json::Value body;
-        body["script"] = text;
-        body["args"] = Json::Value(Json::arrayValue);
-        return request("POST", "/execute/sync", body)["value"];
+        return request("POST", "/execute/sync", R"({"script":)" + quoted(body) + R"(,"args":[]})")["value"];
     }
 
     // The left button goes down on the element and stays down until release().
     bool press(const std::string& css)
     {
-        Json::Value find;
-        find["using"] = "css selector";
-        find["value"] = css;
-        const std::string id = request("POST", "/element", find)["value"][kElementKey].asString();
-        Json::Value move;
-        move["type"] = "pointerMove";
-        move["duration"] = 0;
-        move["origin"][kElementKey] = id;
-        move["x"] = 0;
-        move["y"] = 0;
-        return !id.empty() && pointer(move, "pointerDown");
+        const Json::Value found = request("POST", "/element",
+                                          R"({"using":"css selector","value":)" + quoted(css) + "}");
+        const std::string id = found["value"][kElementKey].asString();
+        const std::string origin = "{\"" + std::string(kElementKey) + "\":\"" + id + "\"}";
+        return !id.empty() && pointer(R"({"type":"pointerMove","duration":0,"x":0,"y":0,"origin":)" + origin +
+                                      R"(},{"type":"pointerDown","button":0})");
     }
 
-    bool release() { return pointer(Json::Value(), "pointerUp"); }
+    bool release() { return pointer(R"({"type":"pointerUp","button":0})"); }
     bool click(const std::string& css) { return press(css) && release(); }
 
     bool screenshot(const std::string& pngPath)
@@ -144,16 +124,17 @@ private:
         return false;
     }
 
+    static std::string quoted(const std::string& text) { return Json::valueToQuotedString(text.c_str()); }
+
     // One request to chromedriver; its JSON answer, or null (and error()) unless HTTP 200.
-    Json::Value call(const std::string& method, const std::string& path, const Json::Value& body = Json::Value())
+    Json::Value call(const std::string& method, const std::string& path, const std::string& body = "{}")
     {
         httplib::Client client("127.0.0.1", mPort);
         client.set_connection_timeout(2, 0);
         client.set_read_timeout(30, 0);
-        const std::string text = compact(body.isNull() ? Json::Value(Json::objectValue) : body);
         httplib::Result res = method == "GET"      ? client.Get(path.c_str())
                               : method == "DELETE" ? client.Delete(path.c_str())
-                                                   : client.Post(path.c_str(), text, "application/json");
+                                                   : client.Post(path.c_str(), body, "application/json");
         Json::Value value;
         std::string errors;
         std::istringstream in(res ? res->body : "");
@@ -164,26 +145,16 @@ private:
         return value;
     }
 
-    Json::Value request(const std::string& method, const std::string& path, const Json::Value& body = Json::Value())
+    Json::Value request(const std::string& method, const std::string& path, const std::string& body = "{}")
     {
         return call(method, "/session/" + mSession + path, body);
     }
 
-    bool pointer(const Json::Value& move, const char* button)
+    // One pointer action sequence of the mouse: `steps` are its actions, as JSON objects.
+    bool pointer(const std::string& steps)
     {
-        Json::Value source;
-        source["type"] = "pointer";
-        source["id"] = "mouse";
-        source["parameters"]["pointerType"] = "mouse";
-        if (!move.isNull())
-            source["actions"].append(move);
-        Json::Value step;
-        step["type"] = button;
-        step["button"] = 0;
-        source["actions"].append(step);
-        Json::Value all;
-        all["actions"].append(source);
-        return !request("POST", "/actions", all).isNull();
+        const std::string mouse = R"({"type":"pointer","id":"mouse","parameters":{"pointerType":"mouse"},"actions":[)";
+        return !request("POST", "/actions", R"({"actions":[)" + mouse + steps + "]}]}").isNull();
     }
 
     ChildProcess mDriver;

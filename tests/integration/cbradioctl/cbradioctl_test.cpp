@@ -72,19 +72,12 @@ protected:
     }
     void TearDown() override { SVCIPC_shutdown(); }
 
-    // Runs cbradioctl to its end (at most 20 s). `env` entries replace ours; "<unset>" removes one.
-    Result run(const std::vector<std::string>& args, const std::map<std::string, std::string>& env = {})
+    // Runs cbradioctl to its end (at most 20 s), with `set` added to our environment and `unset` removed.
+    Result run(const std::vector<std::string>& args, const std::map<std::string, std::string>& set = {},
+               const std::vector<std::string>& unset = {})
     {
         std::vector<std::string> argv{buildDir() + "/tools/cbradioctl/cbradioctl"};
         argv.insert(argv.end(), args.begin(), args.end());
-        std::map<std::string, std::string> set;
-        std::vector<std::string> unset;
-        for (const auto& kv : env) {
-            if (kv.second == "<unset>")
-                unset.push_back(kv.first);
-            else
-                set.insert(kv);
-        }
         ChildProcess ctl;
         ChildProcess::Io io;
         io.outPath = root.path("ctl.out");
@@ -178,7 +171,7 @@ TEST_F(CbRadioCtl, WatchPrintsSignalsWithTimeStamps)
     EXPECT_EQ("", timed.out);
 }
 
-TEST_F(CbRadioCtl, ExitCodesForScripts)
+TEST_F(CbRadioCtl, ExitCodesForScriptsAndTheBusFromTheEnvironmentFile)
 {
     const struct
     {
@@ -213,21 +206,16 @@ TEST_F(CbRadioCtl, ExitCodesForScripts)
         EXPECT_EQ(0u, r.out.find("usage: cbradioctl")) << cmd;
     }
     EXPECT_EQ(0, run({"--help"}).exitCode);
-}
 
-TEST_F(CbRadioCtl, BusAddressFromTheEnvironmentFile)
-{
+    // Without a bus in the environment the address comes from $CBRADIO_ROOT/tmp/envars.sh.
     std::filesystem::create_directories(root.path("tmp"));
-    const std::map<std::string, std::string> env = {{"DBUS_SESSION_BUS_ADDRESS", "<unset>"},
-                                                    {"CBRADIO_ROOT", root.path()}};
-    const Result none = run({"on"}, env);
+    const Result none = run({"on"}, {{"CBRADIO_ROOT", root.path()}}, {"DBUS_SESSION_BUS_ADDRESS"});
     EXPECT_EQ(5, none.exitCode);
     EXPECT_NE(std::string::npos, none.err.find("no session bus"));
-
     std::ofstream(root.path("tmp/envars.sh"))
         << "export DBUS_SESSION_BUS_ADDRESS='" << bus.address() << "';\nexport DBUS_SESSION_BUS_PID=1;\n";
     std::filesystem::permissions(root.path("tmp/envars.sh"), std::filesystem::perms(0644));
-    const Result found = run({"on"}, env);
+    const Result found = run({"on"}, {{"CBRADIO_ROOT", root.path()}}, {"DBUS_SESSION_BUS_ADDRESS"});
     EXPECT_EQ(0, found.exitCode) << found.err;
     EXPECT_EQ(kSuccess, found.out);
 }
