@@ -8,13 +8,11 @@
 #include <json/json.h>
 #include <gtest/gtest.h>
 
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
-#include <functional>
+#include <cstring>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -56,20 +54,15 @@ public:
 
     bool start(const std::string& workDir)
     {
-        const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof addr;
-        if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-            ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0)
-            mPort = ntohs(addr.sin_port);
-        ::close(fd);
         ChildProcess::Io io;
         io.outPath = workDir + "/chromedriver.out";
         io.errPath = workDir + "/chromedriver.err";
-        if (!mDriver.start({kDriver, "--port=" + std::to_string(mPort)}, ChildProcess::environmentWith({}), io))
-            return fail("cannot start chromedriver");
+        const char* const started = "started successfully on port ";
+        if (!mDriver.start({kDriver, "--port=0"}, ChildProcess::environmentWith({}), io) ||
+            !waitUntil([&] { return readFile(io.outPath).find(started) != std::string::npos; }, 10000))
+            return fail("chromedriver did not start: " + readFile(io.errPath));
+        const std::string out = readFile(io.outPath);
+        mPort = std::stoi(out.substr(out.find(started) + std::strlen(started)));
         if (!waitUntil([&] { return call("GET", "/status")["value"]["ready"].asBool(); }, 10000))
             return fail("chromedriver did not get ready on port " + std::to_string(mPort));
         Json::Value caps;
@@ -163,19 +156,6 @@ private:
     std::string mError;
 };
 
-// Polls the page at a pace the browser keeps up with, for up to ten seconds.
-bool eventually(const std::function<bool()>& condition)
-{
-    return waitUntil(
-        [&] {
-            if (condition())
-                return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-            return false;
-        },
-        10000);
-}
-
 class PanelBrowser : public ::testing::Test
 {
 protected:
@@ -214,7 +194,8 @@ protected:
     }
     bool shows(const std::string& css, const std::string& value, const std::string& what = "dataset.value")
     {
-        return eventually([&] { return shown(css, what) == value; });
+        // Polled at a pace the browser keeps up with.
+        return waitUntil([&] { return shown(css, what) == value; }, 10000, 100);
     }
     bool lit(const std::string& css, bool on) { return shows(css, on ? "true" : "false", "classList.contains('on')"); }
     bool overlayShown(bool visible) { return shows("#offbus", visible ? "false" : "true", "hidden"); }
@@ -285,12 +266,12 @@ TEST_F(PanelBrowser, DrivesTheRadioAndFollowsTheServiceThroughARestart)
     // The new service learns the radio's state anew (the simulator may tell it the radio is on);
     // once the page shows that state, the radio is switched on if needed. Channel and squelch are
     // the new service's own (defaults or restored), so only their arrival is checked.
-    ASSERT_TRUE(eventually([&] {
-        return shown("#st-power", "textContent") == "on" || shown("#st-power", "textContent") == "off";
-    })) << pageLog();
-    if (shown("#st-power", "textContent") == "off") {
+    const auto power = [&] { return shown("#st-power", "textContent"); };
+    ASSERT_TRUE(waitUntil([&] { return power() == "on" || power() == "off"; }, 10000, 100)) << pageLog();
+    if (power() == "off") {
         ASSERT_TRUE(mBrowser.click("#power"));
     }
-    EXPECT_TRUE(eventually([&] { return !shown("#channel").empty() && !shown("#squelch").empty(); })) << pageLog();
+    EXPECT_TRUE(waitUntil([&] { return !shown("#channel").empty() && !shown("#squelch").empty(); }, 10000, 100))
+        << pageLog();
 }
 }  // namespace
