@@ -98,11 +98,8 @@ bool HeadUnit::startDaemon()
 {
     std::map<std::string, std::string> env = mOptions.daemonEnv;
     // The daemon learns the bus only from envars.sh, as on the target.
-    std::vector<std::string> unset = {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SESSION_BUS_PID"};
-    if (mOptions.foreground)
-        env.emplace("CBRADIO_FOREGROUND", "1");
-    else
-        unset.push_back("CBRADIO_FOREGROUND");
+    const std::vector<std::string> unset = {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SESSION_BUS_PID"};
+    env.emplace("CBRADIO_FOREGROUND", "1");
     if (!launch(mDaemon, {buildDir() + "/cbradio/cbradiod", "--tp=" + path("trace.tp")}, "daemon", env, unset))
         return false;
     if (!mOptions.readyTrace.empty() && !waitForTrace(mOptions.readyTrace, 0, 15000))

@@ -1,19 +1,11 @@
 // HeadUnit: a whole simulated head unit for end-to-end tests and benchmarks.
 //
-// start() builds, in a fresh temporary CBRADIO_ROOT:
-//   1. a PrivateBus, and $CBRADIO_ROOT/tmp/envars.sh naming it (unless Options::writeEnvars is
-//      false: the daemon then runs without a bus);
-//   2. the real v850sim on $CBRADIO_ROOT/dev/ipc/ch6, logging to sim.log, its standard input a
-//      pipe that simulator() writes to (unless Options::startSimulator is false);
-//   3. with Options::startPeers, the real peersim logging to peersim.log, its standard input a
-//      pipe that peers() writes to; start() goes on once its first commands (peerArgs) are done
-//      and every peer is on the bus;
-//   4. Options::beforeDaemon, a hook for extra processes or bus names that must exist before the
-//      service starts (a name owner made with client());
-//   5. the real cbradiod (startDaemon()).
-// The daemon gets the bus address only through envars.sh; processes started with spawn() get it in
-// their environment as well. A service-IPC client connection of the test's own (client()) listens
-// to every signal of the service from the start; signals are kept in arrival order.
+// start() builds, in a fresh temporary CBRADIO_ROOT: a PrivateBus and tmp/envars.sh naming it;
+// the real v850sim on dev/ipc/ch6 (sim.log; commands through simulator()); with startPeers, the
+// real peersim (peersim.log; commands through peers()), ready once its first commands are done
+// and every peer is on the bus; the beforeDaemon hook (e.g. a name owner made with client()); then
+// the real cbradiod (startDaemon()), which learns the bus only from envars.sh. A service-IPC
+// client of the test's own (client()) records the service's signals from the start, in order.
 //
 // Waiting is polling with a deadline, never a fixed sleep. Marks (traceMark, frameMark,
 // signalMark) let a test look only at what came after a point. stop() (or destruction) ends the
@@ -46,9 +38,8 @@ public:
         bool startSimulator = true;
         bool startPeers = false;
         bool startDaemon = true;
-        bool foreground = true;             // CBRADIO_FOREGROUND=1
-        std::vector<std::string> peerArgs;  // e.g. {"--cmd", "silent all"}
-        std::map<std::string, std::string> daemonEnv;
+        std::vector<std::string> peerArgs;             // e.g. {"--cmd", "silent all"}
+        std::map<std::string, std::string> daemonEnv;  // CBRADIO_FOREGROUND=1 unless set here
         // Trace settings file text; the default switches every scope on, to the console.
         std::string traceSettings = "JTTracePersistence 1.1.0\n* 7f 8\n";
         std::function<bool(HeadUnit&)> beforeDaemon;  // false: start() fails

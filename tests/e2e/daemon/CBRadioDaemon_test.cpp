@@ -1,6 +1,6 @@
 // The real cbradiod as a process: start frames, console, daemon mode, a service manager's
 // notifications, stop signals, and faults at its edges (the V850 side or the daemon restarted
-// under the other, the bus going away).
+// under the other). The bus going away is a bus service gate (BusService_test).
 #include "HeadUnit.h"
 
 #include <gtest/gtest.h>
@@ -8,8 +8,7 @@
 #include <chrono>
 #include <fstream>
 #include <csignal>
-#include <dirent.h>
-#include <memory>
+#include <filesystem>
 #include <poll.h>
 #include <sstream>
 #include <string>
@@ -52,18 +51,16 @@ bool alive(pid_t pid)
 std::vector<std::pair<std::string, unsigned long long>> threadField(pid_t pid, const std::string& field, int base)
 {
     std::vector<std::pair<std::string, unsigned long long>> threads;
-    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
-    std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(tasks.c_str()), ::closedir);
-    for (dirent* e; dir && (e = ::readdir(dir.get())) != nullptr;) {
-        if (e->d_name[0] == '.' || std::to_string(pid) == e->d_name)
+    std::error_code gone;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", gone)) {
+        if (task.path().filename() == std::to_string(pid))
             continue;
-        const std::string task = tasks + "/" + e->d_name;
-        std::istringstream status(HeadUnit::readFile(task + "/status"));
+        std::istringstream status(HeadUnit::readFile(task.path() / "status"));
         unsigned long long value = 0;
         for (std::string line; std::getline(status, line);)
             if (line.find(field) != std::string::npos)
                 value += std::stoull(line.substr(line.find(':') + 1), nullptr, base);
-        threads.emplace_back(HeadUnit::readFile(task + "/comm"), value);
+        threads.emplace_back(HeadUnit::readFile(task.path() / "comm"), value);
     }
     return threads;
 }
@@ -163,7 +160,7 @@ TEST(Daemon, DetachesIntoItsOwnSessionAtTheRootDirectory)
 {
     HeadUnit unit;
     HeadUnit::Options options = withoutBus(false, false);
-    options.foreground = false;
+    options.daemonEnv = {{"CBRADIO_FOREGROUND", "0"}};
     ASSERT_TRUE(unit.start(options)) << unit.error();
     const pid_t parent = unit.daemonPid();
     EXPECT_EQ(0, unit.waitDaemon(2000));  // the parent leaves at once

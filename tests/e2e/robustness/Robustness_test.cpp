@@ -22,32 +22,6 @@ int stopDaemonWith(HeadUnit& unit, int signal)
     ::kill(unit.daemonPid(), signal);
     return unit.waitDaemon(kStopLimitMs);
 }
-
-// Four clients call the whole mix for three seconds: every call is answered; then SIGTERM,
-// with the clients still calling, ends the daemon cleanly in time.
-void expectAnsweredUnderLoadAndStopped(HeadUnit& unit)
-{
-    LoadClients::Options options;
-    options.clients = 4;
-    options.timeoutMs = 3000;
-    LoadClients clients(options);
-    ASSERT_TRUE(clients.start()) << clients.error();
-    std::this_thread::sleep_for(std::chrono::seconds(3));
-    clients.endCount();
-    const LoadFigures f = clients.figures();
-
-    const int status = stopDaemonWith(unit, SIGTERM);
-    clients.stop();
-
-    EXPECT_GT(f.calls, 0u);
-    const std::string firstFailure = f.errorKinds.empty() ? "" : f.errorKinds.begin()->first;
-    EXPECT_EQ(0u, f.timeouts) << f.calls << " calls; " << firstFailure;
-    EXPECT_EQ(0u, f.errors) << firstFailure;
-    EXPECT_EQ(0u, f.failureResults);
-    EXPECT_GT(f.signals, 0u);
-    EXPECT_EQ(0, clients.stuckClients());
-    EXPECT_EQ(0, status) << "SIGTERM under load: not ended within " << kStopLimitMs << " ms\n" << unit.daemonErrors();
-}
 }
 
 // tracesrv is stopped (SIGSTOP) once the daemon has connected to it, so every record the daemon
@@ -66,12 +40,31 @@ TEST(Robustness, TraceServerThatStopsReadingHoldsUpNeitherCallsNorTheStop)
                HeadUnit::waitUntil([&] { return ::access(u.path("dev/mv2trace/register").c_str(), F_OK) == 0; }, 5000);
     };
     ASSERT_TRUE(unit.start(options)) << unit.error();
-    ASSERT_TRUE(HeadUnit::waitUntil(
-        [&] { return HeadUnit::readFile(unit.path("tracesrv.out")).find("CBRadio connected") != std::string::npos; },
-        5000));
+    ASSERT_TRUE(unit.waitForFile("tracesrv.out", "CBRadio connected"));
     ASSERT_EQ(0, ::kill(server, SIGSTOP));
-    expectAnsweredUnderLoadAndStopped(unit);
+
+    // Four clients call the whole mix for three seconds: every call is answered; then SIGTERM,
+    // with the clients still calling, ends the daemon cleanly in time.
+    LoadClients::Options load;
+    load.clients = 4;
+    load.timeoutMs = 3000;
+    LoadClients clients(load);
+    ASSERT_TRUE(clients.start()) << clients.error();
+    std::this_thread::sleep_for(std::chrono::seconds(3));
+    clients.endCount();
+    const LoadFigures f = clients.figures();
+    const int status = stopDaemonWith(unit, SIGTERM);
+    clients.stop();
     ::kill(server, SIGCONT);
+
+    EXPECT_GT(f.calls, 0u);
+    const std::string firstFailure = f.errorKinds.empty() ? "" : f.errorKinds.begin()->first;
+    EXPECT_EQ(0u, f.timeouts) << f.calls << " calls; " << firstFailure;
+    EXPECT_EQ(0u, f.errors) << firstFailure;
+    EXPECT_EQ(0u, f.failureResults);
+    EXPECT_GT(f.signals, 0u);
+    EXPECT_EQ(0, clients.stuckClients());
+    EXPECT_EQ(0, status) << "SIGTERM under load: not ended within " << kStopLimitMs << " ms\n" << unit.daemonErrors();
 }
 
 // The start sequence writes three frames one second apart (hardware version, software version,
