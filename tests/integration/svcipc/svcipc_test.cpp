@@ -336,26 +336,6 @@ TEST_F(SvcIpc, CallsFailWithTimeOutsMissingServicesAndNamedRemoteErrors)
     EXPECT_EQ(expected, seen);
 }
 
-TEST_F(SvcIpc, ResultsAfterTheFirstAndCompletionsOfFireAndForget)
-{
-    CallbackLog done;
-    TestService svc;
-    svc.onRequest = [&](SVCIPC_tReqContext ctx, const std::string&, const std::string&) {
-        auto status = [](const SVCIPC_tCallbackStatus* st, SVCIPC_tUserToken token) {
-            static_cast<CallbackLog*>(token)->add("done " + std::to_string(st->errCode));
-        };
-        EXPECT_EQ(0, SVCIPC_asyncReturnResult(ctx, "first", status, &done));
-        EXPECT_EQ(0, SVCIPC_asyncReturnResult(ctx, "second", nullptr, nullptr));
-        EXPECT_EQ(0, SVCIPC_freeReqContext(ctx));
-        EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_freeReqContext(ctx));
-        EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_asyncReturnResult(ctx, "late", nullptr, nullptr));
-    };
-    ASSERT_EQ(0, svc.registerOn(conn, kName, kPath));
-    EXPECT_EQ("first", invoke(privateConnection(), "m", ""));
-    ASSERT_TRUE(done.waitFor(1));
-    EXPECT_EQ("done 0", done.snapshot()[0]);
-}
-
 TEST_F(SvcIpc, SignalsComeFromTheOwnerOnlyUntilUnsubscribed)
 {
     EXPECT_EQ(SVCIPC_ERR_NOT_REGISTERED, SVCIPC_asyncEmit(conn, "s", "", nullptr, nullptr));
@@ -612,11 +592,28 @@ TEST_F(SvcIpc, StaleAndInvalidHandlesGiveFailures)
     EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_subscribe(conn, kPath, "a.b", onSignal, &log, &sub));
     EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_nameHasOwner(conn, kName, nullptr, 0));
 
-    // Everything that hung off a closed connection is stale.
+    // A request's context is stale once freed; results after the first are dropped, and the
+    // first one's completion is told.
+    CallbackLog done;
     TestService svc;
+    svc.onRequest = [&](SVCIPC_tReqContext ctx, const std::string&, const std::string&) {
+        auto status = [](const SVCIPC_tCallbackStatus* st, SVCIPC_tUserToken token) {
+            static_cast<CallbackLog*>(token)->add("done " + std::to_string(st->errCode));
+        };
+        EXPECT_EQ(0, SVCIPC_asyncReturnResult(ctx, "first", status, &done));
+        EXPECT_EQ(0, SVCIPC_asyncReturnResult(ctx, "second", nullptr, nullptr));
+        EXPECT_EQ(0, SVCIPC_freeReqContext(ctx));
+        EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_freeReqContext(ctx));
+        EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_asyncReturnResult(ctx, "late", nullptr, nullptr));
+    };
     ASSERT_EQ(0, svc.registerOn(conn, kName, kPath));
-    ASSERT_EQ(0, SVCIPC_subscribe(conn, kPath, "s", onSignal, &log, &sub));
     ASSERT_EQ(0, SVCIPC_invoke(conn, kName, kPath, "m", "", 0, 0, &resp));
+    EXPECT_STREQ("first", resp->result);
+    ASSERT_TRUE(done.waitFor(1));
+    EXPECT_EQ("done 0", done.snapshot()[0]);
+
+    // Everything that hung off a closed connection is stale.
+    ASSERT_EQ(0, SVCIPC_subscribe(conn, kPath, "s", onSignal, &log, &sub));
     ASSERT_EQ(0, SVCIPC_closeConnection(conn));
     EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_closeConnection(conn));
     EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_unregisterService(svc.reg));
