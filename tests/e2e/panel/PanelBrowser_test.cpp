@@ -6,10 +6,12 @@
 
 #include <httplib.h>
 #include <json/json.h>
+#include <openssl/evp.h>
 #include <gtest/gtest.h>
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -22,23 +24,6 @@ namespace
 const char* const kBrowser = "/usr/bin/chromium";
 const char* const kDriver = "/usr/bin/chromedriver";
 const char* const kElementKey = "element-6066-11e4-a52e-4f735466cecf";
-
-std::string base64Decode(const std::string& in)
-{
-    static const std::string digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string out;
-    unsigned buffer = 0;
-    int bits = 0;
-    for (char c : in) {
-        const size_t v = digits.find(c);
-        if (v == std::string::npos)
-            continue;
-        buffer = (buffer << 6) | static_cast<unsigned>(v);
-        if ((bits += 6) >= 8)
-            out.push_back(static_cast<char>((buffer >> (bits -= 8)) & 0xFF));
-    }
-    return out;
-}
 
 // A headless Chromium driven through chromedriver's W3C WebDriver protocol, with a fresh profile.
 // Every request has a bounded time-out; failures come back as false or null, with error() telling.
@@ -103,10 +88,14 @@ public:
 
     bool screenshot(const std::string& pngPath)
     {
-        const Json::Value answer = request("GET", "/screenshot");
-        if (!answer["value"].isString())
+        const std::string text = request("GET", "/screenshot")["value"].asString();
+        std::string png(text.size() / 4 * 3, '\0');
+        const int size = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(&png[0]),
+                                         reinterpret_cast<const unsigned char*>(text.data()), int(text.size()));
+        if (text.size() < 4 || size < 0)
             return false;
-        std::ofstream(pngPath, std::ios::binary) << base64Decode(answer["value"].asString());
+        png.resize(size - std::count(text.end() - 2, text.end(), '='));  // padding decodes to zero bytes
+        std::ofstream(pngPath, std::ios::binary) << png;
         return true;
     }
 
