@@ -284,10 +284,11 @@ TEST_F(Radio, PresetsAreStoredInMemorySelectedByFrameAndCleared)
 
 TEST_F(Radio, VersionsComeFromTheV850AndFallThroughToTheRadioMethods)
 {
-    EXPECT_EQ("{\"CBRadioHWVersion\":\"10\",\"code\":0,\"description\":\"success\"}\n",
-              unit->call("reqCBRHWVersion").text);
-    EXPECT_EQ("{\"CBRadioSWVersion\":\"SW01.02.03\",\"code\":0,\"description\":\"success\"}\n",
-              unit->call("reqCBRSWVersion").text);
+    auto version = [](const std::string& kind, const std::string& text) {
+        return "{\"CBRadio" + kind + "Version\":\"" + text + "\",\"code\":0,\"description\":\"success\"}\n";
+    };
+    EXPECT_EQ(version("HW", "10"), unit->call("reqCBRHWVersion").text);
+    EXPECT_EQ(version("SW", "SW01.02.03"), unit->call("reqCBRSWVersion").text);
     // With the data initialised the version methods end as unknown radio methods.
     EXPECT_TRUE(unit->waitForTrace("\n[CBR] Method [reqCBRHWVersion] Not Implemented\n"));
     EXPECT_TRUE(unit->waitForTrace("\n[CBR] Method [reqCBRSWVersion] Not Implemented\n"));
@@ -297,10 +298,8 @@ TEST_F(Radio, VersionsComeFromTheV850AndFallThroughToTheRadioMethods)
     v850("07 02 39 00");
     v850("08 0A 41 42 43 44 45 46 47 48 49 4A 4B 4C 4D 4E 4F");
     syncDecoder();
-    EXPECT_EQ("{\"CBRadioHWVersion\":\"9\",\"code\":0,\"description\":\"success\"}\n",
-              unit->call("reqCBRHWVersion").text);
-    EXPECT_EQ("{\"CBRadioSWVersion\":\"ABCDEFGHIJKLMN\",\"code\":0,\"description\":\"success\"}\n",
-              unit->call("reqCBRSWVersion").text);
+    EXPECT_EQ(version("HW", "9"), unit->call("reqCBRHWVersion").text);
+    EXPECT_EQ(version("SW", "ABCDEFGHIJKLMN"), unit->call("reqCBRSWVersion").text);
     // Wrong lengths keep the old versions.
     size_t mark = unit->traceMark();
     v850("07 01 31 31");
@@ -308,8 +307,7 @@ TEST_F(Radio, VersionsComeFromTheV850AndFallThroughToTheRadioMethods)
     syncDecoder();
     EXPECT_TRUE(unit->traced("\n[CBRadio] [CH6] CBR_HARDWARE_VERSION invalid Length !!!\n", mark));
     EXPECT_TRUE(unit->traced("\n[CBRadio] [CH6] CBR_SOFTWARE_VERSION invalid Length !!!\n", mark));
-    EXPECT_EQ("{\"CBRadioHWVersion\":\"9\",\"code\":0,\"description\":\"success\"}\n",
-              unit->call("reqCBRHWVersion").text);
+    EXPECT_EQ(version("HW", "9"), unit->call("reqCBRHWVersion").text);
 
     // Unknown names get the trace and, from the library, UnknownMethod; the no-reply flag is traced.
     mark = unit->traceMark();
@@ -323,17 +321,15 @@ TEST_F(Radio, VersionsComeFromTheV850AndFallThroughToTheRadioMethods)
 
 TEST_F(Radio, GetPropertiesEmitsTheNamedSignal)
 {
-    const std::pair<const char*, const char*> cases[] = {{"CBRadioStatus", "CBRadioStatus"},
-                                                         {"CBRChannelNumber", "CBRChannelNumber"},
-                                                         {"CBRSquelchLevel", "CBRSquelchLevel"},
-                                                         {"CBRReceptionSensitivityStatus", "CBRReceptionSensitivity"},
-                                                         {"CBRHWConnectionStatus", "CBRHWConnectionStatus"},
-                                                         {"CBRWeatherAlertOnOffStatus", "CBRWeatherAlertOnOffStatus"}};
-    for (const auto& c : cases) {
+    // Each property by the signal of its name; the sensitivity's signal drops the "Status".
+    for (const std::string prop :
+         {"CBRadioStatus", "CBRChannelNumber", "CBRSquelchLevel", "CBRReceptionSensitivityStatus",
+          "CBRHWConnectionStatus", "CBRWeatherAlertOnOffStatus"}) {
         const size_t signals = unit->signalMark();
-        EXPECT_EQ(SUCCESS, unit->call("getProperties", std::string("{\"props\":\"") + c.first + "\"}").text);
+        EXPECT_EQ(SUCCESS, unit->call("getProperties", "{\"props\":\"" + prop + "\"}").text);
         std::string data;
-        EXPECT_TRUE(unit->waitForSignal(c.second, data, signals)) << c.first;
+        const bool sensitivity = prop == "CBRReceptionSensitivityStatus";
+        EXPECT_TRUE(unit->waitForSignal(sensitivity ? "CBRReceptionSensitivity" : prop, data, signals)) << prop;
     }
     // The hardware status query also asks a connected module for its software version.
     size_t frames = unit->frameMark();
