@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <string>
 #include <vector>
@@ -92,10 +93,9 @@ protected:
     static bool lastRadioStatusIs(int on)
     {
         const std::vector<HeadUnit::Signal> all = unit->signals();
-        for (auto it = all.rbegin(); it != all.rend(); ++it)
-            if (it->name == "CBRadioStatus")
-                return it->data == body("Status", on);
-        return false;
+        const auto last = std::find_if(all.rbegin(), all.rend(),
+                                       [](const HeadUnit::Signal& s) { return s.name == "CBRadioStatus"; });
+        return last != all.rend() && last->data == body("Status", on);
     }
 
     static void v850(const std::string& hex) { unit->simulator("raw " + hex); }

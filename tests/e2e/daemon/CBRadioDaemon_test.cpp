@@ -75,32 +75,6 @@ void stopWith(HeadUnit& unit, pid_t pid, int sig)
     EXPECT_TRUE(unit.waitForTrace(EXITING, 0, 1500));
 }
 
-// The start frames (hardware version, software version, weather alert on), in order among the
-// answers to the simulator's announcement, one second apart.
-void expectStartFramesOneSecondApart(const HeadUnit& unit)
-{
-    const std::vector<std::string> expected = {"07 00", "08 00", "0C 01 01"};
-    std::vector<double> times;
-    ASSERT_TRUE(HeadUnit::waitUntil(
-        [&] {
-            times.clear();
-            std::istringstream log(unit.simulatorLog());
-            for (std::string line; std::getline(log, line);) {
-                double seconds;
-                char bytes[400];
-                if (std::sscanf(line.c_str(), "%lf RX %399[^\n]", &seconds, bytes) == 2 &&
-                    times.size() < expected.size() && bytes == expected[times.size()])
-                    times.push_back(seconds);
-            }
-            return times.size() == expected.size();
-        },
-        6000));
-    for (int i = 1; i < 3; ++i) {
-        EXPECT_GE(times[i] - times[i - 1], 0.95) << i;
-        EXPECT_LE(times[i] - times[i - 1], 1.5) << i;
-    }
-}
-
 // A head unit without a bus for the daemon; tracesrv, when asked for, keeps the trace thread
 // connected.
 HeadUnit::Options withoutBus(bool simulator, bool traceServer)
@@ -123,7 +97,28 @@ TEST(Daemon, ForegroundServiceSendsStartFramesAndTracesToConsoleFromTheMainThrea
 {
     HeadUnit unit;
     ASSERT_TRUE(unit.start(withoutBus(true, true))) << unit.error();
-    expectStartFramesOneSecondApart(unit);
+    // The start frames (hardware version, software version, weather alert on), in order among the
+    // answers to the simulator's announcement, one second apart.
+    const std::vector<std::string> expected = {"07 00", "08 00", "0C 01 01"};
+    std::vector<double> times;
+    ASSERT_TRUE(HeadUnit::waitUntil(
+        [&] {
+            times.clear();
+            std::istringstream log(unit.simulatorLog());
+            for (std::string line; std::getline(log, line);) {
+                double seconds;
+                char bytes[400];
+                if (std::sscanf(line.c_str(), "%lf RX %399[^\n]", &seconds, bytes) == 2 &&
+                    times.size() < expected.size() && bytes == expected[times.size()])
+                    times.push_back(seconds);
+            }
+            return times.size() == expected.size();
+        },
+        6000));
+    for (int i = 1; i < 3; ++i) {
+        EXPECT_GE(times[i] - times[i - 1], 0.95) << i;
+        EXPECT_LE(times[i] - times[i - 1], 1.5) << i;
+    }
 
     const std::string text = unit.daemonOutput();
     const unsigned pid = static_cast<unsigned>(unit.daemonPid());

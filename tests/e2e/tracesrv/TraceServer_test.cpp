@@ -42,10 +42,7 @@ protected:
         EXPECT_TRUE(waitFor("server.log", "listening on"));
         return server;
     }
-    std::unique_ptr<ChildProcess> startSample(const std::string& name)
-    {
-        return start({TRACED_SAMPLE_BIN, "--seconds=30"}, name);
-    }
+    std::unique_ptr<ChildProcess> startSample(const std::string& name) { return start({TRACED_SAMPLE_BIN}, name); }
 
     TempRoot mRoot{TempRoot::Export::No};
 };

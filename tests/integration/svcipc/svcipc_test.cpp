@@ -169,14 +169,9 @@ TEST_F(SvcIpc, MethodCallsReachTheServiceAndResultsComeBack)
 {
     TestService svc;
     ASSERT_EQ(0, svc.registerOn(conn, kName, kPath));
-    auto threads = [] {
-        size_t n = 0;
-        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task"))
-            n += entry.is_directory() ? 1 : 0;
-        return n;
-    };
+    auto threads = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); };
     SVCIPC_tConnection client = privateConnection();
-    const size_t before = threads();
+    const auto before = threads();
 
     EXPECT_EQ("echo:{\"a\":1}", invoke(client, "doIt", "{\"a\":1}"));
     EXPECT_EQ("echo:", invoke(client, "doIt", nullptr));
@@ -306,24 +301,14 @@ TEST_F(SvcIpc, NameOwnedElsewhereOrTwiceIsRefusedAndOwnerChangesAreTold)
     EXPECT_EQ(0, SVCIPC_unsubscribe(watch));
 }
 
-TEST_F(SvcIpc, CallsFailWithTimeOutsMissingServicesAndNamedRemoteErrors)
+// The blocking form's failures (no service, time-out, a remote error and its name) are met through
+// cbradioctl's exit codes and peersim's slow read-out; here the asynchronous form's completions.
+TEST_F(SvcIpc, AsynchronousCallsCompleteWithTimeOutsAndNamedRemoteErrors)
 {
     TestService svc;
     svc.hold = true;  // no result: the caller must run into its time-out
     ASSERT_EQ(0, svc.registerOn(conn, kName, kPath));
     SVCIPC_tConnection client = privateConnection();
-
-    SVCIPC_tError st = 0;
-    auto start = std::chrono::steady_clock::now();
-    invoke(client, "silent", "", &st, 300);
-    EXPECT_EQ(SVCIPC_ERR_TIMEOUT, st);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
-    invoke(client, "m", "", &st, 1000, "com.quorin.service.Nobody", "/x");
-    EXPECT_EQ(SVCIPC_ERR_NO_SERVICE, st);
-    invoke(client, "m", "", &st, 1000, kName, "/not/served");
-    EXPECT_EQ(SVCIPC_ERR_REMOTE, st);
-    EXPECT_STREQ("org.freedesktop.DBus.Error.UnknownObject", SVCIPC_getLastErrorName());
-
     CallbackLog log;
     ASSERT_EQ(0, SVCIPC_asyncInvoke(client, kName, kPath, "silent", "", 0, 300, &onResult, &log));
     ASSERT_EQ(0, SVCIPC_asyncInvoke(client, kName, "/not/served", "m", "", 0, 1000, &onResult, &log));
