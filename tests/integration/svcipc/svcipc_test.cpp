@@ -11,7 +11,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
-#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -72,9 +71,7 @@ struct RawPeer
             return out;
         }
         const char* s = "";
-        DBusMessageIter it;
-        if (dbus_message_iter_init(reply, &it) && dbus_message_iter_get_arg_type(&it) == 's')
-            dbus_message_iter_get_basic(&it, &s);
+        dbus_message_get_args(reply, nullptr, DBUS_TYPE_STRING, &s, DBUS_TYPE_INVALID);  // "" when none
         std::string out = std::string("reply:") + s;
         dbus_message_unref(reply);
         return out;
@@ -200,7 +197,10 @@ TEST_F(SvcIpc, MethodCallsReachTheServiceAndResultsComeBack)
     EXPECT_NE(std::this_thread::get_id(), svc.log.threads[0]);
 }
 
-TEST_F(SvcIpc, IntrospectionWrongShapesAndUnansweredCallsFollowTheDescription)
+// A call left without a result is answered at once by whether its method is described: NoResult
+// (Radio.PresetsAreStoredInMemorySelectedByFrameAndCleared, cbradioctl's "presets clear") or
+// UnknownMethod (Radio.VersionsComeFromTheV850AndFallThroughToTheRadioMethods).
+TEST_F(SvcIpc, IntrospectionAndWrongShapesFollowTheDescription)
 {
     const char* const description =
         "<?xml version=\"1.0\"?>\n"
@@ -225,9 +225,6 @@ TEST_F(SvcIpc, IntrospectionWrongShapesAndUnansweredCallsFollowTheDescription)
         EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_setInterfaceDescription(conn, kPath, bad)) << bad;
     ASSERT_EQ(0, SVCIPC_setInterfaceDescription(conn, kPath, description));
     TestService svc;
-    svc.onRequest = [](SVCIPC_tReqContext ctx, const std::string&, const std::string&) {
-        SVCIPC_freeReqContext(ctx);  // never a result
-    };
     ASSERT_EQ(0, svc.registerOn(conn, kName, kPath));
     RawPeer raw(bus.address());
     auto introspect = [&](const char* path) {
@@ -258,15 +255,6 @@ TEST_F(SvcIpc, IntrospectionWrongShapesAndUnansweredCallsFollowTheDescription)
     EXPECT_EQ("error:org.freedesktop.DBus.Error.UnknownInterface",
               raw.call(dbus_message_new_method_call(kName, kPath, "other.Iface", "m")));
     EXPECT_TRUE(svc.log.snapshot().empty());
-
-    // A call freed without a result is answered at once, by whether its method is described.
-    auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ("error:com.quorin.SvcIpc.Error.NoResult",
-              raw.call(dbus_message_new_method_call(kName, kPath, kName, "described")));
-    EXPECT_EQ("error:org.freedesktop.DBus.Error.UnknownMethod",
-              raw.call(dbus_message_new_method_call(kName, kPath, kName, "undescribed")));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
-    EXPECT_EQ(2u, svc.log.snapshot().size());
 }
 
 TEST_F(SvcIpc, NameOwnedElsewhereOrTwiceIsRefusedAndOwnerChangesAreTold)
@@ -467,10 +455,7 @@ TEST_F(SvcIpc, AStuckCallbackBlocksNeitherCallsNorTheStop)
         release = true;
     }
     cond.notify_all();
-    auto limit = std::chrono::steady_clock::now() + 5s;
-    while (finished == 0 && std::chrono::steady_clock::now() < limit)
-        std::this_thread::sleep_for(5ms);
-    EXPECT_EQ(1, finished.load());
+    EXPECT_TRUE(waitUntil([&] { return finished == 1; }, 5000));
 }
 
 TEST_F(SvcIpc, ManyThreadsCallAtOnceUntilTheBusDiesAndEverythingTurnsIntoFailures)
@@ -516,10 +501,7 @@ TEST_F(SvcIpc, ManyThreadsCallAtOnceUntilTheBusDiesAndEverythingTurnsIntoFailure
     for (int i = 0; i < 40; ++i)
         ASSERT_EQ(0, SVCIPC_asyncInvoke(conn, kName, kPath, "a", "", 0, 5000, &onResult, &answered));
     ASSERT_TRUE(answered.waitFor(40));
-    auto limit = std::chrono::steady_clock::now() + 10s;
-    while (good < 300 && std::chrono::steady_clock::now() < limit)
-        std::this_thread::sleep_for(10ms);
-    EXPECT_GE(good.load(), 300);
+    EXPECT_TRUE(waitUntil([&] { return good >= 300; }, 10000)) << good;
     EXPECT_EQ(0, wrong.load());
 
     CallbackLog pending;
@@ -532,8 +514,7 @@ TEST_F(SvcIpc, ManyThreadsCallAtOnceUntilTheBusDiesAndEverythingTurnsIntoFailure
 
     ASSERT_TRUE(pending.waitFor(1, 5000ms));
     EXPECT_EQ(std::to_string(SVCIPC_ERROR_DISCONNECTED) + "::", pending.snapshot()[0]);
-    while (failures < 20 && std::chrono::steady_clock::now() - killed < 5s)
-        std::this_thread::sleep_for(10ms);
+    waitUntil([&] { return failures >= 20; }, 5000);
     stop = true;
     for (auto& t : load)
         t.join();
