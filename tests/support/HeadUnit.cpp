@@ -20,8 +20,6 @@ const char* const HeadUnit::kFailure = "{\"code\":1,\"description\":\"failure\"}
 
 namespace
 {
-typedef std::chrono::steady_clock Clock;
-
 const char* const kServiceSignals[] = {
     "CBRadioStatus",         "CBRChannelNumber", "CBRSquelchLevel",           "CBRReceptionSensitivity",
     "CBRHWConnectionStatus", "CBRRxTxStatus",    "CBRWeatherAlertOnOffStatus"};
@@ -36,11 +34,6 @@ bool HeadUnit::fail(const std::string& why)
 {
     mError = why;
     return false;
-}
-
-bool HeadUnit::start()
-{
-    return start(Options());
 }
 
 bool HeadUnit::start(const Options& options)
@@ -302,16 +295,13 @@ std::vector<HeadUnit::Signal> HeadUnit::signalsSince(size_t mark) const
 bool HeadUnit::waitForSignal(const std::string& name, std::string& data, size_t from, int timeoutMs) const
 {
     std::unique_lock<std::mutex> lock(mSignalMutex);
-    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    for (;;) {
-        for (size_t i = from; i < mSignals.size(); ++i) {
-            if (mSignals[i].name == name) {
-                data = mSignals[i].data;
-                return true;
-            }
-        }
-        if (Clock::now() >= deadline)
-            return false;
-        mSignalArrived.wait_until(lock, deadline);
-    }
+    auto found = mSignals.end();
+    mSignalArrived.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
+        found = std::find_if(mSignals.begin() + std::min(from, mSignals.size()), mSignals.end(),
+                             [&](const Signal& s) { return s.name == name; });
+        return found != mSignals.end();
+    });
+    if (found != mSignals.end())
+        data = found->data;
+    return found != mSignals.end();
 }

@@ -77,7 +77,6 @@ public:
     HeadUnit(const HeadUnit&) = delete;
     HeadUnit& operator=(const HeadUnit&) = delete;
 
-    bool start();
     bool start(const Options& options);
     void stop();
     // Starts the daemon (again, after stopDaemon(): daemon.out and daemon.err start anew, so

@@ -33,7 +33,7 @@ protected:
     static void SetUpTestSuite()
     {
         unit = new HeadUnit;
-        ASSERT_TRUE(unit->start()) << unit->error();
+        ASSERT_TRUE(unit->start(HeadUnit::Options())) << unit->error();
         const size_t mark = unit->signalMark();
         const size_t frames = unit->frameMark();
         unit->simulator("hw back");
@@ -488,18 +488,7 @@ TEST_F(Radio, WeatherAlertSwitchAndReports)
         expectFailureAndNoFrame("reqCBRWeatherAlertOnOff", bad);
 }
 
-// ---- gates ---------------------------------------------------------------------------------
-
-namespace
-{
-// Head units without the simulator start in well under a second.
-HeadUnit::Options withoutRadio()
-{
-    HeadUnit::Options options;
-    options.startSimulator = false;
-    return options;
-}
-}
+// ---- gates: head units without the simulator, which start in well under a second -----------
 
 TEST(BusServiceGates, ATakenNameLeavesTheServiceUnregisteredAndItsSignalsUnsent)
 {
@@ -508,7 +497,8 @@ TEST(BusServiceGates, ATakenNameLeavesTheServiceUnregisteredAndItsSignalsUnsent)
     squatter.onRequest = [](SVCIPC_tReqContext ctx, const std::string&, const std::string&) {
         TestService::reply(ctx, "squatter");
     };
-    HeadUnit::Options options = withoutRadio();
+    HeadUnit::Options options;
+    options.startSimulator = false;
     options.beforeDaemon = [&](HeadUnit& u) {
         return squatter.registerOn(u.client(), HeadUnit::kServiceName, HeadUnit::kServicePath) == 0;
     };
@@ -533,7 +523,8 @@ TEST(BusServiceGates, RadioMethodsWaitForTheSettingsWhileOtherMethodsWorkUntilTh
     HeadUnit unit;
     TestService store;
     store.hold = true;
-    HeadUnit::Options options = withoutRadio();
+    HeadUnit::Options options;
+    options.startSimulator = false;
     options.daemonEnv = {{"CBRADIO_SYSLOG_STDERR", "1"}};
     options.beforeDaemon = [&](HeadUnit& u) {
         return store.registerOn(u.client(), "com.quorin.service.PersistentKeyValue",

@@ -41,11 +41,6 @@ unsigned findConsoleLine(const std::string& text, const std::string& kind, const
     return 0;
 }
 
-bool alive(pid_t pid)
-{
-    return ::kill(pid, 0) == 0;
-}
-
 // The value of a /proc status field ("SigBlk:", "ctxt_switches:") summed over the lines that
 // hold it, for every thread of the process other than the main one; keyed by the thread's name.
 std::vector<std::pair<std::string, unsigned long long>> threadField(pid_t pid, const std::string& field, int base)
@@ -174,7 +169,7 @@ TEST(Daemon, DetachesIntoItsOwnSessionAtTheRootDirectory)
     EXPECT_STREQ("/", cwd);
 
     stopWith(unit, daemon, SIGINT);
-    EXPECT_TRUE(HeadUnit::waitUntil([&] { return !alive(daemon); }, 5000));
+    EXPECT_TRUE(HeadUnit::waitUntil([&] { return ::kill(daemon, 0) != 0; }, 5000));
     EXPECT_TRUE(unit.traced("rcvd signal to exit (2)\n"));
 }
 
@@ -234,7 +229,7 @@ TEST(Daemon, UnderAServiceManagerRefusesAnEnvarsFileOthersCanWriteAndReportsRead
 TEST(Faults, RestartedDaemonOrSimulatorFollowsTheAnnouncedState)
 {
     HeadUnit unit;
-    ASSERT_TRUE(unit.start()) << unit.error();
+    ASSERT_TRUE(unit.start(HeadUnit::Options())) << unit.error();
     unit.simulator("hw back");
     unit.simulator("on");
     ASSERT_TRUE(unit.waitForTrace("\n[CBRadio] [CH6] CBR_ON_OFF state = 1\n"));
@@ -263,7 +258,7 @@ TEST(Faults, RestartedDaemonOrSimulatorFollowsTheAnnouncedState)
     ASSERT_GE(before, 0);
     std::this_thread::sleep_for(std::chrono::seconds(1));
     EXPECT_LT(readerSwitches() - before, 100);
-    EXPECT_TRUE(alive(unit.daemonPid()));
+    EXPECT_EQ(0, ::kill(unit.daemonPid(), 0)) << "the daemon ended";
 
     // The simulator restarted on the same node: reconnected, radio off as announced.
     signals = unit.signalMark();

@@ -2,6 +2,7 @@
 // regain their peer or meet one that does not read, what only the node layer decides, and the
 // root prefix. Frames over socket nodes and the control answer are exercised by the trace channel.
 #include "CJTDeviceLink.h"
+#include "ChildProcess.h"
 #include "JTDeviceNode.h"
 #include "JTOperatingSystem.h"
 #include "JTRootPrefix.h"
@@ -90,9 +91,7 @@ TEST_F(DeviceLink, PeerHangUpIsWaitedOutQuietlyAndTheNextConnectionCarriesOn)
     close(peer);
     close(listener);
     peer = listener = -1;
-    for (int i = 0; i < 400 && !link.isDown(); ++i)
-        JTOperatingSystem::sleepMs(5);
-    ASSERT_TRUE(link.isDown());
+    ASSERT_TRUE(waitUntil([&] { return link.isDown(); }, 2000));
     uint64_t start = JTOperatingSystem::getMonotonicTime();
     EXPECT_EQ(link.write("\x02\x01\x05", 3), -1);
     EXPECT_EQ(errno, EPIPE);
