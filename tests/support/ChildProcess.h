@@ -3,7 +3,7 @@
 //
 // start() forks and execve()s argv[0] (a path, no search) with exactly the environment given;
 // environmentWith() builds one from ours. Standard input is the given descriptor or /dev/null;
-// standard output and error go to the given files, or to the given descriptor, or stay ours.
+// standard output and error go to the given files, or stay ours.
 // Everything the child needs is prepared before fork, so the child only calls
 // async-signal-safe functions. stop() sends SIGTERM every half second and SIGKILL after the
 // grace time; the destructor kills a child still running. Waiting always has a deadline.
@@ -29,14 +29,14 @@
 #include <thread>
 #include <vector>
 
-// Polls `condition` every few milliseconds; false when it did not hold within timeoutMs.
-inline bool waitUntil(const std::function<bool()>& condition, int timeoutMs)
+// Polls `condition` every pollMs milliseconds; false when it did not hold within timeoutMs.
+inline bool waitUntil(const std::function<bool()>& condition, int timeoutMs, int pollMs = 5)
 {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline)
             return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        std::this_thread::sleep_for(std::chrono::milliseconds(pollMs));
     }
     return true;
 }
@@ -48,6 +48,15 @@ inline std::string readFile(const std::string& path)
     std::stringstream text;
     text << in.rdbuf();
     return text.str();
+}
+
+// How often `what` occurs in `text` at or after `from`.
+inline size_t countOf(const std::string& text, const std::string& what, size_t from = 0)
+{
+    size_t count = 0;
+    for (size_t at = text.find(what, from); at != std::string::npos; at = text.find(what, at + what.size()))
+        ++count;
+    return count;
 }
 
 // The build folder the tests run from (CBRADIO_BUILD_DIR).
@@ -63,10 +72,8 @@ public:
     struct Io
     {
         int in = -1;          // -1: /dev/null
-        std::string outPath;  // empty: outFd
-        std::string errPath;  // empty: errFd
-        int outFd = -1;       // -1 (and no path): ours
-        int errFd = -1;
+        std::string outPath;  // empty: ours
+        std::string errPath;  // empty: ours
     };
 
     ChildProcess() = default;
@@ -90,12 +97,12 @@ public:
             envp.push_back(const_cast<char*>(e.c_str()));
         argv.push_back(nullptr);
         envp.push_back(nullptr);
-        auto output = [](const std::string& path, int fd) {
-            return path.empty() ? fd : ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        auto output = [](const std::string& path) {
+            return path.empty() ? -1 : ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
         };
         const int in = io.in >= 0 ? io.in : ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-        const int out = output(io.outPath, io.outFd);
-        const int err = output(io.errPath, io.errFd);
+        const int out = output(io.outPath);
+        const int err = output(io.errPath);
         mPid = ::fork();
         if (mPid == 0) {
             ::dup2(in, 0);
@@ -106,7 +113,7 @@ public:
             ::execve(argv[0], argv.data(), envp.data());
             ::_exit(127);
         }
-        for (int fd : {io.in < 0 ? in : -1, io.outPath.empty() ? -1 : out, io.errPath.empty() ? -1 : err})
+        for (int fd : {io.in < 0 ? in : -1, out, err})
             if (fd >= 0)
                 ::close(fd);
         return mPid > 0;

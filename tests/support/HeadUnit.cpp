@@ -1,5 +1,6 @@
 #include "HeadUnit.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -19,24 +20,9 @@ const char* const HeadUnit::kFailure = "{\"code\":1,\"description\":\"failure\"}
 
 namespace
 {
-typedef std::chrono::steady_clock Clock;
-
 const char* const kServiceSignals[] = {
     "CBRadioStatus",         "CBRChannelNumber", "CBRSquelchLevel",           "CBRReceptionSensitivity",
     "CBRHWConnectionStatus", "CBRRxTxStatus",    "CBRWeatherAlertOnOffStatus"};
-
-std::vector<std::string> receivedFrames(const std::string& log)
-{
-    // "   5.126 RX 01 01 01": the seconds, the direction, the bytes.
-    std::vector<std::string> frames;
-    std::istringstream lines(log);
-    for (std::string line; std::getline(lines, line);) {
-        const size_t at = line.find(" RX ");
-        if (at != std::string::npos)
-            frames.push_back(line.substr(at + 4));
-    }
-    return frames;
-}
 }
 
 HeadUnit::~HeadUnit()
@@ -48,11 +34,6 @@ bool HeadUnit::fail(const std::string& why)
 {
     mError = why;
     return false;
-}
-
-bool HeadUnit::start()
-{
-    return start(Options());
 }
 
 bool HeadUnit::start(const Options& options)
@@ -86,7 +67,7 @@ bool HeadUnit::start(const Options& options)
 
     if (options.startSimulator) {
         std::vector<std::string> args = {buildDir() + "/tools/v850sim/v850sim", "--log=" + path("sim.log")};
-        if (!startFed(mSimulator, mSimulatorInput, args, "sim"))
+        if (!launch(mSimulator, args, "sim", {}, {}, &mSimulatorInput))
             return false;
         if (!waitUntil([&] { return ::access(path("dev/ipc/ch6").c_str(), F_OK) == 0; }, 5000))
             return fail("the simulator did not create dev/ipc/ch6:\n" + readFile(path("sim.err")));
@@ -96,7 +77,7 @@ bool HeadUnit::start(const Options& options)
         args.insert(args.end(), options.peerArgs.begin(), options.peerArgs.end());
         // Commands run in order, so once "status" answers, the first ones are done and every peer
         // has joined the bus.
-        if (!startFed(mPeers, mPeerInput, args, "peersim") || !peers("status") ||
+        if (!launch(mPeers, args, "peersim", {}, {}, &mPeerInput) || !peers("status") ||
             !waitForFile("peersim.log", "on the bus:", 0, 10000))
             return fail("peersim did not come up:\n" + readFile(path("peersim.err")));
     }
@@ -108,37 +89,33 @@ bool HeadUnit::start(const Options& options)
 
 bool HeadUnit::startDaemon()
 {
-    std::vector<std::string> args = {buildDir() + "/cbradio/cbradiod", "--tp=" + path("trace.tp")};
     std::map<std::string, std::string> env = mOptions.daemonEnv;
-    env.emplace("CBRADIO_ROOT", mRoot);
-    std::vector<std::string> unset = {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SESSION_BUS_PID"};
-    if (mOptions.foreground)
-        env.emplace("CBRADIO_FOREGROUND", "1");
-    else
-        unset.push_back("CBRADIO_FOREGROUND");
     // The daemon learns the bus only from envars.sh, as on the target.
-    ChildProcess::Io io;
-    io.outPath = path("daemon.out");
-    io.errPath = path("daemon.err");
-    if (!mDaemon.start(args, ChildProcess::environmentWith(env, unset), io))
-        return fail("cannot start the daemon");
+    const std::vector<std::string> unset = {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SESSION_BUS_PID"};
+    env.emplace("CBRADIO_FOREGROUND", "1");
+    if (!launch(mDaemon, {buildDir() + "/cbradio/cbradiod", "--tp=" + path("trace.tp")}, "daemon", env, unset))
+        return false;
     if (!mOptions.readyTrace.empty() && !waitForTrace(mOptions.readyTrace, 0, 15000))
         return fail("the daemon did not come up:\n" + daemonOutput() + daemonErrors());
     return true;
 }
 
-bool HeadUnit::startFed(ChildProcess& child, int& input, const std::vector<std::string>& argv, const std::string& name)
+bool HeadUnit::launch(ChildProcess& child, const std::vector<std::string>& argv, const std::string& name,
+                      std::map<std::string, std::string> env, const std::vector<std::string>& unset, int* input)
 {
-    int pipeFds[2];
-    if (::pipe2(pipeFds, O_CLOEXEC) != 0)
+    int pipeFds[2] = {-1, -1};
+    if (input != nullptr && ::pipe2(pipeFds, O_CLOEXEC) != 0)
         return fail("pipe for " + name);
+    env.emplace("CBRADIO_ROOT", mRoot);
     ChildProcess::Io io;
     io.in = pipeFds[0];
     io.outPath = path(name + ".out");
     io.errPath = path(name + ".err");
-    const bool started = child.start(argv, ChildProcess::environmentWith({{"CBRADIO_ROOT", mRoot}}), io);
-    ::close(pipeFds[0]);
-    input = pipeFds[1];
+    const bool started = child.start(argv, ChildProcess::environmentWith(env, unset), io);
+    if (input != nullptr) {
+        ::close(pipeFds[0]);
+        *input = pipeFds[1];
+    }
     return started || fail("cannot start " + argv[0]);
 }
 
@@ -151,24 +128,48 @@ bool HeadUnit::startClient()
     SVCIPC_tError status = SVCIPC_getConnection(SVCIPC_CONNECTION_SESSION, 1, &mClient);
     if (status != 0)
         return fail(std::string("client connection: ") + SVCIPC_errorText(status));
-    for (const char* name : kServiceSignals) {
-        if (!mOptions.recordSignals)
-            break;
-        SVCIPC_tSigSubHnd sub = nullptr;
-        status = SVCIPC_subscribe(mClient, kServicePath, name, &HeadUnit::onSignal, this, &sub);
-        if (status != 0)
-            return fail(std::string("subscribe ") + name + ": " + SVCIPC_errorText(status));
-        mSubscriptions.push_back(sub);
-    }
+    for (const char* name : kServiceSignals)
+        if (mOptions.recordSignals && !listen(kServicePath, name))
+            return false;
+    return true;
+}
+
+bool HeadUnit::listen(const std::string& path, const std::string& signal)
+{
+    SVCIPC_tSigSubHnd sub = nullptr;
+    return subscribed(SVCIPC_subscribe(mClient, path.c_str(), signal.c_str(), &HeadUnit::onSignal, this, &sub), sub,
+                      signal);
+}
+
+bool HeadUnit::watchOwner(const std::string& name)
+{
+    SVCIPC_tSigSubHnd sub = nullptr;
+    return subscribed(SVCIPC_subscribeOwnerChanged(mClient, name.c_str(), &HeadUnit::onOwner, this, &sub), sub, name);
+}
+
+bool HeadUnit::subscribed(SVCIPC_tError status, SVCIPC_tSigSubHnd sub, const std::string& what)
+{
+    if (status != 0)
+        return fail("subscribe " + what + ": " + SVCIPC_errorText(status));
+    mSubscriptions.push_back(sub);
     return true;
 }
 
 void HeadUnit::onSignal(const char* sigName, const char* data, SVCIPC_tUserToken token)
 {
-    HeadUnit* self = static_cast<HeadUnit*>(token);
-    std::lock_guard<std::mutex> lock(self->mSignalMutex);
-    self->mSignals.push_back(Signal{sigName ? sigName : "", data ? data : ""});
-    self->mSignalArrived.notify_all();
+    static_cast<HeadUnit*>(token)->record(Signal{sigName ? sigName : "", data ? data : ""});
+}
+
+void HeadUnit::onOwner(const char* name, const char*, const char* newOwner, SVCIPC_tUserToken token)
+{
+    static_cast<HeadUnit*>(token)->record(Signal{name, *newOwner ? "joined" : "left"});
+}
+
+void HeadUnit::record(const Signal& signal)
+{
+    std::lock_guard<std::mutex> lock(mSignalMutex);
+    mSignals.push_back(signal);
+    mSignalArrived.notify_all();
 }
 
 bool HeadUnit::stopDaemon()
@@ -182,15 +183,12 @@ void HeadUnit::stop()
     for (auto& child : mSpawned)
         child->stop(1000);
     mSpawned.clear();
-    if (mSimulatorInput >= 0) {
-        ::close(mSimulatorInput);
-        mSimulatorInput = -1;
+    for (int* input : {&mSimulatorInput, &mPeerInput}) {
+        if (*input >= 0)
+            ::close(*input);
+        *input = -1;
     }
     mSimulator.stop(1000);
-    if (mPeerInput >= 0) {
-        ::close(mPeerInput);
-        mPeerInput = -1;
-    }
     mPeers.stop(1000);
     for (SVCIPC_tSigSubHnd sub : mSubscriptions)
         SVCIPC_unsubscribe(sub);
@@ -211,26 +209,12 @@ void HeadUnit::stop()
 }
 
 pid_t HeadUnit::spawn(const std::vector<std::string>& argv, const std::string& name,
-                      const std::map<std::string, std::string>& env)
+                      std::map<std::string, std::string> env)
 {
-    std::map<std::string, std::string> set = env;
-    set.emplace("CBRADIO_ROOT", mRoot);
-    set.emplace("DBUS_SESSION_BUS_ADDRESS", mBus.address());
-    ChildProcess::Io io;
-    io.outPath = path(name + ".out");
-    io.errPath = path(name + ".err");
+    env.emplace("DBUS_SESSION_BUS_ADDRESS", mBus.address());
     mSpawned.push_back(std::make_unique<ChildProcess>());
-    mSpawned.back()->start(argv, ChildProcess::environmentWith(set), io);
+    launch(*mSpawned.back(), argv, name, env);
     return mSpawned.back()->pid();
-}
-
-size_t HeadUnit::traceCount(const std::string& text, size_t from) const
-{
-    const std::string out = daemonOutput();
-    size_t count = 0;
-    for (size_t at = out.find(text, from); at != std::string::npos; at = out.find(text, at + text.size()))
-        ++count;
-    return count;
 }
 
 bool HeadUnit::writeLine(int fd, const std::string& command)
@@ -256,7 +240,13 @@ bool HeadUnit::waitForFile(const std::string& relative, const std::string& text,
 
 std::vector<std::string> HeadUnit::framesFromHeadUnit() const
 {
-    return receivedFrames(simulatorLog());
+    // "   5.126 RX 01 01 01": the seconds, the direction, the bytes.
+    std::vector<std::string> frames;
+    std::istringstream lines(simulatorLog());
+    for (std::string line; std::getline(lines, line);)
+        if (line.find(" RX ") != std::string::npos)
+            frames.push_back(line.substr(line.find(" RX ") + 4));
+    return frames;
 }
 
 std::vector<std::string> HeadUnit::framesSince(size_t mark) const
@@ -270,19 +260,18 @@ bool HeadUnit::waitForFrame(const std::string& frame, size_t from, int timeoutMs
 {
     return waitUntil(
         [&] {
-            for (const std::string& f : framesSince(from))
-                if (f == frame)
-                    return true;
-            return false;
+            const std::vector<std::string> frames = framesSince(from);
+            return std::find(frames.begin(), frames.end(), frame) != frames.end();
         },
         timeoutMs);
 }
 
-HeadUnit::Reply HeadUnit::call(const std::string& method, const std::string& params, int timeoutMs) const
+HeadUnit::Reply HeadUnit::callOf(const std::string& name, const std::string& path, const std::string& method,
+                                 const std::string& params, int timeoutMs) const
 {
     Reply reply;
     SVCIPC_tResponse* response = nullptr;
-    reply.status = SVCIPC_invoke(mClient, kServiceName, kServicePath, method.c_str(), params.c_str(), 0,
+    reply.status = SVCIPC_invoke(mClient, name.c_str(), path.c_str(), method.c_str(), params.c_str(), 0,
                                  static_cast<SVCIPC_tUInt32>(timeoutMs), &response);
     if (reply.status == 0 && response != nullptr) {
         reply.text = response->result != nullptr ? response->result : "";
@@ -306,16 +295,13 @@ std::vector<HeadUnit::Signal> HeadUnit::signalsSince(size_t mark) const
 bool HeadUnit::waitForSignal(const std::string& name, std::string& data, size_t from, int timeoutMs) const
 {
     std::unique_lock<std::mutex> lock(mSignalMutex);
-    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    for (;;) {
-        for (size_t i = from; i < mSignals.size(); ++i) {
-            if (mSignals[i].name == name) {
-                data = mSignals[i].data;
-                return true;
-            }
-        }
-        if (Clock::now() >= deadline)
-            return false;
-        mSignalArrived.wait_until(lock, deadline);
-    }
+    auto found = mSignals.end();
+    mSignalArrived.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
+        found = std::find_if(mSignals.begin() + std::min(from, mSignals.size()), mSignals.end(),
+                             [&](const Signal& s) { return s.name == name; });
+        return found != mSignals.end();
+    });
+    if (found != mSignals.end())
+        data = found->data;
+    return found != mSignals.end();
 }

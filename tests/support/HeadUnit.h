@@ -1,19 +1,11 @@
 // HeadUnit: a whole simulated head unit for end-to-end tests and benchmarks.
 //
-// start() builds, in a fresh temporary CBRADIO_ROOT:
-//   1. a PrivateBus, and $CBRADIO_ROOT/tmp/envars.sh naming it (unless Options::writeEnvars is
-//      false: the daemon then runs without a bus);
-//   2. the real v850sim on $CBRADIO_ROOT/dev/ipc/ch6, logging to sim.log, its standard input a
-//      pipe that simulator() writes to (unless Options::startSimulator is false);
-//   3. with Options::startPeers, the real peersim logging to peersim.log, its standard input a
-//      pipe that peers() writes to; start() goes on once its first commands (peerArgs) are done
-//      and every peer is on the bus;
-//   4. Options::beforeDaemon, a hook for extra processes or bus names that must exist before the
-//      service starts (a name owner made with client());
-//   5. the real cbradiod (startDaemon()).
-// The daemon gets the bus address only through envars.sh; processes started with spawn() get it in
-// their environment as well. A service-IPC client connection of the test's own (client()) listens
-// to every signal of the service from the start; signals are kept in arrival order.
+// start() builds, in a fresh temporary CBRADIO_ROOT: a PrivateBus and tmp/envars.sh naming it;
+// the real v850sim on dev/ipc/ch6 (sim.log; commands through simulator()); with startPeers, the
+// real peersim (peersim.log; commands through peers()), ready once its first commands are done
+// and every peer is on the bus; the beforeDaemon hook (e.g. a name owner made with client()); then
+// the real cbradiod (startDaemon()), which learns the bus only from envars.sh. A service-IPC
+// client of the test's own (client()) records the service's signals from the start, in order.
 //
 // Waiting is polling with a deadline, never a fixed sleep. Marks (traceMark, frameMark,
 // signalMark) let a test look only at what came after a point. stop() (or destruction) ends the
@@ -46,9 +38,8 @@ public:
         bool startSimulator = true;
         bool startPeers = false;
         bool startDaemon = true;
-        bool foreground = true;             // CBRADIO_FOREGROUND=1
-        std::vector<std::string> peerArgs;  // e.g. {"--cmd", "silent all"}
-        std::map<std::string, std::string> daemonEnv;
+        std::vector<std::string> peerArgs;             // e.g. {"--cmd", "silent all"}
+        std::map<std::string, std::string> daemonEnv;  // CBRADIO_FOREGROUND=1 unless set here
         // Trace settings file text; the default switches every scope on, to the console.
         std::string traceSettings = "JTTracePersistence 1.1.0\n* 7f 8\n";
         std::function<bool(HeadUnit&)> beforeDaemon;  // false: start() fails
@@ -86,7 +77,6 @@ public:
     HeadUnit(const HeadUnit&) = delete;
     HeadUnit& operator=(const HeadUnit&) = delete;
 
-    bool start();
     bool start(const Options& options);
     void stop();
     // Starts the daemon (again, after stopDaemon(): daemon.out and daemon.err start anew, so
@@ -111,7 +101,7 @@ public:
     // Starts a program with CBRADIO_ROOT, the bus address and `env` set; standard output and
     // error go to <name>.out / <name>.err under the root. Ended by stop() with SIGTERM.
     pid_t spawn(const std::vector<std::string>& argv, const std::string& name,
-                const std::map<std::string, std::string>& env = {});
+                std::map<std::string, std::string> env = {});
     static std::string readFile(const std::string& path) { return ::readFile(path); }
     // Whether the file under the root holds `text` at or after `from` within timeoutMs.
     bool waitForFile(const std::string& relative, const std::string& text, size_t from = 0, int timeoutMs = 5000) const;
@@ -129,7 +119,7 @@ public:
         return waitForFile("daemon.out", text, from, timeoutMs);
     }
     // How often `text` occurs in the console output after `from`.
-    size_t traceCount(const std::string& text, size_t from = 0) const;
+    size_t traceCount(const std::string& text, size_t from = 0) const { return countOf(daemonOutput(), text, from); }
 
     // ---- the V850 simulator and the peers -------------------------------------------------
     // Sends one command line to the simulator's standard input (e.g. "on", "raw 02 02 05 A0").
@@ -146,7 +136,17 @@ public:
 
     // ---- the bus client -------------------------------------------------------------------
     SVCIPC_tConnection client() const { return mClient; }
-    Reply call(const std::string& method, const std::string& params = "", int timeoutMs = 3000) const;
+    Reply call(const std::string& method, const std::string& params = "", int timeoutMs = 3000) const
+    {
+        return callOf(kServiceName, kServicePath, method, params, timeoutMs);
+    }
+    // A call of another service (a peer's).
+    Reply callOf(const std::string& name, const std::string& path, const std::string& method,
+                 const std::string& params = "", int timeoutMs = 3000) const;
+    // Records the signal `signal` of the object at `path` as well.
+    bool listen(const std::string& path, const std::string& signal);
+    // Records owner changes of a bus name as signals named after it, carrying "joined" or "left".
+    bool watchOwner(const std::string& name);
     std::vector<Signal> signals() const { return signalsSince(0); }
     size_t signalMark() const;
     // The first signal named `name` at or after index `from`; false on time-out.
@@ -161,10 +161,16 @@ public:
 private:
     bool fail(const std::string& why);
     bool startClient();
-    // Starts a program whose standard input is a pipe; its writing end goes to `input`.
-    bool startFed(ChildProcess& child, int& input, const std::vector<std::string>& argv, const std::string& name);
+    // Starts a program with CBRADIO_ROOT and `env` set, `unset` removed, its output in <name>.out
+    // and <name>.err; with `input`, its standard input is a pipe whose writing end goes there.
+    bool launch(ChildProcess& child, const std::vector<std::string>& argv, const std::string& name,
+                std::map<std::string, std::string> env, const std::vector<std::string>& unset = {},
+                int* input = nullptr);
+    bool subscribed(SVCIPC_tError status, SVCIPC_tSigSubHnd sub, const std::string& what);
     static bool writeLine(int fd, const std::string& line);
     static void onSignal(const char* sigName, const char* data, SVCIPC_tUserToken token);
+    static void onOwner(const char* name, const char* oldOwner, const char* newOwner, SVCIPC_tUserToken token);
+    void record(const Signal& signal);
 
     Options mOptions;
     std::string mRoot;

@@ -3,12 +3,8 @@
 // start() writes a session-bus configuration into a fresh temporary folder, starts
 // `dbus-daemon --config-file=<it> --nofork --print-address` and reads the address it listens on.
 // The destructor (or stop()) kills the daemon and removes the folder. kill() ends the daemon
-// abruptly, as a crash would, for tests of a bus that goes away.
-//
-// Usage:
-//     PrivateBus bus;
-//     ASSERT_TRUE(bus.start()) << bus.error();
-//     bus.exportAddress();          // DBUS_SESSION_BUS_ADDRESS for this process and its children
+// abruptly, as a crash would, for tests of a bus that goes away. exportAddress() sets
+// DBUS_SESSION_BUS_ADDRESS for this process and its children.
 #ifndef PRIVATEBUS_H
 #define PRIVATEBUS_H
 
@@ -28,10 +24,8 @@ public:
     bool start();
     void stop();
     void kill();  // SIGKILL, then reap; the folder stays until stop() or destruction
-    bool running() const { return mDaemon.running(); }
 
     const std::string& address() const { return mAddress; }
-    const std::string& folder() const { return mFolder; }
     const std::string& error() const { return mError; }
     pid_t pid() const { return mDaemon.pid(); }
     void exportAddress() const;

@@ -26,14 +26,6 @@ std::string weatherText(const char* frequency)
            frequency + " MHz, for more information ";
 }
 
-size_t countOf(const std::string& text, const std::string& what, size_t from)
-{
-    size_t count = 0;
-    for (size_t at = text.find(what, from); at != std::string::npos; at = text.find(what, at + what.size()))
-        ++count;
-    return count;
-}
-
 // A head unit with peersim started before the service, so the service finds every peer.
 bool startWithPeers(HeadUnit& unit, const std::vector<std::string>& firstPeerCommands)
 {
@@ -92,24 +84,14 @@ TEST(CooperationSettings, RestoredPushedStoredAndRestoredAgainAfterRestart)
     EXPECT_NE(std::string::npos, unit.call("reqCBRGetPresetList").text.find("{\"Channel_number\":22,\"PresetNo\":1}"));
 }
 
-// A store that answers the read with an error, or peers that never answer, leave the radio
-// methods refused (yet answered) and nothing pushed to the V850. Silent peers hold the start and
-// the V850 reader only for the queries' time-outs.
-TEST(CooperationSettings, ReadAnsweredWithErrorKeepsMethodsRefused)
+// A store that answers the read with an error leaves the radio methods refused (yet answered)
+// and nothing pushed to the V850. Peers that never answer hold the start and the V850 reader only
+// for their queries' time-outs.
+TEST(CooperationSettings, FailedReadAndSilentPeersKeepMethodsRefusedAndCostOnlyTheirTimeOuts)
 {
     HeadUnit unit;
-    ASSERT_TRUE(startWithPeers(unit, {"fail kv read"})) << unit.error();
+    ASSERT_TRUE(startWithPeers(unit, {"silent all", "fail kv read"})) << unit.error();
     EXPECT_TRUE(unit.waitForTrace("[CBR onCBRadioPersistDataRead] : errCode = "));
-    EXPECT_EQ(FAILURE, unit.call("reqCBRStateChange", "{\"CBRState\":1}").text);
-    EXPECT_EQ(FAILURE, unit.call("reqCBRStartSeek", "{\"seekDirection\":1}").text);
-    for (const std::string& f : unit.framesFromHeadUnit())
-        EXPECT_TRUE(f.rfind("02 01", 0) != 0 && f.rfind("01 01", 0) != 0) << "pushed after a failed read: " << f;
-}
-
-TEST(CooperationSettings, SilentPeersCostOnlyTheirTimeOuts)
-{
-    HeadUnit unit;
-    ASSERT_TRUE(startWithPeers(unit, {"silent all"})) << unit.error();
     for (const char* query : {"getAudioRoutingStatus", "getRearControllerState", "getDiagInspmodeState"})
         EXPECT_TRUE(unit.traced(std::string("[CBR ") + query + "] SVCIPC Error")) << query;
 
@@ -119,7 +101,10 @@ TEST(CooperationSettings, SilentPeersCostOnlyTheirTimeOuts)
     unit.simulator("on");
     EXPECT_EQ(SUCCESS, unit.call("getProperties", "{\"props\":\"CBRHWConnectionStatus\"}").text);
     EXPECT_TRUE(unit.waitForTrace("[CBR getVoxDetectedState] SVCIPC Error", mark));
+    EXPECT_EQ(FAILURE, unit.call("reqCBRStateChange", "{\"CBRState\":1}").text);
     EXPECT_EQ(FAILURE, unit.call("reqCBRStartSeek", "{\"seekDirection\":1}").text);
+    for (const std::string& f : unit.framesFromHeadUnit())
+        EXPECT_TRUE(f.rfind("02 01", 0) != 0 && f.rfind("01 01", 0) != 0) << "pushed after a failed read: " << f;
 }
 
 // ---- one head unit for audio sources, push-to-talk, inspection mode and weather alerts ---------

@@ -6,15 +6,15 @@
 
 #include <httplib.h>
 #include <json/json.h>
+#include <openssl/evp.h>
 #include <gtest/gtest.h>
 
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
-#include <functional>
+#include <cstring>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -24,30 +24,6 @@ namespace
 const char* const kBrowser = "/usr/bin/chromium";
 const char* const kDriver = "/usr/bin/chromedriver";
 const char* const kElementKey = "element-6066-11e4-a52e-4f735466cecf";
-
-std::string compact(const Json::Value& value)
-{
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return Json::writeString(builder, value);
-}
-
-std::string base64Decode(const std::string& in)
-{
-    static const std::string digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string out;
-    unsigned buffer = 0;
-    int bits = 0;
-    for (char c : in) {
-        const size_t v = digits.find(c);
-        if (v == std::string::npos)
-            continue;
-        buffer = (buffer << 6) | static_cast<unsigned>(v);
-        if ((bits += 6) >= 8)
-            out.push_back(static_cast<char>((buffer >> (bits -= 8)) & 0xFF));
-    }
-    return out;
-}
 
 // A headless Chromium driven through chromedriver's W3C WebDriver protocol, with a fresh profile.
 // Every request has a bounded time-out; failures come back as false or null, with error() telling.
@@ -63,21 +39,16 @@ public:
 
     bool start(const std::string& workDir)
     {
-        const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof addr;
-        if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-            ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0)
-            mPort = ntohs(addr.sin_port);
-        ::close(fd);
         ChildProcess::Io io;
         io.outPath = workDir + "/chromedriver.out";
         io.errPath = workDir + "/chromedriver.err";
-        if (!mDriver.start({kDriver, "--port=" + std::to_string(mPort)}, ChildProcess::environmentWith({}), io))
-            return fail("cannot start chromedriver");
-        if (!waitUntil([&] { return call("GET", "/status", Json::Value())["value"]["ready"].asBool(); }, 10000))
+        const char* const started = "started successfully on port ";
+        if (!mDriver.start({kDriver, "--port=0"}, ChildProcess::environmentWith({}), io) ||
+            !waitUntil([&] { return readFile(io.outPath).find(started) != std::string::npos; }, 10000))
+            return fail("chromedriver did not start: " + readFile(io.errPath));
+        const std::string out = readFile(io.outPath);
+        mPort = std::stoi(out.substr(out.find(started) + std::strlen(started)));
+        if (!waitUntil([&] { return call("GET", "/status")["value"]["ready"].asBool(); }, 10000))
             return fail("chromedriver did not get ready on port " + std::to_string(mPort));
         Json::Value caps;
         Json::Value& chrome = caps["capabilities"]["alwaysMatch"]["goog:chromeOptions"];
@@ -87,53 +58,44 @@ public:
                                       "--disable-dev-shm-usage", "--window-size=1360,1000"})
             chrome["args"].append(arg);
         chrome["args"].append("--user-data-dir=" + workDir + "/chromium-profile");
-        mSession = call("POST", "/session", caps)["value"]["sessionId"].asString();
+        mSession = call("POST", "/session", caps.toStyledString())["value"]["sessionId"].asString();
         return !mSession.empty() || fail("no browser session: " + mError);
     }
 
     const std::string& error() const { return mError; }
 
-    bool open(const std::string& url)
-    {
-        Json::Value body;
-        body["url"] = url;
-        return !request("POST", "/url", body).isNull();
-    }
+    bool open(const std::string& url) { return !request("POST", "/url", R"({"url":)" + quoted(url) + "}").isNull(); }
 
     // Runs `body` (a function body, e.g. "return document.title;") in the page.
-    Json::Value script(const std::string& text)
+    Json::Value script(const std::string& body)
     {
-        Json::Value body;
-        body["script"] = text;
-        body["args"] = Json::Value(Json::arrayValue);
-        return request("POST", "/execute/sync", body)["value"];
+        return request("POST", "/execute/sync", R"({"script":)" + quoted(body) + R"(,"args":[]})")["value"];
     }
 
     // The left button goes down on the element and stays down until release().
     bool press(const std::string& css)
     {
-        Json::Value find;
-        find["using"] = "css selector";
-        find["value"] = css;
-        const std::string id = request("POST", "/element", find)["value"][kElementKey].asString();
-        Json::Value move;
-        move["type"] = "pointerMove";
-        move["duration"] = 0;
-        move["origin"][kElementKey] = id;
-        move["x"] = 0;
-        move["y"] = 0;
-        return !id.empty() && pointer(move, "pointerDown");
+        const Json::Value found = request("POST", "/element",
+                                          R"({"using":"css selector","value":)" + quoted(css) + "}");
+        const std::string id = found["value"][kElementKey].asString();
+        const std::string origin = "{\"" + std::string(kElementKey) + "\":\"" + id + "\"}";
+        return !id.empty() && pointer(R"({"type":"pointerMove","duration":0,"x":0,"y":0,"origin":)" + origin +
+                                      R"(},{"type":"pointerDown","button":0})");
     }
 
-    bool release() { return pointer(Json::Value(), "pointerUp"); }
+    bool release() { return pointer(R"({"type":"pointerUp","button":0})"); }
     bool click(const std::string& css) { return press(css) && release(); }
 
     bool screenshot(const std::string& pngPath)
     {
-        const Json::Value answer = request("GET", "/screenshot");
-        if (!answer["value"].isString())
+        const std::string text = request("GET", "/screenshot")["value"].asString();
+        std::string png(text.size() / 4 * 3, '\0');
+        const int size = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(&png[0]),
+                                         reinterpret_cast<const unsigned char*>(text.data()), int(text.size()));
+        if (text.size() < 4 || size < 0)
             return false;
-        std::ofstream(pngPath, std::ios::binary) << base64Decode(answer["value"].asString());
+        png.resize(size - std::count(text.end() - 2, text.end(), '='));  // padding decodes to zero bytes
+        std::ofstream(pngPath, std::ios::binary) << png;
         return true;
     }
 
@@ -144,16 +106,17 @@ private:
         return false;
     }
 
+    static std::string quoted(const std::string& text) { return Json::valueToQuotedString(text.c_str()); }
+
     // One request to chromedriver; its JSON answer, or null (and error()) unless HTTP 200.
-    Json::Value call(const std::string& method, const std::string& path, const Json::Value& body = Json::Value())
+    Json::Value call(const std::string& method, const std::string& path, const std::string& body = "{}")
     {
         httplib::Client client("127.0.0.1", mPort);
         client.set_connection_timeout(2, 0);
         client.set_read_timeout(30, 0);
-        const std::string text = compact(body.isNull() ? Json::Value(Json::objectValue) : body);
         httplib::Result res = method == "GET"      ? client.Get(path.c_str())
                               : method == "DELETE" ? client.Delete(path.c_str())
-                                                   : client.Post(path.c_str(), text, "application/json");
+                                                   : client.Post(path.c_str(), body, "application/json");
         Json::Value value;
         std::string errors;
         std::istringstream in(res ? res->body : "");
@@ -164,26 +127,16 @@ private:
         return value;
     }
 
-    Json::Value request(const std::string& method, const std::string& path, const Json::Value& body = Json::Value())
+    Json::Value request(const std::string& method, const std::string& path, const std::string& body = "{}")
     {
         return call(method, "/session/" + mSession + path, body);
     }
 
-    bool pointer(const Json::Value& move, const char* button)
+    // One pointer action sequence of the mouse: `steps` are its actions, as JSON objects.
+    bool pointer(const std::string& steps)
     {
-        Json::Value source;
-        source["type"] = "pointer";
-        source["id"] = "mouse";
-        source["parameters"]["pointerType"] = "mouse";
-        if (!move.isNull())
-            source["actions"].append(move);
-        Json::Value step;
-        step["type"] = button;
-        step["button"] = 0;
-        source["actions"].append(step);
-        Json::Value all;
-        all["actions"].append(source);
-        return !request("POST", "/actions", all).isNull();
+        const std::string mouse = R"({"type":"pointer","id":"mouse","parameters":{"pointerType":"mouse"},"actions":[)";
+        return !request("POST", "/actions", R"({"actions":[)" + mouse + steps + "]}]}").isNull();
     }
 
     ChildProcess mDriver;
@@ -191,19 +144,6 @@ private:
     std::string mSession;
     std::string mError;
 };
-
-// Polls the page at a pace the browser keeps up with, for up to ten seconds.
-bool eventually(const std::function<bool()>& condition)
-{
-    return waitUntil(
-        [&] {
-            if (condition())
-                return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-            return false;
-        },
-        10000);
-}
 
 class PanelBrowser : public ::testing::Test
 {
@@ -243,7 +183,8 @@ protected:
     }
     bool shows(const std::string& css, const std::string& value, const std::string& what = "dataset.value")
     {
-        return eventually([&] { return shown(css, what) == value; });
+        // Polled at a pace the browser keeps up with.
+        return waitUntil([&] { return shown(css, what) == value; }, 10000, 100);
     }
     bool lit(const std::string& css, bool on) { return shows(css, on ? "true" : "false", "classList.contains('on')"); }
     bool overlayShown(bool visible) { return shows("#offbus", visible ? "false" : "true", "hidden"); }
@@ -314,12 +255,12 @@ TEST_F(PanelBrowser, DrivesTheRadioAndFollowsTheServiceThroughARestart)
     // The new service learns the radio's state anew (the simulator may tell it the radio is on);
     // once the page shows that state, the radio is switched on if needed. Channel and squelch are
     // the new service's own (defaults or restored), so only their arrival is checked.
-    ASSERT_TRUE(eventually([&] {
-        return shown("#st-power", "textContent") == "on" || shown("#st-power", "textContent") == "off";
-    })) << pageLog();
-    if (shown("#st-power", "textContent") == "off") {
+    const auto power = [&] { return shown("#st-power", "textContent"); };
+    ASSERT_TRUE(waitUntil([&] { return power() == "on" || power() == "off"; }, 10000, 100)) << pageLog();
+    if (power() == "off") {
         ASSERT_TRUE(mBrowser.click("#power"));
     }
-    EXPECT_TRUE(eventually([&] { return !shown("#channel").empty() && !shown("#squelch").empty(); })) << pageLog();
+    EXPECT_TRUE(waitUntil([&] { return !shown("#channel").empty() && !shown("#squelch").empty(); }, 10000, 100))
+        << pageLog();
 }
 }  // namespace

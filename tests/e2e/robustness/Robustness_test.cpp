@@ -9,7 +9,6 @@
 
 #include <chrono>
 #include <csignal>
-#include <ostream>
 #include <string>
 #include <thread>
 
@@ -22,32 +21,6 @@ int stopDaemonWith(HeadUnit& unit, int signal)
 {
     ::kill(unit.daemonPid(), signal);
     return unit.waitDaemon(kStopLimitMs);
-}
-
-// Four clients call the whole mix for three seconds: every call is answered; then SIGTERM,
-// with the clients still calling, ends the daemon cleanly in time.
-void expectAnsweredUnderLoadAndStopped(HeadUnit& unit)
-{
-    LoadClients::Options options;
-    options.clients = 4;
-    options.timeoutMs = 3000;
-    LoadClients clients(options);
-    ASSERT_TRUE(clients.start()) << clients.error();
-    std::this_thread::sleep_for(std::chrono::seconds(3));
-    clients.endCount();
-    const LoadFigures f = clients.figures();
-
-    const int status = stopDaemonWith(unit, SIGTERM);
-    clients.stop();
-
-    EXPECT_GT(f.calls, 0u);
-    const std::string firstFailure = f.errorKinds.empty() ? "" : f.errorKinds.begin()->first;
-    EXPECT_EQ(0u, f.timeouts) << f.calls << " calls; " << firstFailure;
-    EXPECT_EQ(0u, f.errors) << firstFailure;
-    EXPECT_EQ(0u, f.failureResults);
-    EXPECT_GT(f.signals, 0u);
-    EXPECT_EQ(0, clients.stuckClients());
-    EXPECT_EQ(0, status) << "SIGTERM under load: not ended within " << kStopLimitMs << " ms\n" << unit.daemonErrors();
 }
 }
 
@@ -67,50 +40,54 @@ TEST(Robustness, TraceServerThatStopsReadingHoldsUpNeitherCallsNorTheStop)
                HeadUnit::waitUntil([&] { return ::access(u.path("dev/mv2trace/register").c_str(), F_OK) == 0; }, 5000);
     };
     ASSERT_TRUE(unit.start(options)) << unit.error();
-    ASSERT_TRUE(HeadUnit::waitUntil(
-        [&] { return HeadUnit::readFile(unit.path("tracesrv.out")).find("CBRadio connected") != std::string::npos; },
-        5000));
+    ASSERT_TRUE(unit.waitForFile("tracesrv.out", "CBRadio connected"));
     ASSERT_EQ(0, ::kill(server, SIGSTOP));
-    expectAnsweredUnderLoadAndStopped(unit);
+
+    // Four clients call the whole mix for three seconds: every call is answered; then SIGTERM,
+    // with the clients still calling, ends the daemon cleanly in time.
+    LoadClients::Options load;
+    load.clients = 4;
+    load.timeoutMs = 3000;
+    LoadClients clients(load);
+    ASSERT_TRUE(clients.start()) << clients.error();
+    std::this_thread::sleep_for(std::chrono::seconds(3));
+    clients.endCount();
+    const LoadFigures f = clients.figures();
+    const int status = stopDaemonWith(unit, SIGTERM);
+    clients.stop();
     ::kill(server, SIGCONT);
+
+    EXPECT_GT(f.calls, 0u);
+    const std::string firstFailure = f.errorKinds.empty() ? "" : f.errorKinds.begin()->first;
+    EXPECT_EQ(0u, f.timeouts) << f.calls << " calls; " << firstFailure;
+    EXPECT_EQ(0u, f.errors) << firstFailure;
+    EXPECT_EQ(0u, f.failureResults);
+    EXPECT_GT(f.signals, 0u);
+    EXPECT_EQ(0, clients.stuckClients());
+    EXPECT_EQ(0, status) << "SIGTERM under load: not ended within " << kStopLimitMs << " ms\n" << unit.daemonErrors();
 }
 
 // The start sequence writes three frames one second apart (hardware version, software version,
-// weather alert on); each of the three termination signals comes right after another of them.
-struct StopMoment
+// weather alert on); each of the three termination signals comes right after another of them, to
+// a daemon started anew each time under the same simulator.
+TEST(Robustness, SignalDuringTheStartFramesEndsTheDaemonWithExit0InTime)
 {
-    int signal;
-    const char* frame;
-    const char* name;
-};
-
-void PrintTo(const StopMoment& moment, std::ostream* out)
-{
-    *out << moment.name;
-}
-
-class SignalDuringStartFrames : public testing::TestWithParam<StopMoment>
-{
-};
-
-TEST_P(SignalDuringStartFrames, EndsTheDaemonWithExit0InTime)
-{
-    const int signal = GetParam().signal;
-    const std::string frame = GetParam().frame;
     HeadUnit unit;
     HeadUnit::Options options;
     options.recordSignals = false;
+    options.startDaemon = false;
     options.readyTrace = "";
     ASSERT_TRUE(unit.start(options)) << unit.error();
-    ASSERT_TRUE(unit.waitForFrame(frame, 0, 8000));
-    ASSERT_FALSE(unit.traced("[CBRadio] Up and Running..."));
+    const std::pair<int, const char*> moments[] = {{SIGTERM, "07 00"}, {SIGINT, "08 00"}, {SIGHUP, "0C 01 01"}};
+    for (const auto& moment : moments) {
+        SCOPED_TRACE(moment.second);
+        const size_t frames = unit.frameMark();
+        ASSERT_TRUE(unit.startDaemon()) << unit.error();
+        ASSERT_TRUE(unit.waitForFrame(moment.second, frames, 8000));
+        ASSERT_FALSE(unit.traced("[CBRadio] Up and Running..."));
 
-    EXPECT_EQ(0, stopDaemonWith(unit, signal)) << "not ended within " << kStopLimitMs << " ms\n" << unit.daemonErrors();
-    EXPECT_TRUE(unit.traced("rcvd signal to exit (" + std::to_string(signal) + ")\n"));
+        EXPECT_EQ(0, stopDaemonWith(unit, moment.first)) << "not ended within " << kStopLimitMs << " ms\n"
+                                                         << unit.daemonErrors();
+        EXPECT_TRUE(unit.traced("rcvd signal to exit (" + std::to_string(moment.first) + ")\n"));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Robustness, SignalDuringStartFrames,
-                         testing::Values(StopMoment{SIGTERM, "07 00", "SigtermAfterHardwareVersionQuery"},
-                                         StopMoment{SIGINT, "08 00", "SigintAfterSoftwareVersionQuery"},
-                                         StopMoment{SIGHUP, "0C 01 01", "SighupAfterWeatherAlertOn"}),
-                         [](const testing::TestParamInfo<StopMoment>& info) { return std::string(info.param.name); });

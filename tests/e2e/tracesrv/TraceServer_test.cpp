@@ -18,38 +18,31 @@ protected:
     void SetUp() override { ASSERT_TRUE(mRoot.ok()); }
 
     std::string path(const std::string& name) const { return mRoot.path(name); }
+    bool waitFor(const std::string& file, const std::string& text) const
+    {
+        return waitUntil([&] { return readFile(path(file)).find(text) != std::string::npos; }, 8000);
+    }
 
-    std::unique_ptr<ChildProcess> start(const std::vector<std::string>& args, const std::string& name,
-                                        const std::map<std::string, std::string>& env)
+    // A program in the root, its output in <name>.out and <name>.err.
+    std::unique_ptr<ChildProcess> start(const std::vector<std::string>& args, const std::string& name)
     {
         ChildProcess::Io io;
         io.outPath = path(name + ".out");
         io.errPath = path(name + ".err");
         auto child = std::make_unique<ChildProcess>();
-        EXPECT_TRUE(child->start(args, ChildProcess::environmentWith(env), io));
+        const auto env = ChildProcess::environmentWith(
+            {{"CBRADIO_ROOT", mRoot.path()}, {"CBRADIO_SYSLOG_STDERR", "1"}});
+        EXPECT_TRUE(child->start(args, env, io));
         return child;
     }
-
-    // Waits until the file contains text; true when it did in time.
-    bool waitFor(const std::string& file, const std::string& text, int timeoutMs = 8000) const
+    std::unique_ptr<ChildProcess> startServer(std::vector<std::string> args)
     {
-        return waitUntil([&] { return readFile(file).find(text) != std::string::npos; }, timeoutMs);
+        args.insert(args.begin(), {TRACESRV_BIN, "--no-stdin", "--log=" + path("server.log")});
+        auto server = start(args, "server");
+        EXPECT_TRUE(waitFor("server.log", "listening on"));
+        return server;
     }
-
-    std::unique_ptr<ChildProcess> startServer(std::vector<std::string> extra)
-    {
-        std::vector<std::string> args = {TRACESRV_BIN, "--no-stdin", "--log=" + path("server.log")};
-        args.insert(args.end(), extra.begin(), extra.end());
-        auto p = start(args, "server", {{"CBRADIO_ROOT", mRoot.path()}});
-        EXPECT_TRUE(waitFor(path("server.log"), "listening on"));
-        return p;
-    }
-
-    std::unique_ptr<ChildProcess> startSample(const std::string& name = "sample")
-    {
-        return start({TRACED_SAMPLE_BIN, "--seconds=30"}, name,
-                     {{"CBRADIO_ROOT", mRoot.path()}, {"CBRADIO_SYSLOG_STDERR", "1"}});
-    }
+    std::unique_ptr<ChildProcess> startSample(const std::string& name) { return start({TRACED_SAMPLE_BIN}, name); }
 
     TempRoot mRoot{TempRoot::Export::No};
 };
@@ -59,8 +52,8 @@ TEST_F(TraceServerE2E, ServesScopesFiltersAndCallbacksAndTheProgramOutlivesTheSe
 {
     auto server = startServer({"--cmd", "scopes", "--cmd", "filter Sample_CTicker msg", "--cmd",
                                "call Sample_echo \"hi there\" 21", "--cmd", "call Sample_answer 2"});
-    auto sample = startSample();
-    const std::string log = path("server.log");
+    auto sample = startSample("sample");
+    const std::string log = "server.log";
 
     ASSERT_TRUE(waitFor(log, "Sample connected"));
     EXPECT_TRUE(waitFor(log, "Sample scope 1 Sample_CTicker_tick filter 0x00 media 0x01 event 0"));
@@ -85,16 +78,16 @@ TEST_F(TraceServerE2E, ServesScopesFiltersAndCallbacksAndTheProgramOutlivesTheSe
 TEST_F(TraceServerE2E, WithoutAUsableServerTheProgramRunsUntraced)
 {
     auto alone = startSample("alone");
-    EXPECT_TRUE(waitFor(path("alone.err"), "Cannot connect to trace server: 3"));
+    EXPECT_TRUE(waitFor("alone.err", "Cannot connect to trace server: 3"));
     auto server = startServer({"--version=2.0.0"});
     auto sample = startSample("sample");
-    EXPECT_TRUE(waitFor(path("sample.err"),
-                        "Cannot use trace server: version is '2.0.0', app requires '1.0.0'. Please update!"));
+    EXPECT_TRUE(
+        waitFor("sample.err", "Cannot use trace server: version is '2.0.0', app requires '1.0.0'. Please update!"));
     for (const auto& program : {std::make_pair("alone", alone.get()), std::make_pair("sample", sample.get())}) {
-        const std::string out = path(std::string(program.first) + ".out");
+        const std::string out = std::string(program.first) + ".out";
         EXPECT_TRUE(waitFor(out, "tick 3")) << program.first;
         EXPECT_EQ(0, program.second->stop(5000)) << program.first;
-        EXPECT_NE(readFile(out).find("exit joined=1"), std::string::npos) << program.first;
+        EXPECT_NE(readFile(path(out)).find("exit joined=1"), std::string::npos) << program.first;
     }
     EXPECT_EQ(readFile(path("server.log")).find("Sample registered"), std::string::npos);
 }

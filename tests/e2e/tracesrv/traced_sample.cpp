@@ -3,7 +3,7 @@
 // same line to standard output, so a test sees it carry on untraced), and publishes two callbacks:
 //   Sample_echo(text: string, number: int) -> text: string, doubled: int; result = number + 1
 //   Sample_answer(int) -> result = argument + 40
-// Runs for --seconds=N (default 30) or until SIGTERM/SIGINT.
+// Runs for 30 seconds or until SIGTERM/SIGINT.
 #include "CJTDefaultBinaryTracePersistence.h"
 #include "CJTThreadCtrl.h"
 #include "CJTTraceCallback.h"
@@ -14,8 +14,6 @@
 #include <atomic>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <unistd.h>
 
 static CJTTraceScopeDef gsTraceServerScopeDef_Sample_main_main("Sample_main", "main");
@@ -49,10 +47,6 @@ static void onSignal(int)
 
 int main(int argc, char** argv)
 {
-    int seconds = 30;
-    for (int i = 1; i < argc; ++i)
-        if (std::strncmp(argv[i], "--seconds=", 10) == 0)
-            seconds = std::atoi(argv[i] + 10);
     std::signal(SIGTERM, onSignal);
     std::signal(SIGINT, onSignal);
 
@@ -63,7 +57,7 @@ int main(int argc, char** argv)
     CJTThreadCtrl::setThreadName(tid, "SampleTraceThread");
     {
         CJTTraceScope scope(gsTraceServerScopeDef_Sample_main_main);
-        for (int n = 0; n < seconds * 10 && !sStop.load(std::memory_order_relaxed); ++n) {
+        for (int n = 0; n < 300 && !sStop.load(std::memory_order_relaxed); ++n) {
             CJTTraceScope tick(gsTraceServerScopeDef_Sample_CTicker_tick);
             tick.sendFormattedMessage("tick %d", n);
             std::printf("tick %d\n", n);

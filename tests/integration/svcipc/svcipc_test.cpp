@@ -1,7 +1,7 @@
 // The service-IPC library against a real, private dbus-daemon: services, calls, signals, owner
 // watches, threads, and a bus that dies. Raw libdbus peers check the wire form from outside.
 #include "PrivateBus.h"
-#include "svcipc.h"
+#include "TestService.h"
 
 #include <dbus/dbus.h>
 #include <gtest/gtest.h>
@@ -11,7 +11,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
-#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -24,88 +23,12 @@ namespace
 const char* const kName = "com.quorin.service.Test";
 const char* const kPath = "/com/quorin/service/Test";
 
-// Collects what callbacks saw, for the test thread to wait on.
-struct Log
-{
-    std::mutex mutex;
-    std::condition_variable cond;
-    std::vector<std::string> lines;
-    std::vector<std::thread::id> threads;
-
-    void add(const std::string& line)
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        lines.push_back(line);
-        threads.push_back(std::this_thread::get_id());
-        cond.notify_all();
-    }
-    bool waitFor(size_t count, std::chrono::milliseconds limit = 5000ms)
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        return cond.wait_for(lock, limit, [&] { return lines.size() >= count; });
-    }
-    std::vector<std::string> snapshot()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return lines;
-    }
-};
-
-// A service whose behaviour per request is a function of the test; by default it echoes. With
-// `hold` it keeps every request without a result until it is destroyed, so callers time out.
-struct Service
-{
-    std::function<void(SVCIPC_tReqContext, const std::string&, const std::string&)> onRequest;
-    bool hold = false;
-    Log log;
-    SVCIPC_tSvcRegHnd reg = nullptr;
-    std::mutex heldMutex;
-    std::vector<SVCIPC_tReqContext> held;
-
-    ~Service()
-    {
-        std::lock_guard<std::mutex> lock(heldMutex);
-        for (SVCIPC_tReqContext ctx : held)
-            SVCIPC_freeReqContext(ctx);
-    }
-    static void callback(SVCIPC_tReqContext ctx, const char* method, const char* parms, SVCIPC_tBool noReply,
-                         SVCIPC_tUserToken token)
-    {
-        auto* self = static_cast<Service*>(token);
-        self->log.add(std::string(method) + "(" + parms + ")" + (noReply ? " noreply" : ""));
-        if (self->onRequest) {
-            self->onRequest(ctx, method, parms);
-        } else if (self->hold) {
-            std::lock_guard<std::mutex> lock(self->heldMutex);
-            self->held.push_back(ctx);
-        } else {
-            reply(ctx, "echo:" + std::string(parms));
-        }
-    }
-    static void reply(SVCIPC_tReqContext ctx, const std::string& text)
-    {
-        SVCIPC_asyncReturnResult(ctx, text.c_str(), nullptr, nullptr);
-        SVCIPC_freeReqContext(ctx);
-    }
-    SVCIPC_tError registerOn(SVCIPC_tConnection conn, const char* name = kName, const char* path = kPath)
-    {
-        return SVCIPC_registerService(conn, name, path, 0, &Service::callback, this, &reg);
-    }
-};
-
-void onSignal(const char* name, const char* data, SVCIPC_tUserToken token)
-{
-    static_cast<Log*>(token)->add(std::string(name) + "=" + data);
-}
-
-void onOwner(const char* name, const char* oldOwner, const char* newOwner, SVCIPC_tUserToken token)
-{
-    static_cast<Log*>(token)->add(std::string(name) + "|" + oldOwner + "|" + newOwner);
-}
+const auto onSignal = &CallbackLog::onSignal;
+const auto onOwner = &CallbackLog::onOwner;
 
 void onResult(const SVCIPC_tCallbackStatus* st, const char* result, SVCIPC_tUserToken token)
 {
-    static_cast<Log*>(token)->add(std::to_string(st->errCode) + ":" + result + ":" + st->errName);
+    static_cast<CallbackLog*>(token)->add(std::to_string(st->errCode) + ":" + result + ":" + st->errName);
 }
 
 // A plain libdbus peer, to see the library from outside.
@@ -114,7 +37,7 @@ struct RawPeer
     DBusConnection* conn = nullptr;
     std::thread server;
     std::atomic<bool> stopServing{false};
-    Log seen;  // "<member> <sender>" of every call and signal received while serving
+    CallbackLog seen;  // "<member> <sender>" of every call and signal received while serving
 
     explicit RawPeer(const std::string& address)
     {
@@ -148,9 +71,7 @@ struct RawPeer
             return out;
         }
         const char* s = "";
-        DBusMessageIter it;
-        if (dbus_message_iter_init(reply, &it) && dbus_message_iter_get_arg_type(&it) == 's')
-            dbus_message_iter_get_basic(&it, &s);
+        dbus_message_get_args(reply, nullptr, DBUS_TYPE_STRING, &s, DBUS_TYPE_INVALID);  // "" when none
         std::string out = std::string("reply:") + s;
         dbus_message_unref(reply);
         return out;
@@ -243,23 +164,18 @@ protected:
 
 TEST_F(SvcIpc, MethodCallsReachTheServiceAndResultsComeBack)
 {
-    Service svc;
-    ASSERT_EQ(0, svc.registerOn(conn));
-    auto threads = [] {
-        size_t n = 0;
-        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task"))
-            n += entry.is_directory() ? 1 : 0;
-        return n;
-    };
+    TestService svc;
+    ASSERT_EQ(0, svc.registerOn(conn, kName, kPath));
+    auto threads = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); };
     SVCIPC_tConnection client = privateConnection();
-    const size_t before = threads();
+    const auto before = threads();
 
     EXPECT_EQ("echo:{\"a\":1}", invoke(client, "doIt", "{\"a\":1}"));
     EXPECT_EQ("echo:", invoke(client, "doIt", nullptr));
     EXPECT_EQ(before, threads());  // blocking calls alone start no library thread
 
     // Asynchronous form: completion on a library thread, not on the caller's.
-    Log log;
+    CallbackLog log;
     ASSERT_EQ(0, SVCIPC_asyncInvoke(client, kName, kPath, "later", "x", 0, 3000, &onResult, &log));
     ASSERT_TRUE(log.waitFor(1));
     EXPECT_EQ("0:echo:x:", log.snapshot()[0]);
@@ -281,7 +197,10 @@ TEST_F(SvcIpc, MethodCallsReachTheServiceAndResultsComeBack)
     EXPECT_NE(std::this_thread::get_id(), svc.log.threads[0]);
 }
 
-TEST_F(SvcIpc, IntrospectionWrongShapesAndUnansweredCallsFollowTheDescription)
+// A call left without a result is answered at once by whether its method is described: NoResult
+// (Radio.PresetsAreStoredInMemorySelectedByFrameAndCleared, cbradioctl's "presets clear") or
+// UnknownMethod (Radio.VersionsComeFromTheV850AndFallThroughToTheRadioMethods).
+TEST_F(SvcIpc, IntrospectionAndWrongShapesFollowTheDescription)
 {
     const char* const description =
         "<?xml version=\"1.0\"?>\n"
@@ -305,11 +224,8 @@ TEST_F(SvcIpc, IntrospectionWrongShapesAndUnansweredCallsFollowTheDescription)
           "<interface name=\"a.b\" doc=\"&bad\"/>"})
         EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_setInterfaceDescription(conn, kPath, bad)) << bad;
     ASSERT_EQ(0, SVCIPC_setInterfaceDescription(conn, kPath, description));
-    Service svc;
-    svc.onRequest = [](SVCIPC_tReqContext ctx, const std::string&, const std::string&) {
-        SVCIPC_freeReqContext(ctx);  // never a result
-    };
-    ASSERT_EQ(0, svc.registerOn(conn));
+    TestService svc;
+    ASSERT_EQ(0, svc.registerOn(conn, kName, kPath));
     RawPeer raw(bus.address());
     auto introspect = [&](const char* path) {
         return raw.call(dbus_message_new_method_call(kName, path, "org.freedesktop.DBus.Introspectable", "Introspect"));
@@ -339,34 +255,25 @@ TEST_F(SvcIpc, IntrospectionWrongShapesAndUnansweredCallsFollowTheDescription)
     EXPECT_EQ("error:org.freedesktop.DBus.Error.UnknownInterface",
               raw.call(dbus_message_new_method_call(kName, kPath, "other.Iface", "m")));
     EXPECT_TRUE(svc.log.snapshot().empty());
-
-    // A call freed without a result is answered at once, by whether its method is described.
-    auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ("error:com.quorin.SvcIpc.Error.NoResult",
-              raw.call(dbus_message_new_method_call(kName, kPath, kName, "described")));
-    EXPECT_EQ("error:org.freedesktop.DBus.Error.UnknownMethod",
-              raw.call(dbus_message_new_method_call(kName, kPath, kName, "undescribed")));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
-    EXPECT_EQ(2u, svc.log.snapshot().size());
 }
 
 TEST_F(SvcIpc, NameOwnedElsewhereOrTwiceIsRefusedAndOwnerChangesAreTold)
 {
-    Log owners;
+    CallbackLog owners;
     SVCIPC_tSigSubHnd watch = nullptr;
-    ASSERT_EQ(0, SVCIPC_subscribeOwnerChanged(conn, kName, &onOwner, &owners, &watch));
-    Service first, second;
-    ASSERT_EQ(0, first.registerOn(conn));
+    ASSERT_EQ(0, SVCIPC_subscribeOwnerChanged(conn, kName, onOwner, &owners, &watch));
+    TestService first, second;
+    ASSERT_EQ(0, first.registerOn(conn, kName, kPath));
     SVCIPC_tConnection other = privateConnection();
-    EXPECT_EQ(SVCIPC_ERR_NAME_TAKEN, second.registerOn(other));
+    EXPECT_EQ(SVCIPC_ERR_NAME_TAKEN, second.registerOn(other, kName, kPath));
     EXPECT_EQ(nullptr, second.reg);
-    EXPECT_EQ(SVCIPC_ERR_ALREADY_REGISTERED, second.registerOn(conn, "com.quorin.service.X"));
-    EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, second.registerOn(other, ":1.5"));
+    EXPECT_EQ(SVCIPC_ERR_ALREADY_REGISTERED, second.registerOn(conn, "com.quorin.service.X", kPath));
+    EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, second.registerOn(other, ":1.5", kPath));
     EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, second.registerOn(other, kName, "no/slash"));
 
     // Once released, the name is free for the other connection at once.
     ASSERT_EQ(0, SVCIPC_unregisterService(first.reg));
-    ASSERT_EQ(0, second.registerOn(other));
+    ASSERT_EQ(0, second.registerOn(other, kName, kPath));
     EXPECT_EQ("echo:z", invoke(conn, "m", "z"));
     EXPECT_EQ(1u, second.log.snapshot().size());
 
@@ -382,25 +289,15 @@ TEST_F(SvcIpc, NameOwnedElsewhereOrTwiceIsRefusedAndOwnerChangesAreTold)
     EXPECT_EQ(0, SVCIPC_unsubscribe(watch));
 }
 
-TEST_F(SvcIpc, CallsFailWithTimeOutsMissingServicesAndNamedRemoteErrors)
+// The blocking form's failures (no service, time-out, a remote error and its name) are met through
+// cbradioctl's exit codes and peersim's slow read-out; here the asynchronous form's completions.
+TEST_F(SvcIpc, AsynchronousCallsCompleteWithTimeOutsAndNamedRemoteErrors)
 {
-    Service svc;
+    TestService svc;
     svc.hold = true;  // no result: the caller must run into its time-out
-    ASSERT_EQ(0, svc.registerOn(conn));
+    ASSERT_EQ(0, svc.registerOn(conn, kName, kPath));
     SVCIPC_tConnection client = privateConnection();
-
-    SVCIPC_tError st = 0;
-    auto start = std::chrono::steady_clock::now();
-    invoke(client, "silent", "", &st, 300);
-    EXPECT_EQ(SVCIPC_ERR_TIMEOUT, st);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
-    invoke(client, "m", "", &st, 1000, "com.quorin.service.Nobody", "/x");
-    EXPECT_EQ(SVCIPC_ERR_NO_SERVICE, st);
-    invoke(client, "m", "", &st, 1000, kName, "/not/served");
-    EXPECT_EQ(SVCIPC_ERR_REMOTE, st);
-    EXPECT_STREQ("org.freedesktop.DBus.Error.UnknownObject", SVCIPC_getLastErrorName());
-
-    Log log;
+    CallbackLog log;
     ASSERT_EQ(0, SVCIPC_asyncInvoke(client, kName, kPath, "silent", "", 0, 300, &onResult, &log));
     ASSERT_EQ(0, SVCIPC_asyncInvoke(client, kName, "/not/served", "m", "", 0, 1000, &onResult, &log));
     ASSERT_TRUE(log.waitFor(2, 3000ms));
@@ -412,31 +309,11 @@ TEST_F(SvcIpc, CallsFailWithTimeOutsMissingServicesAndNamedRemoteErrors)
     EXPECT_EQ(expected, seen);
 }
 
-TEST_F(SvcIpc, ResultsAfterTheFirstAndCompletionsOfFireAndForget)
-{
-    Log done;
-    Service svc;
-    svc.onRequest = [&](SVCIPC_tReqContext ctx, const std::string&, const std::string&) {
-        auto status = [](const SVCIPC_tCallbackStatus* st, SVCIPC_tUserToken token) {
-            static_cast<Log*>(token)->add("done " + std::to_string(st->errCode));
-        };
-        EXPECT_EQ(0, SVCIPC_asyncReturnResult(ctx, "first", status, &done));
-        EXPECT_EQ(0, SVCIPC_asyncReturnResult(ctx, "second", nullptr, nullptr));
-        EXPECT_EQ(0, SVCIPC_freeReqContext(ctx));
-        EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_freeReqContext(ctx));
-        EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_asyncReturnResult(ctx, "late", nullptr, nullptr));
-    };
-    ASSERT_EQ(0, svc.registerOn(conn));
-    EXPECT_EQ("first", invoke(privateConnection(), "m", ""));
-    ASSERT_TRUE(done.waitFor(1));
-    EXPECT_EQ("done 0", done.snapshot()[0]);
-}
-
 TEST_F(SvcIpc, SignalsComeFromTheOwnerOnlyUntilUnsubscribed)
 {
     EXPECT_EQ(SVCIPC_ERR_NOT_REGISTERED, SVCIPC_asyncEmit(conn, "s", "", nullptr, nullptr));
-    Service subscriber, emitting;
-    ASSERT_EQ(0, subscriber.registerOn(conn));
+    TestService subscriber, emitting;
+    ASSERT_EQ(0, subscriber.registerOn(conn, kName, kPath));
     const char* const emitterPath = "/com/quorin/service/Emitter";
     SVCIPC_tConnection emitter = privateConnection();
     ASSERT_EQ(0, emitting.registerOn(emitter, "com.quorin.service.Emitter", emitterPath));
@@ -444,12 +321,12 @@ TEST_F(SvcIpc, SignalsComeFromTheOwnerOnlyUntilUnsubscribed)
     ASSERT_EQ(DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER,
               dbus_bus_request_name(raw.conn, "com.quorin.test.Raw", 0, nullptr));
 
-    Log log, marker;
+    CallbackLog log, marker;
     SVCIPC_tSigSubHnd sub = nullptr, rawSub = nullptr, mark = nullptr;
-    EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_subscribe(conn, "/nodots", "status", &onSignal, &log, &sub));
-    ASSERT_EQ(0, SVCIPC_subscribe(conn, emitterPath, "status", &onSignal, &log, &sub));
-    ASSERT_EQ(0, SVCIPC_subscribe(conn, "/com/quorin/test/Raw", "status", &onSignal, &log, &rawSub));
-    ASSERT_EQ(0, SVCIPC_subscribe(conn, emitterPath, "marker", &onSignal, &marker, &mark));
+    EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_subscribe(conn, "/nodots", "status", onSignal, &log, &sub));
+    ASSERT_EQ(0, SVCIPC_subscribe(conn, emitterPath, "status", onSignal, &log, &sub));
+    ASSERT_EQ(0, SVCIPC_subscribe(conn, "/com/quorin/test/Raw", "status", onSignal, &log, &rawSub));
+    ASSERT_EQ(0, SVCIPC_subscribe(conn, emitterPath, "marker", onSignal, &marker, &mark));
 
     // Others posing as the emitter, broadcasting or aiming at the subscriber, are not heard; the
     // owner is, unless the first argument is not a string. (A call to the subscriber after each
@@ -483,8 +360,8 @@ TEST_F(SvcIpc, BlockingCallsFromCallbacksDoNotDeadlock)
     // the library keeps dispatching while the outer callback blocks. Subscribing and asking for
     // an owner from the callback need the bus as well.
     static const char* const kInner = "/com/quorin/service/Inner";
-    Service inner, outer;
-    Log nested;
+    TestService inner, outer;
+    CallbackLog nested;
     outer.onRequest = [&](SVCIPC_tReqContext ctx, const std::string&, const std::string& parms) {
         SVCIPC_tResponse* resp = nullptr;
         SVCIPC_tError st = SVCIPC_invoke(conn, "com.quorin.service.Inner", kInner, "m", parms.c_str(), 0, 3000, &resp);
@@ -493,13 +370,13 @@ TEST_F(SvcIpc, BlockingCallsFromCallbacksDoNotDeadlock)
             SVCIPC_freeResponse(resp);
         SVCIPC_tSigSubHnd sub = nullptr;
         SVCIPC_tBool owned = 0;
-        if (SVCIPC_subscribe(conn, kInner, "s", &onSignal, &nested, &sub) != 0 ||
+        if (SVCIPC_subscribe(conn, kInner, "s", onSignal, &nested, &sub) != 0 ||
             SVCIPC_nameHasOwner(conn, kName, &owned, 0) != 0 || !owned)
             text = "failed";
-        Service::reply(ctx, text);
+        TestService::reply(ctx, text);
     };
     ASSERT_EQ(0, inner.registerOn(conn, "com.quorin.service.Inner", kInner));
-    ASSERT_EQ(0, outer.registerOn(conn));
+    ASSERT_EQ(0, outer.registerOn(conn, kName, kPath));
     EXPECT_EQ("outer+echo:q", invoke(privateConnection(), "m", "q"));
     // Signals of this connection come from its earliest registration, Inner.
     ASSERT_EQ(0, SVCIPC_asyncEmit(conn, "s", "ok", nullptr, nullptr));
@@ -509,11 +386,11 @@ TEST_F(SvcIpc, BlockingCallsFromCallbacksDoNotDeadlock)
 TEST_F(SvcIpc, PeersSeeOneSenderForCallsSignalsAndTheName)
 {
     const char* const rawName = "com.quorin.test.Raw";
-    Service svc;
+    TestService svc;
     svc.onRequest = [&](SVCIPC_tReqContext ctx, const std::string&, const std::string&) {
-        Service::reply(ctx, invoke(conn, "fromCallback", "", nullptr, 3000, rawName, "/raw"));
+        TestService::reply(ctx, invoke(conn, "fromCallback", "", nullptr, 3000, rawName, "/raw"));
     };
-    ASSERT_EQ(0, svc.registerOn(conn));
+    ASSERT_EQ(0, svc.registerOn(conn, kName, kPath));
     RawPeer raw(bus.address());
     ASSERT_NE(nullptr, raw.conn);
     ASSERT_EQ(DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER, dbus_bus_request_name(raw.conn, rawName, 0, nullptr));
@@ -539,7 +416,7 @@ TEST_F(SvcIpc, AStuckCallbackBlocksNeitherCallsNorTheStop)
     std::condition_variable cond;
     bool release = false;
     std::atomic<int> finished{0};
-    Service svc;
+    TestService svc;
     svc.onRequest = [&](SVCIPC_tReqContext ctx, const std::string&, const std::string&) {
         {
             std::unique_lock<std::mutex> lock(mutex);
@@ -549,8 +426,8 @@ TEST_F(SvcIpc, AStuckCallbackBlocksNeitherCallsNorTheStop)
         SVCIPC_freeReqContext(ctx);
         ++finished;
     };
-    ASSERT_EQ(0, svc.registerOn(conn));
-    Service other;
+    ASSERT_EQ(0, svc.registerOn(conn, kName, kPath));
+    TestService other;
     ASSERT_EQ(0, other.registerOn(privateConnection(), "com.quorin.service.Other", "/other"));
     SVCIPC_tConnection client = privateConnection();
     ASSERT_EQ(0, SVCIPC_asyncInvoke(client, kName, kPath, "hang", "", 0, 20000, nullptr, nullptr));
@@ -578,26 +455,22 @@ TEST_F(SvcIpc, AStuckCallbackBlocksNeitherCallsNorTheStop)
         release = true;
     }
     cond.notify_all();
-    auto limit = std::chrono::steady_clock::now() + 5s;
-    while (finished == 0 && std::chrono::steady_clock::now() < limit)
-        std::this_thread::sleep_for(5ms);
-    EXPECT_EQ(1, finished.load());
+    EXPECT_TRUE(waitUntil([&] { return finished == 1; }, 5000));
 }
 
 TEST_F(SvcIpc, ManyThreadsCallAtOnceUntilTheBusDiesAndEverythingTurnsIntoFailures)
 {
-    Service svc;
+    TestService svc;
     svc.onRequest = [&](SVCIPC_tReqContext ctx, const std::string& method, const std::string& parms) {
         if (method != "slow")
-            return Service::reply(ctx, "echo:" + parms);
-        std::lock_guard<std::mutex> lock(svc.heldMutex);
-        svc.held.push_back(ctx);  // never answered: the bus goes first
+            return TestService::reply(ctx, "echo:" + parms);
+        svc.keep(ctx);  // never answered: the bus goes first
     };
-    ASSERT_EQ(0, svc.registerOn(conn));
+    ASSERT_EQ(0, svc.registerOn(conn, kName, kPath));
     SVCIPC_tConnection client = privateConnection();
     // Told once on a library thread when the bus goes; never for a connection closed before.
-    Log lost;
-    auto onLost = [](SVCIPC_tUserToken token) { static_cast<Log*>(token)->add("lost"); };
+    CallbackLog lost;
+    auto onLost = [](SVCIPC_tUserToken token) { static_cast<CallbackLog*>(token)->add("lost"); };
     ASSERT_EQ(0, SVCIPC_setConnectionLostCallback(conn, onLost, &lost));
     SVCIPC_tConnection closed = privateConnection();
     ASSERT_EQ(0, SVCIPC_setConnectionLostCallback(closed, onLost, &lost));
@@ -624,17 +497,14 @@ TEST_F(SvcIpc, ManyThreadsCallAtOnceUntilTheBusDiesAndEverythingTurnsIntoFailure
             }
         });
     }
-    Log answered;
+    CallbackLog answered;
     for (int i = 0; i < 40; ++i)
         ASSERT_EQ(0, SVCIPC_asyncInvoke(conn, kName, kPath, "a", "", 0, 5000, &onResult, &answered));
     ASSERT_TRUE(answered.waitFor(40));
-    auto limit = std::chrono::steady_clock::now() + 10s;
-    while (good < 300 && std::chrono::steady_clock::now() < limit)
-        std::this_thread::sleep_for(10ms);
-    EXPECT_GE(good.load(), 300);
+    EXPECT_TRUE(waitUntil([&] { return good >= 300; }, 10000)) << good;
     EXPECT_EQ(0, wrong.load());
 
-    Log pending;
+    CallbackLog pending;
     ASSERT_EQ(0, SVCIPC_asyncInvoke(client, kName, kPath, "slow", "", 0, 20000, &onResult, &pending));
     std::this_thread::sleep_for(200ms);
     auto killed = std::chrono::steady_clock::now();
@@ -644,8 +514,7 @@ TEST_F(SvcIpc, ManyThreadsCallAtOnceUntilTheBusDiesAndEverythingTurnsIntoFailure
 
     ASSERT_TRUE(pending.waitFor(1, 5000ms));
     EXPECT_EQ(std::to_string(SVCIPC_ERROR_DISCONNECTED) + "::", pending.snapshot()[0]);
-    while (failures < 20 && std::chrono::steady_clock::now() - killed < 5s)
-        std::this_thread::sleep_for(10ms);
+    waitUntil([&] { return failures >= 20; }, 5000);
     stop = true;
     for (auto& t : load)
         t.join();
@@ -657,7 +526,7 @@ TEST_F(SvcIpc, ManyThreadsCallAtOnceUntilTheBusDiesAndEverythingTurnsIntoFailure
     SVCIPC_tBool owned = 0;
     EXPECT_EQ(SVCIPC_ERR_DISCONNECTED, SVCIPC_nameHasOwner(client, kName, &owned, 1000));
     SVCIPC_tSigSubHnd sub = nullptr;
-    EXPECT_EQ(SVCIPC_ERR_DISCONNECTED, SVCIPC_subscribe(conn, kPath, "x", &onSignal, &pending, &sub));
+    EXPECT_EQ(SVCIPC_ERR_DISCONNECTED, SVCIPC_subscribe(conn, kPath, "x", onSignal, &pending, &sub));
     EXPECT_EQ(SVCIPC_ERR_DISCONNECTED, SVCIPC_unregisterService(svc.reg));
     EXPECT_EQ(0, SVCIPC_closeConnection(client));
     SVCIPC_tConnection again = nullptr;
@@ -671,7 +540,7 @@ TEST_F(SvcIpc, StaleAndInvalidHandlesGiveFailures)
     SVCIPC_tSigSubHnd sub = nullptr;
     SVCIPC_tResponse* resp = nullptr;
     SVCIPC_tBool owned = 0;
-    Log log;
+    CallbackLog log;
     EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_closeConnection(nullptr));
     EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_closeConnection(fake));
     EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_unregisterService(nullptr));
@@ -686,14 +555,31 @@ TEST_F(SvcIpc, StaleAndInvalidHandlesGiveFailures)
     EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_invoke(conn, "bad name", "/p", "m", "", 0, 0, &resp));
     EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_invoke(conn, kName, kPath, "m", "", 0, 0, nullptr));
     EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_invoke(conn, kName, kPath, "m", "\xff\xfe", 0, 0, &resp));
-    EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_subscribe(conn, kPath, "a.b", &onSignal, &log, &sub));
+    EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_subscribe(conn, kPath, "a.b", onSignal, &log, &sub));
     EXPECT_EQ(SVCIPC_ERR_BAD_ARGUMENT, SVCIPC_nameHasOwner(conn, kName, nullptr, 0));
 
-    // Everything that hung off a closed connection is stale.
-    Service svc;
-    ASSERT_EQ(0, svc.registerOn(conn));
-    ASSERT_EQ(0, SVCIPC_subscribe(conn, kPath, "s", &onSignal, &log, &sub));
+    // A request's context is stale once freed; results after the first are dropped, and the
+    // first one's completion is told.
+    CallbackLog done;
+    TestService svc;
+    svc.onRequest = [&](SVCIPC_tReqContext ctx, const std::string&, const std::string&) {
+        auto status = [](const SVCIPC_tCallbackStatus* st, SVCIPC_tUserToken token) {
+            static_cast<CallbackLog*>(token)->add("done " + std::to_string(st->errCode));
+        };
+        EXPECT_EQ(0, SVCIPC_asyncReturnResult(ctx, "first", status, &done));
+        EXPECT_EQ(0, SVCIPC_asyncReturnResult(ctx, "second", nullptr, nullptr));
+        EXPECT_EQ(0, SVCIPC_freeReqContext(ctx));
+        EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_freeReqContext(ctx));
+        EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_asyncReturnResult(ctx, "late", nullptr, nullptr));
+    };
+    ASSERT_EQ(0, svc.registerOn(conn, kName, kPath));
     ASSERT_EQ(0, SVCIPC_invoke(conn, kName, kPath, "m", "", 0, 0, &resp));
+    EXPECT_STREQ("first", resp->result);
+    ASSERT_TRUE(done.waitFor(1));
+    EXPECT_EQ("done 0", done.snapshot()[0]);
+
+    // Everything that hung off a closed connection is stale.
+    ASSERT_EQ(0, SVCIPC_subscribe(conn, kPath, "s", onSignal, &log, &sub));
     ASSERT_EQ(0, SVCIPC_closeConnection(conn));
     EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_closeConnection(conn));
     EXPECT_EQ(SVCIPC_ERR_BAD_HANDLE, SVCIPC_unregisterService(svc.reg));

@@ -295,13 +295,17 @@ TEST_F(TraceChannelTest, BinaryBlockThatDoesNotLoadIsReportedThenKilled)
     EXPECT_NE(0, access(block.c_str(), F_OK));
 }
 
-TEST_F(TraceChannelTest, ServesTheCommandTable)
+TEST_F(TraceChannelTest, ServesTheCommandTableAndCallbacks)
 {
     TestTraceServer server;
-    // Enough scopes for the every-fiftieth progress step; definitions live on (indices are not reused).
+    // Enough scopes and callbacks for the every-fiftieth and every-tenth progress steps;
+    // definitions live on (indices are not reused).
     static std::vector<CJTTraceScopeDef*> extra;
     while (CJTTraceScopeManager::getInstance().getNumberOfScopes() < 120)
         extra.push_back(new CJTTraceScopeDef("ITest_CExtra", "scope"));
+    static std::vector<CJTTraceCallbackDef*> extraCallbacks;
+    while (CJTTraceCallbackManager::getInstance().getNumberOfCallbacks() < 150)
+        extraCallbacks.push_back(new CJTTraceCallbackDef(nullptr, "ITest_extra", "no function"));
     startThread();
     ASSERT_TRUE(server.waitForClient());
 
@@ -330,18 +334,10 @@ TEST_F(TraceChannelTest, ServesTheCommandTable)
                         "Console";
     const Bytes handlers = server.records().back();
     EXPECT_EQ(Bytes(handlers.begin() + 12, handlers.end()), Bytes(body, body + sizeof body));
-}
 
-TEST_F(TraceChannelTest, CallbackListAndCall)
-{
-    TestTraceServer server;
-    static std::vector<CJTTraceCallbackDef*> extra;
-    while (CJTTraceCallbackManager::getInstance().getNumberOfCallbacks() < 150)
-        extra.push_back(new CJTTraceCallbackDef(nullptr, "ITest_extra", "no function"));
-    startThread();
-    ASSERT_TRUE(server.waitForClient());
-
+    // The callback list.
     uint32_t count = CJTTraceCallbackManager::getInstance().getNumberOfCallbacks();
+    server.clearRecords();
     server.send(command(8, 0));
     ASSERT_TRUE(server.waitFor([&](const std::vector<Bytes>& r) { return countClass(r, 26) == count; }));
     EXPECT_EQ(countClass(server.records(), 26, 255), 1u);
@@ -363,24 +359,9 @@ TEST_F(TraceChannelTest, CallbackListAndCall)
     EXPECT_EQ(r[1].size(), 8u + 4u + 253u);
     EXPECT_EQ(r[1][8], 1);  // return row: last parameter row + 1
     EXPECT_EQ(r[1][10], 0x34);
-    const uint32_t pid = uint32_t(getpid());
-    Bytes result = {uint8_t(pid),
-                    uint8_t(pid >> 8),
-                    uint8_t(pid >> 16),
-                    uint8_t(pid >> 24),
-                    uint8_t(index),
-                    uint8_t(index >> 8),
-                    0,
-                    0,
-                    0x34,
-                    0x12,
-                    0,
-                    0,
-                    40,
-                    0,
-                    0,
-                    0};
-    EXPECT_EQ(Bytes(r[2].begin() + 8, r[2].end()), result);
+    EXPECT_EQ(u32At(r[2], 8), uint32_t(getpid()));  // then the row, the cookie and the result
+    const Bytes result = {uint8_t(index), uint8_t(index >> 8), 0, 0, 0x34, 0x12, 0, 0, 40, 0, 0, 0};
+    EXPECT_EQ(Bytes(r[2].begin() + 12, r[2].end()), result);
 
     // A call shorter than it says, then an ordinary command: both served, nothing breaks.
     server.clearRecords();

@@ -1,11 +1,17 @@
+// The platform layer on real sockets and files in a temporary root: device links that lose and
+// regain their peer or meet one that does not read, what only the node layer decides, and the
+// root prefix. Frames over socket nodes and the control answer are exercised by the trace channel.
 #include "CJTDeviceLink.h"
+#include "ChildProcess.h"
 #include "JTDeviceNode.h"
 #include "JTOperatingSystem.h"
+#include "JTRootPrefix.h"
 #include "JTSyslog.h"
 #include "TempRoot.h"
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
@@ -85,9 +91,7 @@ TEST_F(DeviceLink, PeerHangUpIsWaitedOutQuietlyAndTheNextConnectionCarriesOn)
     close(peer);
     close(listener);
     peer = listener = -1;
-    for (int i = 0; i < 400 && !link.isDown(); ++i)
-        JTOperatingSystem::sleepMs(5);
-    ASSERT_TRUE(link.isDown());
+    ASSERT_TRUE(waitUntil([&] { return link.isDown(); }, 2000));
     uint64_t start = JTOperatingSystem::getMonotonicTime();
     EXPECT_EQ(link.write("\x02\x01\x05", 3), -1);
     EXPECT_EQ(errno, EPIPE);
@@ -153,4 +157,58 @@ TEST_F(DeviceLink, WritesToAPeerThatDoesNotReadFailWithinASecondAndShutdownRelea
     EXPECT_LT(msSince(start), 500u);
     EXPECT_EQ(readErrno.load(), ECANCELED);
     EXPECT_EQ(writeErrno.load(), ECANCELED);
+}
+
+TEST(DeviceNode, RegularFileOpensAsCharacterDeviceAndAnUnansweredControlTimesOut)
+{
+    TempRoot root;
+    std::string path = root.path("dev/plain");
+    ASSERT_EQ(JTDeviceNode::makeParentDirs(path.c_str()), 0);
+    int fd = ::open(path.c_str(), O_CREAT | O_WRONLY, 0600);
+    ASSERT_GE(fd, 0);
+    close(fd);
+    fd = JTDeviceNode::open("/dev/plain", O_RDONLY);
+    EXPECT_GE(fd, 0);
+    close(fd);
+
+    int server = JTDeviceNode::listen("/dev/mv2trace/register");
+    ASSERT_GE(server, 0);
+    fd = JTDeviceNode::open("/dev/mv2trace/register", O_RDONLY);
+    ASSERT_GE(fd, 0);
+    unsigned char out[6];
+    EXPECT_EQ(JTDeviceNode::control(fd, 0x40060502u, out, sizeof(out), nullptr, 50), ETIMEDOUT);
+    close(fd);
+    close(server);
+}
+
+TEST(RootPrefix, AbsolutePathsGoUnderAnAbsolutePrefix)
+{
+    char cwd[4096];
+    ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
+    struct Case
+    {
+        const char* root;
+        const char* path;
+        std::string resolved;
+    };
+    // Unset or empty changes nothing; relative paths are not platform paths and stay as given.
+    const Case cases[] = {
+        {nullptr, "/dev/ipc/ch6", "/dev/ipc/ch6"},
+        {"", "/tmp/envars.sh", "/tmp/envars.sh"},
+        {"", nullptr, ""},
+        {"sim/root", "/dev/ipc/ch6", std::string(cwd) + "/sim/root/dev/ipc/ch6"},
+        {"/srv/hu1", "trace.cfg", "trace.cfg"},
+        {"/srv/hu1//", "/dev/mv2trace/register", "/srv/hu1/dev/mv2trace/register"},
+    };
+    for (const Case& c : cases) {
+        if (c.root)
+            setenv("CBRADIO_ROOT", c.root, 1);
+        else
+            unsetenv("CBRADIO_ROOT");
+        JTRootPrefix::reload();
+        EXPECT_EQ(JTRootPrefix::resolve(c.path), c.resolved) << (c.root ? c.root : "(unset)");
+    }
+    EXPECT_EQ(JTRootPrefix::get(), "/srv/hu1");
+    unsetenv("CBRADIO_ROOT");
+    JTRootPrefix::reload();
 }
