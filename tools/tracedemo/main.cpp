@@ -4,12 +4,16 @@
 //
 // It starts the trace thread (registering as "tracedemo" with a trace server if one runs), then
 // lets a sensor thread and a processing thread produce messages, warnings, errors and hex dumps
-// for N seconds (default 3) and ends cleanly. Its scopes start with filter 0, so nothing is seen
+// for N seconds (default 3), or until SIGTERM or SIGINT, and ends cleanly (exit 0 once the trace
+// thread has joined). It publishes two callbacks for the trace server's "call":
+//   TraceDemo_echo(text: string, number: int) -> text: string, doubled: int; result number + 1
+//   TraceDemo_answer(int) -> result argument + 40 Its scopes start with filter 0, so nothing is seen
 // until a trace server or a persistence enables them; tools/tracedemo/console.tp sends everything
 // to the console:
 //
 //   tracedemo --tp=tools/tracedemo/console.tp --seconds 1
 #include <atomic>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -18,6 +22,7 @@
 
 #include "CJTDefaultBinaryTracePersistence.h"
 #include "CJTThreadCtrl.h"
+#include "CJTTraceCallback.h"
 #include "CJTTraceScope.h"
 #include "CJTTraceScopeDef.h"
 #include "CTraceThread.h"
@@ -29,10 +34,35 @@ static CJTTraceScopeDef gsTraceServerScopeDef_TraceDemo_CSensor_sample("TraceDem
 static CJTTraceScopeDef gsTraceServerScopeDef_TraceDemo_CProcessor_run("TraceDemo_CProcessor", "run");
 static CJTTraceScopeDef gsTraceServerScopeDef_TraceDemo_CProcessor_check("TraceDemo_CProcessor", "check");
 
+static int echo(int);
+static CJTTraceCallbackDef gsEcho(echo, "TraceDemo_echo", "echo a text, double a number");
+static CJTTraceCallbackParam gsEchoText(gsEcho, "text", CJTTraceCallbackParam::TYPE_STRING);
+static CJTTraceCallbackParam gsEchoNumber(gsEcho, "number", CJTTraceCallbackParam::TYPE_INT);
+static CJTTraceCallbackRetVal gsEchoTextOut(gsEcho, "text", CJTTraceCallbackParam::TYPE_STRING);
+static CJTTraceCallbackRetVal gsEchoDoubled(gsEcho, "doubled", CJTTraceCallbackParam::TYPE_INT);
+static int echo(int)
+{
+    gsEchoTextOut.returnString(gsEchoText.getString(0).c_str());
+    gsEchoDoubled.returnInt(gsEchoNumber.getInt(0) * 2);
+    return gsEchoNumber.getInt(0) + 1;
+}
+
+static int answer(int argument)
+{
+    return argument + 40;
+}
+static CJTTraceCallbackDef gsAnswer(answer, "TraceDemo_answer", "add 40 to the argument");
+
 namespace
 {
 std::atomic<uint32_t> gLatest{0};
 std::atomic<bool> gStop{false};
+std::atomic<bool> gSignalled{false};
+
+void onSignal(int)
+{
+    gSignalled.store(true);
+}
 
 // Produces a reading every 200 ms and dumps the raw frame it came in.
 class CSensor
@@ -107,6 +137,8 @@ int main(int argc, char** argv)
         return 2;
     }
 
+    std::signal(SIGTERM, onSignal);
+    std::signal(SIGINT, onSignal);
     CTraceThread::CJTConfig config(argc, argv, "tracedemo", CJTDefaultBinaryTracePersistence::getInstance());
     CTraceThread* traceThread = new CTraceThread(config);
     pthread_t traceThreadId = CJTThreadCtrl::startThread(traceThread, false, CJTThreadCtrl::DEFAULTPRIORITY,
@@ -122,7 +154,8 @@ int main(int argc, char** argv)
         CProcessor processor;
         std::thread sensorThread([&sensor] { sensor.run(); });
         std::thread processorThread([&processor] { processor.run(); });
-        JTOperatingSystem::sleepMs(static_cast<uint32_t>(seconds) * 1000);
+        for (int tenths = 0; tenths < seconds * 10 && !gSignalled.load(); ++tenths)
+            JTOperatingSystem::sleepMs(100);
         gStop.store(true);
         sensorThread.join();
         processorThread.join();
@@ -131,8 +164,7 @@ int main(int argc, char** argv)
     }
 
     traceThread->stop();
-    if (traceThreadId)
-        CJTThreadCtrl::join(traceThreadId, 3000);
+    const bool joined = traceThreadId && CJTThreadCtrl::join(traceThreadId, 3000);
     delete traceThread;
-    return 0;
+    return joined ? 0 : 1;
 }

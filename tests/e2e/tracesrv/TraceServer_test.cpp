@@ -1,13 +1,11 @@
-// tracesrv and a traced program as real processes in a temporary CBRADIO_ROOT.
+// tracesrv and the traced demo program as real processes in a temporary CBRADIO_ROOT.
 #include "ChildProcess.h"
 #include "TempRoot.h"
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace
@@ -42,7 +40,10 @@ protected:
         EXPECT_TRUE(waitFor("server.log", "listening on"));
         return server;
     }
-    std::unique_ptr<ChildProcess> startSample(const std::string& name) { return start({TRACED_SAMPLE_BIN}, name); }
+    std::unique_ptr<ChildProcess> startDemo(const std::string& name)
+    {
+        return start({TRACEDEMO_BIN, "--seconds", "60"}, name);
+    }
 
     TempRoot mRoot{TempRoot::Export::No};
 };
@@ -50,44 +51,38 @@ protected:
 
 TEST_F(TraceServerE2E, ServesScopesFiltersAndCallbacksAndTheProgramOutlivesTheServer)
 {
-    auto server = startServer({"--cmd", "scopes", "--cmd", "filter Sample_CTicker msg", "--cmd",
-                               "call Sample_echo \"hi there\" 21", "--cmd", "call Sample_answer 2"});
-    auto sample = startSample("sample");
+    auto server = startServer({"--cmd", "scopes", "--cmd", "filter TraceDemo_CSensor_sample msg", "--cmd",
+                               "call TraceDemo_echo \"hi there\" 21", "--cmd", "call TraceDemo_answer 2"});
+    auto demo = startDemo("demo");
     const std::string log = "server.log";
 
-    ASSERT_TRUE(waitFor(log, "Sample connected"));
-    EXPECT_TRUE(waitFor(log, "Sample scope 1 Sample_CTicker_tick filter 0x00 media 0x01 event 0"));
-    // The filter reaches the program: its next ticks arrive as messages.
-    EXPECT_TRUE(waitFor(log, "MSG Sample_CTicker_tick: tick "));
+    ASSERT_TRUE(waitFor(log, "tracedemo connected"));
+    EXPECT_TRUE(waitFor(log, "tracedemo scope 2 TraceDemo_CSensor_sample filter 0x00 media 0x01 event 0"));
+    // The filter reaches the program: its next samples arrive as messages.
+    EXPECT_TRUE(waitFor(log, "MSG TraceDemo_CSensor_sample: sample "));
     EXPECT_TRUE(waitFor(log, "return value 0 row 1 = \"hi there\""));
     EXPECT_TRUE(waitFor(log, "return value 1 row 1 = 42"));
-    EXPECT_TRUE(waitFor(log, "callback 0 Sample_echo returned 22"));
-    EXPECT_TRUE(waitFor(log, "callback 1 Sample_answer returned 42"));
+    EXPECT_TRUE(waitFor(log, "callback 0 TraceDemo_echo returned 22"));
+    EXPECT_TRUE(waitFor(log, "callback 1 TraceDemo_answer returned 42"));
 
     EXPECT_EQ(server->stop(5000), 0);
-    size_t ticksAtStop = readFile(path("sample.out")).size();
-    std::this_thread::sleep_for(std::chrono::milliseconds(2500));
-    EXPECT_GT(readFile(path("sample.out")).size(), ticksAtStop) << "the program stopped with the server";
-    EXPECT_NE(readFile(path("sample.err")).find("Error during read(), closing trace device"), std::string::npos);
-
-    EXPECT_EQ(sample->stop(5000), 0);
-    EXPECT_NE(readFile(path("sample.out")).find("exit joined=1"), std::string::npos);
+    EXPECT_EQ(demo->wait(2500), -1) << "the program stopped with the server";
+    EXPECT_NE(readFile(path("demo.err")).find("Error during read(), closing trace device"), std::string::npos);
+    EXPECT_EQ(demo->stop(5000), 0) << "a clean end: the trace thread joined";
 }
 
 // Without a server, or with one of another major version, the program runs untraced.
 TEST_F(TraceServerE2E, WithoutAUsableServerTheProgramRunsUntraced)
 {
-    auto alone = startSample("alone");
+    auto alone = startDemo("alone");
     EXPECT_TRUE(waitFor("alone.err", "Cannot connect to trace server: 3"));
     auto server = startServer({"--version=2.0.0"});
-    auto sample = startSample("sample");
+    auto demo = startDemo("demo");
     EXPECT_TRUE(
-        waitFor("sample.err", "Cannot use trace server: version is '2.0.0', app requires '1.0.0'. Please update!"));
-    for (const auto& program : {std::make_pair("alone", alone.get()), std::make_pair("sample", sample.get())}) {
-        const std::string out = std::string(program.first) + ".out";
-        EXPECT_TRUE(waitFor(out, "tick 3")) << program.first;
+        waitFor("demo.err", "Cannot use trace server: version is '2.0.0', app requires '1.0.0'. Please update!"));
+    for (const auto& program : {std::make_pair("alone", alone.get()), std::make_pair("demo", demo.get())}) {
+        EXPECT_EQ(-1, program.second->wait(1000)) << program.first << " runs on untraced";
         EXPECT_EQ(0, program.second->stop(5000)) << program.first;
-        EXPECT_NE(readFile(path(out)).find("exit joined=1"), std::string::npos) << program.first;
     }
-    EXPECT_EQ(readFile(path("server.log")).find("Sample registered"), std::string::npos);
+    EXPECT_EQ(readFile(path("server.log")).find("tracedemo registered"), std::string::npos);
 }
