@@ -59,6 +59,19 @@ inline size_t countOf(const std::string& text, const std::string& what, size_t f
     return count;
 }
 
+// Whether `text` holds a clock time "HH:MM:SS.mmm" at `at` (std::regex would do, but gcc's
+// sanitizer build warns falsely inside it).
+inline bool isClockTime(const std::string& text, size_t at = 0)
+{
+    const char* shape = "dd:dd:dd.ddd";
+    for (size_t i = 0; shape[i] != '\0'; ++i) {
+        const char c = at + i < text.size() ? text[at + i] : '\0';
+        if (shape[i] == 'd' ? (c < '0' || c > '9') : c != shape[i])
+            return false;
+    }
+    return true;
+}
+
 // The build folder the tests run from (CBRADIO_BUILD_DIR).
 inline std::string buildDir()
 {

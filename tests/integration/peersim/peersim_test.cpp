@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -125,8 +124,11 @@ TEST_F(PeersimTest, OnlyTheNamedPeersScriptsAndTheLogFile)
     send("quit");
     ASSERT_TRUE(logged("stopped"));
     std::stringstream text(unit.peerLog());
-    for (std::string line; std::getline(text, line);)
-        EXPECT_TRUE(std::regex_match(line, std::regex(R"(\d\d:\d\d:\d\d\.\d{3} (CALL|REPLY|SIGNAL|#)( .*)?)"))) << line;
+    for (std::string line; std::getline(text, line);) {
+        const bool stamped = line.size() > 13 && isClockTime(line) && line[12] == ' ';
+        const std::string kind = stamped ? line.substr(13, line.find(' ', 13) - 13) : "";
+        EXPECT_TRUE(kind == "CALL" || kind == "REPLY" || kind == "SIGNAL" || kind == "#") << line;
+    }
     for (const char* kind : {" CALL ", " REPLY ", " SIGNAL "})
         EXPECT_NE(std::string::npos, unit.peerLog().find(kind)) << kind;
 }
